@@ -1,0 +1,99 @@
+# How each kind of target is made from the sources that stand in its folder. Adding a file to a
+# folder is enough to build it.
+
+# Splits the .c and .cpp files below FOLDER into SOURCES and TESTS (*_test.cpp).
+function(vantrace_sources folder sources tests)
+  file(GLOB_RECURSE all CONFIGURE_DEPENDS ${folder}/*.cpp ${folder}/*.c)
+  set(found_tests ${all})
+  list(FILTER found_tests INCLUDE REGEX "_test\\.cpp$")
+  list(FILTER all EXCLUDE REGEX "_test\\.cpp$")
+  set(${sources} ${all} PARENT_SCOPE)
+  set(${tests} ${found_tests} PARENT_SCOPE)
+endfunction()
+
+# What a test may need to know about the tree that it runs in.
+function(vantrace_test_settings target)
+  target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  target_compile_definitions(${target} PRIVATE
+    VANTRACE_PLUGIN_PATH="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/libvantrace.so"
+    VANTRACE_TEST_PLUGIN_DIR="${PROJECT_BINARY_DIR}/tests/plugins"
+    VANTRACE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  add_dependencies(${target} vantrace_test_needs)
+endfunction()
+
+# A GoogleTest executable whose tests ctest lists as "TARGET.Suite.Name".
+function(vantrace_gtest target)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
+  if(NOT arg_SOURCES OR NOT GTest_FOUND OR NOT BUILD_TESTING)
+    return()
+  endif()
+  add_executable(${target} ${arg_SOURCES})
+  target_link_libraries(${target} PRIVATE ${arg_LIBRARIES} GTest::gmock_main Threads::Threads)
+  vantrace_test_settings(${target})
+  include(GoogleTest)
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+    TEST_PREFIX ${target}. PROPERTIES TIMEOUT 300)
+endfunction()
+
+# The host library zandor::NAME from zandor/NAME, and its test executable NAME_test.
+# Without sources the library is only its public headers.
+function(zandor_library name)
+  cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "PUBLIC;PRIVATE;OPTIONS")
+  set(folder ${PROJECT_SOURCE_DIR}/zandor/${name})
+  vantrace_sources(${folder} sources tests)
+  set(target zandor_${name})
+  if(NOT sources)
+    add_library(${target} INTERFACE)
+    add_library(zandor::${name} ALIAS ${target})
+    target_include_directories(${target} INTERFACE ${folder}/include)
+    target_link_libraries(${target} INTERFACE ${arg_PUBLIC})
+    return()
+  endif()
+  add_library(${target} SHARED ${sources})
+  add_library(zandor::${name} ALIAS ${target})
+  string(TOUPPER ${target}_BUILDING building)
+  set_target_properties(${target} PROPERTIES VERSION 1.0.0 SOVERSION 1 EXPORT_NAME ${name}
+    DEFINE_SYMBOL ${building})
+  target_compile_features(${target} PUBLIC cxx_std_20)
+  target_compile_options(${target} PRIVATE ${arg_OPTIONS})
+  target_include_directories(${target}
+    PUBLIC $<BUILD_INTERFACE:${folder}/include> $<INSTALL_INTERFACE:include>
+    PRIVATE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${target} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
+  install(TARGETS ${target} EXPORT zandorTargets LIBRARY DESTINATION lib)
+  install(DIRECTORY ${folder}/include/ DESTINATION include)
+  vantrace_gtest(${name}_test SOURCES ${tests} LIBRARIES zandor::${name} ${arg_PRIVATE})
+endfunction()
+
+# One program for each file of FOLDER.
+function(vantrace_programs_in folder)
+  if(folder STREQUAL "fuzz" AND NOT VANTRACE_FUZZ)
+    return()
+  endif()
+  if(folder STREQUAL "bench")
+    add_custom_target(bench)
+    if(NOT benchmark_FOUND)
+      return()
+    endif()
+  endif()
+  file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
+  foreach(source IN LISTS sources)
+    get_filename_component(name ${source} NAME_WE)
+    set(target ${folder}_${name})
+    add_executable(${target} ${source})
+    set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name}
+      RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder})
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+    target_link_libraries(${target} PRIVATE zandor::runtime zandor::instrument Threads::Threads)
+    if(folder STREQUAL "bench")
+      set_target_properties(${target} PROPERTIES EXCLUDE_FROM_ALL ON)
+      target_link_libraries(${target} PRIVATE benchmark::benchmark_main)
+      target_compile_definitions(${target} PRIVATE
+        VANTRACE_PLUGIN_PATH="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/libvantrace.so")
+      add_dependencies(bench ${target})
+    elseif(folder STREQUAL "fuzz")
+      target_compile_options(${target} PRIVATE -fsanitize=fuzzer)
+      target_link_options(${target} PRIVATE -fsanitize=fuzzer)
+    endif()
+  endforeach()
+endfunction()
