@@ -303,14 +303,13 @@ def _check_thread_nesting(complete, origin):
     for event in complete:
         start = float(event["ts"]) - origin
         end = start + float(event["dur"])
-        while open_events and open_events[-1][0] < start:
-            open_events.pop()
-        if open_events:
-            outer_end, outer = open_events[-1]
+        while open_events and open_events[-1][0] <= start:
+            outer_end, outer = open_events.pop()
             if outer_end == start:
                 yield f"{_describe(event)}: starts on the end of {_describe(outer)}"
-                open_events.pop()
-            elif end == outer_end:
+        if open_events:
+            outer_end, outer = open_events[-1]
+            if end == outer_end:
                 yield f"{_describe(event)}: ends on the end of {_describe(outer)}"
             elif end > outer_end:
                 yield f"{_describe(event)}: leaves {_describe(outer)}"
