@@ -1,0 +1,71 @@
+// A recording as exports and queries see it: what a recorder held at one moment, decoded.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "zandor/instrument/event_id.hpp"
+#include "zandor/instrument/instrument.hpp"
+#include "zandor/instrument/recorder.hpp"
+
+namespace instrument::detail {
+
+/// A source that has events in the recording. Texts live as long as the process.
+struct RecordedSource {
+    std::uint64_t id = 0;
+    std::string_view name;
+    std::string_view processName;   ///< of another process; empty for this one
+    std::uint64_t processId = 0;    ///< the system's own ids
+    std::uint64_t threadId = 0;
+};
+
+/// Where the context of a record lies in Recording::contextArgs.
+struct ContextRange {
+    std::uint32_t first = 0;
+    std::uint32_t count = 0;
+};
+
+/// A start, with its first stop where there is one.
+struct RecordedEvent {
+    std::int64_t start = 0;  ///< nanoseconds of the monotonic clock
+    std::int64_t stop = 0;   ///< of an unfinished event: its start
+    std::uint64_t serial = 0;
+    const Opaque* instrument = nullptr;
+    std::uint32_t source = 0;      ///< index into Recording::sources
+    std::uint32_t stopSource = 0;  ///< where the stop came from
+    ContextRange context;
+    bool finished = false;
+};
+
+/// An instant; a second stop or a stop of an unknown event, which exports show as instants, too.
+struct RecordedPoint {
+    std::int64_t time = 0;
+    std::uint64_t serial = 0;
+    const Opaque* instrument = nullptr;
+    std::uint32_t source = 0;
+    ContextRange context;
+    EventPointType type = EventPointType::instant;
+};
+
+struct Recording {
+    std::vector<RecordedSource> sources;     ///< by id
+    std::vector<RecordedEvent> events;       ///< by start, source, serial
+    std::vector<RecordedPoint> strayPoints;  ///< by time, source, order in the source
+    std::vector<ContextArg> contextArgs;     ///< names distinct within a context, sorted; texts immortal
+    RecorderDrops drops;
+    std::int64_t originMonotonic = 0;  ///< first event after construction or clear; 0: none yet
+    std::int64_t originUtc = 0;        ///< the same instant in nanoseconds since the epoch
+    std::int64_t lastTime = 0;         ///< the latest time of all
+    std::uint64_t processId = 0;
+
+    ContextArgs contextOf(ContextRange range) const noexcept {
+        return std::span(contextArgs).subspan(range.first, range.count);
+    }
+};
+
+/// Takes a snapshot and decodes it.
+Recording takeRecording(const InstrumentRecorder& recorder);
+
+}  // namespace instrument::detail
