@@ -51,9 +51,7 @@ function(zandor_library name)
   endif()
   add_library(${target} SHARED ${sources})
   add_library(zandor::${name} ALIAS ${target})
-  string(TOUPPER ${target}_BUILDING building)
-  set_target_properties(${target} PROPERTIES VERSION 1.0.0 SOVERSION 1 EXPORT_NAME ${name}
-    DEFINE_SYMBOL ${building})
+  set_target_properties(${target} PROPERTIES VERSION 1.0.0 SOVERSION 1 EXPORT_NAME ${name})
   target_compile_features(${target} PUBLIC cxx_std_20)
   target_compile_options(${target} PRIVATE ${arg_OPTIONS})
   target_include_directories(${target}
