@@ -44,7 +44,7 @@ def is_test(path):
 def target_of(root, source, name):
     """The file of the tree that an include names, as a path from the root, or None."""
     library = "/".join(name.split("/")[:2])
-    candidates = [source.parent / name, root / name, root / library / "include" / name]
+    candidates = [source.parent / name, root / library / "include" / name, root / name]
     for candidate in candidates:
         resolved = candidate.resolve()
         if resolved.is_file() and resolved.is_relative_to(root):
