@@ -65,6 +65,8 @@ class ZANDOR_RUNTIME_API Value {
     static Value texts(std::span<const std::string> utf8);
 
     Kind kind() const noexcept { return kind_; }
+    /// Whether an integer of any kind is below zero.
+    bool isNegative() const noexcept;
     // Each of these throws ArgumentError when the value is of another kind.
     bool asLogical() const;
     std::int64_t asInteger() const;            ///< integer, or unsignedInteger that fits
@@ -75,7 +77,8 @@ class ZANDOR_RUNTIME_API Value {
     matrix::Array takeArray() &&;
 
   private:
-    friend class Method;
+    Value(Kind kind, std::uint64_t bits) noexcept : kind_(kind), bits_(bits) {}
+
     Kind kind_ = Kind::none;
     std::uint64_t bits_ = 0;
     matrix::Array array_;

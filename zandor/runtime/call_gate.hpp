@@ -1,0 +1,78 @@
+// Which calls are running inside a plug-in, so that it is not unloaded under them.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+namespace zandor {
+
+/// Counts running calls while it is open; lets none in once it is closed.
+class CallGate {
+  public:
+    bool isOpen() const noexcept {
+        // Pairs with close: who sees the gate closed does not look at what is behind it.
+        return !(state_.load(std::memory_order_acquire) & closed);
+    }
+    void open() noexcept { state_.fetch_and(~closed, std::memory_order_release); }
+    void close() noexcept { state_.fetch_or(closed, std::memory_order_acq_rel); }
+
+    /// Returns once no call runs; to be called after close.
+    void waitUntilIdle() const noexcept;
+
+    /// For the child of a fork: only calls of the forking thread run on.
+    void recountAfterFork() noexcept;
+
+  private:
+    friend class CallScope;
+    static constexpr std::uint32_t closed = std::uint32_t{1} << 31;
+
+    bool enter() noexcept {
+        // Acquire: what open released. A closed gate does not count.
+        if (!(state_.fetch_add(1, std::memory_order_acquire) & closed)) [[likely]] {
+            return true;
+        }
+        leave();
+        return false;
+    }
+    void leave() noexcept {
+        // Release: what the call did comes before the unloading, which acquires in waitUntilIdle.
+        if (state_.fetch_sub(1, std::memory_order_release) == (closed | 1)) [[unlikely]] {
+            state_.notify_all();
+        }
+    }
+
+    std::atomic<std::uint32_t> state_{closed};
+};
+
+/// A call of the calling thread that is inside a gate. A null gate lets everybody in.
+class CallScope {
+  public:
+    /// Throws NotLoadedError when the gate is closed.
+    explicit CallScope(CallGate* gate) : gate_(gate), outer_(innermost_) {
+        if (gate_ && !gate_->enter()) [[unlikely]] {
+            throwNotLoaded();
+        }
+        innermost_ = this;
+    }
+    ~CallScope() {
+        innermost_ = outer_;
+        if (gate_)
+            gate_->leave();
+    }
+    CallScope(const CallScope&) = delete;
+    CallScope& operator=(const CallScope&) = delete;
+
+    /// How many calls of this thread are inside `gate`.
+    static std::uint32_t depth(const CallGate& gate) noexcept;
+
+    [[noreturn]] static void throwNotLoaded();
+
+  private:
+    [[gnu::tls_model("initial-exec")]] static constinit inline thread_local CallScope* innermost_ =
+        nullptr;
+
+    CallGate* const gate_;
+    CallScope* const outer_;
+};
+
+}  // namespace zandor
