@@ -2,6 +2,7 @@
 #include "zandor/runtime/array.hpp"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 #include <limits>
 #include <new>
@@ -75,15 +76,15 @@ hxArray* createScalar(ClassId classId, T value) {
 class Doomed {
   public:
     void push(hxArray* array) noexcept {
-        // What is destroyed needs its element count and no longer its shape.
+        // Only the element count is still needed of the shape, which leaves room for the link.
         array->rows = elementCount(*array);
-        std::memcpy(&array->columns, &first_, sizeof first_);
-        first_ = array;
+        array->columns = std::bit_cast<std::size_t>(std::exchange(first_, array));
     }
     hxArray* pop() noexcept {
         hxArray* array = first_;
-        if (array)
-            std::memcpy(&first_, &array->columns, sizeof first_);
+        if (array) {
+            first_ = std::bit_cast<hxArray*>(std::exchange(array->columns, 1));
+        }
         return array;
     }
 
@@ -96,25 +97,40 @@ bool ownsMore(const hxArray& array) noexcept {
            array.classId == ClassId::string;
 }
 
-void destroyValues(hxArray* const* values, std::size_t count, Doomed& doomed) noexcept {
-    for (hxArray* value : std::span(values, count)) {
-        if (!value)
+/// Up to here nested arrays are destroyed while their parent is still in the processor's cache.
+constexpr int nearbyDepth = 32;
+/// So many values ahead, memory is fetched while others are being destroyed.
+constexpr std::size_t lookAhead = 12;
+
+void destroyDeep(hxArray& array, int depth, Doomed& doomed) noexcept;
+
+void destroyValues(std::span<hxArray* const> values, int depth, Doomed& doomed) noexcept {
+    for (std::size_t i = 0; i < values.size(); ++i) {
+        if (i + lookAhead < values.size()) {
+            __builtin_prefetch(values[i + lookAhead], 1);
+        }
+        hxArray* value = values[i];
+        if (!value) {
             continue;
-        if (ownsMore(*value)) {
+        }
+        if (!ownsMore(*value)) {
+            freeArray(value);
+        } else if (depth == nearbyDepth) {
             doomed.push(value);
         } else {
-            freeArray(value);
+            destroyDeep(*value, depth + 1, doomed);
         }
     }
 }
 
-void destroyPayload(hxArray& array, std::size_t count, Doomed& doomed) noexcept {
+void destroyDeep(hxArray& array, int depth, Doomed& doomed) noexcept {
+    const std::size_t count = elementCount(array);
     switch (array.classId) {
         case ClassId::cell:
-            destroyValues(payload<hxArray*>(array), count, doomed);
+            destroyValues({payload<hxArray*>(array), count}, depth, doomed);
             break;
         case ClassId::structure:
-            destroyValues(fieldValues(array), count * fieldTable(array).size(), doomed);
+            destroyValues({fieldValues(array), count * fieldTable(array).size()}, depth, doomed);
             std::destroy_at(&sharedFieldTable(array));
             break;
         case ClassId::string:
@@ -123,6 +139,7 @@ void destroyPayload(hxArray& array, std::size_t count, Doomed& doomed) noexcept 
         default:
             break;
     }
+    freeArray(&array);
 }
 
 }  // namespace
@@ -230,10 +247,9 @@ void destroyArray(hxArray* array) noexcept {
     if (!array)
         return;
     detail::Doomed doomed;
-    detail::destroyValues(&array, 1, doomed);
+    detail::destroyDeep(*array, 0, doomed);
     while (hxArray* next = doomed.pop()) {
-        detail::destroyPayload(*next, next->rows, doomed);
-        detail::freeArray(next);
+        detail::destroyDeep(*next, 0, doomed);
     }
 }
 

@@ -26,6 +26,34 @@ bool isAscii8(const char16_t* utf16) noexcept {
     return !((units[0] | units[1]) & 0xff80ff80ff80ff80u);
 }
 
+/// Most texts are short and ASCII throughout.
+bool isAscii(std::string_view utf8) noexcept {
+    std::size_t at = 0;
+    for (; at + stride <= utf8.size(); at += stride) {
+        if (!isAscii8(utf8.data() + at))
+            return false;
+    }
+    unsigned char seen = 0;
+    for (; at < utf8.size(); ++at)
+        seen |= static_cast<unsigned char>(utf8[at]);
+    return seen < 0x80;
+}
+
+void widen8(const char* ascii, char16_t* out) noexcept {
+    Bytes bytes;
+    std::memcpy(&bytes, ascii, sizeof bytes);
+    const Units units = __builtin_convertvector(bytes, Units);
+    std::memcpy(out, &units, sizeof units);
+}
+
+void widen(std::string_view ascii, char16_t* out) noexcept {
+    std::size_t at = 0;
+    for (; at + stride <= ascii.size(); at += stride)
+        widen8(ascii.data() + at, out + at);
+    for (; at < ascii.size(); ++at)
+        out[at] = static_cast<unsigned char>(ascii[at]);
+}
+
 /// Calls `run(offset)` for each eight ASCII units in a row, and `character(code point)` for each
 /// other character, U+FFFD for each maximal ill-formed part.
 template <typename Run, typename Character>
@@ -105,6 +133,8 @@ std::optional<std::string> ustring_to_utf8_strict(std::u16string_view text) {
 }
 
 std::size_t utf16_length(std::string_view utf8) noexcept {
+    if (isAscii(utf8))
+        return utf8.size();
     std::size_t length = 0;
     decode(
         utf8, [&](std::size_t) { length += stride; },
@@ -113,13 +143,12 @@ std::size_t utf16_length(std::string_view utf8) noexcept {
 }
 
 void utf8_to_utf16(std::string_view utf8, char16_t* out) noexcept {
+    if (isAscii(utf8))
+        return widen(utf8, out);
     decode(
         utf8,
         [&](std::size_t at) {
-            Bytes bytes;
-            std::memcpy(&bytes, utf8.data() + at, sizeof bytes);
-            const Units units = __builtin_convertvector(bytes, Units);
-            std::memcpy(out, &units, sizeof units);
+            widen8(utf8.data() + at, out);
             out += stride;
         },
         [&](UChar32 codePoint) {
