@@ -2,6 +2,7 @@
 #include <bit>
 
 #include "zandor/runtime/arguments.hpp"
+#include "zandor/runtime/call_errors.hpp"
 #include "zandor/runtime/nodes.hpp"
 
 namespace zandor {
@@ -52,17 +53,14 @@ class ResultCell {
     Cell cell_ = 0;
 };
 
-Value invoke(const Method::Node& method, std::span<const Value> arguments) {
-    const ArgumentCells cells(method, arguments);
+Value invoke(const Method::Node& method, std::size_t argumentCount, const Cell* arguments) {
     ResultCell result(method.output);
     std::int32_t resultCount = method.output == CellKind::none ? 0 : 1;
-    const auto argumentCount = static_cast<std::int32_t>(arguments.size());
     try {
-        method.info->invoke(nullptr, &resultCount, result.data(), argumentCount, cells.data());
-    } catch (const ArgumentError& error) {
-        throw ArgumentError(method.description.fullName + ": " + error.what());
-    } catch (const kobs::factory::HostTypeError& error) {
-        throw kobs::factory::HostTypeError(method.description.fullName + ": " + error.what());
+        method.info->invoke(nullptr, &resultCount, result.data(),
+                            static_cast<std::int32_t>(argumentCount), arguments);
+    } catch (...) {
+        rethrowForCaller(method);
     }
     return result.take();
 }
@@ -72,7 +70,10 @@ Value invoke(const Method::Node& method, std::span<const Value> arguments) {
 Value Method::call(std::span<Value> arguments) const {
     const Node& method = *node_;
     const CallScope scope(method.gate());
-    return invoke(method, arguments);
+    if (arguments.empty() && method.inputs.empty())
+        return invoke(method, 0, nullptr);
+    const ArgumentCells cells(method, arguments);
+    return invoke(method, arguments.size(), cells.data());
 }
 
 }  // namespace zandor

@@ -28,6 +28,7 @@ class Plugin::Node {
     Node(std::filesystem::path file, SharedObject mapped);
 
     const std::filesystem::path path;
+    const LibraryRange range;
     CallGate gate;
     /// Changed under registryLock by the one thread that loads or unloads; released with the
     /// change, acquired by those who look or wait.

@@ -89,7 +89,10 @@ void addUnloadObserver(UnloadObserver observer) {
 }
 
 Plugin::Node::Node(std::filesystem::path file, SharedObject mapped)
-    : path(std::move(file)), library_(std::move(mapped)), identity_(library_.identity()) {}
+    : path(std::move(file)),
+      range(mapped.range()),
+      library_(std::move(mapped)),
+      identity_(library_.identity()) {}
 
 void Plugin::Node::initialize() {
     const std::string name = "ZDInitialize_" + stemOf(path);
@@ -132,7 +135,7 @@ void Plugin::Node::withdraw() noexcept {
     gate.waitUntilIdle();
     for (const auto& root : withdrawRoots(*this))
         root->withdraw();
-    tellObservers(library_.range());
+    tellObservers(range);
 }
 
 void Plugin::Node::callTerminate() noexcept {

@@ -41,22 +41,6 @@ namespace {
 
 }  // namespace
 
-Value Value::logical(bool value) noexcept {
-    return Value(Kind::logical, value);
-}
-Value Value::integer(std::int64_t value) noexcept {
-    return Value(Kind::integer, std::bit_cast<std::uint64_t>(value));
-}
-Value Value::unsignedInteger(std::uint64_t value) noexcept {
-    return Value(Kind::unsignedInteger, value);
-}
-Value Value::hugeInteger(bool negative) noexcept {
-    return Value(Kind::hugeInteger, negative);
-}
-Value Value::real(double value) noexcept {
-    return Value(Kind::real, std::bit_cast<std::uint64_t>(value));
-}
-
 Value Value::array(matrix::Array value) noexcept {
     Value result(Kind::array, 0);
     result.array_ = std::move(value);

@@ -11,7 +11,8 @@
 // Every array has one owner. Distinct arrays may be used from distinct threads at once; one array
 // is for one thread at a time, but any number may read it while none writes. Failures are
 // std::bad_alloc, std::length_error for sizes that do not fit, std::out_of_range for an index
-// or a field name that the array lacks, and kobs::factory::HostTypeError for an array of another class.
+// or a field name that the array lacks, and kobs::factory::HostTypeError for an array of another
+// class.
 #pragma once
 
 #include <cstddef>
@@ -53,10 +54,14 @@ using Array = std::unique_ptr<hxArray, ArrayDeleter>;
 /// A row of characters from `length` bytes of UTF-8 (need not be NUL-terminated; may hold NULs).
 /// Ill-formed bytes become U+FFFD. Empty text is a 0-by-0 character array.
 ZANDOR_RUNTIME_API Array create(const char* utf8, std::size_t length);
-inline Array create(std::string_view utf8) { return create(utf8.data(), utf8.size()); }
+inline Array create(std::string_view utf8) {
+    return create(utf8.data(), utf8.size());
+}
 
 /// Releases the owning pointer: the caller owns the raw array from here on.
-inline hxArray* to_zandor(Array&& array) noexcept { return array.release(); }
+inline hxArray* to_zandor(Array&& array) noexcept {
+    return array.release();
+}
 
 /// How many arrays live in this process now: a leak shows as a difference.
 ZANDOR_RUNTIME_API std::size_t liveArrayCount() noexcept;
@@ -115,7 +120,8 @@ ZANDOR_RUNTIME_API std::string hxArrayToStdString(const hxArray* array);
 ZANDOR_RUNTIME_API char* hxArrayToString_UTF8(const hxArray* array);
 ZANDOR_RUNTIME_API void hxFreeEx(void* text) noexcept;
 
-// Cells, zero-based. hxSetCell takes `value` over, also when it throws; an earlier one is destroyed.
+// Cells, zero-based. hxSetCell takes `value` over, also when it throws; an earlier one is
+// destroyed.
 
 ZANDOR_RUNTIME_API void hxSetCell(hxArray* cell, std::size_t index, hxArray* value);
 ZANDOR_RUNTIME_API const hxArray* hxGetCell(const hxArray* cell, std::size_t index);

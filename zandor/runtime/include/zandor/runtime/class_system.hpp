@@ -65,6 +65,7 @@ enum class MemberAccess : std::int32_t { publicAccess = 0, privateAccess = 1 };
 class ZANDOR_RUNTIME_API NameExistsError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
+    ~NameExistsError() override;
 };
 
 /// A package under population: takes over what a namespace registers.
@@ -103,10 +104,10 @@ class ZANDOR_RUNTIME_API COSNamespaceInfo {
     COSNamespaceInfo(const COSNamespaceInfo&) = delete;
     COSNamespaceInfo& operator=(const COSNamespaceInfo&) = delete;
 
-    virtual ~COSNamespaceInfo();                                          // own
-    virtual const char* getName() const = 0;                              // own
-    virtual const char* getDescription() const = 0;                       // own
-    virtual const char* getDetailedDescription() const = 0;               // own
+    virtual ~COSNamespaceInfo();                             // own
+    virtual const char* getName() const = 0;                 // own
+    virtual const char* getDescription() const = 0;          // own
+    virtual const char* getDetailedDescription() const = 0;  // own
     virtual bool attemptToLoadInnerNamespace(COSPackage& package, std::string_view name);
     virtual bool attemptToLoadSubPackage(COSPackage& package, std::string_view name);
     [[noreturn]] virtual void throwErrorForDefinitionOfExistingName(std::string_view name);
@@ -115,7 +116,7 @@ class ZANDOR_RUNTIME_API COSNamespaceInfo {
     virtual bool attemptToLoadType(COSPackage& package, std::string_view name);
     virtual const COSMethodInfo* getMethodSelector() const;
     /// Registers child namespaces and methods; called by the host through initializePackage.
-    virtual void populatePackage(COSPackage& package) = 0;                // own
+    virtual void populatePackage(COSPackage& package) = 0;  // own
     virtual void initializePackage(COSPackage& package);
     virtual bool isDestructible() const;
     virtual bool isLocked() const;

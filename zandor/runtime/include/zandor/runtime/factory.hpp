@@ -18,6 +18,7 @@ namespace kobs::factory {
 class ZANDOR_RUNTIME_API HostTypeError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
+    ~HostTypeError() override;
 };
 
 /// A set of method attributes, combined by OR.

@@ -10,8 +10,8 @@
 namespace fl::filesystem {
 
 namespace detail {
-/// The system's own form of a path. Here every character but '/' stands for itself, so the text stays
-/// as it is; with `collapse`, a run of separators becomes one.
+/// The system's own form of a path. Here every character but '/' stands for itself, so the text
+/// stays as it is; with `collapse`, a run of separators becomes one.
 ZANDOR_RUNTIME_API fl::ustring make_native_form(const fl::ustring& path, bool collapse);
 }  // namespace detail
 

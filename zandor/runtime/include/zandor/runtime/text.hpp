@@ -1,7 +1,7 @@
 // Text conversion between UTF-8 and UTF-16.
 //
-// Ill-formed input never fails in the replacing forms: each maximal ill-formed part becomes one U+FFFD.
-// All functions are pure and may be called from any thread.
+// Ill-formed input never fails in the replacing forms: each maximal ill-formed part becomes one
+// U+FFFD. All functions are pure and may be called from any thread.
 #pragma once
 
 #include <optional>

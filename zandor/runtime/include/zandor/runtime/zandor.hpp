@@ -5,11 +5,12 @@
 //   zandor::Value known = has.call({zandor::Value::text("solve")});
 //   plugin.unload();
 //
-// Handles (Plugin, Namespace, Method) are cheap to copy and stay valid after the plug-in is gone: what
-// they then do is throw NotLoadedError. All functions may be called from any thread; `unload` waits for
-// running calls and must not be called from inside one.
+// Handles (Plugin, Namespace, Method) are cheap to copy and stay valid after the plug-in is gone:
+// what they then do is throw NotLoadedError. All functions may be called from any thread; `unload`
+// waits for running calls and must not be called from inside one.
 #pragma once
 
+#include <bit>
 #include <cstdint>
 #include <filesystem>
 #include <initializer_list>
@@ -28,37 +29,61 @@ namespace zandor {
 
 /// A plug-in could not be loaded or not be unmapped; the text has the loader's words.
 class ZANDOR_RUNTIME_API PluginError : public std::runtime_error {
+  public:
     using std::runtime_error::runtime_error;
+    ~PluginError() override;
 };
 /// What was called belongs to a plug-in that is not loaded (any more).
 class ZANDOR_RUNTIME_API NotLoadedError : public std::runtime_error {
+  public:
     using std::runtime_error::runtime_error;
+    ~NotLoadedError() override;
 };
 /// No namespace or method of that name is published.
 class ZANDOR_RUNTIME_API NameNotFoundError : public std::runtime_error {
+  public:
     using std::runtime_error::runtime_error;
+    ~NameNotFoundError() override;
 };
 /// A wrong number of arguments, or an argument of a wrong kind.
 class ZANDOR_RUNTIME_API ArgumentError : public kobs::factory::HostTypeError {
+  public:
     using kobs::factory::HostTypeError::HostTypeError;
+    ~ArgumentError() override;
 };
 /// A number that the argument's type cannot hold.
 class ZANDOR_RUNTIME_API ArgumentRangeError : public std::out_of_range {
+  public:
     using std::out_of_range::out_of_range;
+    ~ArgumentRangeError() override;
 };
 
 /// One argument or result: nothing, a scalar, or an array that it owns.
 class ZANDOR_RUNTIME_API Value {
   public:
-    enum class Kind : std::uint8_t { none, logical, integer, unsignedInteger, hugeInteger, real, array };
+    enum class Kind : std::uint8_t {
+        none,
+        logical,
+        integer,
+        unsignedInteger,
+        hugeInteger,
+        real,
+        array
+    };
 
     Value() noexcept = default;
-    static Value logical(bool value) noexcept;
-    static Value integer(std::int64_t value) noexcept;
-    static Value unsignedInteger(std::uint64_t value) noexcept;
+    static Value logical(bool value) noexcept { return {Kind::logical, value}; }
+    static Value integer(std::int64_t value) noexcept {
+        return {Kind::integer, std::bit_cast<std::uint64_t>(value)};
+    }
+    static Value unsignedInteger(std::uint64_t value) noexcept {
+        return {Kind::unsignedInteger, value};
+    }
     /// An integer beyond 64 bits, which every integer argument refuses as out of range.
-    static Value hugeInteger(bool negative) noexcept;
-    static Value real(double value) noexcept;
+    static Value hugeInteger(bool negative) noexcept { return {Kind::hugeInteger, negative}; }
+    static Value real(double value) noexcept {
+        return {Kind::real, std::bit_cast<std::uint64_t>(value)};
+    }
     static Value array(matrix::Array value) noexcept;
     static Value text(std::string_view utf8);
     /// A string array of one column.
@@ -69,8 +94,8 @@ class ZANDOR_RUNTIME_API Value {
     bool isNegative() const noexcept;
     // Each of these throws ArgumentError when the value is of another kind.
     bool asLogical() const;
-    std::int64_t asInteger() const;            ///< integer, or unsignedInteger that fits
-    std::uint64_t asUnsignedInteger() const;   ///< unsignedInteger, or integer that fits
+    std::int64_t asInteger() const;           ///< integer, or unsignedInteger that fits
+    std::uint64_t asUnsignedInteger() const;  ///< unsignedInteger, or integer that fits
     double asReal() const;
     std::string asText() const;
     const hxArray* asArray() const;
@@ -99,8 +124,11 @@ struct MethodDescription {
 
 class ZANDOR_RUNTIME_API Method {
   public:
-    /// Calls the method. The number of arguments and the scalar ones (kind and range, from the last to
-    /// the first) are checked here, text and lists by the method's own conversion.
+    /// Calls the method. The number of arguments and the scalar ones (kind and range, from the last
+    /// to the first) are checked here, text and lists by the method's own conversion; what that
+    /// refuses is a HostTypeError that begins with the method's full name. Exceptions of the
+    /// method's pass; one whose type is the plug-in's own arrives as its nearest standard base,
+    /// so that it outlives the plug-in. Arguments stay the caller's, whatever happens.
     Value call(std::span<Value> arguments) const;
     Value call(std::initializer_list<Value> arguments) const = delete;  // Values cannot be copied
     template <typename... Values>
@@ -160,8 +188,8 @@ struct LibraryRange {
     bool contains(const void* address) const noexcept { return address >= begin && address < end; }
 };
 
-/// Called at each unload, after the last call ended and before the library is unmapped, so that other
-/// libraries can let go of objects in its memory. Observers stay for the life of the process.
+/// Called at each unload, after the last call ended and before the library is unmapped, so that
+/// other libraries can let go of objects in its memory. Observers stay for the life of the process.
 using UnloadObserver = void (*)(const LibraryRange& range) noexcept;
 ZANDOR_RUNTIME_API void addUnloadObserver(UnloadObserver observer);
 
@@ -174,8 +202,8 @@ class ZANDOR_RUNTIME_API Plugin {
     bool isLoaded() const noexcept;
     const std::filesystem::path& path() const noexcept;
     /// Refuses new calls, waits for running ones, destroys what the library published, tells the
-    /// observers, calls `ZDTerminate_<name>` and unmaps the library. Throws PluginError when it stays
-    /// mapped. Does nothing when it is not loaded.
+    /// observers, calls `ZDTerminate_<name>` and unmaps the library. Throws PluginError when it
+    /// stays mapped. Does nothing when it is not loaded.
     void unload();
 
     class Node;
