@@ -1,6 +1,6 @@
 """Random recordings with chosen times (ties, overlap, reversed stops, long gaps) keep the rules of exports."""
 
-import json
+import math
 import os
 import subprocess
 from collections import Counter
@@ -9,7 +9,7 @@ from pathlib import Path
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
 
-from recording_texts import names, stands_for, texts
+from recording_texts import as_frame, names, shown, texts
 from stack_rules import check_collapsed
 from trace_rules import check_trace, events_of
 
@@ -64,40 +64,83 @@ def replay(folder, script, minimum=-1):
 
 
 def shown_events(text):
-    """What an export shows as lasting: (tid, start, duration, name, unfinished), microseconds."""
+    """What an export shows as lasting: (tid, name, unfinished, start, duration) in nanoseconds."""
     exported = events_of(text)
     ends = {(e["cat"], e["id"]): e["ts"] for e in exported if e["ph"] == "e"}
     for event in exported:
         args = event.get("args", {})
         if event["ph"] == "X":
-            duration = event["dur"]
+            duration = event["dur"] * 1000
         elif event["ph"] == "b":
-            duration = ends[event["cat"], event["id"]] - event["ts"]
+            duration = (ends[event["cat"], event["id"]] - event["ts"]) * 1000
         elif event["ph"] == "i" and "duration_ns" in args:
-            duration = int(args["duration_ns"]) / 1000
+            duration = args["duration_ns"]
         else:
             continue
-        yield event["tid"], event["ts"], duration, event["name"], "unfinished" in args
+        start = int(event["ts"] * 1000)
+        yield event["tid"], event["name"], "unfinished" in args, start, int(duration)
 
 
-def check_against_script(text, made, ticks):
+def check_shown(text, made, ticks):
     """Each event that does not end before it starts is shown once, with its name, start and end."""
     used = sorted({source for source, *_ in [*made, *ticks]})
-    kept = [event for event in made if event[2] is None or event[2] >= 0]
-    shown = sorted(shown_events(text), key=lambda event: event[:2])
-    assert len(shown) == len(kept)
-    begin = min(start for _, start, *_ in [*made, *ticks]) if kept else 0
-    for source, start, duration, name, *_ in kept:
-        match = next(
-            entry
-            for entry in shown
-            if entry[0] == used.index(source) + 1
-            and round(entry[1] * 1000) - 1000 == start - begin
-            and entry[4] == (duration is None)
-            and (duration is None or -len(made) <= round(entry[2] * 1000) - duration <= 1)
-            and stands_for(entry[3], name)
-        )
-        shown.remove(match)
+    first = min((start for _, start, *_ in [*made, *ticks]), default=0)
+    last = last_time(made, ticks)
+    expected = sorted(
+        (used.index(source) + 1, shown(name), end is None, start - first + 1000,
+         (last if end is None else end) - start)
+        for source, name, start, end in kept(made)
+    )
+    found = sorted(shown_events(text))
+    assert [event[:4] for event in found] == [event[:4] for event in expected]
+    # Ends are drawn inward where they meet others: by a nanosecond, or where a double's sum is
+    # coarser, by that.
+    step = 1 + 8 * math.ulp((last - first) / 1000) * 1000
+    for (*_, real), (*_, drawn) in zip(expected, found):
+        assert real - len(made) * step <= drawn <= real
+
+
+def kept(made):
+    """The events that do not end before they start: (source, name, start, end or None)."""
+    for source, start, duration, name, *_ in made:
+        if duration is None or duration >= 0:
+            yield source, name, start, None if duration is None else start + duration
+
+
+def last_time(made, ticks):
+    ends = [start + (duration or 0) for _, start, duration, *_ in made]
+    return max([*ends, *(event[1] for event in [*made, *ticks])], default=0)
+
+
+def expected_stacks(made, ticks, of_sources):
+    """Self times by looking at each stretch of time for the last event to start among those open."""
+    last = last_time(made, ticks)
+    times = {}
+    inner = set()
+    for source, thread in enumerate(of_sources):
+        own = [
+            (start, -math.inf if end is None else -end, i, name, last if end is None else end)
+            for i, (where, name, start, end) in enumerate(kept(made))
+            if where == source
+        ]
+        own.sort(key=lambda event: event[:3])
+        paths = []
+        for i, (start, *_, name, _) in enumerate(own):
+            around = [j for j in range(i) if own[j][0] <= start < own[j][-1]]
+            path = (*(paths[around[-1]] if around else (thread,)), name)
+            inner.add((source, path[:-1]))
+            paths.append(path)
+            times.setdefault((source, path), 0)
+        edges = sorted({time for event in own for time in (event[0], event[-1])})
+        for begin, end in zip(edges, edges[1:]):
+            around = [i for i, event in enumerate(own) if event[0] <= begin and end <= event[-1]]
+            if around:
+                times[source, paths[around[-1]]] += end - begin
+    sums = Counter()
+    for (source, path), time in times.items():
+        if time > 0 or (source, path) not in inner:
+            sums[";".join(map(as_frame, path))] += time
+    return sorted((f"{stack} {max(time, 1)}" for stack, time in sums.items()), key=str.encode)
 
 
 @given(scripts, st.lists(instants, max_size=4), sources, origins)
@@ -111,7 +154,9 @@ def test_exports_keep_the_rules(tmp_path_factory, made, ticks, of_sources, origi
     assert check_trace(written["filtered.json"]) == []
     assert check_collapsed(written["stacks.txt"]) == []
 
-    check_against_script(written["monotonic.json"], made, ticks)
+    check_shown(written["monotonic.json"].decode(), made, ticks)
+    stacks = written["stacks.txt"].decode().split("\n")[:-1]
+    assert stacks == expected_stacks(made, ticks, of_sources)
     rows = [list(map(int, line.split())) for line in written["events.txt"].splitlines()]
     assert sorted(rows) == sorted(
         [source + 1, serial, origin + start, origin + start + duration]

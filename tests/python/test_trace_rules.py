@@ -10,7 +10,7 @@ from trace_rules import check_trace
 GOOD = """\
 {"displayTimeUnit":"ns","metadata":{"origin-monotonic-ns":"81000000000",
 "origin-utc-ns":"1700000000000000123","clock":"tsc","dropped-memory":"0",
-"vantrace-version":"1.0"},"traceEvents":[
+"zandor_version":"1.0"},"traceEvents":[
 {"ph":"M","name":"process_name","pid":1,"tid":1,"args":{"name":"python3","pid":"4711"}},
 {"ph":"M","name":"process_sort_index","pid":1,"tid":1,"args":{"sort_index":1}},
 {"ph":"M","name":"thread_name","pid":1,"tid":1,"args":{"name":"MainThread","source":"1"}},
@@ -55,7 +55,7 @@ BREACHES = [
     ('"origin-utc-ns":"1700000000000000123",', "", "does not tell the origin in UTC"),
     ('"1700000000000000123"', '"1.7e18"', r"origin in UTC nanoseconds as '1.7e18'"),
     ('"dropped-memory":"0",', "", "does not tell what was dropped"),
-    ('"vantrace-version"', '"v"', "does not tell a version"),
+    ('"zandor_version"', '"v"', "does not tell a version"),
     ('"n":"3"', '"n":9007199254740993', "which a double does not hold"),
     ('"n":"3"', '"n":"\\ud83d"', "lone surrogate"),
     ('"n":"3"', '"\\udc00":"3"', "lone surrogate"),

@@ -9,13 +9,13 @@ on decimals) and once more as doubles (for the rules on nesting).
 """
 
 import json
+import math
 import re
 import unicodedata
 from collections import Counter, defaultdict
 from decimal import Decimal
 
 LARGEST_EXACT_INTEGER = 2**53
-NANOSECOND = Decimal("0.001")
 
 # What each phase has: members that it must have, then those it may have.
 MEMBERS = {
@@ -59,7 +59,7 @@ def check_trace(text, utc=False):
         lambda all_events: _check_nesting(all_events, utc),
         _check_async_pairs,
         _check_flows,
-        _check_unfinished,
+        lambda all_events: _check_unfinished(all_events, utc),
     ):
         violations += check(shaped)
     return violations
@@ -378,12 +378,15 @@ def _check_pairs(events, first, last, kind):
         yield f"{_describe(event)}: {kind} begin without an end"
 
 
-def _check_unfinished(events):
+def _check_unfinished(events, utc):
     """An event without a stop is closed at the trace's last time, less what nesting takes off."""
-    ends = [_end(event) for event in events if "ts" in event]
+    last = max((_end(event) for event in events if "ts" in event), default=0)
     unfinished = [e for e in events if "unfinished" in e.get("args", {}) and e["ph"] == "X"]
+    step = Decimal("0.25") if utc else Decimal("0.001")
+    # The sum of two doubles of this size may be off by so much, which each level has to keep free.
+    step += Decimal(8 * math.ulp(float(last)))
     for event in unfinished:
-        if _end(event) < max(ends) - len(unfinished) * NANOSECOND:
+        if _end(event) < last - len(unfinished) * step:
             yield f"{_describe(event)}: unfinished, but ends before the last time of the trace"
 
 
