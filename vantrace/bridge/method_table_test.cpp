@@ -4,8 +4,8 @@
 
 #include <cstddef>
 #include <memory>
-#include <new>
 
+#include "vantrace/testing/allocation_gate.hpp"
 #include "vantrace/testing/cells.hpp"
 
 namespace {
@@ -14,26 +14,13 @@ using kobs::factory::MethodAttributes;
 using vantrace::createMethod;
 using vantrace::MethodRow;
 using vantrace_testing::Invocation;
+using vantrace_testing::WatchedAllocation;
 
 static_assert(std::variant_size_v<vantrace::PlainFunction> == 21);
 
 std::unique_ptr<kobs::COSMethodInfo> made(const MethodRow& row) {
     return std::unique_ptr<kobs::COSMethodInfo>(createMethod(row, MethodAttributes::Static()));
 }
-
-/// While it lives, the host's allocation operators yield nothing.
-class NoAllocation {
-  public:
-    NoAllocation()
-        : previous_(kobs::internal::setAllocationGate([](std::size_t) noexcept { return false; })) {
-    }
-    ~NoAllocation() { kobs::internal::setAllocationGate(previous_); }
-    NoAllocation(const NoAllocation&) = delete;
-    NoAllocation& operator=(const NoAllocation&) = delete;
-
-  private:
-    kobs::internal::AllocationGate previous_;
-};
 
 TEST(MethodTable, RowBecomesAMethodOfItsNameBoundToItsFunction) {
     const auto method = made({"answer", +[] { return std::int32_t{42}; }});
@@ -60,7 +47,7 @@ TEST(MethodTable, EachMethodHasExactlyOneOutput) {
 }
 
 TEST(MethodTable, AllocationThatYieldsNothingGivesNoMethod) {
-    const NoAllocation nothing;
+    const WatchedAllocation watch(WatchedAllocation::Outcome::nothing);
     EXPECT_EQ(made({"answer", +[] { return true; }}), nullptr);
 }
 
