@@ -52,7 +52,7 @@ class ZANDOR_INSTRUMENT_API Controls {
     void disableAll();
 
   private:
-    std::uint8_t reserved_[63]{};
+    [[maybe_unused]] std::uint8_t reserved_[63]{};
 };
 static_assert(sizeof(Controls) == 64);
 

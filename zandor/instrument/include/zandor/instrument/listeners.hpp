@@ -68,7 +68,7 @@ class ZANDOR_INSTRUMENT_API Listeners {
     EventId onEventInstant(const Opaque* handle, std::span<const ContextArg> context);
 
   private:
-    std::uint8_t reserved_[63]{};
+    [[maybe_unused]] std::uint8_t reserved_[63]{};
 };
 static_assert(sizeof(Listeners) == 64);
 

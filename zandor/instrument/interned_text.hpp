@@ -1,0 +1,70 @@
+// Texts that stay for the life of the process: each distinct one once, with a dense number.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "zandor/instrument/export.hpp"
+
+namespace instrument::detail {
+
+struct ThreadState;
+
+/// The characters follow the head, and a NUL them.
+struct InternedText {
+    std::uint32_t id;
+    std::uint32_t length;
+
+    const char* text() const noexcept { return reinterpret_cast<const char*>(this + 1); }
+    std::string_view view() const noexcept { return {text(), length}; }
+    std::string_view key() const noexcept { return view(); }
+
+    /// The text whose characters a view from view() shows.
+    static const InternedText& of(std::string_view view) noexcept {
+        return reinterpret_cast<const InternedText*>(view.data())[-1];
+    }
+    /// The text of this id, which intern gave.
+    ZANDOR_INSTRUMENT_API static const InternedText& fromId(std::uint32_t id) noexcept;
+};
+
+/// The one copy of a text; null when the system gives no memory. A known one is found without a
+/// lock. Safe in signal handlers.
+ZANDOR_INSTRUMENT_API const InternedText* intern(std::string_view text) noexcept;
+/// The known copy, or null.
+const InternedText* findInterned(std::string_view text) noexcept;
+
+/// What a thread looked up lately. Found by address, verified by content: right for strings that
+/// change and for those of unloaded libraries.
+class TextCache {
+  public:
+    const InternedText* intern(std::string_view text) noexcept {
+        Entry& entry = entries_[place(text)];
+        if (entry.address == text.data() && entry.text && entry.text->view() == text) [[likely]]
+            return entry.text;
+        return lookUp(text, entry);
+    }
+
+  private:
+    // A signal handler may come between the two stores of an entry: the check of the content covers
+    // that, too.
+    struct Entry {
+        const char* address;
+        const InternedText* text;
+    };
+    static constexpr std::size_t entryCount = 256;
+
+    static std::size_t place(std::string_view text) noexcept {
+        const auto address = reinterpret_cast<std::uintptr_t>(text.data());
+        return (address ^ (address >> 8) ^ (text.size() << 4)) % entryCount;
+    }
+    static const InternedText* lookUp(std::string_view text, Entry& entry) noexcept;
+
+    Entry entries_[entryCount];
+};
+
+/// Said once on the console when distinct texts or names pass this number.
+inline constexpr std::uint32_t manyTexts = 1'000'000;
+void sayManyTexts(const char* what, std::uint32_t count) noexcept;
+
+}  // namespace instrument::detail

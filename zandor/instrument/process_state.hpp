@@ -1,0 +1,54 @@
+// What the library keeps for this process and never for its children.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "lock.hpp"
+
+namespace instrument::detail {
+
+struct ListenerArray;
+struct RuleList;
+struct SourceInfo;
+
+struct FreeBlock {
+    FreeBlock* next;
+};
+
+/// All-zero is its first state. Locks are leaves: nobody takes another, or runs code of others,
+/// while holding one (but for blocks and texts, which are taken last).
+struct ProcessState {
+    static constexpr std::size_t blockSizes = 8;
+    static constexpr std::size_t externalBuckets = 64;
+
+    /// Whether this process has seen that it is one; a child finds it false.
+    std::atomic<bool> entered{false};
+    /// Events produced inside listeners.
+    std::atomic<std::uint64_t> suppressedEvents{0};
+    /// States of threads that are in use, and that were ever made for a thread.
+    std::atomic<std::uint64_t> threadStates{0};
+    std::atomic<std::uint64_t> threadStatesMade{0};
+
+    Lock listeners;
+    ListenerArray* retiredListeners = nullptr;
+
+    Lock controls;
+    RuleList* retiredRules = nullptr;
+
+    Lock sources;
+    std::atomic<SourceInfo*> externalSources[externalBuckets]{};
+
+    Lock texts;
+    Lock clock;
+
+    Lock blocks;
+    FreeBlock* freeBlocks[blockSizes]{};
+    std::byte* regionNext = nullptr;
+    std::byte* regionEnd = nullptr;
+};
+
+ProcessState& processState() noexcept;
+
+}  // namespace instrument::detail

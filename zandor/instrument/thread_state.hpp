@@ -1,0 +1,135 @@
+// What the library keeps for a thread that produces events.
+//
+// States stand in memory that is wiped on fork, in slabs that stay mapped: others may look at the
+// atomic members of any state at any time. A thread's state is made at its first event, and goes to
+// another thread, with a new source, when it ends. Events produced by what runs at a thread's end
+// still have its source. Making one takes no lock and no malloc: safe in signal handlers.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "fences.hpp"
+#include "interned_text.hpp"
+#include "source_info.hpp"
+
+namespace instrument {
+class InstrumentListener;
+}
+
+namespace instrument::detail {
+
+struct ListenerArray;
+struct ThreadState;
+
+/// What a thread has whether or not it produced an event. Not wiped on fork: names pass to a child.
+struct ThreadLocals {
+    ThreadState* state;
+    const InternedText* setName;      ///< by setThreadName
+    const InternedText* defaultName;  ///< by setDefaultThreadName
+    /// The state went at the thread's very end; later events are counted and not delivered.
+    bool ended;
+
+    const InternedText* givenName() const noexcept { return setName ? setName : defaultName; }
+};
+
+/// Where a recorder goes on writing events of this thread. All-zero is none. Only the thread itself
+/// uses it; a state that goes to another thread comes with all of them zero.
+struct RecorderSlot {
+    /// The recording's number, never used again; another one, or 0, means that the slot is stale.
+    std::uint64_t recording;
+    void* track;
+};
+
+/// A source and its latest serial id.
+struct ThreadSource {
+    SourceInfo* info;
+    std::uint64_t serial;
+};
+
+/// The source of a thread for events of another virtual machine.
+struct TaggedSource {
+    std::uint64_t tag;
+    ThreadSource source;
+    TaggedSource* next;
+};
+
+struct alignas(64) ThreadState {
+    static constexpr std::size_t recorderSlots = 8;
+
+    // What every event touches, in one line.
+
+    /// The locals of the thread whose state it is; another's or none after a fork.
+    std::atomic<const ThreadLocals*> owner;
+    /// Whether the thread is delivering an event. Only its own thread and signal handlers there
+    /// look.
+    std::atomic<bool> inside;
+    /// Protects the listeners that the thread is going through.
+    std::atomic<const ListenerArray*> snapshot;
+    /// Protects the listener that it is calling.
+    std::atomic<const InstrumentListener*> calling;
+    /// Odd while the thread is inside a ReadSection.
+    std::atomic<std::uint64_t> readSections;
+    ThreadSource source;
+    TaggedSource* tagged;
+
+    std::array<RecorderSlot, recorderSlots> recorders;
+    TextCache texts;
+
+    /// Rounds of thread-specific destructors since the thread began to end.
+    int endingRounds;
+
+    /// The calling thread's; made when it has none. Null when the thread is past its end or the
+    /// system gives no memory: then its events are counted as suppressed.
+    static ThreadState* ofThisThread() noexcept;
+    /// The calling thread's, or null when it has none.
+    static ThreadState* find() noexcept;
+
+    /// The thread's source for a virtual machine; null when the system gives no memory. To be
+    /// called while `inside` is set.
+    ThreadSource* sourceFor(std::optional<std::uint64_t> tag) noexcept {
+        return tag ? taggedSource(*tag) : &source;
+    }
+
+  private:
+    static ThreadState* make() noexcept;
+    ThreadSource* taggedSource(std::uint64_t tag) noexcept;
+};
+static_assert(offsetof(ThreadState, recorders) == 64);
+
+extern constinit thread_local ThreadLocals threadLocals;
+
+inline ThreadState* ThreadState::find() noexcept {
+    // Relaxed: a thread's own store, or one that can only make it differ.
+    ThreadState* state = threadLocals.state;
+    return state->owner.load(std::memory_order_relaxed) == &threadLocals ? state : nullptr;
+}
+
+inline ThreadState* ThreadState::ofThisThread() noexcept {
+    if (ThreadState* state = find()) [[likely]]
+        return state;
+    return make();
+}
+
+void visitThreads(void (*visitor)(ThreadState&, void*), void* context);
+/// Calls `visit(ThreadState&)` for the state of every thread that has one.
+template <class Visit>
+void forEachThread(Visit visit) {
+    visitThreads([](ThreadState& state, void* context) { (*static_cast<Visit*>(context))(state); },
+                 &visit);
+}
+
+/// Whether the calling thread is inside a listener.
+inline bool isInsideListener() noexcept {
+    const ThreadState* state = ThreadState::find();
+    return state && state->inside.load(std::memory_order_relaxed);
+}
+
+/// Returns when no other thread is inside this listener. What happened in it there happened before.
+/// Those that begin a call later see what the caller stored before.
+void waitUntilNobodyIsInside(const InstrumentListener& listener) noexcept;
+
+}  // namespace instrument::detail
