@@ -1,0 +1,58 @@
+// Events in the order in which they enclose each other.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <numeric>
+#include <span>
+#include <vector>
+
+#include "zandor/instrument/recording.hpp"
+
+namespace instrument::detail {
+
+/// When an event ends as others see that might enclose it: one that is still open outlives all.
+inline std::int64_t outlives(const RecordedEvent& event) noexcept {
+    return event.finished ? event.stop : INT64_MAX;
+}
+
+/// When an event ends where an end is needed: an open one at the last time of all.
+inline std::int64_t closingTime(const Recording& recording, const RecordedEvent& event) noexcept {
+    return event.finished ? event.stop : std::max(recording.lastTime, event.start);
+}
+
+/// Calls `visit` with the indices of each run of events for which `startOf` is equal: by start,
+/// of those that start together the longer first, else as recorded.
+template <typename StartOf, typename Visit>
+void forEachRun(const std::vector<RecordedEvent>& events, StartOf startOf, Visit visit) {
+    const auto encloses = [&](std::size_t a, std::size_t b) {
+        return events[a].start != events[b].start ? events[a].start < events[b].start
+                                                  : outlives(events[a]) > outlives(events[b]);
+    };
+    std::vector<std::size_t> run;
+    for (std::size_t begin = 0; begin < events.size(); begin += run.size()) {
+        const auto start = startOf(events[begin]);
+        std::size_t end = begin + 1;
+        while (end < events.size() && startOf(events[end]) == start)
+            ++end;
+        run.resize(end - begin);
+        std::iota(run.begin(), run.end(), begin);
+        if (run.size() > 1)
+            std::stable_sort(run.begin(), run.end(), encloses);
+        visit(std::span<const std::size_t>(run));
+    }
+}
+
+/// Calls `visit` with each event in that order.
+template <typename Visit>
+void forEachEnclosingFirst(const std::vector<RecordedEvent>& events, Visit visit) {
+    forEachRun(
+        events, [](const RecordedEvent& event) { return event.start; },
+        [&](std::span<const std::size_t> run) {
+            for (const std::size_t i : run)
+                visit(events[i]);
+        });
+}
+
+}  // namespace instrument::detail

@@ -1,0 +1,68 @@
+#include "zandor/instrument/exports.hpp"
+
+#include "zandor/instrument/collapsed_stacks.hpp"
+#include "zandor/instrument/file_sink.hpp"
+#include "zandor/instrument/recording.hpp"
+#include "zandor/instrument/summary.hpp"
+#include "zandor/instrument/text_buffer.hpp"
+#include "zandor/instrument/trace_event_json.hpp"
+
+namespace instrument {
+
+namespace {
+
+class StringSink : public TextSink {
+  public:
+    void write(std::string_view text) override { text_ += text; }
+    std::string take() { return std::move(text_); }
+
+  private:
+    std::string text_;
+};
+
+}  // namespace
+
+TextSink::~TextSink() = default;
+
+void writeTraceEventJson(const InstrumentRecorder& recorder, TimeSystem timeSystem,
+                         std::chrono::nanoseconds minimumDuration, TextSink& sink) {
+    const auto recording = detail::takeRecording(recorder);
+    detail::writeTraceEventJson(recording, timeSystem, minimumDuration.count(), sink);
+}
+
+std::string getAllCompleteEventsTraceEventJson(const InstrumentRecorder& recorder,
+                                               TimeSystem timeSystem,
+                                               std::chrono::nanoseconds minimumDuration) {
+    StringSink sink;
+    writeTraceEventJson(recorder, timeSystem, minimumDuration, sink);
+    return sink.take();
+}
+
+std::vector<std::string> getAllEventsCollapsedStacks(const InstrumentRecorder& recorder) {
+    return detail::collapsedStacks(detail::takeRecording(recorder));
+}
+
+void saveTraceEventJson(const InstrumentRecorder& recorder, TimeSystem timeSystem,
+                        std::chrono::nanoseconds minimumDuration,
+                        const std::filesystem::path& file) {
+    detail::FileSink sink(file);
+    writeTraceEventJson(recorder, timeSystem, minimumDuration, sink);
+    sink.commit();
+}
+
+void saveCollapsedStacks(const InstrumentRecorder& recorder, const std::filesystem::path& file) {
+    detail::FileSink sink(file);
+    detail::TextBuffer out(sink);
+    for (const std::string& line : getAllEventsCollapsedStacks(recorder)) {
+        out.append(line);
+        out.append('\n');
+    }
+    out.flush();
+    sink.commit();
+}
+
+std::vector<EventSummary> summarize(const InstrumentRecorder& recorder) {
+    return detail::summarize(detail::takeRecording(recorder));
+}
+
+}  // namespace instrument

@@ -1,0 +1,99 @@
+#include "zandor/instrument/file_sink.hpp"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdio>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace instrument::detail {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Short whatever the target is called, so that it fits where the target's name does.
+fs::path freshName() {
+    static std::atomic<unsigned> last{0};
+    return ".zandor-" + std::to_string(getpid()) + "-" + std::to_string(++last) + ".tmp";
+}
+
+bool isWrittenInPlace(const fs::path& target) {
+    std::error_code ignored;
+    const fs::file_status status = fs::status(target, ignored);
+    return fs::exists(status) && !fs::is_regular_file(status);
+}
+
+fs::path withoutLink(const fs::path& target) {
+    std::error_code error;
+    fs::path real = fs::canonical(target, error);
+    return error ? target : real;
+}
+
+}  // namespace
+
+FileSink::FileSink(const fs::path& target) : asked_(target), target_(withoutLink(target)) {
+    if (isWrittenInPlace(target_))
+        openItself();
+    else
+        openBeside();
+}
+
+void FileSink::openItself() {
+    descriptor_ = open(target_.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY);
+    if (descriptor_ < 0)
+        fail(errno);
+}
+
+void FileSink::openBeside() {
+    do {
+        temporary_ = target_.parent_path() / freshName();
+        descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    } while (descriptor_ < 0 && errno == EEXIST);
+    if (descriptor_ < 0) {
+        temporary_.clear();
+        fail(errno);
+    }
+}
+
+FileSink::~FileSink() {
+    if (descriptor_ >= 0)
+        ::close(descriptor_);
+    if (!temporary_.empty())
+        unlink(temporary_.c_str());
+}
+
+void FileSink::write(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = ::write(descriptor_, text.data(), text.size());
+        if (written >= 0)
+            text.remove_prefix(static_cast<std::size_t>(written));
+        else if (errno != EINTR)
+            fail(errno);
+    }
+}
+
+void FileSink::commit() {
+    close();
+    if (temporary_.empty())
+        return;
+    if (std::rename(temporary_.c_str(), target_.c_str()) != 0)
+        fail(errno);
+    temporary_.clear();
+}
+
+void FileSink::close() {
+    // Linux frees the descriptor whatever close says.
+    if (::close(std::exchange(descriptor_, -1)) != 0 && errno != EINTR)
+        fail(errno);
+}
+
+void FileSink::fail(int error) const {
+    throw std::system_error(error, std::generic_category(), "cannot write " + asked_.string());
+}
+
+}  // namespace instrument::detail

@@ -1,0 +1,78 @@
+#include "zandor/instrument/summary.hpp"
+
+#include <algorithm>
+#include <unordered_map>
+
+#include "zandor/instrument/event_order.hpp"
+#include "zandor/instrument/self_time.hpp"
+
+namespace instrument::detail {
+
+namespace {
+
+class Summaries {
+  public:
+    /// Which of the summaries is the instrument's.
+    std::uint32_t of(const Opaque* instrument) {
+        const auto next = static_cast<std::uint32_t>(summaries_.size());
+        const auto [place, isNew] = places_.try_emplace(instrument, next);
+        if (isNew)
+            summaries_.push_back({{instrument->name, instrument->nameLength}});
+        return place->second;
+    }
+
+    void count(std::uint32_t which, const RecordedEvent& event) {
+        EventSummary& summary = summaries_[which];
+        const std::int64_t duration = saturatingSubtract(event.stop, event.start);
+        summary.minimum = summary.count == 0 ? duration : std::min(summary.minimum, duration);
+        summary.maximum = std::max(summary.maximum, duration);
+        ++summary.count;
+        summary.total = saturatingAdd(summary.total, notYetCovered(which, event));
+    }
+
+    void give(std::uint32_t which, std::int64_t nanoseconds) {
+        summaries_[which].self = saturatingAdd(summaries_[which].self, nanoseconds);
+    }
+
+    std::vector<EventSummary> sorted() && {
+        std::sort(summaries_.begin(), summaries_.end(), [](const auto& a, const auto& b) {
+            return a.self != b.self ? a.self > b.self : a.name < b.name;
+        });
+        return std::move(summaries_);
+    }
+
+  private:
+    /// The event's time beyond earlier ones of its name and source, which come by their start.
+    std::int64_t notYetCovered(std::uint32_t which, const RecordedEvent& event) {
+        const auto [place, isNew] =
+            coveredUntil_.try_emplace(std::uint64_t{event.source} << 32 | which, event.start);
+        const std::int64_t from = std::max(place->second, event.start);
+        place->second = std::max(from, event.stop);
+        return std::max<std::int64_t>(saturatingSubtract(event.stop, from), 0);
+    }
+
+    std::vector<EventSummary> summaries_;
+    std::unordered_map<const Opaque*, std::uint32_t> places_;
+    std::unordered_map<std::uint64_t, std::int64_t> coveredUntil_;
+};
+
+}  // namespace
+
+std::vector<EventSummary> summarize(const Recording& recording) {
+    Summaries summaries;
+    SelfTime<std::uint32_t> selfTime(recording.sources.size());
+    const auto give = [&](std::uint32_t which, std::int64_t time) { summaries.give(which, time); };
+    forEachEnclosingFirst(recording.events, [&](const RecordedEvent& event) {
+        if (!event.finished || event.stop < event.start)
+            return;
+        const std::uint32_t which = summaries.of(event.instrument);
+        summaries.count(which, event);
+        selfTime.advance(event.source, event.start, give);
+        selfTime.enter(event.source, event.start, event.stop, which);
+    });
+    for (std::uint32_t source = 0; source < recording.sources.size(); ++source)
+        selfTime.finish(source, give);
+    return std::move(summaries).sorted();
+}
+
+}  // namespace instrument::detail

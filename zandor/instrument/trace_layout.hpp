@@ -1,0 +1,87 @@
+// How each event of a recording goes out in a trace, so that every viewer finds the nesting that
+// was.
+//
+// Viewers take complete events of a thread for a tree, and lose it where an event ends on its
+// parent's end, starts on its sibling's, or lasts no time. So ends are drawn inward by one step
+// where they meet another (each level of a stack that unwinds at once by one more). What then has
+// no time left, or had none, goes out as an instant; what overlaps without nesting, or stops on
+// another thread, as an asynchronous pair. Starts stay where they are.
+//
+// Two passes over the events. Besides them this takes a bit an event, and 40 bytes an event that
+// is open at once.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "zandor/instrument/event_order.hpp"
+#include "zandor/instrument/recording.hpp"
+#include "zandor/instrument/source_stacks.hpp"
+#include "zandor/instrument/trace_doubles.hpp"
+#include "zandor/instrument/trace_time.hpp"
+
+namespace instrument::detail {
+
+enum class TraceShape : std::uint8_t { complete, asyncPair, instant };
+
+/// Times in steps of the trace's time.
+struct PlacedEvent {
+    const RecordedEvent* event = nullptr;
+    std::int64_t start = 0;
+    std::int64_t end = 0;
+    TraceShape shape = TraceShape::complete;
+};
+
+class ZANDOR_INSTRUMENT_API TraceLayout {
+  public:
+    /// Events shorter than `minimumDuration` are left out.
+    TraceLayout(const Recording& recording, const TraceTime& time, std::int64_t minimumDuration);
+
+    /// Calls `visit` with each placed event, by start, those that start together longer first.
+    template <typename Visit>
+    void forEach(Visit visit) {
+        begin();
+        forEachRun(
+            recording_.events, [this](const auto& event) { return time_.at(event.start); },
+            [&](std::span<const std::size_t> run) {
+                for (const PlacedEvent& placed : place(run))
+                    visit(placed);
+            });
+    }
+
+    std::uint64_t leftOutNegative() const noexcept { return leftOutNegative_; }
+    std::uint64_t leftOutShort() const noexcept { return leftOutShort_; }
+
+  private:
+    struct OpenEvent {
+        std::int64_t outlives;  // nanoseconds
+        TraceSpan shown;
+        std::size_t index;
+    };
+
+    void countLeftOut();
+    void markMetEnds();
+    void markMetEnds(std::size_t index);
+    void begin();
+    std::span<const PlacedEvent> place(std::span<const std::size_t> run);
+    PlacedEvent place(std::size_t index);
+    std::optional<std::int64_t> fittingEnd(std::uint32_t source, TraceSpan span, bool isMet);
+    bool isKept(const RecordedEvent& event) const noexcept;
+    TraceSpan spanOf(const RecordedEvent& event) const noexcept;
+
+    const Recording& recording_;
+    const TraceTime& time_;
+    const std::int64_t minimumDuration_;
+    std::uint64_t leftOutNegative_ = 0;
+    std::uint64_t leftOutShort_ = 0;
+    std::vector<bool>
+        endIsMet_;  // by event: another starts on its end, or so close that doubles meet
+    SourceStacks<OpenEvent> open_;
+    std::optional<TraceDoubles>
+        doubles_;  // where a step is too fine for doubles to add without care
+    std::vector<PlacedEvent> placed_;
+};
+
+}  // namespace instrument::detail
