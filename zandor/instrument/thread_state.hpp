@@ -24,6 +24,7 @@ namespace instrument::detail {
 
 struct ListenerArray;
 struct ThreadState;
+struct Track;
 
 /// What a thread has whether or not it produced an event. Not wiped on fork: names pass to a child.
 struct ThreadLocals {
@@ -36,12 +37,12 @@ struct ThreadLocals {
     const InternedText* givenName() const noexcept { return setName ? setName : defaultName; }
 };
 
-/// Where a recorder goes on writing events of this thread. All-zero is none. Only the thread itself
-/// uses it; a state that goes to another thread comes with all of them zero.
+/// Where a recorder goes on writing events of this thread. All-zero is none. Only the thread itself uses
+/// it; a state that goes to another thread comes with all of them zero.
 struct RecorderSlot {
     /// The recording's number, never used again; another one, or 0, means that the slot is stale.
     std::uint64_t recording;
-    void* track;
+    Track* track;
 };
 
 /// A source and its latest serial id.
