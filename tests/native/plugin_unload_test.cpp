@@ -1,0 +1,143 @@
+// The plug-in as hosts load it: in and out again, with events on live threads and its recorder
+// still registered.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/instrument.hpp"
+#include "zandor/instrument/listeners.hpp"
+#include "zandor/runtime/zandor.hpp"
+
+namespace {
+
+constexpr char isActive[] = "performance.instrument.recorder.isActive";
+constexpr char start[] = "performance.instrument.recorder.start";
+constexpr char getAllEventPoints[] = "performance.instrument.recorder.getAllEventPoints";
+
+zandor::Plugin load() {
+    return zandor::Plugin::load(VANTRACE_PLUGIN_PATH);
+}
+
+bool isMapped() {
+    const std::string library = std::filesystem::path(VANTRACE_PLUGIN_PATH).filename();
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find(library) != std::string::npos)
+            return true;
+    }
+    return false;
+}
+
+/// Threads that produce events until they are stopped.
+class Emitters {
+  public:
+    explicit Emitters(int count) {
+        for (int i = 0; i < count; ++i)
+            threads_.emplace_back([this] { emit(); });
+    }
+    ~Emitters() {
+        ended_ = true;
+        for (std::thread& thread : threads_)
+            thread.join();
+    }
+    Emitters(const Emitters&) = delete;
+    Emitters& operator=(const Emitters&) = delete;
+
+    /// Waits until each thread has begun some events after this call.
+    void await() const {
+        const std::uint64_t seen = events_;
+        while (events_ < seen + 64 * threads_.size())
+            std::this_thread::yield();
+    }
+
+  private:
+    void emit() {
+        static const instrument::Instrument work{"plugin_unload"};
+        while (!ended_) {
+            const instrument::Scope scope(work, {{"n", std::uint64_t{events_}}});
+            ++events_;
+        }
+    }
+
+    std::atomic<bool> ended_{false};
+    std::atomic<std::uint64_t> events_{0};
+    std::vector<std::thread> threads_;
+};
+
+class PluginUnload : public testing::Test {
+  protected:
+    void TearDown() override {
+        instrument::controls.disableAll();
+        EXPECT_FALSE(isMapped());
+    }
+};
+
+TEST_F(PluginUnload, TakesTheLibraryOutOfMemory) {
+    zandor::Plugin plugin = load();
+    EXPECT_TRUE(isMapped());
+    plugin.unload();
+    EXPECT_FALSE(isMapped());
+    EXPECT_TRUE(zandor::roots().empty());
+}
+
+TEST_F(PluginUnload, ForgetsThatTheLibraryWasInitialised) {
+    for (int round = 0; round < 3; ++round) {
+        zandor::Plugin plugin = load();
+        EXPECT_FALSE(zandor::resolve(isActive)().asLogical());
+        plugin.unload();
+    }
+}
+
+TEST_F(PluginUnload, HandlesThatStayBehindSayThatItIsNotLoaded) {
+    zandor::Plugin plugin = load();
+    const zandor::Method method = zandor::resolve(isActive);
+    plugin.unload();
+    EXPECT_FALSE(method.isLoaded());
+    EXPECT_THROW(method(), zandor::NotLoadedError);
+}
+
+TEST_F(PluginUnload, WhileThreadsEmitIntoItsRecorder) {
+    const Emitters emitters(3);
+    for (int round = 0; round < 50; ++round) {
+        zandor::Plugin plugin = load();
+        zandor::resolve(start)();
+        emitters.await();
+        const zandor::Value points = zandor::resolve(getAllEventPoints)();
+        EXPECT_GT(matrix::hx::hxGetColumns(points.asArray()), 0u);
+        plugin.unload();
+        EXPECT_FALSE(isMapped()) << "round " << round;
+        EXPECT_FALSE(instrument::listeners.anyActive());
+        emitters.await();
+    }
+}
+
+TEST_F(PluginUnload, ThreadsThatEmittedMayEndAfterwards) {
+    zandor::Plugin plugin = load();
+    zandor::resolve(start)();
+    {
+        const Emitters emitters(3);
+        emitters.await();
+        plugin.unload();
+        emitters.await();
+    }
+    EXPECT_FALSE(isMapped());
+}
+
+TEST_F(PluginUnload, LeavesNoArrayBehind) {
+    const std::size_t before = matrix::liveArrayCount();
+    zandor::Plugin plugin = load();
+    zandor::resolve(start)();
+    instrument::Instrument("plugin_unload").instant();
+    zandor::resolve(getAllEventPoints)();
+    plugin.unload();
+    EXPECT_EQ(matrix::liveArrayCount(), before);
+}
+
+}  // namespace
