@@ -8,7 +8,6 @@
 
 namespace vantrace {
 
-using instrument::ContextEntry;
 using instrument::ContextSet;
 using instrument::controls;
 
