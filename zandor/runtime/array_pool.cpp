@@ -11,26 +11,13 @@
 
 #include "zandor/runtime/fork_locks.hpp"
 #include "zandor/runtime/per_thread.hpp"
-
-#if defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define ZANDOR_PLAIN_MALLOC 1
-#endif
-#endif
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define ZANDOR_PLAIN_MALLOC 1
-#endif
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace matrix::detail {
 
 namespace {
 
-#ifdef ZANDOR_PLAIN_MALLOC
-constexpr bool usePools = false;
-#else
-constexpr bool usePools = true;
-#endif
-
+constexpr bool usePools = !ZANDOR_SANITIZED;
 constexpr std::size_t granule = 16;
 constexpr std::uint32_t classCount = 32;  ///< class c holds blocks of (c + 1) granules
 constexpr std::uint32_t fromMalloc = classCount;
