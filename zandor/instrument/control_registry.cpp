@@ -7,6 +7,7 @@
 
 #include "blocks.hpp"
 #include "control_rules.hpp"
+#include "listener_array.hpp"
 #include "names.hpp"
 #include "process_state.hpp"
 #include "text_table.hpp"
@@ -172,6 +173,8 @@ void enterProcess() noexcept {
     const Locked locked(state.controls);
     controls.allEnabled.store(mode().all, std::memory_order_relaxed);
     forEachElement(derive);
+    listeners.anyListenerActive.store(listenersInForce.load(std::memory_order_relaxed) != nullptr,
+                                      std::memory_order_relaxed);
 }
 
 }  // namespace detail

@@ -39,6 +39,7 @@ struct ProcessState {
 
     Lock sources;
     std::atomic<SourceInfo*> externalSources[externalBuckets]{};
+    SourceInfo* retiredSources = nullptr;
 
     Lock texts;
     Lock clock;

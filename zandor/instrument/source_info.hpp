@@ -64,6 +64,8 @@ class SourcePtr {
 };
 
 /// A new source with one reference, which the caller owns; null when the system gives no memory.
+SourceInfo* makeSource() noexcept;
+/// The same for the calling thread.
 SourceInfo* makeThreadSource(const InternedText* givenName) noexcept;
 /// Marks the calling thread's source as ended and keeps the kernel's name for it.
 void endThreadSource(SourceInfo& info) noexcept;

@@ -91,7 +91,7 @@ ThreadState* ThreadState::make() noexcept {
         SourcePtr::release(info);
         return nullptr;
     }
-    state->source = {info, 0};
+    state->source = {info, info->id, 0};
     state->owner.store(&threadLocals, std::memory_order_relaxed);
     threadLocals.state = state;
     pthread_setspecific(threadEndKey(), state);
@@ -111,7 +111,7 @@ ThreadSource* ThreadState::taggedSource(std::uint64_t tag) noexcept {
             freeBlock(memory, sizeof(TaggedSource));
         return nullptr;
     }
-    tagged = ::new (memory) TaggedSource{tag, {info, 0}, tagged};
+    tagged = ::new (memory) TaggedSource{tag, {info, info->id, 0}, tagged};
     return &tagged->source;
 }
 

@@ -48,6 +48,7 @@ struct RecorderSlot {
 /// A source and its latest serial id.
 struct ThreadSource {
     SourceInfo* info;
+    std::uint64_t id;  ///< the info's, near at hand
     std::uint64_t serial;
 };
 
@@ -75,9 +76,9 @@ struct alignas(64) ThreadState {
     /// Odd while the thread is inside a ReadSection.
     std::atomic<std::uint64_t> readSections;
     ThreadSource source;
-    TaggedSource* tagged;
 
     std::array<RecorderSlot, recorderSlots> recorders;
+    TaggedSource* tagged;
     TextCache texts;
 
     /// Rounds of thread-specific destructors since the thread began to end.

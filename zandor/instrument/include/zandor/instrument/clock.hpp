@@ -1,9 +1,9 @@
 // Time: raw ticks on the hot path, nanoseconds of the monotonic clock when read.
 //
-// Where the kernel itself keeps time by the processor's time-stamp counter, ticks are that counter's, and
-// a reading is converted by interpolation between pairs of (counter, monotonic clock). Elsewhere ticks are
-// nanoseconds of the monotonic clock already. A conversion first takes a pair when its ticks lie beyond
-// the last one, so a tick's time never changes. From any thread.
+// Where the kernel itself keeps time by the processor's time-stamp counter, ticks are that
+// counter's, and a reading is converted by interpolation between pairs of (counter, monotonic
+// clock). Elsewhere ticks are nanoseconds of the monotonic clock already. A conversion first takes
+// a pair when its ticks lie beyond the last one, so a tick's time never changes. From any thread.
 #pragma once
 
 #include <cstdint>

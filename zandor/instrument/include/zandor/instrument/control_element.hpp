@@ -20,7 +20,8 @@ namespace instrument {
 
 struct ContextEntry;
 struct ContextEntryLessByName;
-/// Context entries with distinct names, ordered by name. Include <zandor/instrument/context.hpp> to use it.
+/// Context entries with distinct names, ordered by name. Include <zandor/instrument/context.hpp> to
+/// use it.
 using ContextSet = boost::container::flat_set<ContextEntry, ContextEntryLessByName, void>;
 
 /// The verdict of an instrument's context rules.

@@ -1,9 +1,9 @@
 // Switching instruments on and off, as a whole and by context entry.
 //
-// Each name, registered or only mentioned, has its own state: a switch, at first off, and rules; every
-// individual call changes it. While the enable-all flag is up it has a second state, which holds
-// only the individual calls made since the last enableAll(true), and that state is in force: its
-// switch (on when no call set it) and its rules. With the flag down the own state is in force.
+// Each name, registered or only mentioned, has its own state: a switch, at first off, and rules;
+// every individual call changes it. While the enable-all flag is up it has a second state, which
+// holds only the individual calls made since the last enableAll(true), and that state is in force:
+// its switch (on when no call set it) and its rules. With the flag down the own state is in force.
 //
 // Among the rules that match an event, off wins; a newer rule for an entry replaces an older one.
 // Switching may lock; asking never does. From any thread.
@@ -45,8 +45,8 @@ class ZANDOR_INSTRUMENT_API Controls {
     void disable(std::string_view name);
     void disable(std::string_view name, const ContextEntry& entry);
 
-    /// true: raises the flag and forgets the individual calls made since an earlier one. false: lowers
-    /// it and forgets them; every name is as its own state says.
+    /// true: raises the flag and forgets the individual calls made since an earlier one. false:
+    /// lowers it and forgets them; every name is as its own state says.
     void enableAll(bool on);
     /// Lowers the flag and resets every name to off without rules.
     void disableAll();

@@ -1,4 +1,5 @@
-// What listeners are told about one edge (start, stop or instant) of an event besides its instrument and id.
+// What listeners are told about one edge (start, stop or instant) of an event besides its
+// instrument and id.
 #pragma once
 
 #include <cstdint>
@@ -11,7 +12,10 @@
 
 namespace instrument {
 
-class SourceRef;
+namespace detail {
+struct EventContextAccess;
+struct SourceInfo;
+}  // namespace detail
 
 /// Made once an edge on the stack of the thread that delivers it, shared by all listeners, and gone
 /// when the last has returned: keep nothing of it.
@@ -20,31 +24,44 @@ class ZANDOR_INSTRUMENT_API EventContext {
     EventContext(const EventContext&) = delete;
     EventContext& operator=(const EventContext&) = delete;
 
-    /// When it happened, in nanoseconds of the monotonic clock. The clock is read on the first demand.
+    /// When it happened, in nanoseconds of the monotonic clock: the time given with the event, or
+    /// else that of ticks().
     std::int64_t time() const;
-    /// The same in ticks of the raw clock, to be converted when read (see clock.hpp).
+    /// The delivery's instant in ticks of the raw clock, to be converted when read (see clock.hpp).
+    /// The clock is read on the first demand.
     std::uint64_t ticks() const;
 
-    /// The delivering thread's source; its name and id.
+    /// Who produced it: the delivering thread, or for an event whose time was given the source of
+    /// its id. The name stays for the life of the process.
     std::uint64_t sourceId() const noexcept;
     std::string_view sourceName() const;
+    /// The library's own view of the source.
+    detail::SourceInfo* source() const noexcept { return source_; }
 
     bool empty() const noexcept { return set_ ? set_->empty() : args_.empty(); }
     /// The context as it was given, where it was given as arguments; else empty.
     ContextArgs args() const noexcept { return args_; }
+    /// Whether the texts of args() stay for the life of the process, because the library copied
+    /// them.
+    bool argsAreKept() const noexcept { return argsAreKept_; }
     /// The context as a set, made on the first demand.
     const ContextSet& set() const;
 
   private:
-    friend class Delivery;
-    friend class InstrumentRecorder;
-    explicit EventContext(const ContextSet* set, ContextArgs args, const SourceRef* source) noexcept
-        : set_(set), args_(args), source_(source) {}
+    friend struct detail::EventContextAccess;
+    EventContext(const ContextSet* set, ContextArgs args, bool argsAreKept,
+                 detail::SourceInfo* source) noexcept
+        : set_(set), args_(args), source_(source), argsAreKept_(argsAreKept) {}
+    EventContext(const ContextSet* set, detail::SourceInfo* source, std::int64_t time) noexcept
+        : set_(set), source_(source), time_(time), timeIsGiven_(true) {}
 
     mutable const ContextSet* set_;
     ContextArgs args_;
-    const SourceRef* source_;
+    detail::SourceInfo* source_;
     mutable std::uint64_t ticks_ = 0;
+    std::int64_t time_ = 0;
+    bool argsAreKept_ = false;
+    bool timeIsGiven_ = false;
     mutable std::optional<ContextSet> made_;
 };
 

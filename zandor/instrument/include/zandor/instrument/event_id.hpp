@@ -7,8 +7,8 @@
 
 namespace instrument {
 
-/// Who produced an event (unique in the process, never reused) and its number there (from 1). Source 0
-/// is reserved for identities that no listener saw.
+/// Who produced an event (unique in the process, never reused) and its number there (from 1).
+/// Source 0 is reserved for identities that no listener saw.
 struct EventId {
     std::uint64_t sourceId = 0;
     std::uint64_t serialId = 0;

@@ -35,10 +35,11 @@ ZANDOR_INSTRUMENT_API void writeTraceEventJson(const InstrumentRecorder& recorde
                                                std::chrono::nanoseconds minimumDuration,
                                                TextSink& sink);
 ZANDOR_INSTRUMENT_API std::string getAllCompleteEventsTraceEventJson(
-    const InstrumentRecorder& recorder, TimeSystem timeSystem, std::chrono::nanoseconds minimumDuration);
+    const InstrumentRecorder& recorder, TimeSystem timeSystem,
+    std::chrono::nanoseconds minimumDuration);
 
-/// One line a distinct stack: the thread's name and the nested events' names, joined by ';', a space, and
-/// the self time in nanoseconds (at least 1). Sorted. Without line ends.
+/// One line a distinct stack: the thread's name and the nested events' names, joined by ';', a
+/// space, and the self time in nanoseconds (at least 1). Sorted. Without line ends.
 ZANDOR_INSTRUMENT_API std::vector<std::string> getAllEventsCollapsedStacks(
     const InstrumentRecorder& recorder);
 

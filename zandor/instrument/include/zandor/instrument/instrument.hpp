@@ -2,20 +2,20 @@
 //
 //   static const instrument::Instrument solve{"solve"};
 //   { instrument::Scope scope{solve}; /* timed */ }
-//   { instrument::Scope scope{solve, {{"n", n}, {"method", "cg"}}}; }   // numbers and views as they are
+//   { instrument::Scope scope{solve, {{"n", n}, {"method", "cg"}}}; }  // numbers as they are
 //   solve.instant();
-//   auto event = solve.start(); solve.stop(event);       // the stop may come from another thread
+//   auto event = solve.start(); solve.stop(event);  // the stop may come from another thread
 //   instrument::setThreadName("io");
 //
-//   your code -> Instrument, Scope -> (flags, inline) -> listeners -> recorder, counter, profiler, ...
+//   your code -> Instrument, Scope -> (flags, inline) -> listeners -> recorder, counter, ...
 //
 // While nobody listens, or the instrument is off, a scope costs two relaxed loads and predicted
 // branches: nothing is formatted, copied or allocated. The macro forms at the end also skip
 // evaluating the arguments, and compile to nothing where ZANDOR_INSTRUMENT_DISABLED is defined.
 //
-// All of it may be used from any thread, from static constructors, from exit handlers and from signal
-// handlers. A listener's exception reaches the code that produced the event, but for a Scope's
-// destructor, which swallows it.
+// All of it may be used from any thread, from static constructors, from exit handlers and from
+// signal handlers. A listener's exception reaches the code that produced the event, but for a
+// Scope's destructor, which swallows it.
 #pragma once
 
 #include <concepts>
@@ -33,14 +33,20 @@
 
 namespace instrument {
 
+namespace detail {
+template <typename T>
+concept TextLike = std::convertible_to<const T&, std::string_view>;
+template <typename T>
+concept UnsignedNumber = std::unsigned_integral<T> && !std::same_as<T, bool>;
+}  // namespace detail
+
 /// A context value as it was given; numbers become text only when somebody reads them.
 class ContextValue {
   public:
     enum class Kind : std::uint8_t { text, signedInteger, unsignedInteger, real, logical };
 
     constexpr ContextValue() noexcept : kind_(Kind::text), length_(0), text_("") {}
-    template <typename Text>
-        requires std::convertible_to<const Text&, std::string_view>
+    template <detail::TextLike Text>
     constexpr ContextValue(const Text& text) noexcept : kind_(Kind::text), length_(0), text_("") {
         const std::string_view view(text);
         text_ = view.data();
@@ -52,8 +58,7 @@ class ContextValue {
     template <std::signed_integral Integer>
     constexpr ContextValue(Integer value) noexcept
         : kind_(Kind::signedInteger), length_(0), signed_(value) {}
-    template <std::unsigned_integral Integer>
-        requires(!std::same_as<Integer, bool>)
+    template <detail::UnsignedNumber Integer>
     constexpr ContextValue(Integer value) noexcept
         : kind_(Kind::unsignedInteger), length_(0), unsigned_(value) {}
     template <std::floating_point Real>
@@ -150,7 +155,8 @@ class KeptContext {
 };
 
 /// Decides on the context rules and delivers. Gives a reserved identity when it did not.
-ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept);
+ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle, ContextArgs context,
+                                        KeptContext& kept);
 ZANDOR_INSTRUMENT_API void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id);
 
 }  // namespace detail
@@ -191,10 +197,14 @@ class Scope {
     ZANDOR_INSTRUMENT_API void open(const Opaque* handle, ContextArgs context);
     ZANDOR_INSTRUMENT_API void close() noexcept;
 
+    struct Open {
+        EventId id;
+        detail::KeptContext context;
+    };
+
     const Opaque* handle_ = nullptr;  // set while an event is open
-    EventId id_;
     union {
-        detail::KeptContext context_;  // alive while an event is open
+        Open open_;  // written by `open` only, its context alive while an event is open
     };
 };
 
@@ -245,7 +255,7 @@ class LazyInstrument {
 }  // namespace detail
 }  // namespace instrument
 
-// ZANDOR_SCOPE("solve");  ZANDOR_SCOPE("solve", {"n", n}, {"method", "cg"});  ZANDOR_INSTANT("hit");
+// ZANDOR_SCOPE("solve");  ZANDOR_SCOPE("solve", {"n", n}, {"method", "cg"}); ZANDOR_INSTANT("hit");
 // The name is a string literal.
 #define ZANDOR_INSTRUMENT_JOIN2(a, b) a##b
 #define ZANDOR_INSTRUMENT_JOIN(a, b) ZANDOR_INSTRUMENT_JOIN2(a, b)
@@ -253,19 +263,19 @@ class LazyInstrument {
 #define ZANDOR_SCOPE(name, ...) static_assert(true)
 #define ZANDOR_INSTANT(name, ...) static_cast<void>(0)
 #else
-#define ZANDOR_SCOPE(name, ...)                                                                       \
-    static constinit ::instrument::detail::LazyInstrument ZANDOR_INSTRUMENT_JOIN(zandorInstrument,    \
-                                                                                 __LINE__){name};     \
-    const ::instrument::Scope ZANDOR_INSTRUMENT_JOIN(zandorScope, __LINE__) =                         \
-        ::instrument::listeners.anyActive() &&                                                        \
-                ZANDOR_INSTRUMENT_JOIN(zandorInstrument, __LINE__).get().mayBeOn()                    \
-            ? ::instrument::Scope(ZANDOR_INSTRUMENT_JOIN(zandorInstrument, __LINE__)                  \
-                                      .get() __VA_OPT__(, {__VA_ARGS__}))                             \
+#define ZANDOR_SCOPE(name, ...)                                                                    \
+    static constinit ::instrument::detail::LazyInstrument ZANDOR_INSTRUMENT_JOIN(zandorInstrument, \
+                                                                                 __LINE__){name};  \
+    const ::instrument::Scope ZANDOR_INSTRUMENT_JOIN(zandorScope, __LINE__) =                      \
+        ::instrument::listeners.anyActive() &&                                                     \
+                ZANDOR_INSTRUMENT_JOIN(zandorInstrument, __LINE__).get().mayBeOn()                 \
+            ? ::instrument::Scope(ZANDOR_INSTRUMENT_JOIN(zandorInstrument, __LINE__)               \
+                                      .get() __VA_OPT__(, {__VA_ARGS__}))                          \
             : ::instrument::Scope()
-#define ZANDOR_INSTANT(name, ...)                                                                     \
-    do {                                                                                              \
-        static constinit ::instrument::detail::LazyInstrument zandorInstrument{name};                 \
-        if (::instrument::listeners.anyActive() && zandorInstrument.get().mayBeOn())                  \
-            zandorInstrument.get().instant(__VA_OPT__({__VA_ARGS__}));                                \
+#define ZANDOR_INSTANT(name, ...)                                                     \
+    do {                                                                              \
+        static constinit ::instrument::detail::LazyInstrument zandorInstrument{name}; \
+        if (::instrument::listeners.anyActive() && zandorInstrument.get().mayBeOn())  \
+            zandorInstrument.get().instant(__VA_OPT__({__VA_ARGS__}));                \
     } while (false)
 #endif

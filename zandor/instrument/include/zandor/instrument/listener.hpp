@@ -10,10 +10,10 @@
 
 namespace instrument {
 
-/// Register with listeners.add. The operations are called on the threads that produce events, several
-/// at once; `instrument` is the handle, whose first member points to the name. The destructor of a
-/// derived class must have the object out of `listeners` before it destroys any part of it.
-/// The order of the operations is binary interface.
+/// Register with listeners.add. The operations are called on the threads that produce events,
+/// several at once; `instrument` is the handle, whose first member points to the name. The
+/// destructor of a derived class must have the object out of `listeners` before it destroys any
+/// part of it. The order of the operations is binary interface.
 class ZANDOR_INSTRUMENT_API InstrumentListener {
   public:
     InstrumentListener() noexcept;

@@ -37,8 +37,8 @@ class ZANDOR_INSTRUMENT_API Listeners {
 
     /// Registers a listener behind those already there; does nothing for one that is there.
     void add(InstrumentListener& listener);
-    /// Takes a listener out; does nothing for one that is not there. Outside any callback it returns
-    /// when no other thread is inside that listener, which may then be destroyed. Inside a
+    /// Takes a listener out; does nothing for one that is not there. Outside any callback it
+    /// returns when no other thread is inside that listener, which may then be destroyed. Inside a
     /// callback it does not wait, and promises only that no new call begins.
     void remove(InstrumentListener& listener);
     bool has(const InstrumentListener& listener) const;
@@ -60,7 +60,8 @@ class ZANDOR_INSTRUMENT_API Listeners {
     // already; their source id is one that addExternalSource gave.
     void onEventStartAt(const Opaque* handle, ContextSet&& context, EventId id, std::int64_t time);
     void onEventStopAt(const Opaque* handle, ContextSet&& context, EventId id, std::int64_t time);
-    void onEventInstantAt(const Opaque* handle, ContextSet&& context, EventId id, std::int64_t time);
+    void onEventInstantAt(const Opaque* handle, ContextSet&& context, EventId id,
+                          std::int64_t time);
 
     // The same for context that is given as arguments, taken as they are.
     EventId onEventStart(const Opaque* handle, std::span<const ContextArg> context);

@@ -5,10 +5,10 @@
 //   ...
 //   for (const auto& event : recorder.getAllEvents()) use(event.name, event.duration());
 //
-// Events go into chunks of the thread that produces them, without locks. A query takes a snapshot: of
-// each thread a prefix of what it wrote, and no stop whose start is missing. Queries may run while
-// events come in, from any thread. The recorder is bounded in memory; what it had to drop is counted.
-// In a child after fork it is registered still, and empty.
+// Events go into chunks of the thread that produces them, without locks. A query takes a snapshot:
+// of each thread a prefix of what it wrote, and no stop whose start is missing. Queries may run
+// while events come in, from any thread. The recorder is bounded in memory; what it had to drop is
+// counted. In a child after fork it is registered still, and empty.
 #pragma once
 
 #include <cstddef>
@@ -39,10 +39,10 @@ struct RecorderLimits {
 
 /// Events that were dropped, by cause.
 struct RecorderDrops {
-    std::uint64_t refused = 0;   ///< the bound was reached and the recorder keeps the first
-    std::uint64_t oldest = 0;    ///< went with their chunk, keeping the last
-    std::uint64_t shortest = 0;  ///< were shorter than minimumDuration, keeping the longest
-    std::uint64_t failed = 0;    ///< the system gave no memory
+    std::uint64_t refused = 0;         ///< the bound was reached and the recorder keeps the first
+    std::uint64_t oldest = 0;          ///< went with their chunk, keeping the last
+    std::uint64_t shortest = 0;        ///< were shorter than minimumDuration, keeping the longest
+    std::uint64_t failed = 0;          ///< the system gave no memory
     std::int64_t minimumDuration = 0;  ///< nanoseconds; what `shortest` was measured by at last
     std::uint64_t total() const noexcept { return refused + oldest + shortest + failed; }
 };
@@ -101,12 +101,13 @@ class ZANDOR_INSTRUMENT_API InstrumentRecorder : public InstrumentListener {
     // Single points, ordered by time, source, and order in the source.
     std::vector<EventPoint> getAllEventPoints() const;
     std::vector<EventPoint> getEventPoints(std::string_view name) const;
-    std::vector<EventPoint> getEventPointsForContext(std::string_view name,
-                                                     const std::vector<ContextEntry>& entries) const;
+    std::vector<EventPoint> getEventPointsForContext(
+        std::string_view name, const std::vector<ContextEntry>& entries) const;
 
-    // Count and total of complete events, ordered by name, then context. By context: one record a name
-    // and whole context; by context entry: one a name and single entry (an event of three entries is in
-    // three groups, one of none in none). A name that no event has gives the single-record queries zeros.
+    // Count and total of complete events, ordered by name, then context. By context: one record a
+    // name and whole context; by context entry: one a name and single entry (an event of three
+    // entries is in three groups, one of none in none). A name that no event has gives the
+    // single-record queries zeros.
     std::vector<EventStats> getAllEventStats() const;
     std::vector<EventStats> getAllEventStatsByContext() const;
     std::vector<EventStats> getAllEventStatsByContextEntry() const;

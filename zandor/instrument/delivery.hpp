@@ -1,0 +1,88 @@
+// Delivering one edge of an event to every listener.
+#pragma once
+
+#include <cxxabi.h>
+
+#include <exception>
+
+#include "event_context_access.hpp"
+#include "listener_array.hpp"
+#include "process_state.hpp"
+
+namespace instrument::detail {
+
+/// The calling thread's mark that it delivers an event. It has no state when there is already such
+/// a mark, or when the thread can have none: then the event is counted as suppressed.
+class Inside {
+  public:
+    Inside() noexcept : state_(ThreadState::ofThisThread()) {
+        // Only signal handlers of this thread look, so the compiler's order is enough.
+        if (!state_ || state_->inside.load(std::memory_order_relaxed)) [[unlikely]] {
+            countSuppressed();
+            state_ = nullptr;
+            return;
+        }
+        state_->inside.store(true, std::memory_order_relaxed);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+    }
+    ~Inside() {
+        if (!state_ || hasForked())
+            return;
+        // Release pairs with the acquire of those who wait for the listener, or free the array.
+        state_->calling.store(nullptr, std::memory_order_release);
+        state_->snapshot.store(nullptr, std::memory_order_release);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        state_->inside.store(false, std::memory_order_relaxed);
+    }
+    Inside(const Inside&) = delete;
+    Inside& operator=(const Inside&) = delete;
+
+    explicit operator bool() const noexcept { return state_ != nullptr; }
+    ThreadState& state() const noexcept { return *state_; }
+    /// Whether a listener forked and this is the child: the state is not this thread's any more.
+    bool hasForked() const noexcept {
+        return state_->owner.load(std::memory_order_relaxed) != &threadLocals;
+    }
+
+    static void countSuppressed() noexcept {
+        processState().suppressedEvents.fetch_add(1, std::memory_order_relaxed);
+    }
+
+  private:
+    ThreadState* state_;
+};
+
+/// Calls one operation of every listener. Those after one that throws still hear the event; then
+/// the first exception goes on.
+template <auto operation, class... Time>
+void callListeners(const Inside& inside, const Opaque* handle, const EventContext& context,
+                   EventId id, Time... time) {
+    ThreadState& state = inside.state();
+    const ListenerArray* array = protectListeners(state);
+    if (!array)
+        return;
+    std::exception_ptr first;
+    for (const Registration* registration : *array) {
+        InstrumentListener& listener = *registration->listener;
+        // Release pairs with the acquire of those who wait for the listener before.
+        state.calling.store(&listener, std::memory_order_release);
+        // Pairs with the heavy fence after a removal: one of the two sees the other.
+        lightFence();
+        if (registration->removed.load(std::memory_order_acquire)) [[unlikely]]
+            continue;
+        try {
+            (listener.*operation)(handle, context, id, time...);
+        } catch (const abi::__forced_unwind&) {
+            throw;  // the thread is cancelled
+        } catch (...) {
+            if (!first)
+                first = std::current_exception();
+        }
+        if (inside.hasForked()) [[unlikely]]
+            break;
+    }
+    if (first) [[unlikely]]
+        std::rethrow_exception(first);
+}
+
+}  // namespace instrument::detail

@@ -1,0 +1,56 @@
+// The registered listeners as delivery sees them: an array that is never changed, only replaced.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "thread_state.hpp"
+#include "zandor/instrument/listener.hpp"
+
+namespace instrument::detail {
+
+/// A listener's stay among the registered ones. Shared by the arrays that hold it.
+struct Registration {
+    InstrumentListener* listener;
+    std::uint32_t arrays;       ///< that hold it; under the listeners' lock
+    std::atomic<bool> removed;  ///< no new call may begin
+};
+
+/// In order of registration; the pointers follow the head.
+struct ListenerArray {
+    std::uint32_t count;
+    ListenerArray* nextRetired;
+
+    Registration* const* begin() const noexcept {
+        return reinterpret_cast<Registration* const*>(this + 1);
+    }
+    Registration* const* end() const noexcept { return begin() + count; }
+};
+
+/// Null when nobody is registered.
+extern constinit std::atomic<ListenerArray*> listenersInForce;
+
+/// The listeners, which stay until the thread's `snapshot` is reset. Null when there are none.
+inline const ListenerArray* protectListeners(ThreadState& state) noexcept {
+    const ListenerArray* array = listenersInForce.load(std::memory_order_relaxed);
+    for (;;) {
+        // Release pairs with the acquire in freeRetiredListeners: what was read of an older array
+        // was read before it is freed.
+        state.snapshot.store(array, std::memory_order_release);
+        // Pairs with the heavy fence in freeRetiredListeners.
+        lightFence();
+        // Acquire pairs with the release that published the array.
+        const ListenerArray* now = listenersInForce.load(std::memory_order_acquire);
+        if (now == array) [[likely]]
+            return array;
+        array = now;
+    }
+}
+
+/// Listeners::add and what remove does at once. To be called with the listeners' lock held; adding
+/// throws std::bad_alloc, taking out never fails.
+void registerListener(InstrumentListener& listener);
+void unregisterListener(InstrumentListener& listener) noexcept;
+Registration* findRegistration(const InstrumentListener& listener) noexcept;
+
+}  // namespace instrument::detail

@@ -1,0 +1,137 @@
+#include "zandor/instrument/listeners.hpp"
+
+#include "control_registry.hpp"
+#include "delivery.hpp"
+#include "unloading.hpp"
+#include "zandor/instrument/instrument.hpp"
+
+namespace instrument {
+
+using namespace detail;
+
+namespace {
+
+EventContext makeContext(const ContextSet& context, SourceInfo* source) noexcept {
+    return EventContextAccess::ofSet(context, source);
+}
+
+EventContext makeContext(ContextArgs context, SourceInfo* source) noexcept {
+    return EventContextAccess::ofArgs(context, false, source);
+}
+
+/// Delivers an edge that takes a new identity.
+template <auto operation, class Context>
+EventId deliverNew(const Opaque* handle, const Context& given, std::optional<std::uint64_t> tag) {
+    const Inside inside;
+    ThreadSource* source = inside ? inside.state().sourceFor(tag) : nullptr;
+    if (!source)
+        return suppressedEventId;
+    const EventContext context = makeContext(given, source->info);
+    const EventId id{source->id, ++source->serial};
+    callListeners<operation>(inside, handle, context, id);
+    return id;
+}
+
+template <class Context>
+void deliverStop(const Opaque* handle, const Context& given, EventId id,
+                 std::optional<std::uint64_t> tag) {
+    const Inside inside;
+    if (const ThreadSource* source = inside ? inside.state().sourceFor(tag) : nullptr)
+        callListeners<&InstrumentListener::onStop>(inside, handle, makeContext(given, source->info),
+                                                   id);
+}
+
+template <auto operation>
+void deliverAt(const Opaque* handle, const ContextSet& given, EventId id, std::int64_t time) {
+    const Inside inside;
+    if (!inside)
+        return;
+    if (const SourcePtr source = externalSource(id.sourceId))
+        callListeners<operation>(inside, handle,
+                                 EventContextAccess::timed(given, source.get(), time), id, time);
+    else
+        Inside::countSuppressed();
+}
+
+}  // namespace
+
+constinit Listeners listeners;
+
+InstrumentListener::InstrumentListener() noexcept = default;
+
+InstrumentListener::~InstrumentListener() = default;
+
+void Listeners::add(InstrumentListener& listener) {
+    enterProcess();
+    observeUnloading();
+    const Locked locked(processState().listeners);
+    if (!findRegistration(listener))
+        registerListener(listener);
+}
+
+void Listeners::remove(InstrumentListener& listener) {
+    {
+        const Locked locked(processState().listeners);
+        unregisterListener(listener);
+    }
+    // Even where it was not there: another thread may be inside since a removal that did not wait.
+    if (!isInsideListener())
+        drain(listener);
+}
+
+bool Listeners::has(const InstrumentListener& listener) const {
+    const Locked locked(processState().listeners);
+    return findRegistration(listener) != nullptr;
+}
+
+void Listeners::drain(const InstrumentListener& listener) const {
+    waitUntilNobodyIsInside(listener);
+}
+
+std::uint64_t Listeners::suppressedEvents() const noexcept {
+    return processState().suppressedEvents.load(std::memory_order_relaxed);
+}
+
+EventId Listeners::onEventStart(const Opaque* handle, ContextSet&& context,
+                                std::optional<std::uint64_t> tag) {
+    return deliverNew<&InstrumentListener::onStart>(handle, context, tag);
+}
+
+void Listeners::onEventStop(const Opaque* handle, ContextSet&& context, EventId id,
+                            std::optional<std::uint64_t> tag) {
+    deliverStop(handle, context, id, tag);
+}
+
+void Listeners::onEventInstant(const Opaque* handle, ContextSet&& context,
+                               std::optional<std::uint64_t> tag) {
+    deliverNew<&InstrumentListener::onInstant>(handle, context, tag);
+}
+
+void Listeners::onEventStartAt(const Opaque* handle, ContextSet&& context, EventId id,
+                               std::int64_t time) {
+    deliverAt<&InstrumentListener::onStartAt>(handle, context, id, time);
+}
+
+void Listeners::onEventStopAt(const Opaque* handle, ContextSet&& context, EventId id,
+                              std::int64_t time) {
+    deliverAt<&InstrumentListener::onStopAt>(handle, context, id, time);
+}
+
+void Listeners::onEventInstantAt(const Opaque* handle, ContextSet&& context, EventId id,
+                                 std::int64_t time) {
+    deliverAt<&InstrumentListener::onInstantAt>(handle, context, id, time);
+}
+
+EventId Listeners::onEventStart(const Opaque* handle, ContextArgs context) {
+    return deliverNew<&InstrumentListener::onStart>(handle, context, std::nullopt);
+}
+
+void Listeners::onEventStop(const Opaque* handle, ContextArgs context, EventId id) {
+    deliverStop(handle, context, id, std::nullopt);
+}
+
+EventId Listeners::onEventInstant(const Opaque* handle, ContextArgs context) {
+    return deliverNew<&InstrumentListener::onInstant>(handle, context, std::nullopt);
+}
+
+}  // namespace instrument
