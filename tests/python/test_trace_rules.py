@@ -145,6 +145,10 @@ def test_a_good_trace_has_no_violation(text):
     assert check_trace(text) == []
 
 
+def test_arguments_may_have_exponents():
+    assert check_trace(GOOD.replace('"n":"3"', '"n":1e-06')) == []
+
+
 def test_a_good_trace_in_utc_has_no_violation():
     assert check_trace(GOOD_UTC, utc=True) == []
 

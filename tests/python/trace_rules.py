@@ -83,12 +83,11 @@ def _loads(text):
             raise ValueError(f"an object has the member {twice[0]!r} twice")
         return dict(pairs)
 
-    def decimal(digits):
-        if "e" in digits.lower():
-            raise ValueError(f"{digits} has an exponent")
-        return Decimal(digits)
+    def real(digits):
+        # With an exponent, which only an argument may have, the decimals do not tell the precision.
+        return float(digits) if "e" in digits.lower() else Decimal(digits)
 
-    return json.loads(text, parse_float=decimal, parse_constant=refuse, object_pairs_hook=members)
+    return json.loads(text, parse_float=real, parse_constant=refuse, object_pairs_hook=members)
 
 
 def _parse(text, violations):
@@ -168,7 +167,10 @@ def _has_its_shape(event, violations):
     faults += [
         f"{name} is {event[name]!r}, not a number"
         for name in ("ts", "dur")
-        if name in event and type(event[name]) not in (int, Decimal)
+        if name in event and type(event[name]) not in (int, float, Decimal)
+    ]
+    faults += [
+        f"{name} has an exponent" for name in ("ts", "dur") if type(event.get(name)) is float
     ]
     if "args" in event and not (isinstance(event["args"], dict) and event["args"]):
         faults.append("has args with nothing in them")
