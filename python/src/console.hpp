@@ -1,0 +1,10 @@
+// The host's console output goes to Python's sys.stdout.
+#pragma once
+
+namespace vantrace {
+
+/// Has the host's texts written to sys.stdout as it stands at that moment, and to file descriptor 1
+/// once the interpreter is gone.
+void installConsoleSink() noexcept;
+
+}  // namespace vantrace

@@ -1,0 +1,180 @@
+#include "event_function.hpp"
+
+#include <structmember.h>
+
+#include <cstddef>
+#include <optional>
+
+#include "errors.hpp"
+#include "event.hpp"
+#include "open_event.hpp"
+
+namespace vantrace {
+
+using instrument::ContextArgs;
+using instrument::EventId;
+
+namespace {
+
+struct EventFunctionObject {
+    PyObject_HEAD vectorcallfunc call;
+    PyObject* event;
+    PyObject* function;
+    PyObject* attributes;  ///< __dict__
+    PyObject* weakReferences;
+};
+
+// Immortal, as the module is.
+PyObject* functionType = nullptr;
+
+EventFunctionObject& functionOf(PyObject* self) noexcept {
+    return *reinterpret_cast<EventFunctionObject*>(self);
+}
+
+/// Ends the event. Gives null, and drops the result, where a listener threw and the function did
+/// not.
+PyObject* finish(const EventParts& event, ContextArgs context, EventId id, PyObject* result) {
+    if (result) {
+        const int status = guardedStatus([&] { stopEvent(event.instrument, context, id); });
+        if (status < 0)
+            Py_CLEAR(result);
+        return result;
+    }
+    PyObject* type = nullptr;
+    PyObject* value = nullptr;
+    PyObject* traceback = nullptr;
+    PyErr_Fetch(&type, &value, &traceback);
+    guardedStatus([&] { stopEvent(event.instrument, context, id); });
+    PyErr_Restore(type, value, traceback);
+    return nullptr;
+}
+
+PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndFlag,
+               PyObject* names) {
+    const EventFunctionObject& function = functionOf(self);
+    if (!instrument::listeners.anyActive())
+        return PyObject_Vectorcall(function.function, arguments, countAndFlag, names);
+    return guarded([&] {
+        const EventParts event = partsOf(function.event);
+        std::optional<CallContext> given;
+        if (event.names)
+            given.emplace(event.values, event.names);
+        const ContextArgs context = given ? given->args() : ContextArgs{};
+        const EventId id = startEvent(event.instrument, context);
+        PyObject* result = intoPython(
+            [&] { return PyObject_Vectorcall(function.function, arguments, countAndFlag, names); });
+        result = finish(event, context, id, result);
+        if (!result)
+            throw PythonError();
+        return result;
+    });
+}
+
+PyObject* get(PyObject* self, PyObject* instance, PyObject*) {
+    return instance ? PyMethod_New(self, instance) : Py_NewRef(self);
+}
+
+int traverse(PyObject* self, visitproc visit, void* arg) {
+    EventFunctionObject& function = functionOf(self);
+    Py_VISIT(Py_TYPE(self));
+    Py_VISIT(function.event);
+    Py_VISIT(function.function);
+    Py_VISIT(function.attributes);
+    return 0;
+}
+
+int clear(PyObject* self) {
+    EventFunctionObject& function = functionOf(self);
+    Py_CLEAR(function.attributes);
+    return 0;
+}
+
+void deallocate(PyObject* self) {
+    PyTypeObject* type = Py_TYPE(self);
+    EventFunctionObject& function = functionOf(self);
+    PyObject_GC_UnTrack(self);
+    if (function.weakReferences)
+        PyObject_ClearWeakRefs(self);
+    Py_XDECREF(function.event);
+    Py_XDECREF(function.function);
+    Py_XDECREF(function.attributes);
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+PyObject* repr(PyObject* self) {
+    return PyUnicode_FromFormat("<%R of %R>", functionOf(self).event, functionOf(self).function);
+}
+
+/// Pickled and copied by its name, as functions are.
+PyObject* reduce(PyObject* self, PyObject*) {
+    return PyObject_GetAttrString(self, "__qualname__");
+}
+
+PyMethodDef methods[] = {
+    {"__reduce__", reduce, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyMemberDef members[] = {
+    {"__vectorcalloffset__", T_PYSSIZET, offsetof(EventFunctionObject, call), READONLY, nullptr},
+    {"__dictoffset__", T_PYSSIZET, offsetof(EventFunctionObject, attributes), READONLY, nullptr},
+    {"__weaklistoffset__", T_PYSSIZET, offsetof(EventFunctionObject, weakReferences), READONLY,
+     nullptr},
+    {nullptr, 0, 0, 0, nullptr},
+};
+
+PyGetSetDef properties[] = {
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyType_Slot slots[] = {
+    {Py_tp_dealloc, asSlot(deallocate)},
+    {Py_tp_traverse, asSlot(traverse)},
+    {Py_tp_clear, asSlot(clear)},
+    {Py_tp_repr, asSlot(repr)},
+    {Py_tp_call, asSlot(PyVectorcall_Call)},
+    {Py_tp_descr_get, asSlot(get)},
+    {Py_tp_methods, methods},
+    {Py_tp_members, members},
+    {Py_tp_getset, properties},
+    {0, nullptr},
+};
+
+PyType_Spec spec = {"vantrace._core.EventFunction", sizeof(EventFunctionObject), 0,
+                    Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+                        Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                    slots};
+
+}  // namespace
+
+void addEventFunction(PyObject* module) {
+    functionType = Ref::take(PyType_FromSpec(&spec)).release();
+    check(PyModule_AddObjectRef(module, "EventFunction", functionType));
+}
+
+Ref decorate(PyObject* event, PyObject* function) {
+    const Ref module = Ref::take(PyImport_ImportModule("vantrace._decorate"));
+    return Ref::take(PyObject_CallMethod(module.get(), "decorate", "OO", event, function));
+}
+
+PyObject* newEventFunction(PyObject*, PyObject* arguments) {
+    return guarded([&] {
+        PyObject* event = nullptr;
+        PyObject* function = nullptr;
+        if (!PyArg_ParseTuple(arguments, "OO:event_function", &event, &function))
+            throw PythonError();
+        if (!isEvent(event) || !PyCallable_Check(function))
+            raise(PyExc_TypeError, "event_function takes an event and a callable");
+        PyTypeObject* type = asType(functionType);
+        Ref object = Ref::take(type->tp_alloc(type, 0));
+        EventFunctionObject& self = functionOf(object.get());
+        self.call = call;
+        self.event = Py_NewRef(event);
+        self.function = Py_NewRef(function);
+        return object.release();
+    });
+}
+
+}  // namespace vantrace

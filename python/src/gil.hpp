@@ -1,0 +1,53 @@
+// The interpreter's lock: letting go of it, taking it back, and what happens when the interpreter
+// finalizes meanwhile.
+//
+// A thread that comes back to an interpreter which has begun to finalize is ended by unwinding its
+// whole stack. Host frames on it cannot be unwound, and objects must not be released without the
+// lock. So every such unwinding that would pass frames of ours is parked here: the thread waits for
+// the end of the process, holding no lock.
+#pragma once
+
+#include <cxxabi.h>
+
+#include "python_api.hpp"
+
+namespace vantrace {
+
+/// Never returns.
+[[noreturn]] void park() noexcept;
+
+/// Calls into the interpreter where other threads may get its lock.
+template <typename Call>
+auto intoPython(Call call) -> decltype(call()) {
+    try {
+        return call();
+    } catch (abi::__forced_unwind&) {
+        park();
+    }
+}
+
+/// Lets other threads run for as long as it lives.
+class GilRelease {
+  public:
+    GilRelease() noexcept : state_(PyEval_SaveThread()) {}
+    ~GilRelease() {
+        intoPython([this] { PyEval_RestoreThread(state_); });
+    }
+    GilRelease(const GilRelease&) = delete;
+    GilRelease& operator=(const GilRelease&) = delete;
+
+  private:
+    PyThreadState* state_;
+};
+
+/// Runs what may wait for other threads, or take long.
+template <typename Call>
+auto withoutLock(Call call) {
+    const GilRelease others;
+    return call();
+}
+
+/// Whether the interpreter still runs code.
+bool isInterpreterUp() noexcept;
+
+}  // namespace vantrace

@@ -1,0 +1,69 @@
+// The compiled module vantrace._core.
+//
+//   vantrace/*.py -> _core: methods, namespaces and plug-ins   (zandor::runtime, calls by name)
+//                           event, instant, Recorder           (zandor::instrument, its C++
+//                           interface)
+//
+// There is one for the life of the process: what it makes at import is never taken down.
+#include "console.hpp"
+#include "errors.hpp"
+#include "event.hpp"
+#include "event_function.hpp"
+#include "method.hpp"
+#include "plugin.hpp"
+#include "python_api.hpp"
+#include "recorder.hpp"
+#include "struct_array.hpp"
+#include "zandor/instrument/listeners.hpp"
+#include "zandor/runtime/array.hpp"
+
+namespace vantrace {
+
+namespace {
+
+PyObject* liveArrayCount(PyObject*, PyObject*) {
+    return PyLong_FromSize_t(matrix::liveArrayCount());
+}
+
+PyObject* suppressedEvents(PyObject*, PyObject*) {
+    return PyLong_FromUnsignedLongLong(instrument::listeners.suppressedEvents());
+}
+
+PyMethodDef functions[] = {
+    {"instant", asCFunction(emitInstant), METH_FASTCALL | METH_KEYWORDS,
+     "instant(name, /, **context)\n--\n\nAn event without duration."},
+    {"event_function", newEventFunction, METH_VARARGS, "A function whose calls are events."},
+    {"load", loadPlugin, METH_O, "Loads a plug-in."},
+    {"roots", listRoots, METH_NOARGS, "The published root namespaces."},
+    {"find_root", findRootNamespace, METH_O, "The root namespace of a name."},
+    {"resolve", resolveMethod, METH_O, "The method of a full name, private ones too."},
+    {"library_folder", libraryFolder, METH_NOARGS, "Where the host's libraries stand."},
+    {"live_array_count", liveArrayCount, METH_NOARGS, "How many host arrays live now."},
+    {"suppressed_events", suppressedEvents, METH_NOARGS,
+     "How many events were produced inside listeners, where they are not delivered."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyModuleDef definition = {
+    PyModuleDef_HEAD_INIT, "_core", nullptr, -1, functions, nullptr, nullptr, nullptr, nullptr};
+
+PyObject* makeModule() {
+    Ref module = Ref::take(PyModule_Create(&definition));
+    addErrors(module.get());
+    addMethod(module.get());
+    addPlugins(module.get());
+    addStructArray(module.get());
+    addEvents(module.get());
+    addRecorder(module.get());
+    check(PyModule_AddStringConstant(module.get(), "version", VANTRACE_VERSION));
+    installConsoleSink();
+    return module.release();
+}
+
+}  // namespace
+
+}  // namespace vantrace
+
+PyMODINIT_FUNC PyInit__core() {
+    return vantrace::guarded(vantrace::makeModule);
+}

@@ -1,0 +1,31 @@
+// An event between its start and its stop.
+#pragma once
+
+#include <optional>
+
+#include "context.hpp"
+#include "gil.hpp"
+#include "thread_name.hpp"
+#include "zandor/instrument/event_id.hpp"
+#include "zandor/instrument/listeners.hpp"
+
+namespace vantrace {
+
+/// Delivers the start where a listener is active and the instrument is on; the caller has looked at
+/// the first. Listeners' exceptions come out.
+inline instrument::EventId startEvent(const instrument::Opaque* instrument,
+                                      instrument::ContextArgs context) {
+    if (!isOn(instrument, context))
+        return instrument::disabledEventId;
+    nameThread();
+    return instrument::listeners.onEventStart(instrument, context);
+}
+
+/// Delivers the stop when the start was and a listener is active.
+inline void stopEvent(const instrument::Opaque* instrument, instrument::ContextArgs context,
+                      instrument::EventId id) {
+    if (id.sourceId != 0 && instrument::listeners.anyActive())
+        instrument::listeners.onEventStop(instrument, context, id);
+}
+
+}  // namespace vantrace

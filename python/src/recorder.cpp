@@ -1,0 +1,266 @@
+#include "recorder.hpp"
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <iterator>
+#include <memory>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "errors.hpp"
+#include "handle_object.hpp"
+#include "text.hpp"
+#include "thread_name.hpp"
+#include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/exports.hpp"
+#include "zandor/instrument/recorder.hpp"
+
+namespace vantrace {
+
+using instrument::InstrumentRecorder;
+
+namespace {
+
+/// Switches every instrument on for as long as at least one recorder of this file listens. Guarded
+/// by the interpreter's lock, which a fork holds too.
+class SwitchedOn {
+  public:
+    void begin() {
+        if (users_ == 0) {
+            before_ = instrument::controls.wereAllEnabled();
+            // Up already: raising it again would forget what was switched off since.
+            if (!before_)
+                instrument::controls.enableAll(true);
+        }
+        ++users_;
+    }
+    void end() {
+        if (--users_ == 0)
+            instrument::controls.enableAll(before_);
+    }
+
+  private:
+    int users_ = 0;
+    bool before_ = false;
+};
+
+constinit SwitchedOn switchedOn;
+
+struct Recording {
+    std::unique_ptr<InstrumentRecorder> recorder;
+    bool isActive = false;
+};
+
+using RecorderObject = HandleObject<Recording>;
+
+InstrumentRecorder& recorderOf(PyObject* self) {
+    return *RecorderObject::of(self).recorder;
+}
+
+struct KeepName {
+    const char* name;
+    instrument::Keep keep;
+};
+
+constexpr KeepName keepNames[] = {
+    {"first", instrument::Keep::first},
+    {"last", instrument::Keep::last},
+    {"longest", instrument::Keep::longest},
+};
+
+instrument::Keep keepOf(const char* name) {
+    for (const KeepName& known : keepNames) {
+        if (std::string_view(known.name) == name)
+            return known.keep;
+    }
+    raise(PyExc_ValueError, "keep is \"first\", \"last\" or \"longest\", not \"%s\"", name);
+}
+
+PyObject* create(PyTypeObject* type, PyObject* arguments, PyObject* named) {
+    return guarded([&] {
+        static const char* names[] = {"max_bytes", "keep", nullptr};
+        Py_ssize_t maxBytes = 0;
+        const char* keep = "first";
+        if (!PyArg_ParseTupleAndKeywords(arguments, named, "|ns:Recorder",
+                                         const_cast<char**>(names), &maxBytes, &keep))
+            throw PythonError();
+        if (maxBytes < 0)
+            raise(PyExc_ValueError, "max_bytes must not be negative, got %zd", maxBytes);
+        const instrument::RecorderLimits limits{static_cast<std::size_t>(maxBytes), keepOf(keep)};
+        return RecorderObject::make(reinterpret_cast<PyObject*>(type),
+                                    {std::make_unique<InstrumentRecorder>(limits)})
+            .release();
+    });
+}
+
+PyObject* start(PyObject* self, PyObject*) {
+    return guarded([&] {
+        Recording& recording = RecorderObject::of(self);
+        if (recording.isActive)
+            raise(PyExc_RuntimeError, "the recorder is active already");
+        nameThread();
+        switchedOn.begin();
+        instrument::listeners.add(*recording.recorder);
+        recording.isActive = true;
+        Py_INCREF(self);  // a recorder that listens is not to go
+        return Py_NewRef(Py_None);
+    });
+}
+
+PyObject* stop(PyObject* self, PyObject*) {
+    return guarded([&] {
+        Recording& recording = RecorderObject::of(self);
+        if (!recording.isActive)
+            return Py_NewRef(Py_None);
+        recording.isActive = false;
+        switchedOn.end();
+        withoutLock([&] { instrument::listeners.remove(*recording.recorder); });
+        Py_DECREF(self);
+        return Py_NewRef(Py_None);
+    });
+}
+
+PyObject* clear(PyObject* self, PyObject*) {
+    return guarded([&] {
+        withoutLock([&] { recorderOf(self).clearAllEventData(); });
+        return Py_NewRef(Py_None);
+    });
+}
+
+std::filesystem::path pathArgument(PyObject* path) {
+    PyObject* bytes = nullptr;
+    if (!PyUnicode_FSConverter(path, &bytes))
+        throw PythonError();
+    const Ref owner = Ref::steal(bytes);
+    return PyBytes_AS_STRING(bytes);
+}
+
+/// Runs an export without the lock; its errors name the file.
+template <typename Export>
+PyObject* save(PyObject* path, Export exportTo) {
+    return guarded([&] {
+        const std::filesystem::path file = pathArgument(path);
+        try {
+            withoutLock([&] { exportTo(file); });
+        } catch (const std::system_error& error) {
+            throw std::filesystem::filesystem_error(error.what(), file, error.code());
+        }
+        return Py_NewRef(Py_None);
+    });
+}
+
+PyObject* saveJson(PyObject* self, PyObject* path) {
+    return save(path, [&](const std::filesystem::path& file) {
+        instrument::saveTraceEventJson(recorderOf(self), instrument::TimeSystem::monotonic,
+                                       std::chrono::nanoseconds(-1), file);
+    });
+}
+
+PyObject* saveStacks(PyObject* self, PyObject* path) {
+    return save(path, [&](const std::filesystem::path& file) {
+        instrument::saveCollapsedStacks(recorderOf(self), file);
+    });
+}
+
+PyObject* summary(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const auto lines = withoutLock([&] { return instrument::summarize(recorderOf(self)); });
+        Ref list = Ref::take(PyList_New(0));
+        for (const auto& line : lines) {
+            const Ref entry = Ref::take(Py_BuildValue(
+                "(NLLLLL)", strOf(line.name).release(), static_cast<long long>(line.count),
+                static_cast<long long>(line.total), static_cast<long long>(line.self),
+                static_cast<long long>(line.minimum), static_cast<long long>(line.maximum)));
+            check(PyList_Append(list.get(), entry.get()));
+        }
+        return list.release();
+    });
+}
+
+std::set<std::string> threadNames(const InstrumentRecorder& recorder) {
+    std::set<std::string> names;
+    for (const std::string& stack : instrument::getAllEventsCollapsedStacks(recorder))
+        names.insert(stack.substr(0, stack.find(';')));
+    return names;
+}
+
+PyObject* threads(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const auto names = withoutLock([&] { return threadNames(recorderOf(self)); });
+        Ref list = Ref::take(PyList_New(0));
+        for (const std::string& name : names)
+            check(PyList_Append(list.get(), strOf(std::string_view(name)).get()));
+        return list.release();
+    });
+}
+
+PyObject* drops(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const instrument::RecorderDrops counts = recorderOf(self).drops();
+        return Py_BuildValue("{sKsKsKsKsL}", "refused",
+                             static_cast<unsigned long long>(counts.refused), "oldest",
+                             static_cast<unsigned long long>(counts.oldest), "shortest",
+                             static_cast<unsigned long long>(counts.shortest), "failed",
+                             static_cast<unsigned long long>(counts.failed), "minimum_duration",
+                             static_cast<long long>(counts.minimumDuration));
+    });
+}
+
+PyObject* isActive(PyObject* self, void*) {
+    return PyBool_FromLong(RecorderObject::of(self).isActive);
+}
+
+PyObject* bytesInUse(PyObject* self, void*) {
+    return PyLong_FromSize_t(recorderOf(self).bytesInUse());
+}
+
+PyMethodDef methods[] = {
+    {"start", start, METH_NOARGS, "Switches every instrument on and listens."},
+    {"stop", stop, METH_NOARGS, "Gives the switches back and listens no more."},
+    {"clear", clear, METH_NOARGS, "Forgets what was recorded."},
+    {"save_json", saveJson, METH_O, "Writes trace-event JSON."},
+    {"save_stacks", saveStacks, METH_O, "Writes collapsed stacks."},
+    {"summary", summary, METH_NOARGS,
+     "(name, count, total, self, minimum, maximum) of complete events, times in nanoseconds."},
+    {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
+    {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyGetSetDef properties[] = {
+    {"is_active", isActive, nullptr, "Whether it listens.", nullptr},
+    {"bytes_in_use", bytesInUse, nullptr, "Bytes of event memory.", nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+/// The recorder's destruction may wait for other threads.
+void deallocate(PyObject* self) {
+    std::unique_ptr<InstrumentRecorder> recorder = std::move(RecorderObject::of(self).recorder);
+    withoutLock([&] { recorder.reset(); });
+    RecorderObject::deallocate(self);
+}
+
+PyType_Slot slots[] = {
+    {Py_tp_doc, const_cast<char*>("Recorder(max_bytes=0, keep=\"first\")\n--\n\n"
+                                  "Keeps the events that it hears between start and stop.")},
+    {Py_tp_new, asSlot(create)},
+    {Py_tp_dealloc, asSlot(deallocate)},
+    {Py_tp_methods, methods},
+    {Py_tp_getset, properties},
+    {0, nullptr},
+};
+
+PyType_Spec spec = {"vantrace._core.Recorder", sizeof(RecorderObject), 0, Py_TPFLAGS_DEFAULT,
+                    slots};
+
+}  // namespace
+
+void addRecorder(PyObject* module) {
+    const Ref type = Ref::take(PyType_FromSpec(&spec));
+    check(PyModule_AddObjectRef(module, "Recorder", type.get()));
+}
+
+}  // namespace vantrace
