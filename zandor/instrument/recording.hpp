@@ -16,8 +16,8 @@ namespace instrument::detail {
 struct RecordedSource {
     std::uint64_t id = 0;
     std::string_view name;
-    std::string_view processName;   ///< of another process; empty for this one
-    std::uint64_t processId = 0;    ///< the system's own ids
+    std::string_view processName;  ///< of another process; empty for this one
+    std::uint64_t processId = 0;   ///< the system's own ids
     std::uint64_t threadId = 0;
 };
 
@@ -53,7 +53,8 @@ struct Recording {
     std::vector<RecordedSource> sources;     ///< by id
     std::vector<RecordedEvent> events;       ///< by start, source, serial
     std::vector<RecordedPoint> strayPoints;  ///< by time, source, order in the source
-    std::vector<ContextArg> contextArgs;     ///< names distinct within a context, sorted; texts immortal
+    std::vector<ContextArg>
+        contextArgs;  ///< names distinct within a context, sorted; texts immortal
     RecorderDrops drops;
     std::int64_t originMonotonic = 0;  ///< first event after construction or clear; 0: none yet
     std::int64_t originUtc = 0;        ///< the same instant in nanoseconds since the epoch
@@ -66,6 +67,6 @@ struct Recording {
 };
 
 /// Takes a snapshot and decodes it.
-Recording takeRecording(const InstrumentRecorder& recorder);
+ZANDOR_INSTRUMENT_API Recording takeRecording(const InstrumentRecorder& recorder);
 
 }  // namespace instrument::detail

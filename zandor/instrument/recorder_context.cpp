@@ -1,0 +1,167 @@
+#include "recorder_context.hpp"
+
+#include <algorithm>
+#include <bit>
+#include <string>
+
+#include "zandor/instrument/event_context.hpp"
+
+namespace instrument::detail {
+namespace {
+
+constexpr std::uint32_t numberMark = 0xffff'fff0;
+
+bool isText(const ContextValue& value) noexcept {
+    return value.kind() == ContextValue::Kind::text;
+}
+
+Word bitsOf(const ContextValue& value) noexcept {
+    return value.kind() == ContextValue::Kind::real ? std::bit_cast<Word>(value.real())
+                                                    : value.unsignedInteger();
+}
+
+ContextValue numberOf(ContextValue::Kind kind, Word bits) noexcept {
+    switch (kind) {
+        case ContextValue::Kind::signedInteger:
+            return static_cast<std::int64_t>(bits);
+        case ContextValue::Kind::real:
+            return std::bit_cast<double>(bits);
+        case ContextValue::Kind::logical:
+            return bits != 0;
+        default:
+            return bits;
+    }
+}
+
+/// Finds texts that are interned already without a look at the table.
+class TextFinder {
+  public:
+    TextFinder(bool interned, TextCache& texts) noexcept : interned_(interned), texts_(texts) {}
+    const InternedText* find(std::string_view text) const noexcept {
+        return interned_ ? &InternedText::of(text) : texts_.intern(text);
+    }
+
+  private:
+    bool interned_;
+    TextCache& texts_;
+};
+
+bool encodeText(std::string_view key, std::string_view value, const TextFinder& texts,
+                Word*& out) noexcept {
+    const InternedText* const name = texts.find(key);
+    const InternedText* const text = texts.find(value);
+    if (!name || !text)
+        return false;
+    *out++ = Word{name->id} << 32 | text->id;
+    return true;
+}
+
+bool encodeNumber(const ContextArg& arg, const TextFinder& texts, Word*& out) noexcept {
+    const InternedText* const name = texts.find(arg.name);
+    if (!name)
+        return false;
+    *out++ = Word{name->id} << 32 | (numberMark + static_cast<std::uint32_t>(arg.value.kind()));
+    *out++ = bitsOf(arg.value);
+    return true;
+}
+
+std::uint64_t hashOf(std::span<const Word> words) noexcept {
+    std::uint64_t hash = words.size();
+    for (const Word word : words) {
+        hash = (hash ^ word) * 0x9e37'79b9'7f4a'7c15;
+        hash ^= hash >> 32;
+    }
+    return hash;
+}
+
+}  // namespace
+
+std::size_t contextWords(const NewContext& context) noexcept {
+    if (context.args.empty())
+        return context.set ? context.set->size() : 0;
+    std::size_t words = context.args.size();
+    for (const ContextArg& arg : context.args)
+        words += !isText(arg.value);
+    return words;
+}
+
+bool encodeContext(const NewContext& context, TextCache& cache, Word* out) noexcept {
+    const TextFinder texts(context.argsAreInterned, cache);
+    if (context.args.empty()) {
+        for (const ContextEntry& entry : *context.set)
+            if (!encodeText(entry.name, entry.value, texts, out))
+                return false;
+        return true;
+    }
+    for (const ContextArg& arg : context.args)
+        if (!(isText(arg.value) ? encodeText(arg.name, arg.value.text(), texts, out)
+                                : encodeNumber(arg, texts, out)))
+            return false;
+    return true;
+}
+
+ContextSet makeContextSet(ContextArgs args) {
+    ContextSet set;
+    set.reserve(args.size());
+    for (const ContextArg& arg : args)
+        set.insert(set.end(), ContextEntry{arg.name, toText(arg.value)});
+    return set;
+}
+
+ContextTable::ContextTable() : contexts_(1), slots_(64) {}
+
+std::uint32_t ContextTable::placeOfWords(std::span<const Word> words) {
+    const std::uint64_t hash = hashOf(words);
+    for (std::size_t slot = hash;; ++slot) {
+        const std::uint32_t place = slots_[slot % slots_.size()];
+        if (place == 0)
+            return add(words, hash);
+        const Context& known = contexts_[place];
+        if (known.hash == hash && std::ranges::equal(known.words, words))
+            return place;
+    }
+}
+
+std::uint32_t ContextTable::add(std::span<const Word> words, std::uint64_t hash) {
+    if (contexts_.size() * 2 > slots_.size())
+        grow();
+    const auto place = static_cast<std::uint32_t>(contexts_.size());
+    contexts_.push_back({words, hash, decode(words)});
+    std::size_t slot = hash;
+    while (slots_[slot % slots_.size()] != 0)
+        ++slot;
+    slots_[slot % slots_.size()] = place;
+    return place;
+}
+
+void ContextTable::grow() {
+    std::vector<std::uint32_t> larger(slots_.size() * 2);
+    for (std::uint32_t place = 1; place < contexts_.size(); ++place) {
+        std::size_t slot = contexts_[place].hash;
+        while (larger[slot % larger.size()] != 0)
+            ++slot;
+        larger[slot % larger.size()] = place;
+    }
+    slots_ = std::move(larger);
+}
+
+ContextRange ContextTable::decode(std::span<const Word> words) {
+    const auto first = static_cast<std::uint32_t>(args_.size());
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string_view name =
+            InternedText::fromId(static_cast<std::uint32_t>(words[i] >> 32)).view();
+        const auto value = static_cast<std::uint32_t>(words[i]);
+        if (value < numberMark)
+            args_.push_back({name, InternedText::fromId(value).view()});
+        else
+            args_.push_back(
+                {name, numberOf(static_cast<ContextValue::Kind>(value - numberMark), words[++i])});
+    }
+    const auto less = [](const ContextArg& a, const ContextArg& b) { return a.name < b.name; };
+    const auto equal = [](const ContextArg& a, const ContextArg& b) { return a.name == b.name; };
+    std::stable_sort(args_.begin() + first, args_.end(), less);
+    args_.erase(std::unique(args_.begin() + first, args_.end(), equal), args_.end());
+    return {first, static_cast<std::uint32_t>(args_.size()) - first};
+}
+
+}  // namespace instrument::detail

@@ -1,0 +1,70 @@
+// Contexts in records: two interned texts a word, numbers as they were given.
+//
+//   text entry      key 32 | value 32                   ids of interned texts
+//   number entry    key 32 | numberMark + kind 32, then the number's bits
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "interned_text.hpp"
+#include "recorder_record.hpp"
+#include "recording.hpp"
+#include "zandor/instrument/context.hpp"
+#include "zandor/instrument/instrument.hpp"
+
+namespace instrument::detail {
+
+/// A context as it is delivered: a set, or arguments.
+struct NewContext {
+    const ContextSet* set = nullptr;  ///< where there are no arguments
+    ContextArgs args;
+    bool argsAreInterned = false;
+};
+
+/// Words that the context takes.
+std::size_t contextWords(const NewContext& context) noexcept;
+/// Writes them to `out`. False when the system gives no memory for a text.
+bool encodeContext(const NewContext& context, TextCache& cache, Word* out) noexcept;
+
+/// The same as a set. The names are distinct, and must outlive it.
+ContextSet makeContextSet(ContextArgs args);
+
+/// Contexts read back, each distinct one once. The entries' names are distinct and sorted; of equal
+/// names the first counts. Texts stay for the life of the process.
+class ContextTable {
+  public:
+    ContextTable();
+
+    /// The place of a context; 0 is the empty one. `words` must outlive the table.
+    std::uint32_t placeOf(std::span<const Word> words) {
+        return words.empty() ? 0 : placeOfWords(words);
+    }
+    std::size_t size() const noexcept { return contexts_.size(); }
+    ContextRange rangeOf(std::uint32_t place) const noexcept { return contexts_[place].range; }
+    ContextArgs argsOf(std::uint32_t place) const noexcept {
+        const ContextRange range = rangeOf(place);
+        return std::span(args_).subspan(range.first, range.count);
+    }
+    std::vector<ContextArg> takeArgs() noexcept { return std::move(args_); }
+
+  private:
+    struct Context {
+        std::span<const Word> words;
+        std::uint64_t hash;
+        ContextRange range;
+    };
+
+    std::uint32_t placeOfWords(std::span<const Word> words);
+    std::uint32_t add(std::span<const Word> words, std::uint64_t hash);
+    ContextRange decode(std::span<const Word> words);
+    void grow();
+
+    std::vector<Context> contexts_;
+    std::vector<std::uint32_t> slots_;  // places, 0 is free; a power of two of them
+    std::vector<ContextArg> args_;
+};
+
+}  // namespace instrument::detail

@@ -1,0 +1,304 @@
+#include "recorder_core.hpp"
+
+#include <algorithm>
+#include <bit>
+
+#include "recorder_writer.hpp"
+#include "zandor/instrument/clock.hpp"
+#include "zandor/instrument/listeners.hpp"
+#include "zandor/runtime/console.hpp"
+
+namespace instrument::detail {
+namespace {
+
+constinit std::atomic<std::uint64_t> latestRecording{0};
+constinit std::atomic<std::uint32_t> takenSlots{0};
+
+std::uint64_t nextRecording() noexcept {
+    return latestRecording.fetch_add(1, std::memory_order_relaxed) + 1;  // only distinctness counts
+}
+
+/// A place in the states of threads; their number when all are taken.
+std::size_t takeSlot() noexcept {
+    std::uint32_t taken = takenSlots.load(std::memory_order_relaxed);
+    for (;;) {
+        const auto slot = static_cast<std::size_t>(std::countr_one(taken));
+        if (slot >= ThreadState::recorderSlots)
+            return ThreadState::recorderSlots;
+        if (takenSlots.compare_exchange_weak(taken, taken | 1u << slot, std::memory_order_relaxed))
+            return slot;
+    }
+}
+
+void freeSlot(std::size_t slot) noexcept {
+    if (slot < ThreadState::recorderSlots)
+        takenSlots.fetch_and(~(1u << slot), std::memory_order_relaxed);
+}
+
+RecorderLimits resolved(RecorderLimits limits) {
+    if (limits.maxBytes == 0)
+        limits.maxBytes = defaultMaxBytes();
+    return limits;
+}
+
+std::uint64_t relaxed(const std::atomic<std::uint64_t>& count) noexcept {
+    return count.load(std::memory_order_relaxed);
+}
+
+}  // namespace
+
+RecorderCore::RecorderCore(const RecorderLimits& limits)
+    : limits_(resolved(limits)), number_(nextRecording()), slot_(takeSlot()) {}
+
+RecorderCore::~RecorderCore() {
+    freeSlot(slot_);
+    // Nobody is inside any more.
+    if (Generation* current = state_->current.load(std::memory_order_relaxed))
+        Growth::destroyGeneration(current);
+    while (Generation* retired = state_->retired) {
+        state_->retired = retired->nextRetired;
+        Growth::destroyGeneration(retired);
+    }
+}
+
+/// For recorders without a slot, and for threads whose state another thread had before.
+Track* RecorderCore::findTrack(const ThreadState& thread) const noexcept {
+    // Pairs with the release in currentGeneration.
+    const Generation* current = state_->current.load(std::memory_order_acquire);
+    if (!current)
+        return nullptr;
+    // Pairs with the release in makeTrack.
+    Track* track = current->tracks.load(std::memory_order_acquire);
+    while (track && track->thread != &thread)
+        track = track->next;
+    return track;
+}
+
+/// The recording that events go to now. Under the lock.
+Generation* RecorderCore::currentGeneration() noexcept {
+    if (Generation* current = state_->current.load(std::memory_order_relaxed))
+        return current;
+    Generation* made = Growth::makeGeneration(number_.load(std::memory_order_relaxed));
+    if (made) {
+        made->origin.utcOffset = clock::utcNow() - clock::now();
+        account(*made, sizeof(Generation));
+        // Pairs with the acquire in findTrack.
+        state_->current.store(made, std::memory_order_release);
+    }
+    return made;
+}
+
+/// The track that the thread writes to from now on; null when there is no memory.
+Track* RecorderCore::makeTrack(ThreadState& thread, const NewRecord& record) noexcept {
+    const Locked locked(state_->lock);
+    Generation* const generation = currentGeneration();
+    if (!generation) {
+        state_->failed.fetch_add(1, std::memory_order_relaxed);
+        return nullptr;
+    }
+    noteBegin(generation->origin, record);
+    Track* track = findTrack(thread);
+    if (!track) {
+        Denial denial = Denial::none;
+        Growth growth(*generation, bytesInUse(), limits_);
+        track = growth.makeTrack(thread, denial);
+        account(*generation, growth.taken());
+        if (!track) {
+            auto& count = denial == Denial::bound ? state_->refused : state_->failed;
+            count.fetch_add(1, std::memory_order_relaxed);
+            return nullptr;
+        }
+        track->next = generation->tracks.load(std::memory_order_relaxed);
+        // Pairs with the acquire in findTrack and Snapshot::viewNewTracks.
+        generation->tracks.store(track, std::memory_order_release);
+    }
+    if (slot_ < thread.recorders.size())
+        thread.recorders[slot_] = {generation->number, track};
+    return track;
+}
+
+/// The earliest of the first events of threads is the recording's first.
+void RecorderCore::noteBegin(Origin& origin, const NewRecord& record) noexcept {
+    if (!record.timed)
+        origin.ticks = origin.ticks == 0 ? record.time : std::min(origin.ticks, record.time);
+    else if (origin.nanoseconds == 0)
+        origin.nanoseconds = static_cast<std::int64_t>(record.time);
+}
+
+void RecorderCore::account(Generation& generation, std::size_t bytes) noexcept {
+    generation.bytes += bytes;
+    state_->bytes.store(bytesInUse() + bytes, std::memory_order_relaxed);
+}
+
+Denial RecorderCore::grow(Track& track, std::size_t words, Purpose purpose) noexcept {
+    const Locked locked(state_->lock);
+    Growth growth(*track.generation, bytesInUse(), limits_);
+    Room room = growth.makeRoom(track, words, Purpose::begin);
+    if (!room.chunk && purpose == Purpose::end)
+        room = growth.makeRoom(track, words, Purpose::end);
+    if (room.chunk)
+        growth.append(track, *room.chunk);
+    account(*track.generation, growth.taken());
+    return room.denial;
+}
+
+void RecorderCore::lose(Track& track, EventId id, bool onwards) noexcept {
+    const Locked locked(state_->lock);
+    LostRange& lost = track.lost;
+    if (lost.source != id.sourceId) {
+        remember(track);
+        lost = {id.sourceId, id.serialId, id.serialId};
+    }
+    lost.first = std::min(lost.first, id.serialId);
+    lost.last = onwards ? ~std::uint64_t{0} : std::max(lost.last, id.serialId);
+}
+
+void RecorderCore::keepLosses(Track& track) noexcept {
+    const Locked locked(state_->lock);
+    remember(track);
+}
+
+/// Under the lock.
+void RecorderCore::remember(Track& track) noexcept {
+    Growth growth(*track.generation, bytesInUse(), limits_);
+    growth.remember(std::exchange(track.lost, {}));
+    account(*track.generation, growth.taken());
+}
+
+void RecorderCore::record(const NewRecord& record) noexcept {
+    ThreadState* const thread = ThreadState::find();
+    if (!thread)
+        return;  // a delivery has a state
+    Track* track = knownTrack(*thread);
+    if (!track)
+        track = makeTrack(*thread, record);
+    if (track)
+        RecordWriter(*this, *track, thread->texts, record).write();
+}
+
+void RecorderCore::clear(const InstrumentListener& listener) noexcept {
+    sayDrops(drops());
+    {
+        const Locked locked(state_->lock);
+        number_.store(nextRecording(), std::memory_order_relaxed);
+        state_->refused.store(0, std::memory_order_relaxed);
+        state_->failed.store(0, std::memory_order_relaxed);
+        Generation* const old = state_->current.load(std::memory_order_relaxed);
+        state_->current.store(nullptr, std::memory_order_relaxed);
+        if (old) {
+            old->nextRetired = state_->retired;
+            state_->retired = old;
+        }
+    }
+    releaseRetired(listener);
+}
+
+/// Inside a callback nothing is waited for: a later call frees what this one leaves.
+void RecorderCore::releaseRetired(const InstrumentListener& listener) noexcept {
+    if (isInsideListener())
+        return;
+    Generation* retired;
+    {
+        const Locked locked(state_->lock);
+        retired = std::exchange(state_->retired, nullptr);
+    }
+    if (retired)
+        waitUntilNobodyIsInside(listener);
+    while (Generation* generation = retired) {
+        retired = generation->nextRetired;
+        bool last;
+        {
+            const Locked locked(state_->lock);
+            generation->leftByWriters = true;
+            last = generation->readers == 0;
+        }
+        if (last)
+            release(generation);
+    }
+}
+
+/// Nobody reads or writes it any more.
+void RecorderCore::release(Generation* generation) noexcept {
+    const std::size_t bytes = generation->bytes;
+    Growth::destroyGeneration(generation);
+    const Locked locked(state_->lock);
+    state_->bytes.store(bytesInUse() - bytes, std::memory_order_relaxed);
+}
+
+Generation* RecorderCore::pin() noexcept {
+    const Locked locked(state_->lock);
+    Generation* const current = state_->current.load(std::memory_order_relaxed);
+    if (current)
+        ++current->readers;
+    return current;
+}
+
+void RecorderCore::unpin(Generation* generation) noexcept {
+    if (!generation)
+        return;
+    bool last;
+    {
+        const Locked locked(state_->lock);
+        last = --generation->readers == 0 && generation->leftByWriters;
+    }
+    if (last)
+        release(generation);
+}
+
+/// Under the lock.
+RecorderDrops RecorderCore::countDrops(const Generation* generation) const noexcept {
+    RecorderDrops drops;
+    drops.refused = relaxed(state_->refused);
+    drops.failed = relaxed(state_->failed);
+    if (!generation)
+        return drops;
+    drops.oldest = generation->droppedOldest;
+    drops.shortest = generation->droppedShortest;
+    drops.minimumDuration = generation->minimumDuration;
+    const Track* track = generation->tracks.load(std::memory_order_relaxed);
+    for (; track; track = track->next) {
+        drops.refused += relaxed(track->refused);
+        drops.failed += relaxed(track->failed);
+    }
+    return drops;
+}
+
+void RecorderCore::readLosses(const Generation& generation, std::vector<LostRange>& lost,
+                              RecorderDrops& drops, Origin& origin) {
+    for (std::size_t needed = 0;; lost.reserve(needed)) {
+        // Nothing is allocated under the lock: a writer that waits for it may be in a signal
+        // handler that interrupted malloc.
+        const Locked locked(state_->lock);
+        const LostRing* const ring = generation.lost;
+        const auto kept = ring ? std::min<std::size_t>(ring->count, LostRing::capacity) : 0;
+        needed = kept + 2 * generation.trackCount;
+        if (lost.capacity() < needed)
+            continue;
+        if (ring)
+            lost.assign(ring->ranges.begin(), ring->ranges.begin() + kept);
+        const Track* track = generation.tracks.load(std::memory_order_relaxed);
+        for (; track; track = track->next)
+            lost.insert(lost.end(), {track->lost, track->dropped});
+        drops = countDrops(&generation);
+        origin = generation.origin;
+        return;
+    }
+}
+
+RecorderDrops RecorderCore::drops() noexcept {
+    const Locked locked(state_->lock);
+    return countDrops(state_->current.load(std::memory_order_relaxed));
+}
+
+void RecorderCore::sayDrops(const RecorderDrops& drops) noexcept {
+    if (drops.total() == 0 || said_.exchange(true, std::memory_order_relaxed))
+        return;
+    const auto number = [](std::uint64_t count) { return static_cast<unsigned long long>(count); };
+    utPrintf(
+        "recorder: %llu events were dropped (%llu refused, %llu oldest, %llu shortest, "
+        "%llu without memory)\n",
+        number(drops.total()), number(drops.refused), number(drops.oldest), number(drops.shortest),
+        number(drops.failed));
+}
+
+}  // namespace instrument::detail

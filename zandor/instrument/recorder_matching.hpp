@@ -1,0 +1,227 @@
+// Reads a snapshot's records as events: every start with its first stop, from whatever thread that
+// came.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "recorder_snapshot.hpp"
+#include "recorder_times.hpp"
+#include "source_info.hpp"
+
+namespace instrument::detail {
+
+/// One start, stop or instant, in nanoseconds.
+struct Point {
+    std::int64_t time = 0;
+    std::uint64_t order = 0;       ///< ascending in each source
+    SourceInfo* source = nullptr;  ///< who produced it
+    EventId id;                    ///< of a stop: its start's
+    std::uint32_t instrument = 0;
+    bool hasContextOfStart = false;
+    std::span<const Word> context;
+};
+
+/// The events of one run of a stream that are open, by ascending serial. The youngest is found at
+/// once.
+template <class Open>
+class OpenRun {
+  public:
+    void clear() noexcept {
+        entries_.clear();
+        closed_ = 0;
+    }
+    void push(std::uint64_t serial, Open open) {
+        entries_.push_back({serial, std::move(open), false});
+    }
+
+    /// Takes the event out, if it is open.
+    std::optional<Open> take(std::uint64_t serial) {
+        if (entries_.empty())
+            return std::nullopt;
+        if (entries_.back().serial == serial)
+            return takeLast();
+        const auto found =
+            std::lower_bound(entries_.begin(), entries_.end(), serial,
+                             [](const Entry& entry, std::uint64_t s) { return entry.serial < s; });
+        if (found == entries_.end() || found->serial != serial || found->closed)
+            return std::nullopt;
+        found->closed = true;
+        ++closed_;
+        std::optional<Open> open(found->open);
+        dropClosed();
+        return open;
+    }
+
+  private:
+    struct Entry {
+        std::uint64_t serial;
+        Open open;
+        bool closed;
+    };
+
+    std::optional<Open> takeLast() {
+        std::optional<Open> open(std::move(entries_.back().open));
+        entries_.pop_back();
+        while (!entries_.empty() && entries_.back().closed) {
+            entries_.pop_back();
+            --closed_;
+        }
+        return open;
+    }
+
+    /// Keeps events that end in the order of their starts from piling up.
+    void dropClosed() {
+        if (closed_ < 32 || closed_ * 2 < entries_.size())
+            return;
+        std::erase_if(entries_, [](const Entry& entry) { return entry.closed; });
+        closed_ = 0;
+    }
+
+    std::vector<Entry> entries_;  // the last is open
+    std::size_t closed_ = 0;
+};
+
+/// Tells `Sink` of everything in a snapshot. A sink has
+///   using Open = ...;                        what it wants to know of a start at its stop
+///   Open onStart(const Point&);
+///   void onStop(Open, const Point& stop);    the first stop of a start
+///   void onInstant(const Point&);
+///   void onStrayStop(const Point&);          a second stop, or one of an unknown event
+/// Points of one source come in order, but for stray stops. A stray stop has its own context.
+template <class Sink>
+class Matcher {
+  public:
+    Matcher(const Snapshot& snapshot, Sink& sink)
+        : snapshot_(snapshot), sink_(sink), foreignlyStopped_(snapshot.foreignStops().size()) {}
+
+    void run() {
+        for (const TrackView& view : snapshot_.tracks()) {
+            run_.clear();
+            for (const Stretch& stretch : view.stretches)
+                readStretch(stretch);
+        }
+        matchPending();
+    }
+
+  private:
+    using Open = typename Sink::Open;
+
+    void readStretch(const Stretch& stretch) {
+        RecordReader reader(stretch.begin, stretch.end, stretch.state);
+        for (Record record; reader.next(record);) {
+            switch (record.kind) {
+                case RecordKind::start:
+                    readStart(pointOf(record));
+                    break;
+                case RecordKind::instant:
+                    sink_.onInstant(pointOf(record));
+                    break;
+                case RecordKind::stop:
+                    readStop(pointOf(record));
+                    break;
+                case RecordKind::foreignStop:
+                    pending_.push_back(pointOf(record));
+                    break;
+                case RecordKind::source:
+                    if (record.beginsRun)
+                        run_.clear();  // stops of what was open come as foreign ones now
+                    break;
+                case RecordKind::deadBegin:
+                case RecordKind::deadStop:
+                    break;
+            }
+        }
+    }
+
+    Point pointOf(const Record& record) {
+        return {times_.of(record), order_++,          record.sourceInfo,
+                record.id,         record.instrument, record.hasContextOfStart,
+                record.context};
+    }
+
+    void readStart(const Point& start) {
+        const std::size_t place = snapshot_.foreignStops().empty()
+                                      ? EventIdSet::none
+                                      : snapshot_.foreignStops().find(start.id);
+        if (place == EventIdSet::none)
+            run_.push(start.id.serialId, sink_.onStart(start));
+        else
+            foreignlyStopped_[place] = sink_.onStart(start);
+    }
+
+    void readStop(const Point& stop) {
+        if (std::optional<Open> open = run_.take(stop.id.serialId))
+            sink_.onStop(std::move(*open), stop);
+        else
+            pending_.push_back(stop);
+    }
+
+    /// Of several stops of an event the first in time counts, whatever thread it came from.
+    void matchPending() {
+        std::sort(pending_.begin(), pending_.end(), [](const Point& a, const Point& b) {
+            return std::tie(a.id.sourceId, a.id.serialId, a.time, a.source->id, a.order) <
+                   std::tie(b.id.sourceId, b.id.serialId, b.time, b.source->id, b.order);
+        });
+        std::vector<Point> strays;
+        for (const Point& stop : pending_) {
+            const std::size_t place = snapshot_.foreignStops().find(stop.id);
+            if (place != EventIdSet::none && foreignlyStopped_[place])
+                sink_.onStop(*std::exchange(foreignlyStopped_[place], std::nullopt), stop);
+            else if (!snapshot_.isLost(stop.id))
+                strays.push_back(stop);
+        }
+        giveContexts(strays);
+        for (const Point& stop : strays)
+            sink_.onStrayStop(stop);
+    }
+
+    /// A second stop that shares its start's context gets it from there.
+    void giveContexts(std::vector<Point>& strays) {
+        EventIdSet ids;
+        for (const Point& stop : strays)
+            if (stop.hasContextOfStart)
+                ids.add(stop.id);
+        if (ids.empty())
+            return;
+        ids.sort();
+        std::vector<std::span<const Word>> contexts(ids.size());
+        for (const TrackView& view : snapshot_.tracks())
+            for (const Stretch& stretch : view.stretches)
+                findContexts(stretch, ids, contexts);
+        for (Point& stop : strays)
+            if (stop.hasContextOfStart)
+                stop.context = contexts[ids.find(stop.id)];
+    }
+
+    static void findContexts(const Stretch& stretch, const EventIdSet& ids,
+                             std::vector<std::span<const Word>>& contexts) {
+        RecordReader reader(stretch.begin, stretch.end, stretch.state);
+        for (Record record; reader.next(record);) {
+            if (record.kind != RecordKind::start)
+                continue;
+            if (const std::size_t place = ids.find(record.id); place != EventIdSet::none)
+                contexts[place] = record.context;
+        }
+    }
+
+    const Snapshot& snapshot_;
+    Sink& sink_;
+    TimeReader times_;
+    OpenRun<Open> run_;
+    std::vector<std::optional<Open>> foreignlyStopped_;  // open starts, by place in foreignStops()
+    std::vector<Point> pending_;
+    std::uint64_t order_ = 0;
+};
+
+template <class Sink>
+void readEvents(const Snapshot& snapshot, Sink& sink) {
+    Matcher<Sink>(snapshot, sink).run();
+}
+
+}  // namespace instrument::detail

@@ -1,0 +1,173 @@
+// How a recorder's chunks hold events: records of 8-byte words, read back one after the other.
+//
+//   word 0      kind 3 | timed 1 | context 8 | instrument 32 | serial 20
+//   word 1      ticks of the raw clock, or nanoseconds where timed
+//   [source, serial]      of a foreignStop: whose stop it is
+//   [count]               where the context does not fit its 8 bits
+//   [context words]       see recorder_context.hpp
+//
+// A stream is in one source at a time (whoever produces its records) and knows the serial that
+// comes next there. A start or instant has that serial, plus the gap in its serial bits. A stop of
+// an event that started in the same run of the stream counts back from the next serial; any other
+// is a foreignStop. A source record (source id, next serial, source) switches the stream and begins
+// a new run, unless it only goes on to a later serial of the same source. A plain start and its
+// stop are 32 bytes together.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+#include "zandor/instrument/event_id.hpp"
+
+namespace instrument::detail {
+
+struct SourceInfo;
+
+using Word = std::uint64_t;
+
+enum class RecordKind : std::uint8_t {
+    start = 1,
+    instant = 2,
+    stop = 3,
+    foreignStop = 4,
+    source = 5,
+    // What compaction is about to leave out.
+    deadBegin = 6,  ///< a start or instant
+    deadStop = 7,
+};
+
+/// The first word of a record.
+class RecordHead {
+  public:
+    static constexpr unsigned serialBits = 20;
+    static constexpr std::uint64_t serialLimit = std::uint64_t{1} << serialBits;
+    /// The largest gap that a start or instant may be written with; leaving records out may widen
+    /// it.
+    static constexpr std::uint64_t gapLimit = serialLimit >> 4;
+    /// Values of the context bits that are not the number of context words.
+    static constexpr std::uint64_t contextIsCounted = 254;
+    static constexpr std::uint64_t contextOfStart = 255;
+
+    constexpr explicit RecordHead(Word word) noexcept : word_(word) {}
+    constexpr RecordHead(RecordKind kind, bool timed, std::uint64_t context,
+                         std::uint32_t instrument, std::uint64_t serial) noexcept
+        : word_(static_cast<Word>(kind) | Word{timed} << 3 | context << 4 | Word{instrument} << 12 |
+                serial << 44) {}
+
+    constexpr Word word() const noexcept { return word_; }
+    constexpr RecordKind kind() const noexcept { return static_cast<RecordKind>(word_ & 7); }
+    constexpr bool timed() const noexcept { return (word_ >> 3 & 1) != 0; }
+    constexpr std::uint64_t context() const noexcept { return word_ >> 4 & 255; }
+    constexpr std::uint32_t instrument() const noexcept {
+        return static_cast<std::uint32_t>(word_ >> 12);
+    }
+    constexpr std::uint64_t serial() const noexcept { return word_ >> 44; }
+
+  private:
+    Word word_;
+};
+
+/// Words of a record before its context.
+constexpr std::size_t wordsOf(RecordKind kind) noexcept {
+    return kind == RecordKind::foreignStop || kind == RecordKind::source ? 4 : 2;
+}
+constexpr std::uint64_t contextBits(std::size_t words) noexcept {
+    return words < RecordHead::contextIsCounted ? words : RecordHead::contextIsCounted;
+}
+/// Words that a context takes in its record.
+constexpr std::size_t wordsWithCount(std::size_t words) noexcept {
+    return words < RecordHead::contextIsCounted ? words : words + 1;
+}
+
+/// Where a stream stands.
+struct StreamState {
+    std::uint64_t source = 0;
+    std::uint64_t nextSerial = 0;
+    SourceInfo* info = nullptr;  ///< kept by the chunk or record that it is from
+};
+
+/// A record, read.
+struct Record {
+    RecordKind kind{};
+    bool timed = false;
+    bool hasContextOfStart = false;
+    bool beginsRun = false;  ///< of a source record
+    std::uint32_t instrument = 0;
+    std::uint64_t time = 0;    ///< ticks, or nanoseconds where timed
+    std::uint64_t source = 0;  ///< who produced it
+    SourceInfo* sourceInfo = nullptr;
+    EventId id;  ///< of a stop: its start's
+    std::span<const Word> context;
+};
+
+/// Reads the records of a stretch of a stream.
+class RecordReader {
+  public:
+    RecordReader(const Word* begin, const Word* end, StreamState state) noexcept
+        : position_(begin), end_(end), state_(state) {}
+
+    /// Where the next record begins, and the stream there.
+    const Word* position() const noexcept { return position_; }
+    const StreamState& state() const noexcept { return state_; }
+
+    /// Gives the next record, or false at the end.
+    bool next(Record& record) noexcept {
+        if (position_ == end_)
+            return false;
+        const RecordHead head{position_[0]};
+        record.kind = head.kind();
+        record.timed = head.timed();
+        record.instrument = head.instrument();
+        record.time = position_[1];
+        readIdentity(head, record);
+        readContext(head, record);
+        return true;
+    }
+
+  private:
+    void readIdentity(RecordHead head, Record& record) noexcept {
+        switch (record.kind) {
+            case RecordKind::start:
+            case RecordKind::instant:
+            case RecordKind::deadBegin:
+                record.id = {state_.source, state_.nextSerial + head.serial()};
+                state_.nextSerial = record.id.serialId + 1;
+                break;
+            case RecordKind::stop:
+            case RecordKind::deadStop:
+                record.id = {state_.source, state_.nextSerial - head.serial()};
+                break;
+            case RecordKind::foreignStop:
+                record.id = {position_[2], position_[3]};
+                break;
+            case RecordKind::source:
+                record.id = {position_[1], position_[2]};
+                record.beginsRun =
+                    record.id.sourceId != state_.source || record.id.serialId < state_.nextSerial;
+                state_ = {record.id.sourceId, record.id.serialId,
+                          reinterpret_cast<SourceInfo*>(position_[3])};
+                break;
+        }
+        record.source = state_.source;
+        record.sourceInfo = state_.info;
+    }
+
+    void readContext(RecordHead head, Record& record) noexcept {
+        const Word* context = position_ + wordsOf(record.kind);
+        std::size_t count = head.context();
+        record.hasContextOfStart = count == RecordHead::contextOfStart;
+        if (record.hasContextOfStart)
+            count = 0;
+        else if (count == RecordHead::contextIsCounted)
+            count = *context++;
+        record.context = {context, count};
+        position_ = context + count;
+    }
+
+    const Word* position_;
+    const Word* end_;
+    StreamState state_;
+};
+
+}  // namespace instrument::detail

@@ -1,0 +1,85 @@
+// What a recorder holds at one moment: of each thread a prefix of what it wrote, and no stop whose
+// start is missing though it happened before.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+#include "recorder_storage.hpp"
+#include "zandor/instrument/event_id.hpp"
+#include "zandor/instrument/recorder.hpp"
+
+namespace instrument::detail {
+
+/// Records that follow each other in one chunk.
+struct Stretch {
+    const Word* begin;
+    const Word* end;
+    StreamState state;  ///< of the stream at `begin`
+    const Chunk* chunk;
+};
+
+/// What a snapshot has of a track.
+struct TrackView {
+    const Track* track = nullptr;
+    Chunk* chunk = nullptr;  ///< where it ends
+    const Word* end = nullptr;
+    std::vector<Stretch> stretches;
+};
+
+/// Sorted, distinct identities.
+class EventIdSet {
+  public:
+    static constexpr std::size_t none = static_cast<std::size_t>(-1);
+
+    void add(EventId id) { ids_.push_back(id); }
+    void add(const EventIdSet& other) {
+        ids_.insert(ids_.end(), other.ids_.begin(), other.ids_.end());
+    }
+    /// Puts them in order, which `find` needs.
+    void sort();
+    bool empty() const noexcept { return ids_.empty(); }
+    std::size_t size() const noexcept { return ids_.size(); }
+    /// The place of `id` in order, or none.
+    std::size_t find(EventId id) const noexcept;
+
+  private:
+    std::vector<EventId> ids_;
+};
+
+/// Keeps the memory that it shows from being freed or reused while it lives.
+class Snapshot {
+  public:
+    explicit Snapshot(RecorderCore& core);
+    ~Snapshot();
+    Snapshot(const Snapshot&) = delete;
+    Snapshot& operator=(const Snapshot&) = delete;
+
+    std::span<const TrackView> tracks() const noexcept { return views_; }
+    /// The events that foreign stops in the snapshot end.
+    const EventIdSet& foreignStops() const noexcept { return foreignStops_; }
+    /// Whether the start or instant was dropped, so that its stop counts as dropped with it.
+    bool isLost(EventId id) const noexcept;
+    const RecorderDrops& drops() const noexcept { return drops_; }
+    const Origin& origin() const noexcept { return origin_; }
+
+  private:
+    void viewNewTracks();
+    void takeAll(TrackView& view);
+    void takeForeignStops();
+    void takeMissingStarts();
+    void takeThrough(TrackView& view, const EventIdSet& wanted, EventIdSet& more);
+    void takeLosses();
+
+    RecorderCore& core_;
+    Generation* generation_;
+    const Track* newestTrack_ = nullptr;
+    std::vector<TrackView> views_;
+    EventIdSet foreignStops_;
+    std::vector<LostRange> lost_;
+    RecorderDrops drops_;
+    Origin origin_{};
+};
+
+}  // namespace instrument::detail

@@ -1,0 +1,50 @@
+// The sources that a snapshot's events come from.
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "recording.hpp"
+#include "source_info.hpp"
+
+namespace instrument::detail {
+
+/// Numbers sources as they appear. The snapshot that they are from must live as long.
+class SourceList {
+  public:
+    std::uint32_t placeOf(SourceInfo* source) {
+        if (source != latest_) {
+            latestPlace_ = places_.try_emplace(source, static_cast<std::uint32_t>(places_.size()))
+                               .first->second;
+            latest_ = source;
+        }
+        return latestPlace_;
+    }
+
+    /// The sources by id, and for each place that was given the new one.
+    std::pair<std::vector<RecordedSource>, std::vector<std::uint32_t>> sorted() const {
+        std::vector<std::pair<SourceInfo*, std::uint32_t>> byId(places_.begin(), places_.end());
+        std::sort(byId.begin(), byId.end(),
+                  [](const auto& a, const auto& b) { return a.first->id < b.first->id; });
+        std::vector<RecordedSource> sources;
+        std::vector<std::uint32_t> newPlaces(byId.size());
+        for (const auto& [source, place] : byId) {
+            newPlaces[place] = static_cast<std::uint32_t>(sources.size());
+            const auto process =
+                source->processName ? source->processName->view() : std::string_view();
+            sources.push_back(
+                {source->id, source->name(), process, source->processId, source->threadId});
+        }
+        return {std::move(sources), std::move(newPlaces)};
+    }
+
+  private:
+    std::unordered_map<SourceInfo*, std::uint32_t> places_;
+    SourceInfo* latest_ = nullptr;
+    std::uint32_t latestPlace_ = 0;
+};
+
+}  // namespace instrument::detail

@@ -1,0 +1,147 @@
+// What a recording is made of in memory.
+//
+//   Generation   one recording, from its first event until it is cleared; owns all of the below
+//     Track      the stream of one thread after another (a thread state is handed on when a thread
+//     ends)
+//       Chunk    a stretch of it; the newest is written to, those before are sealed
+//
+// A track's thread writes records behind `tail` and commits them by one release store of it; that
+// and nothing else is done without the recorder's lock. Readers pin the generation and walk the
+// chains without the lock; while a generation is pinned, nothing in it is freed, reused or
+// rewritten.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "recorder_memory.hpp"
+#include "recorder_record.hpp"
+
+namespace instrument::detail {
+
+struct ThreadState;
+struct Track;
+struct Generation;
+
+/// Header of a stretch of records, which follow it.
+struct Chunk {
+    std::atomic<Chunk*> next;      ///< the newer one of the track, once this is sealed
+    std::atomic<Word*> sealedEnd;  ///< set before `next`
+    Chunk* nextSealed;  ///< in order of sealing, over all tracks; or next in the free list
+    Track* track;
+    StreamState first;          ///< of the stream at the first record; keeps its source
+    std::size_t bytes;          ///< of header and records
+    std::size_t sourceRecords;  ///< how many of its records keep a source
+    std::atomic<std::uint32_t> foreignStops;
+
+    Word* begin() noexcept { return reinterpret_cast<Word*>(this + 1); }
+    const Word* begin() const noexcept { return reinterpret_cast<const Word*>(this + 1); }
+    Word* limit() noexcept {
+        return reinterpret_cast<Word*>(reinterpret_cast<std::byte*>(this) + bytes);
+    }
+};
+
+/// Serials of a source whose starts or instants were dropped. None while `first` is 0.
+struct LostRange {
+    std::uint64_t source = 0;
+    std::uint64_t first = 0;
+    std::uint64_t last = 0;
+};
+
+/// Starts with context that a thread wrote last, to tell whether a stop has the same.
+struct RecentStart {
+    std::uint64_t serial;
+    const Word* record;
+};
+
+struct alignas(64) Track {
+    // What every event touches, in one line. Written by the track's thread.
+    std::atomic<Word*>
+        tail;     ///< end of what is committed. Release; pairs with the acquire of readers
+    Word* limit;  ///< of the current chunk
+    StreamState stream;
+    std::uint64_t runFirst;  ///< first serial of the present run
+    std::int64_t open;       ///< starts without stop, about
+    Chunk* current;
+
+    Generation* generation;
+    const ThreadState* thread;  ///< whose threads write it
+    std::array<RecentStart, 8> recent;
+
+    std::atomic<Chunk*> oldest;  ///< changed under the lock; while anybody reads, only from null
+    Track* next;                 ///< set before the track is published
+    std::size_t reserved;        ///< bytes set aside for stops of its open events; under the lock
+    std::uint32_t sizeClass;
+    bool refusing;  ///< the bound was reached: no start is taken any more
+    // Written by the track's thread, relaxed: they count, and publish nothing else.
+    std::atomic<std::uint64_t> refused;
+    std::atomic<std::uint64_t> failed;
+    LostRange lost;     ///< refused or failed of late; under the lock
+    LostRange dropped;  ///< with its oldest chunks; under the lock
+};
+
+/// A piece of memory that a generation owns.
+struct Mapping {
+    Mapping* next;
+    std::size_t bytes;
+};
+
+/// Begins every piece of mapped memory; what it holds begins behind this many bytes.
+inline constexpr std::size_t mappingHeader = 64;
+static_assert(sizeof(Mapping) <= mappingHeader);
+
+/// Sizes that chunks come in. The smaller ones are cut from blocks.
+inline constexpr std::array<std::size_t, 4> chunkSizes{std::size_t{4} << 10, std::size_t{32} << 10,
+                                                       std::size_t{256} << 10, hugePageBytes};
+inline constexpr std::size_t blockBytes = std::size_t{256} << 10;
+
+/// The last ranges that were lost by tracks which went on since.
+struct LostRing {
+    static constexpr std::size_t capacity = 1024;
+    std::uint64_t count;  ///< of all ever put in
+    std::array<LostRange, capacity> ranges;
+};
+
+/// When a recording began.
+struct Origin {
+    std::uint64_t ticks;       ///< the least of the first events' of the tracks; 0: none
+    std::int64_t nanoseconds;  ///< the same of events whose time was given; 0: none
+    std::int64_t utcOffset;    ///< from the monotonic clock, when the recording began
+};
+
+struct Compaction;
+
+/// All zero but what its makers set. Everything here is under the lock but for `tracks`.
+struct Generation {
+    std::uint64_t number;
+    std::atomic<Track*> tracks;  ///< newest first. Release; pairs with the acquire of readers
+    std::size_t trackCount;
+    Mapping* mappings;
+    std::byte* blockTail;
+    std::byte* blockEnd;
+    std::size_t bytes;     ///< of memory in use
+    std::size_t reserved;  ///< of that which may still be used, for stops of open events
+    std::array<Chunk*, chunkSizes.size()> freeChunks;
+    Chunk* oldestSealed;  ///< when the last are kept
+    Chunk* newestSealed;
+    LostRing* lost;
+    Compaction* compaction;  ///< when the longest are kept
+    std::uint64_t droppedOldest;
+    std::uint64_t droppedShortest;
+    std::int64_t minimumDuration;
+    Origin origin;
+    std::uint32_t readers;
+    bool leftByWriters;  ///< no thread can be writing to it any more
+    Generation* nextRetired;
+};
+
+/// Maps pages that go with the generation; null when the system gives none.
+std::byte* mapInto(Mapping*& mappings, std::size_t bytes) noexcept;
+/// Lets go of the sources that a chunk and its records keep; they end at `end`.
+void releaseSources(Chunk& chunk, const Word* end) noexcept;
+/// Puts a chunk that no chain holds any more, and that keeps no source, where it is found again.
+void freeChunk(Generation& generation, Chunk& chunk) noexcept;
+
+}  // namespace instrument::detail
