@@ -157,19 +157,17 @@ const Opaque* instrumentFromId(std::uint32_t id) noexcept {
     return elements.at(id);
 }
 
-bool isOnFor(const Opaque* handle, ContextArgs context) noexcept {
-    if (!context.empty() && handle->hasContextRules.load(std::memory_order_relaxed)) {
-        const Enabled verdict = askRules(Element::of(handle), context);
-        if (verdict != Enabled::noRule)
-            return verdict == Enabled::enabled;
-    }
-    return handle->enabled.load(std::memory_order_relaxed);
+bool isOnByRules(const Opaque* handle, ContextArgs context) noexcept {
+    const Enabled verdict = askRules(Element::of(handle), context);
+    return verdict == Enabled::noRule ? handle->enabled.load(std::memory_order_relaxed)
+                                      : verdict == Enabled::enabled;
 }
 
 void enterProcess() noexcept {
     ProcessState& state = processState();
     if (state.entered.load(std::memory_order_relaxed) || state.entered.exchange(true))
         return;
+    beginSources();
     const Locked locked(state.controls);
     controls.allEnabled.store(mode().all, std::memory_order_relaxed);
     forEachElement(derive);

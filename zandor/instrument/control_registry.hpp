@@ -58,8 +58,13 @@ Element* findElement(std::string_view name) noexcept;
 /// The instrument of this number; null for one that was never given.
 ZANDOR_INSTRUMENT_API const Opaque* instrumentFromId(std::uint32_t id) noexcept;
 
+bool isOnByRules(const Opaque* handle, ContextArgs context) noexcept;
 /// Whether an event of this instrument with this context is on. Takes no lock.
-bool isOnFor(const Opaque* handle, ContextArgs context) noexcept;
+inline bool isOnFor(const Opaque* handle, ContextArgs context) noexcept {
+    if (!context.empty() && handle->hasContextRules.load(std::memory_order_relaxed)) [[unlikely]]
+        return isOnByRules(handle, context);
+    return handle->enabled.load(std::memory_order_relaxed);
+}
 
 /// To be called before this process uses what a child does not inherit: settles what a fork may
 /// have caught halfway. Cheap when that was done.

@@ -11,22 +11,25 @@
 
 namespace instrument::detail {
 
-/// The calling thread's mark that it delivers an event. It has no state when there is already such
-/// a mark, or when the thread can have none: then the event is counted as suppressed.
+inline void countSuppressed() noexcept {
+    processState().suppressedEvents.fetch_add(1, std::memory_order_relaxed);
+}
+
+/// The calling thread's mark that it delivers an event. It is empty where there is such a mark
+/// already, or the thread can have none: then an event is to be counted as suppressed.
 class Inside {
   public:
-    Inside() noexcept : state_(ThreadState::ofThisThread()) {
+    [[gnu::always_inline]] Inside() noexcept : state_(ThreadState::ofThisThread()) {
         // Only signal handlers of this thread look, so the compiler's order is enough.
         if (!state_ || state_->inside.load(std::memory_order_relaxed)) [[unlikely]] {
-            countSuppressed();
             state_ = nullptr;
             return;
         }
         state_->inside.store(true, std::memory_order_relaxed);
         std::atomic_signal_fence(std::memory_order_seq_cst);
     }
-    ~Inside() {
-        if (!state_ || hasForked())
+    [[gnu::always_inline]] ~Inside() {
+        if (!state_ || hasForked(*state_)) [[unlikely]]
             return;
         // Release pairs with the acquire of those who wait for the listener, or free the array.
         state_->calling.store(nullptr, std::memory_order_release);
@@ -39,27 +42,24 @@ class Inside {
 
     explicit operator bool() const noexcept { return state_ != nullptr; }
     ThreadState& state() const noexcept { return *state_; }
-    /// Whether a listener forked and this is the child: the state is not this thread's any more.
-    bool hasForked() const noexcept {
-        return state_->owner.load(std::memory_order_relaxed) != &threadLocals;
-    }
 
-    static void countSuppressed() noexcept {
-        processState().suppressedEvents.fetch_add(1, std::memory_order_relaxed);
+    /// Whether a listener forked and this is the child: the state is not this thread's any more.
+    [[gnu::always_inline]] static bool hasForked(const ThreadState& state) noexcept {
+        return state.owner.load(std::memory_order_relaxed) != &threadLocals;
     }
 
   private:
     ThreadState* state_;
 };
 
-/// Calls one operation of every listener. Those after one that throws still hear the event; then
-/// the first exception goes on.
+/// Calls one operation of every listener, for a thread that is marked as inside. Those after one
+/// that throws still hear the event; then the first exception goes on.
 template <auto operation, class... Time>
-void callListeners(const Inside& inside, const Opaque* handle, const EventContext& context,
-                   EventId id, Time... time) {
-    ThreadState& state = inside.state();
+[[gnu::always_inline]] inline void callListeners(ThreadState& state, const Opaque* handle,
+                                                 const EventContext& context, EventId id,
+                                                 Time... time) {
     const ListenerArray* array = protectListeners(state);
-    if (!array)
+    if (!array) [[unlikely]]
         return;
     std::exception_ptr first;
     for (const Registration* registration : *array) {
@@ -78,7 +78,7 @@ void callListeners(const Inside& inside, const Opaque* handle, const EventContex
             if (!first)
                 first = std::current_exception();
         }
-        if (inside.hasForked()) [[unlikely]]
+        if (Inside::hasForked(state)) [[unlikely]]
             break;
     }
     if (first) [[unlikely]]

@@ -1,5 +1,6 @@
 #include "zandor/instrument/instrument.hpp"
 
+#include <memory>
 #include <new>
 
 #include "blocks.hpp"
@@ -24,6 +25,38 @@ ContextArg keepArg(const ContextArg& arg, ThreadState* state) {
     return {name, keepText(arg.value.text(), state)};
 }
 
+EventId nextId(ThreadState& state) noexcept {
+    return {state.source.id, ++state.source.serial};
+}
+
+[[gnu::always_inline]] inline void deliverStart(ThreadState& state, const Opaque* handle,
+                                                ContextArgs kept, EventId id) {
+    callListeners<&InstrumentListener::onStart>(
+        state, handle, EventContextAccess::ofArgs(kept, true, state.source.info), id);
+}
+
+[[gnu::always_inline]] inline void deliverStop(ThreadState& state, const Opaque* handle,
+                                               ContextArgs kept, EventId id) {
+    // What a parent had open at a fork, it closes itself.
+    if (id.sourceId < firstSourceId.load(std::memory_order_relaxed)) [[unlikely]]
+        return;
+    callListeners<&InstrumentListener::onStop>(
+        state, handle, EventContextAccess::ofArgs(kept, true, state.source.info), id);
+}
+
+/// To the calling thread's pool where it has one.
+struct GiveBack {
+    void operator()(OpenScope* scope) const noexcept {
+        if (ThreadState* state = ThreadState::find()) [[likely]] {
+            state->scopes.giveBack(scope);
+            return;
+        }
+        std::destroy_at(scope);
+        freeBlock(scope, sizeof(OpenScope));
+    }
+};
+using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
+
 }  // namespace
 
 void KeptContext::keep(ContextArgs context) {
@@ -45,24 +78,23 @@ EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) 
     if (!isOnFor(handle, context))
         return disabledEventId;
     const Inside inside;
-    if (!inside)
+    if (!inside) {
+        countSuppressed();
         return suppressedEventId;
+    }
     if (!context.empty())
         kept.keep(context);
-    ThreadSource& source = inside.state().source;
-    const EventContext told = EventContextAccess::ofArgs(kept.args(), true, source.info);
-    const EventId id{source.id, ++source.serial};
-    callListeners<&InstrumentListener::onStart>(inside, handle, told, id);
+    const EventId id = nextId(inside.state());
+    deliverStart(inside.state(), handle, kept.args(), id);
     return id;
 }
 
 void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id) {
     const Inside inside;
-    if (!inside)
-        return;
-    const EventContext told =
-        EventContextAccess::ofArgs(kept.args(), true, inside.state().source.info);
-    callListeners<&InstrumentListener::onStop>(inside, handle, told, id);
+    if (inside)
+        deliverStop(inside.state(), handle, kept.args(), id);
+    else
+        countSuppressed();
 }
 
 Instrument LazyInstrument::resolve() const {
@@ -83,29 +115,37 @@ void Instrument::emitInstant(const Opaque* handle, ContextArgs context) {
         listeners.onEventInstant(handle, context);
 }
 
-void Scope::open(const Opaque* handle, ContextArgs context) {
-    struct Undo {
-        detail::KeptContext* context;
-        ~Undo() {
-            if (context)
-                std::destroy_at(context);
-        }
-    } undo{std::construct_at(&open_.context)};
-    open_.id = detail::openEvent(handle, context, open_.context);
-    if (open_.id.sourceId == 0)
-        return;
-    undo.context = nullptr;
-    handle_ = handle;
+detail::OpenScope* Scope::open(const Opaque* handle, ContextArgs context) {
+    if (!detail::isOnFor(handle, context))
+        return nullptr;
+    const detail::Inside inside;
+    if (!inside) [[unlikely]] {
+        detail::countSuppressed();
+        return nullptr;
+    }
+    detail::ThreadState& state = inside.state();
+    detail::OpenScopePtr event(state.scopes.take(handle, detail::nextId(state)));
+    if (!event)
+        throw std::bad_alloc();
+    if (!context.empty())
+        event->context.keep(context);
+    detail::deliverStart(state, handle, event->context.args(), event->id);
+    return event.release();
 }
 
-void Scope::close() noexcept {
+void Scope::close(detail::OpenScope* ended) noexcept {
+    // Where the thread is in a listener already, or past its end, it has no mark of its own.
+    const detail::Inside inside;
+    const detail::OpenScopePtr event(ended);
+    if (!listeners.anyActive())
+        return;
+    if (!inside) [[unlikely]]
+        return detail::countSuppressed();
     try {
-        if (listeners.anyActive())
-            detail::closeEvent(handle_, open_.context, open_.id);
+        detail::deliverStop(inside.state(), event->handle, event->context.args(), event->id);
     } catch (...) {
         // Nobody can be told in a destructor.
     }
-    std::destroy_at(&open_.context);
 }
 
 }  // namespace instrument

@@ -24,11 +24,13 @@ template <auto operation, class Context>
 EventId deliverNew(const Opaque* handle, const Context& given, std::optional<std::uint64_t> tag) {
     const Inside inside;
     ThreadSource* source = inside ? inside.state().sourceFor(tag) : nullptr;
-    if (!source)
+    if (!source) {
+        countSuppressed();
         return suppressedEventId;
+    }
     const EventContext context = makeContext(given, source->info);
     const EventId id{source->id, ++source->serial};
-    callListeners<operation>(inside, handle, context, id);
+    callListeners<operation>(inside.state(), handle, context, id);
     return id;
 }
 
@@ -37,20 +39,18 @@ void deliverStop(const Opaque* handle, const Context& given, EventId id,
                  std::optional<std::uint64_t> tag) {
     const Inside inside;
     if (const ThreadSource* source = inside ? inside.state().sourceFor(tag) : nullptr)
-        callListeners<&InstrumentListener::onStop>(inside, handle, makeContext(given, source->info),
-                                                   id);
+        callListeners<&InstrumentListener::onStop>(inside.state(), handle,
+                                                   makeContext(given, source->info), id);
 }
 
 template <auto operation>
 void deliverAt(const Opaque* handle, const ContextSet& given, EventId id, std::int64_t time) {
     const Inside inside;
-    if (!inside)
-        return;
-    if (const SourcePtr source = externalSource(id.sourceId))
-        callListeners<operation>(inside, handle,
-                                 EventContextAccess::timed(given, source.get(), time), id, time);
-    else
-        Inside::countSuppressed();
+    const SourcePtr source = inside ? externalSource(id.sourceId) : SourcePtr();
+    if (!source)
+        return countSuppressed();
+    callListeners<operation>(inside.state(), handle,
+                             EventContextAccess::timed(given, source.get(), time), id, time);
 }
 
 }  // namespace

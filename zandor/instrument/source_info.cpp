@@ -46,6 +46,13 @@ const InternedText* kernelNameOf(std::uint64_t threadId) noexcept {
 
 }  // namespace
 
+constinit std::atomic<std::uint64_t> firstSourceId{0};
+
+void beginSources() noexcept {
+    firstSourceId.store(latestSourceId.load(std::memory_order_relaxed) + 1,
+                        std::memory_order_relaxed);
+}
+
 SourceInfo* makeSource() noexcept {
     void* memory = allocateBlock(sizeof(SourceInfo));
     if (!memory)

@@ -63,6 +63,11 @@ class SourcePtr {
     SourceInfo* info_ = nullptr;
 };
 
+/// The first source of this process; those below are its parent's. Relaxed: a thread of a child
+/// sees it at its first event.
+extern constinit std::atomic<std::uint64_t> firstSourceId;
+void beginSources() noexcept;
+
 /// A new source with one reference, which the caller owns; null when the system gives no memory.
 SourceInfo* makeSource() noexcept;
 /// The same for the calling thread.

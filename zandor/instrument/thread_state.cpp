@@ -54,6 +54,7 @@ void releaseState(ThreadState& state) noexcept {
     releaseTagged(state);
     state.source = {};
     state.recorders = {};
+    state.scopes.clear();
     state.endingRounds = 0;
     state.owner.store(nullptr, std::memory_order_relaxed);
     giveBackThreadState(state);

@@ -14,6 +14,7 @@
 
 #include "fences.hpp"
 #include "interned_text.hpp"
+#include "scope_pool.hpp"
 #include "source_info.hpp"
 
 namespace instrument {
@@ -37,8 +38,8 @@ struct ThreadLocals {
     const InternedText* givenName() const noexcept { return setName ? setName : defaultName; }
 };
 
-/// Where a recorder goes on writing events of this thread. All-zero is none. Only the thread itself uses
-/// it; a state that goes to another thread comes with all of them zero.
+/// Where a recorder goes on writing events of this thread. All-zero is none. Only the thread itself
+/// uses it; a state that goes to another thread comes with all of them zero.
 struct RecorderSlot {
     /// The recording's number, never used again; another one, or 0, means that the slot is stale.
     std::uint64_t recording;
@@ -79,6 +80,7 @@ struct alignas(64) ThreadState {
 
     std::array<RecorderSlot, recorderSlots> recorders;
     TaggedSource* tagged;
+    ScopePool scopes;
     TextCache texts;
 
     /// Rounds of thread-specific destructors since the thread began to end.

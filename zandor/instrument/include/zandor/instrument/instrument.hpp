@@ -137,6 +137,8 @@ class Instrument {
 
 namespace detail {
 
+struct OpenScope;
+
 /// The context of an open event, kept for its stop: texts are the library's own, so that the
 /// caller's need not outlive the start.
 class KeptContext {
@@ -154,7 +156,8 @@ class KeptContext {
     };
 };
 
-/// Decides on the context rules and delivers. Gives a reserved identity when it did not.
+/// Decides by the switch and the context rules, and delivers. Gives a reserved identity when it did
+/// not.
 ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle, ContextArgs context,
                                         KeptContext& kept);
 ZANDOR_INSTRUMENT_API void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id);
@@ -176,36 +179,26 @@ class OpenEvent {
 /// An event that lasts as long as the scope.
 class Scope {
   public:
-    explicit Scope(const Instrument& instrument) {
-        if (instrument.isOn()) [[unlikely]]
-            open(instrument.handle(), {});
-    }
-    Scope(const Instrument& instrument, std::initializer_list<ContextArg> context) {
-        if (instrument.mayBeOn()) [[unlikely]]
-            open(instrument.handle(), {context.begin(), context.size()});
-    }
+    explicit Scope(const Instrument& instrument)
+        : event_(instrument.isOn() ? open(instrument.handle(), {}) : nullptr) {}
+    Scope(const Instrument& instrument, std::initializer_list<ContextArg> context)
+        : event_(instrument.mayBeOn() ? open(instrument.handle(), {context.begin(), context.size()})
+                                      : nullptr) {}
     /// A scope without event.
-    Scope() noexcept {}
+    Scope() noexcept : event_(nullptr) {}
     ~Scope() {
-        if (handle_) [[unlikely]]
-            close();
+        if (event_) [[unlikely]]
+            close(event_);
     }
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
   private:
-    ZANDOR_INSTRUMENT_API void open(const Opaque* handle, ContextArgs context);
-    ZANDOR_INSTRUMENT_API void close() noexcept;
+    // Not told `this`, so that a scope without event stays in a register.
+    ZANDOR_INSTRUMENT_API static detail::OpenScope* open(const Opaque* handle, ContextArgs context);
+    ZANDOR_INSTRUMENT_API static void close(detail::OpenScope* event) noexcept;
 
-    struct Open {
-        EventId id;
-        detail::KeptContext context;
-    };
-
-    const Opaque* handle_ = nullptr;  // set while an event is open
-    union {
-        Open open_;  // written by `open` only, its context alive while an event is open
-    };
+    detail::OpenScope* const event_;  // null: no event is open
 };
 
 /// Names the calling thread in recordings. From any thread, at any time, for itself.
