@@ -80,7 +80,8 @@ class Writer {
         const RecordedEvent& event = *placed.event;
         appendHead("X", event.instrument, "event", event.source, placed.start);
         out_.append(",\"dur\":");
-        out_.appendMicroseconds(time_.nanoseconds(placed.end - placed.start));
+        out_.appendMicroseconds(
+            saturatingSubtract(time_.nanoseconds(placed.end), time_.nanoseconds(placed.start)));
         JsonArgs args(out_);
         closeWith(args, event);
     }

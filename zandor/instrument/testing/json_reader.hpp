@@ -12,19 +12,16 @@
 
 namespace instrument::test_support {
 
+struct JsonMember;
+
 struct Json {
     enum class Kind : std::uint8_t { null, logical, number, text, list, object };
     Kind kind = Kind::null;
     std::string text;  // a text's characters, a number's digits, "true" or "false"
     std::vector<Json> elements;
-    std::vector<std::pair<std::string, Json>> members;
+    std::vector<JsonMember> members;
 
-    const Json* find(std::string_view name) const {
-        for (const auto& [member, value] : members)
-            if (member == name)
-                return &value;
-        return nullptr;
-    }
+    const Json* find(std::string_view name) const;
     bool has(std::string_view name) const { return find(name) != nullptr; }
     const Json& operator[](std::string_view name) const {
         if (const Json* value = find(name))
@@ -41,6 +38,18 @@ struct Json {
         return std::stoll(digits);
     }
 };
+
+struct JsonMember {
+    std::string name;
+    Json value;
+};
+
+inline const Json* Json::find(std::string_view name) const {
+    for (const JsonMember& member : members)
+        if (member.name == name)
+            return &member.value;
+    return nullptr;
+}
 
 class JsonReader {
   public:
@@ -115,7 +124,7 @@ class JsonReader {
             if (object.has(name))
                 fail("member " + name + " twice");
             expect(':');
-            object.members.emplace_back(std::move(name), value());
+            object.members.push_back({std::move(name), value()});
         }
         return object;
     }
