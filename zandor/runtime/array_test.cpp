@@ -7,7 +7,6 @@
 #include <cmath>
 #include <cstring>
 #include <limits>
-#include <random>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -252,91 +251,6 @@ TEST(LiveArrays, AreCountedOverAllThreads) {
     for (std::thread& thread : threads)
         thread.join();
     EXPECT_EQ(matrix::liveArrayCount(), before);
-}
-
-TEST(ArrayMemory, MayBeFreedByAnotherThreadThanTheOneThatTookIt) {
-    constexpr std::size_t count = 20'000;
-    std::vector<Array> arrays(count);
-    for (int round = 0; round < 4; ++round) {
-        std::thread maker([&] {
-            for (std::size_t i = 0; i < count; ++i) {
-                arrays[i] = do_create_uninitnumeric(ClassId::logical, 1, 1 + i % 600);
-                std::memset(hx::hxGetData(arrays[i].get()), static_cast<int>(i), 1 + i % 600);
-            }
-        });
-        maker.join();
-        std::thread destroyer([&] {
-            for (std::size_t i = 0; i < count; ++i) {
-                const auto* data =
-                    static_cast<const unsigned char*>(hx::hxGetData(arrays[i].get()));
-                const auto wanted = static_cast<unsigned char>(i);
-                ASSERT_EQ(data[0], wanted);
-                ASSERT_EQ(data[i % 600], wanted);
-                arrays[i].reset();
-            }
-        });
-        destroyer.join();
-    }
-}
-
-TEST(ArrayMemory, IsNotSharedBetweenLivingArrays) {
-    std::mt19937 random(1);
-    std::vector<std::pair<Array, unsigned char>> living;
-    for (int step = 0; step < 50'000; ++step) {
-        if (living.size() < 100 || random() % 2) {
-            const std::size_t size = random() % 700;
-            Array array = do_create_uninitnumeric(ClassId::logical, size, 1);
-            const auto mark = static_cast<unsigned char>(random());
-            std::memset(hx::hxGetData(array.get()), mark, size);
-            living.emplace_back(std::move(array), mark);
-        } else {
-            std::swap(living[random() % living.size()], living.back());
-            const auto& [array, mark] = living.back();
-            const auto* data = static_cast<const unsigned char*>(hx::hxGetData(array.get()));
-            const std::size_t size = hx::hxGetElementCount(array.get());
-            for (std::size_t i = 0; i < size; ++i)
-                ASSERT_EQ(data[i], mark);
-            living.pop_back();
-        }
-    }
-}
-
-TEST(ArrayMemory, IsMadeAndDestroyedByThreadsSideBySide) {
-    constexpr int threadCount = 4;
-    std::barrier start(threadCount);
-    std::vector<std::thread> threads;
-    for (int t = 0; t < threadCount; ++t) {
-        threads.emplace_back([&, t] {
-            start.arrive_and_wait();
-            for (int round = 0; round < 50; ++round) {
-                Array cell = do_create_cell(1, 200);
-                for (std::size_t i = 0; i < 200; ++i) {
-                    hx::hxSetCell(cell.get(), i, number(t).release());
-                }
-                for (std::size_t i = 0; i < 200; ++i) {
-                    ASSERT_EQ(scalarOf<double>(hx::hxGetCell(cell.get(), i)), t);
-                }
-            }
-        });
-    }
-    for (std::thread& thread : threads)
-        thread.join();
-}
-
-/// Destroys an array when its thread's own objects are destroyed: after the thread's cache, or
-/// before it.
-struct LateArray {
-    Array array;
-};
-
-TEST(ArrayMemory, CanBeUsedWhileTheThreadEnds) {
-    std::thread([] {
-        // The order in which thread-locals are destroyed is the reverse of their first use.
-        thread_local LateArray late;
-        late.array = nullptr;
-        late.array = do_create_cell(1, 1);
-        hx::hxSetCell(late.array.get(), 0, number(1).release());
-    }).join();
 }
 
 }  // namespace
