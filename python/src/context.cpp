@@ -1,5 +1,8 @@
 #include "context.hpp"
 
+#include <algorithm>
+#include <string_view>
+
 #include "errors.hpp"
 #include "text.hpp"
 
@@ -58,15 +61,24 @@ bool asContextNumber(PyObject* object, ContextValue& value) {
     return PyLong_Check(object) && asContextInteger(object, value);
 }
 
-ContextArg contextArg(PyObject* name, PyObject* value, Ref& nameOwner, Ref& valueOwner) {
-    ContextArg arg{utf8Of(name, nameOwner), {}};
-    if (PyUnicode_CheckExact(value)) {
-        arg.value = utf8Of(value, valueOwner);
-    } else if (!asContextNumber(value, arg.value)) {
-        valueOwner = Ref::take(intoPython([&] { return PyObject_Str(value); }));
-        arg.value = utf8Of(valueOwner.get(), valueOwner);
+bool areAtoms(PyObject* const* values, std::size_t count) noexcept {
+    return std::all_of(values, values + count, [](PyObject* value) {
+        return PyUnicode_CheckExact(value) || PyLong_Check(value) || PyFloat_CheckExact(value);
+    });
+}
+
+bool makeContext(PyObject* const* values, PyObject* names, ContextArg* args) {
+    const auto count = static_cast<std::size_t>(PyTuple_GET_SIZE(names));
+    Ref owner;
+    for (std::size_t i = 0; i < count && !owner; ++i) {
+        PyObject* value = values[i];
+        args[i].name = utf8Of(PyTuple_GET_ITEM(names, static_cast<Py_ssize_t>(i)), owner);
+        if (PyUnicode_CheckExact(value))
+            args[i].value = utf8Of(value, owner);
+        else if (!asContextNumber(value, args[i].value))
+            return false;
     }
-    return arg;
+    return !owner;
 }
 
 bool isOn(const instrument::Opaque* instrument, ContextArgs context) {
@@ -76,18 +88,39 @@ bool isOn(const instrument::Opaque* instrument, ContextArgs context) {
     return instrument->enabled.load(std::memory_order_relaxed);
 }
 
+namespace {
+
+/// UTF-8 of a str that outlives the owners.
+std::string_view keptUtf8(PyObject* str, std::vector<Ref>& owners) {
+    Ref owner;
+    const std::string_view text = utf8Of(str, owner);
+    if (owner)
+        owners.push_back(std::move(owner));
+    return text;
+}
+
+ContextArg contextArg(PyObject* name, PyObject* value, std::vector<Ref>& owners) {
+    ContextArg arg{keptUtf8(name, owners), {}};
+    if (PyUnicode_CheckExact(value)) {
+        arg.value = keptUtf8(value, owners);
+    } else if (!asContextNumber(value, arg.value)) {
+        owners.push_back(Ref::take(intoPython([&] { return PyObject_Str(value); })));
+        arg.value = keptUtf8(owners.back().get(), owners);
+    }
+    return arg;
+}
+
+}  // namespace
+
 CallContext::CallContext(PyObject* const* values, PyObject* names)
     : count_(names ? static_cast<std::size_t>(PyTuple_GET_SIZE(names)) : 0) {
-    Ref* owners = fewOwners_.data();
     if (count_ > few) {
         manyArgs_ = std::make_unique<ContextArg[]>(count_);
-        manyOwners_ = std::make_unique<Ref[]>(2 * count_);
         args_ = manyArgs_.get();
-        owners = manyOwners_.get();
     }
     for (std::size_t i = 0; i < count_; ++i) {
         PyObject* name = PyTuple_GET_ITEM(names, static_cast<Py_ssize_t>(i));
-        args_[i] = contextArg(name, values[i], owners[2 * i], owners[2 * i + 1]);
+        args_[i] = contextArg(name, values[i], owners_);
     }
 }
 

@@ -4,7 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <memory>
-#include <span>
+#include <vector>
 
 #include "python_api.hpp"
 #include "zandor/instrument/event_context.hpp"
@@ -15,16 +15,20 @@ namespace vantrace {
 /// bool, int of 64 bits, float: as they are. False for other objects.
 bool asContextNumber(PyObject* object, instrument::ContextValue& value);
 
-/// What an argument of the context is made of: its text's owner, where there is one.
-instrument::ContextArg contextArg(PyObject* name, PyObject* value, Ref& nameOwner, Ref& valueOwner);
+/// Whether all of these values are immutable objects that context is made of without running code.
+bool areAtoms(PyObject* const* values, std::size_t count) noexcept;
+
+/// Context of such values whose texts belong to the objects themselves. False where one has none of
+/// its own: an integer beyond 64 bits, a lone surrogate.
+bool makeContext(PyObject* const* values, PyObject* names, instrument::ContextArg* args);
 
 /// Whether an event of the instrument with this context is to be delivered, listeners being active.
 bool isOn(const instrument::Opaque* instrument, instrument::ContextArgs context);
 
-/// The keyword arguments of one call as context, for as long as the call lasts.
+/// The keyword arguments of one call as context, for as long as the object lives. `values` has one
+/// object for each name of the tuple; null is no names.
 class CallContext {
   public:
-    /// `values` has one object for each name of the tuple; null is no names.
     CallContext(PyObject* const* values, PyObject* names);
     instrument::ContextArgs args() const noexcept { return {args_, count_}; }
 
@@ -33,10 +37,9 @@ class CallContext {
 
     std::size_t count_;
     std::array<instrument::ContextArg, few> fewArgs_;
-    instrument::ContextArg* args_ = fewArgs_.data();
-    std::array<Ref, 2 * few> fewOwners_;
     std::unique_ptr<instrument::ContextArg[]> manyArgs_;
-    std::unique_ptr<Ref[]> manyOwners_;
+    instrument::ContextArg* args_ = fewArgs_.data();
+    std::vector<Ref> owners_;  ///< of texts that had to be made
 };
 
 }  // namespace vantrace

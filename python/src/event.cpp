@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <iterator>
 #include <memory>
 #include <new>
@@ -33,25 +34,35 @@ const void* currentThread() noexcept {
 struct Entered {
     const void* thread = nullptr;
     EventId id;
-    std::unique_ptr<CallContext> context;  ///< none where nothing was delivered, or without context
+    std::unique_ptr<CallContext> context;  ///< where it is mixed and the start was delivered
 };
 
 struct CallableHead {
     PyObject_VAR_HEAD vectorcallfunc call;
 };
 
-/// The values of the context follow.
+/// What is known about the context of an event object.
+enum class ContextState : std::uint8_t {
+    atoms,  ///< immutable values that were not looked at yet, or none
+    made,   ///< its arguments stand ready
+    mixed,  ///< other values: arguments are made at each entering
+};
+
+/// The context's arguments and its values follow.
 struct EventObject {
     CallableHead head;
     const Opaque* instrument;
     PyObject* name;
     PyObject* names;  ///< of the context: a tuple, or null
     bool isEntered;
+    ContextState state;
     Entered entered;
     std::unique_ptr<std::vector<Entered>> outer;  ///< entered before `entered`, latest last
 
-    PyObject** values() noexcept { return reinterpret_cast<PyObject**>(this + 1); }
+    ContextArg* args() noexcept { return reinterpret_cast<ContextArg*>(this + 1); }
+    PyObject** values() noexcept { return reinterpret_cast<PyObject**>(args() + Py_SIZE(&head)); }
 };
+constexpr std::size_t entrySize = sizeof(ContextArg) + sizeof(PyObject*);
 
 // Immortal, as the module is.
 PyObject* eventType = nullptr;
@@ -103,12 +114,6 @@ void release(EventObject* event) noexcept {
     PyObject_GC_Del(event);
 }
 
-/// Whether a reference to the object can be part of a cycle.
-bool mayHoldReferences(PyObject* object) noexcept {
-    return !PyUnicode_CheckExact(object) && !PyLong_Check(object) && !PyFloat_CheckExact(object) &&
-           object != Py_None;
-}
-
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndFlag,
                PyObject* names);
 
@@ -120,14 +125,14 @@ PyObject* newEvent(PyObject* name, const Opaque* instrument, PyObject* const* va
     event->instrument = instrument;
     event->name = Py_NewRef(name);
     event->names = Py_XNewRef(names);
-    bool isTracked = false;
-    for (Py_ssize_t i = 0; i < size; ++i) {
+    for (Py_ssize_t i = 0; i < size; ++i)
         event->values()[i] = Py_NewRef(values[i]);
-        isTracked = isTracked || mayHoldReferences(values[i]);
-    }
     auto* object = reinterpret_cast<PyObject*>(event);
-    if (isTracked)
+    event->state = ContextState::atoms;
+    if (!areAtoms(values, static_cast<std::size_t>(size))) {
+        event->state = ContextState::mixed;
         PyObject_GC_Track(object);
+    }
     return object;
 }
 
@@ -175,8 +180,21 @@ void deallocate(PyObject* self) {
     Py_DECREF(type);
 }
 
-ContextArgs argsOf(const Entered& entered) noexcept {
-    return entered.context ? entered.context->args() : ContextArgs{};
+ContextArgs argsOf(EventObject& event, const Entered& entered) noexcept {
+    if (entered.context)
+        return entered.context->args();
+    if (event.state != ContextState::made)
+        return {};
+    return {event.args(), static_cast<std::size_t>(contextSize(event))};
+}
+
+void makeArgs(EventObject& event, Entered& entered) {
+    if (event.state == ContextState::atoms) {
+        const bool isMade = makeContext(event.values(), event.names, event.args());
+        event.state = isMade ? ContextState::made : ContextState::mixed;
+    }
+    if (event.state == ContextState::mixed)
+        entered.context = std::make_unique<CallContext>(event.values(), event.names);
 }
 
 Entered start(EventObject& event) {
@@ -184,8 +202,8 @@ Entered start(EventObject& event) {
     if (!instrument::listeners.anyActive())
         return entered;
     if (event.names)
-        entered.context = std::make_unique<CallContext>(event.values(), event.names);
-    entered.id = startEvent(event.instrument, argsOf(entered));
+        makeArgs(event, entered);
+    entered.id = startEvent(event.instrument, argsOf(event, entered));
     return entered;
 }
 
@@ -234,7 +252,7 @@ PyObject* leave(PyObject* self, bool withException) {
             raise(PyExc_RuntimeError, "the event was not entered");
         const Entered entered = takeEntered(event);
         try {
-            stopEvent(event.instrument, argsOf(entered), entered.id);
+            stopEvent(event.instrument, argsOf(event, entered), entered.id);
         } catch (const std::exception&) {
             // The exception that ends the block is the one to hear about.
             if (!withException)
@@ -311,7 +329,7 @@ PyType_Slot slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec spec = {"vantrace.event", sizeof(EventObject), sizeof(PyObject*),
+PyType_Spec spec = {"vantrace.event", sizeof(EventObject), entrySize,
                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL, slots};
 
 PyType_Slot phaseSlots[] = {

@@ -1,0 +1,55 @@
+"""See where the time of a program goes.
+
+    import vantrace
+
+    with vantrace.event("solve", n=512):  # a stretch of work
+        ...
+
+    @vantrace.event("assemble")  # each call of a function
+    def assemble(): ...
+
+    vantrace.instant("converged", residual=1e-9)
+
+    with vantrace.record("trace.json"):  # records all threads, writes a trace
+        ...
+
+    from vantrace import performance  # the tree of published methods
+
+`python -m vantrace run script.py` records a whole script. `vantrace.host` loads and unloads plug-ins.
+"""
+
+from ._core import NotLoadedError, PluginError, event, instant
+from ._core import version as __version__
+
+__all__ = [
+    "NotLoadedError",
+    "PluginError",
+    "StructArray",
+    "event",
+    "host",
+    "instant",
+    "performance",
+    "record",
+]
+
+
+# What most programs do not need, or not at once, is imported when it is asked for.
+_LATER = {"record": "._record", "StructArray": "._struct_array"}
+
+
+def __getattr__(name):
+    from importlib import import_module
+
+    if name == "performance":
+        # Not kept: there is another one after unloading and loading.
+        return import_module(".host", __name__).root("performance")
+    if name == "host":
+        return import_module(".host", __name__)
+    if name not in _LATER:
+        raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
+    value = globals()[name] = getattr(import_module(_LATER[name], __name__), name)
+    return value
+
+
+def __dir__():
+    return sorted(set(globals()) | set(__all__))

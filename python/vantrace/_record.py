@@ -1,0 +1,109 @@
+"""Recording a stretch of a program."""
+
+import os
+from collections import namedtuple
+
+from ._core import Recorder
+
+Summary = namedtuple("Summary", "name count total self minimum maximum")
+Summary.__doc__ = "Complete events of one name; times in nanoseconds."
+
+
+class record:
+    """record(path=None, *, max_bytes=0, keep="first"): records the events of all threads.
+
+        with vantrace.record("trace.json") as recording:
+            ...
+        print(recording.summary())
+
+    Every instrument is on inside the block. On leaving, the trace is written to `path`, where one is
+    given: trace-event JSON (.json), or collapsed stacks (.folded). Blocks may overlap and nest; each
+    has a recorder of its own. A block that is entered again goes on with its recording.
+
+    `max_bytes` bounds the memory for events (0: a quarter of the machine's). What gives way then says
+    `keep`: "first" refuses new events, "last" drops the oldest, "longest" the shortest.
+    """
+
+    def __init__(self, path=None, *, max_bytes=0, keep="first"):
+        self.path = None if path is None else os.fspath(path)
+        if path is not None:
+            _writer(self.path)
+        self._recorder = Recorder(max_bytes=max_bytes, keep=keep)
+
+    def __enter__(self):
+        if self.path is not None:
+            check_writable(self.path)
+        self._recorder.start()
+        return self
+
+    def __exit__(self, kind, error, traceback):
+        self._recorder.stop()
+        if self.path is None:
+            return
+        try:
+            self.save(self.path)
+        except OSError as failure:
+            if error is None:
+                raise
+            # The block's own exception is the one to hear about.
+            error.add_note(f"vantrace: the trace was not written: {failure}")
+
+    def save(self, path):
+        """Writes what was recorded so far; the ending says how: .json or .folded."""
+        path = os.fspath(path)
+        _writer(path)(self._recorder, path)
+
+    def summary(self):
+        """Where the time went: a list of Summary, widest self time first."""
+        return [Summary(*line) for line in self._recorder.summary()]
+
+    def threads(self):
+        """The names of the threads that have complete events."""
+        return self._recorder.threads()
+
+    def drops(self):
+        """How many events were dropped, by cause."""
+        return self._recorder.drops()
+
+    def clear(self):
+        """Forgets what was recorded so far."""
+        self._recorder.clear()
+
+    @property
+    def is_active(self):
+        """Whether the block is entered."""
+        return self._recorder.is_active
+
+    def __repr__(self):
+        return f"<record {self.path!r}{' active' if self.is_active else ''}>"
+
+
+_WRITERS = {".json": Recorder.save_json, ".folded": Recorder.save_stacks}
+
+
+def _writer(path):
+    ending = os.path.splitext(os.fsdecode(path))[1]
+    if ending not in _WRITERS:
+        raise ValueError(f"a trace ends in .json or .folded, not {os.fsdecode(path)!r}")
+    return _WRITERS[ending]
+
+
+def check_writable(path):
+    """Raises the OSError that writing a file there would run into, as far as can be seen before."""
+    path = os.fsdecode(path)
+    folder = os.path.dirname(path) or os.curdir
+    if os.path.isdir(path):
+        raise _os_error("EISDIR", path)
+    if not os.path.exists(folder):
+        raise _os_error("ENOENT", path)
+    if not os.path.isdir(folder):
+        raise _os_error("ENOTDIR", path)
+    if not os.access(folder, os.W_OK | os.X_OK):
+        raise _os_error("EACCES", path)
+
+
+def _os_error(name, path):
+    import errno
+
+    number = getattr(errno, name)
+    return OSError(number, os.strerror(number), path)

@@ -1,0 +1,174 @@
+"""Recording a script that runs as the real `__main__`."""
+
+import atexit
+import builtins
+import io
+import os
+import sys
+import time
+from importlib.machinery import SourceFileLoader
+from types import ModuleType
+
+from ._cli import UsageError
+from ._record import check_writable, record
+
+
+def run(script, arguments, output, table):
+    """Runs the script; whatever ends it passes through as if the interpreter had run it.
+
+    The recording ends when the interpreter does: after the script's threads and exit handlers.
+    """
+    source = _read(script)
+    report = _Report(script, output, table)
+    code = _main_code(script, arguments, source)
+    report.begin()
+    _execute(code)
+    return 0
+
+
+def _read(script):
+    try:
+        with io.open_code(os.path.abspath(script)) as file:
+            return file.read()
+    except OSError as error:
+        raise UsageError(f"cannot open {script!r}: {error.strerror}") from None
+
+
+def _absolute(path):
+    """As the interpreter makes the path of its script absolute."""
+    return path if os.path.isabs(path) else os.path.join(os.getcwd(), path.removeprefix("./"))
+
+
+def _main_code(script, arguments, source):
+    """Puts the script in our place; gives its code."""
+    file = _absolute(script)
+    sys.argv[:] = [script, *arguments]
+    if not sys.flags.safe_path:
+        sys.path[0] = os.path.dirname(os.path.realpath(script))
+    main = ModuleType("__main__")
+    main.__dict__.update(
+        __annotations__={},
+        __builtins__=builtins,
+        __cached__=None,
+        __file__=file,
+        __loader__=SourceFileLoader("__main__", file),
+    )
+    sys.modules["__main__"] = main
+    with _OwnFramesHidden():
+        return compile(source, file, "exec", dont_inherit=True)
+
+
+def _execute(code):
+    with _OwnFramesHidden():
+        exec(code, sys.modules["__main__"].__dict__)
+
+
+class _OwnFramesHidden:
+    """The traceback of an exception that leaves the block begins where the script does."""
+
+    def __enter__(self):
+        pass
+
+    def __exit__(self, kind, error, traceback):
+        if error is None or kind is SystemExit:
+            return
+        hook, scripts_own = sys.excepthook, traceback.tb_next
+
+        def show(shown_kind, shown, shown_traceback):
+            if shown is error:
+                shown_traceback = scripts_own
+                shown.__traceback__ = scripts_own
+            hook(shown_kind, shown, shown_traceback)
+
+        sys.excepthook = show
+
+
+class _Report:
+    """The recording, and what is said of it in the end."""
+
+    def __init__(self, script, output, table):
+        self._script = script
+        self._table = table
+        self._process = os.getpid()
+        self._stderr = sys.stderr
+        if output is None:
+            self._output, self._folder = None, os.getcwd()
+        else:
+            self._output, self._folder = os.path.abspath(output), os.path.dirname(output)
+        try:
+            check_writable(self._output or os.path.join(self._folder, "vantrace.json"))
+            self._recording = record(self._output)
+        except OSError as error:
+            raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+        except ValueError as error:
+            raise UsageError(error) from None
+
+    def begin(self):
+        # Registered before any of the script's own, it runs after them.
+        atexit.register(self._end)
+        self._recording._recorder.start()
+        self._begin = time.perf_counter_ns()
+
+    def _end(self):
+        if os.getpid() != self._process:
+            return  # a fork of the script that came to its own end
+        duration = time.perf_counter_ns() - self._begin
+        self._recording._recorder.stop()
+        try:
+            sys.stdout.flush()
+        except (AttributeError, OSError, ValueError):
+            pass  # closed, or its reader is gone: the interpreter says so itself
+        if self._table:
+            from ._table import lines
+
+            self._say(*lines(self._recording, duration, _width(self._stderr)))
+        self._write()
+
+    def _write(self):
+        try:
+            if self._output is not None:
+                self._recording.save(self._output)
+                path = self._output
+            else:
+                path = self._save_beside_others()
+        except OSError as error:
+            self._say(f"vantrace: cannot write {error.filename!r}: {error.strerror}")
+        else:
+            self._say(f"vantrace: the trace is {path}")
+
+    def _save_beside_others(self):
+        """Saves under a name that no file has."""
+        stem = os.path.splitext(os.path.basename(self._script))[0]
+        stem = f"vantrace-{stem}-{time.strftime('%Y%m%d-%H%M%S')}"
+        number = 1
+        while True:
+            path = os.path.join(self._folder, f"{stem}{'' if number == 1 else f'-{number}'}.json")
+            try:
+                os.close(os.open(path, os.O_CREAT | os.O_EXCL | os.O_WRONLY, 0o666))
+            except FileExistsError:
+                number += 1
+                continue
+            try:
+                self._recording.save(path)
+            except BaseException:
+                os.unlink(path)
+                raise
+            return path
+
+    def _say(self, *lines):
+        try:
+            self._stderr.writelines(line + "\n" for line in lines)
+            self._stderr.flush()
+        except (AttributeError, OSError, ValueError):
+            pass  # there is nobody to tell
+
+
+def _width(stream):
+    try:
+        return int(os.environ.get("COLUMNS", "")) or 80
+    except ValueError:
+        pass
+    try:
+        return os.get_terminal_size(stream.fileno()).columns or 80
+    except (AttributeError, OSError, ValueError):
+        return 80
