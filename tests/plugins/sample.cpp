@@ -102,9 +102,14 @@ void populateInner(COSPackage& package) {
     package.addMethod(new SampleMethod("answer", {}, "uint64 scalar", answer), 0, 2);
 }
 
+void failToPopulate(COSPackage&) {
+    throw OwnError("hidden");
+}
+
 void populate(COSPackage& package) {
     const InternedString pointer = makeInterned("uint64 scalar");
     package.addChildNamespace(new SampleNamespace("inner", populateInner));
+    package.addChildNamespace(new SampleNamespace("failing", failToPopulate));
     package.addMethod(new SampleMethod("keepJournal", {pointer}, "void", keepJournal), 0, 2);
     package.addMethod(new SampleMethod("run", {pointer}, "void", run), 0, 2);
     package.addMethod(new SampleMethod("echo", {makeInterned("char")}, "any", echo), 0, 2);

@@ -60,7 +60,7 @@ Value invoke(const Method::Node& method, std::size_t argumentCount, const Cell* 
         method.info->invoke(nullptr, &resultCount, result.data(),
                             static_cast<std::int32_t>(argumentCount), arguments);
     } catch (...) {
-        rethrowForCaller(method);
+        rethrowForCaller(method.description.fullName, method.plugin.get());
     }
     return result.take();
 }

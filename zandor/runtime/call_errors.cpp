@@ -52,10 +52,8 @@ void rethrowIf(const std::exception& error) {
 
 }  // namespace
 
-void rethrowForCaller(const Method::Node& method) {
-    const auto named = [&](const std::exception& error) {
-        return method.description.fullName + ": " + error.what();
-    };
+void rethrowForCaller(const std::string& fullName, const Plugin::Node* plugin) {
+    const auto named = [&](const std::exception& error) { return fullName + ": " + error.what(); };
     try {
         throw;
     } catch (const ArgumentError& error) {
@@ -63,12 +61,11 @@ void rethrowForCaller(const Method::Node& method) {
     } catch (const HostTypeError& error) {
         throw HostTypeError(named(error));
     } catch (const std::exception& error) {
-        if (belongsToPlugin(error, method.plugin.get()))
+        if (belongsToPlugin(error, plugin))
             rethrowAsStandard(error);
         throw;
     } catch (...) {
-        throw std::runtime_error(method.description.fullName +
-                                 " threw what is no standard exception");
+        throw std::runtime_error(fullName + " threw what is no standard exception");
     }
 }
 

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "zandor/runtime/call_errors.hpp"
 #include "zandor/runtime/nodes.hpp"
 #include "zandor/runtime/package.hpp"
 
@@ -82,8 +83,14 @@ Namespace::Node::Node(std::unique_ptr<kobs::COSNamespaceInfo> published,
 
 const Namespace::Node::Contents& Namespace::Node::contents() {
     const CallScope scope(gate());
-    if (!populated_.load(std::memory_order_acquire))
+    if (populated_.load(std::memory_order_acquire)) {
+        return contents_;
+    }
+    try {
         populate();
+    } catch (...) {
+        rethrowForCaller(fullName, plugin.get());
+    }
     return contents_;
 }
 
