@@ -19,25 +19,29 @@ std::string_view nameOf(const Opaque* instrument) noexcept {
     return {instrument->name, instrument->nameLength};
 }
 
+std::vector<std::string_view> labelsOf(const std::vector<RecordedSource>& sources) {
+    std::vector<std::string_view> labels;
+    for (const RecordedSource& source : sources)
+        labels.push_back(labelOf(source));
+    return labels;
+}
+
 std::vector<InstrumentRecorder::Event> selectEvents(const InstrumentRecorder& recorder,
                                                     const Selection& selection) {
     std::vector<InstrumentRecorder::Event> events;
     if (selection.isEmpty())
         return events;
     const Recording recording = takeRecording(recorder);
+    const std::vector<std::string_view> labels = labelsOf(recording.sources);
     for (const RecordedEvent& event : recording.events) {
         if (!event.finished || !selection.hasInstrument(event.instrument->id))
             continue;
         const ContextArgs context = recording.contextOf(event.context);
         if (!selection.hasContext(context))
             continue;
-        const RecordedSource& source = recording.sources[event.source];
-        events.push_back({nameOf(event.instrument),
-                          makeContextSet(context),
-                          {source.id, event.serial},
-                          event.start,
-                          event.stop,
-                          source.name});
+        const EventId id{recording.sources[event.source].id, event.serial};
+        events.push_back({nameOf(event.instrument), makeContextSet(context), id, event.start,
+                          event.stop, labels[event.source]});
     }
     return events;
 }
@@ -76,6 +80,7 @@ class PointSink {
 
     std::vector<InstrumentRecorder::EventPoint> take() {
         const auto [sources, places] = sources_.sorted();
+        const std::vector<std::string_view> labels = labelsOf(sources);
         for (Entry& entry : entries_)
             entry.source = places[entry.source];
         sortRuns(entries_, [](const Entry& a, const Entry& b) {
@@ -86,7 +91,7 @@ class PointSink {
         for (const Entry& entry : entries_)
             points.push_back({nameOf(instrumentFromId(entry.instrument)),
                               makeContextSet(contexts_.argsOf(entry.context)), entry.id, entry.type,
-                              entry.time, sources[entry.source].name});
+                              entry.time, labels[entry.source]});
         return points;
     }
 

@@ -3,14 +3,26 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "interned_text.hpp"
 #include "recording.hpp"
 #include "source_info.hpp"
 
 namespace instrument::detail {
+
+/// "process/thread" of another process, else the thread's name. Stays for the life of the process.
+inline std::string_view labelOf(const RecordedSource& source) {
+    if (source.processName.empty())
+        return source.name;
+    const InternedText* label =
+        intern(std::string(source.processName).append("/").append(source.name));
+    return label ? label->view() : source.name;
+}
 
 /// Numbers sources as they appear. The snapshot that they are from must live as long.
 class SourceList {
