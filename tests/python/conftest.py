@@ -1,0 +1,97 @@
+"""What the tests of the Python package share."""
+
+import gc
+import os
+import subprocess
+import sys
+import threading
+
+import pytest
+
+
+def run_python(*arguments, **options):
+    """Runs the interpreter that runs the tests; gives the finished process with its text."""
+    options = {"capture_output": True, "text": True, "timeout": 120, "check": False} | options
+    return subprocess.run([sys.executable, *map(str, arguments)], **options)
+
+
+@pytest.fixture(name="python")
+def fixture_python(tmp_path):
+    """Runs code in a new interpreter, which must succeed and print no error; gives what it printed."""
+
+    def run(code, *arguments):
+        done = run_python("-c", code, *arguments, cwd=tmp_path)
+        assert done.returncode == 0, done.stderr
+        assert done.stderr == ""
+        return done.stdout
+
+    return run
+
+
+@pytest.fixture(name="no_leaks")
+def fixture_no_leaks(request):
+    """The test ends with as many host arrays as it began with."""
+    from vantrace import _core
+
+    gc.collect()
+    before = _core.live_array_count()
+    yield
+    request.node.funcargs.clear()  # which hold what fixtures made until after this
+    gc.collect()
+    assert _core.live_array_count() == before
+
+
+@pytest.fixture(name="recorder")
+def fixture_recorder():
+    """The published recorder, empty and started."""
+    from vantrace import performance
+
+    recorder = performance.instrument.recorder
+    recorder.clearAllEventData()
+    recorder.start()
+    yield recorder
+    if recorder.isActive():
+        recorder.stop()
+    recorder.clearAllEventData()
+    performance.instrument.controls.disableAll()
+
+
+@pytest.fixture(name="in_thread")
+def fixture_in_thread():
+    """Runs a function in a thread of a name and waits for it; gives its result or raises its error."""
+
+    def run(function, name="worker"):
+        outcome = []
+
+        def work():
+            try:
+                outcome.append((function(), None))
+            except BaseException as error:
+                outcome.append((None, error))
+
+        thread = threading.Thread(target=work, name=name)
+        thread.start()
+        thread.join()
+        result, error = outcome[0]
+        if error:
+            raise error
+        return result
+
+    return run
+
+
+@pytest.fixture(name="compile_library")
+def fixture_compile_library(tmp_path):
+    """Compiles C text to a shared library."""
+
+    def compile_library(name, text=""):
+        source = tmp_path / f"{name}.c"
+        source.write_text(text)
+        library = tmp_path / f"lib{name}.so"
+        environment = {key: value for key, value in os.environ.items() if key != "LD_PRELOAD"}
+        subprocess.run(
+            ["cc", "-shared", "-fPIC", "-o", library, source], check=True, env=environment
+        )
+        return library
+
+    return compile_library
