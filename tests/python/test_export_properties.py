@@ -1,5 +1,6 @@
 """Random recordings with chosen times (ties, overlap, reversed stops, long gaps) keep the rules of exports."""
 
+import json
 import math
 import os
 import subprocess
@@ -81,23 +82,54 @@ def shown_events(text):
         yield event["tid"], event["name"], "unfinished" in args, start, int(duration)
 
 
-def check_shown(text, made, ticks):
+def check_shown(text, made, ticks, utc=False):
     """Each event that does not end before it starts is shown once, with its name, start and end."""
     used = sorted({source for source, *_ in [*made, *ticks]})
     first = min((start for _, start, *_ in [*made, *ticks]), default=0)
     last = last_time(made, ticks)
+    origin = int(json.loads(text)["metadata"]["origin_utc_ns"]) if utc else 1000
+    grid = 250 if utc else 1
     expected = sorted(
-        (used.index(source) + 1, shown(name), end is None, start - first + 1000,
-         (last if end is None else end) - start)
+        (used.index(source) + 1, shown(name), end is None,
+         (origin + start - first) // grid * grid, (last if end is None else end) - start)
         for source, name, start, end in kept(made)
     )
     found = sorted(shown_events(text))
     assert [event[:4] for event in found] == [event[:4] for event in expected]
-    # Ends are drawn inward where they meet others: by a nanosecond, or where a double's sum is
-    # coarser, by that.
-    step = 1 + 8 * math.ulp((last - first) / 1000) * 1000
+    # Ends are drawn inward where they meet others: by a step of the grid, or where a double's sum
+    # is coarser, by that.
+    step = grid + 8 * math.ulp((last - first) / 1000) * 1000
     for (*_, real), (*_, drawn) in zip(expected, found):
-        assert real - len(made) * step <= drawn <= real
+        assert real - (len(made) + utc) * step <= drawn < real + grid
+
+
+def check_exact_times(text, made, ticks):
+    """Events that the coarse grid has no room for tell their times to the nanosecond."""
+    first = min((start for _, start, *_ in [*made, *ticks]), default=0)
+    last = last_time(made, ticks)
+    origin = int(json.loads(text)["metadata"]["origin_utc_ns"]) - first
+    exact = Counter(
+        (str(origin + start), (last if end is None else end) - start)
+        for _, _, start, end in kept(made)
+    )
+    told = Counter(
+        (event["args"]["start_ns"], event["args"]["duration_ns"])
+        for event in events_of(text)
+        if event["ph"] == "i" and "duration_ns" in event.get("args", {})
+    )
+    assert told <= exact
+
+
+def check_filtered(text, made, minimum):
+    """Only what lasts long enough is shown, no instant that was one, and what is left out counted."""
+    durations = [event[2] for event in made]
+    negative = [d for d in durations if d is not None and d < 0]
+    short = [d for d in durations if d is not None and 0 <= d < minimum]
+    left_out = json.loads(text)["metadata"]
+    assert left_out["left_out_negative_duration"] == str(len(negative))
+    finished = [event for event in shown_events(text) if not event[2]]
+    assert len(finished) == len(durations) - durations.count(None) - len(negative) - len(short)
+    assert all(event["cat"] == "event" for event in events_of(text) if event["ph"] == "i")
 
 
 def kept(made):
@@ -155,6 +187,9 @@ def test_exports_keep_the_rules(tmp_path_factory, made, ticks, of_sources, origi
     assert check_collapsed(written["stacks.txt"]) == []
 
     check_shown(written["monotonic.json"].decode(), made, ticks)
+    check_shown(written["utc.json"].decode(), made, ticks, utc=True)
+    check_exact_times(written["utc.json"].decode(), made, ticks)
+    check_filtered(written["filtered.json"].decode(), made, minimum=5)
     stacks = written["stacks.txt"].decode().split("\n")[:-1]
     assert stacks == expected_stacks(made, ticks, of_sources)
     rows = [list(map(int, line.split())) for line in written["events.txt"].splitlines()]
