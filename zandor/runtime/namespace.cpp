@@ -20,6 +20,7 @@ std::string joined(const std::string& parent, const std::string& name) {
 
 std::vector<std::string> texts(const std::vector<kobs::internal::InternedString>& names) {
     std::vector<std::string> result;
+    result.reserve(names.size());
     for (const auto& name : names)
         result.emplace_back(name.text());
     return result;
