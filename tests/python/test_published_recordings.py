@@ -3,8 +3,10 @@
 import contextlib
 import json
 import queue
+import random
 import threading
 from collections import Counter
+from concurrent.futures import ThreadPoolExecutor
 
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as st
@@ -156,3 +158,48 @@ def test_exports_keep_the_rules_and_agree_with_the_events(of_threads, play):
         assert Counter(done) == Counter(map(shown, made.complete))
         assert Counter(still_open) == Counter(map(shown, unfinished))
     assert json.loads(trace_filtered)["metadata"].keys() == json.loads(trace)["metadata"].keys()
+
+
+def work(rng, ready, handed_over):
+    """Nested events, instants, and events that whichever thread comes next stops."""
+    ready.wait()
+    starts = 0
+    for _ in range(60):
+        with vantrace.event("outer", n=rng.randrange(3)), vantrace.event("inner"):
+            vantrace.instant("tick")
+        for _ in range(rng.randrange(3)):
+            identity = instruments.startEvent("handed", ["n", "1"])
+            handed_over.put((int(identity["sourceId"][0]), int(identity["serialId"][0])))
+            starts += 1
+        with contextlib.suppress(queue.Empty):
+            instruments.stopEvent("handed", ["n", "1"], *handed_over.get_nowait())
+    return starts + 2 * 60
+
+
+def test_exports_taken_while_threads_run_keep_the_rules():
+    handed_over = queue.SimpleQueue()
+    ready = threading.Barrier(5)
+    with recording([]), ThreadPoolExecutor(4) as pool:
+        working = [pool.submit(work, random.Random(i), ready, handed_over) for i in range(4)]
+        ready.wait()
+        exports = []
+        while len(exports) < 3 or not all(future.done() for future in working):
+            exports.append(
+                (
+                    recorder.getAllCompleteEventsTraceEventJson(),
+                    recorder.getAllCompleteEventsTraceEventJsonWithUTC(),
+                    recorder.getAllEventsCollapsedStacks(),
+                )
+            )
+        starts = sum(future.result() for future in working)
+        while not handed_over.empty():
+            instruments.stopEvent("handed", ["n", "1"], *handed_over.get_nowait())
+        last = recorder.getAllCompleteEventsTraceEventJson()
+        assert len(recorder.getAllEvents()["name"]) == starts
+    for trace, trace_utc, stacks in exports[:: len(exports) // 20 + 1]:
+        assert check_trace(trace) == []
+        assert check_trace(trace_utc, utc=True) == []
+        assert check_collapsed(stacks) == []
+    assert check_trace(last) == []
+    done, still_open = durations(events_of(last))
+    assert (len(done), still_open) == (starts, [])

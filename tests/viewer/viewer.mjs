@@ -80,8 +80,8 @@ export class Viewer {
       const exportButton = page.getByText(/Export$/);
       await Promise.race([exportButton.waitFor(), seen.alerted, seen.failed]);
       const loaded = await exportButton.isVisible();
-      const held = loaded ? await exported(page, exportButton) : { profiles: [] };
       if (screenshot) await picture(page, screenshot, view);
+      const held = loaded ? await exported(page, exportButton) : { profiles: [] };
       return {
         recognized: loaded || !seen.said.some((text) => text.startsWith('Unrecognized')),
         format: seen.format,
