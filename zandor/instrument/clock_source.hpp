@@ -78,7 +78,7 @@ class ZANDOR_INSTRUMENT_API TickConverter {
 };
 
 /// Converts many ticks that are mostly in order, as a recording's are.
-class TickReader {
+class ZANDOR_INSTRUMENT_API TickReader {
   public:
     std::int64_t operator()(std::uint64_t ticks) noexcept {
         if (!line_.covers(ticks)) [[unlikely]]

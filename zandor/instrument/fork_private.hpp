@@ -15,8 +15,8 @@
 namespace instrument::detail {
 
 /// Maps zeroed memory; null when the system gives none. Safe in signal handlers.
-void* mapMemory(std::size_t size) noexcept;
-void unmapMemory(void* memory, std::size_t size) noexcept;
+ZANDOR_INSTRUMENT_API void* mapMemory(std::size_t size) noexcept;
+ZANDOR_INSTRUMENT_API void unmapMemory(void* memory, std::size_t size) noexcept;
 
 enum class Wiping {
     kernel,   ///< by the kernel where it can, else by the handler

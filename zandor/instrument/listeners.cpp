@@ -38,9 +38,11 @@ template <class Context>
 void deliverStop(const Opaque* handle, const Context& given, EventId id,
                  std::optional<std::uint64_t> tag) {
     const Inside inside;
-    if (const ThreadSource* source = inside ? inside.state().sourceFor(tag) : nullptr)
-        callListeners<&InstrumentListener::onStop>(inside.state(), handle,
-                                                   makeContext(given, source->info), id);
+    const ThreadSource* source = inside ? inside.state().sourceFor(tag) : nullptr;
+    if (!source)
+        return countSuppressed();
+    const EventContext context = makeContext(given, source->info);
+    callListeners<&InstrumentListener::onStop>(inside.state(), handle, context, id);
 }
 
 template <auto operation>

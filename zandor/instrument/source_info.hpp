@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "interned_text.hpp"
+#include "zandor/instrument/export.hpp"
 
 namespace instrument::detail {
 
@@ -31,7 +32,7 @@ struct SourceInfo {
 
     /// The name as it is now; stays for the life of the process. Asks the kernel where nobody gave
     /// the thread a name and it lives.
-    std::string_view name() noexcept;
+    ZANDOR_INSTRUMENT_API std::string_view name() noexcept;
 };
 
 /// Keeps a SourceInfo. Copying is safe in signal handlers.
@@ -57,7 +58,7 @@ class SourcePtr {
         if (info)
             info->references.fetch_add(1, std::memory_order_relaxed);
     }
-    static void release(SourceInfo* info) noexcept;
+    ZANDOR_INSTRUMENT_API static void release(SourceInfo* info) noexcept;
 
   private:
     SourceInfo* info_ = nullptr;

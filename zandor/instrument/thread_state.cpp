@@ -116,6 +116,12 @@ ThreadSource* ThreadState::taggedSource(std::uint64_t tag) noexcept {
     return &tagged->source;
 }
 
+ThreadStateCounts threadStateCounts() noexcept {
+    const ProcessState& state = processState();
+    return {state.threadStates.load(std::memory_order_relaxed),
+            state.threadStatesMade.load(std::memory_order_relaxed)};
+}
+
 void waitUntilNobodyIsInside(const InstrumentListener& listener) noexcept {
     // Pairs with the light fence between a delivery's announcement of its listener and its check.
     heavyFence();

@@ -126,6 +126,13 @@ void forEachThread(Visit visit) {
                  &visit);
 }
 
+/// Of this process: threads that have a state, and states that were ever made for a thread.
+struct ThreadStateCounts {
+    std::uint64_t inUse;
+    std::uint64_t made;
+};
+ZANDOR_INSTRUMENT_API ThreadStateCounts threadStateCounts() noexcept;
+
 /// Whether the calling thread is inside a listener.
 inline bool isInsideListener() noexcept {
     const ThreadState* state = ThreadState::find();
