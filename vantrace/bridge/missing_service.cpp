@@ -15,14 +15,6 @@ const char* nameOf(Service service) {
             return "the event profiler";
         case Service::logger:
             return "the event logger";
-        case Service::externalEventsAggregator:
-            return "the aggregator of external events";
-        case Service::productStatistics:
-            return "the product statistics store";
-        case Service::taskManager:
-            return "the cooperative task manager";
-        case Service::utilities:
-            return "the performance utilities library";
     }
     return "the service";
 }

@@ -8,10 +8,6 @@ enum class Service {
     counter,
     profiler,
     logger,
-    externalEventsAggregator,
-    productStatistics,
-    taskManager,
-    utilities,
 };
 
 /// Throws std::runtime_error with the name of the service.

@@ -59,12 +59,6 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Lacking{"instrument.counter", "the event counter is not available in this build"},
         Lacking{"instrument.profiler", "the event profiler is not available in this build"},
-        Lacking{"instrument.logger", "the event logger is not available in this build"},
-        Lacking{"instrument.externalEventsAggregator",
-                "the aggregator of external events is not available in this build"},
-        Lacking{"productStats", "the product statistics store is not available in this build"},
-        Lacking{"cooperativeTaskManager",
-                "the cooperative task manager is not available in this build"},
-        Lacking{"utils", "the performance utilities library is not available in this build"}));
+        Lacking{"instrument.logger", "the event logger is not available in this build"}));
 
 }  // namespace

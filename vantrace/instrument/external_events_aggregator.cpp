@@ -1,19 +1,31 @@
 // The namespace "externalEventsAggregator": events of external clients taken in.
-#include "vantrace/bridge/missing_service.hpp"
 #include "vantrace/instrument/method_tables.hpp"
+#include "zandor/performance/aggregator.hpp"
 
 namespace vantrace {
 
 namespace {
 
-template <typename Result, typename... Parameters>
-constexpr auto absent = missing<Service::externalEventsAggregator, Result, Parameters...>;
+instrument::ExternalEventsAggregator theAggregator;
+
+void start() {
+    theAggregator.start();
+}
+void stop() {
+    theAggregator.stop();
+}
+void collectEvents() {
+    theAggregator.collectEvents();
+}
+void refreshActiveClients() {
+    theAggregator.refreshActiveClients();
+}
 
 constinit const MethodRow rows[] = {
-    {"start", absent<void>},
-    {"stop", absent<void>},
-    {"collectEvents", absent<void>},
-    {"refreshActiveClients", absent<void>},
+    {"start", start},
+    {"stop", stop},
+    {"collectEvents", collectEvents},
+    {"refreshActiveClients", refreshActiveClients},
 };
 
 }  // namespace

@@ -1,0 +1,106 @@
+#include "zandor/performance/product_stats_queue.hpp"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <exception>
+#include <thread>
+#include <utility>
+
+#include "zandor/performance/product_stats.hpp"
+#include "zandor/runtime/console.hpp"
+
+namespace performance::productStats {
+
+void Queue::add(Row row) {
+    std::unique_lock held(lock_);
+    if (closed_ || rows_.size() >= capacity) {
+        ++dropped_;
+        return;
+    }
+    rows_.push_back(std::move(row));
+    ++added_;
+    if (!running_)
+        startWriter();
+    held.unlock();
+    rowsCame_.notify_one();
+}
+
+/// The program's signals stay with its own threads.
+void Queue::startWriter() {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    running_ = true;
+    try {
+        std::thread([this] { run(); }).detach();
+    } catch (const std::exception&) {
+        running_ = false;
+        dropped_ += rows_.size();
+        done_ += rows_.size();
+        rows_.clear();
+    }
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void Queue::flush() {
+    std::unique_lock held(lock_);
+    rowsWent_.wait(held, [this, upTo = added_] { return done_ >= upTo; });
+}
+
+void Queue::close() {
+    std::unique_lock held(lock_);
+    closed_ = true;
+    rowsCame_.notify_one();
+    ended_.wait(held, [this] { return !running_; });
+}
+
+std::uint64_t Queue::dropped() const {
+    const std::lock_guard guard(lock_);
+    return dropped_;
+}
+
+void Queue::run() {
+    std::unique_ptr<Store> store;
+    std::unique_lock held(lock_);
+    for (;;) {
+        rowsCame_.wait(held, [this] { return closed_ || !rows_.empty(); });
+        if (rows_.empty())
+            break;
+        const std::vector<Row> rows = std::exchange(rows_, {});
+        held.unlock();
+        const std::string why = write(store, rows);
+        held.lock();
+        done_ += rows.size();
+        if (why.empty()) {
+            rowsWent_.notify_all();
+            continue;
+        }
+        dropped_ += rows.size();
+        rowsWent_.notify_all();
+        // Whoever waited for the rows may hold what the console needs: the line comes after they
+        // were let go.
+        if (!std::exchange(told_, true)) {
+            held.unlock();
+            utPrintf("vantrace: product statistics are not kept: %s\n", why.c_str());
+            held.lock();
+        }
+    }
+    running_ = false;
+    std::notify_all_at_thread_exit(ended_, std::move(held));
+}
+
+std::string Queue::write(std::unique_ptr<Store>& store, const std::vector<Row>& rows) {
+    try {
+        if (!store)
+            store = std::make_unique<Store>(databaseFile());
+        store->write(rows);
+        return {};
+    } catch (const std::exception& error) {
+        store.reset();  // the next rows try anew
+        return error.what();
+    }
+}
+
+}  // namespace performance::productStats

@@ -1,0 +1,58 @@
+// The queue between those who log product statistics and the thread that writes them.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "zandor/performance/export.hpp"
+#include "zandor/performance/product_stats_store.hpp"
+
+namespace performance::productStats {
+
+/// Bounded: rows beyond it are dropped and counted. From any thread.
+class ZANDOR_PERFORMANCE_API Queue {
+  public:
+    static constexpr std::size_t capacity = 1 << 16;
+
+    Queue() = default;
+    /// The queue of a child, which leaves its parent's as it was.
+    explicit Queue(const Queue* parents) : parents_(parents) {}
+
+    /// Starts the writing thread with the first row.
+    void add(Row row);
+    /// Waits until all that was added before is written or dropped.
+    void flush();
+    /// Writes what is left and ends the thread; later rows are dropped.
+    void close();
+    std::uint64_t dropped() const;
+
+    // A fork takes the lock, so that a child finds a whole queue to leave behind.
+    void lockForFork() { lock_.lock(); }
+    void unlockAfterFork() { lock_.unlock(); }
+
+  private:
+    void startWriter();
+    void run();
+    /// Empty when the rows are written; else why not.
+    static std::string write(std::unique_ptr<Store>& store, const std::vector<Row>& rows);
+
+    const Queue* const parents_ = nullptr;  // still somebody's, so not lost
+    mutable std::mutex lock_;
+    std::condition_variable rowsCame_;
+    std::condition_variable rowsWent_;
+    std::condition_variable ended_;
+    std::vector<Row> rows_;
+    std::uint64_t added_ = 0;  // rows that entered the queue
+    std::uint64_t done_ = 0;   // of these, written or dropped
+    std::uint64_t dropped_ = 0;
+    bool running_ = false;
+    bool closed_ = false;
+    bool told_ = false;
+};
+
+}  // namespace performance::productStats

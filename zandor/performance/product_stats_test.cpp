@@ -1,0 +1,202 @@
+#include "zandor/performance/product_stats.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "zandor/performance/product_stats_queue.hpp"
+#include "zandor/performance/product_stats_store.hpp"
+#include "zandor/runtime/console.hpp"
+
+namespace performance::productStats {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+std::mutex consoleLock;
+std::string console;
+int keep(const char* text, std::size_t length) noexcept {
+    const std::lock_guard guard(consoleLock);
+    console.append(text, length);
+    return static_cast<int>(length);
+}
+
+std::vector<std::string> query(const std::filesystem::path& file, const char* sql) {
+    sqlite3* database = nullptr;
+    EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+    std::vector<std::string> lines;
+    const auto addLine = [](void* to, int columns, char** values, char**) {
+        std::string line;
+        for (int column = 0; column < columns; ++column)
+            line += std::string(column ? "|" : "") + (values[column] ? values[column] : "-");
+        static_cast<std::vector<std::string>*>(to)->push_back(line);
+        return 0;
+    };
+    EXPECT_EQ(sqlite3_exec(database, sql, addLine, &lines, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+    return lines;
+}
+
+class ProductStats : public ::testing::Test {
+  protected:
+    ProductStats()
+        : folder_(std::filesystem::temp_directory_path() /
+                  ("product stats " + std::to_string(::getpid()))) {
+        std::filesystem::remove_all(folder_);
+        std::filesystem::create_directory(folder_);
+        setenv("XDG_STATE_HOME", (folder_ / "state").c_str(), 1);
+        const std::lock_guard guard(consoleLock);
+        console.clear();
+        before_ = zandor::setConsoleSink(keep);
+    }
+    ~ProductStats() override {
+        zandor::setConsoleSink(before_);
+        std::filesystem::remove_all(folder_);
+    }
+
+    static mode_t modeOf(const std::filesystem::path& path) {
+        struct stat status {};
+        EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+        return status.st_mode & 0777;
+    }
+
+    static std::string consoleText() {
+        const std::lock_guard guard(consoleLock);
+        return console;
+    }
+
+    const std::filesystem::path folder_;
+    zandor::ConsoleSink before_ = nullptr;
+};
+
+TEST_F(ProductStats, StandInTheUsersStateFolder) {
+    EXPECT_EQ(databaseFile(), folder_ / "state/vantrace/product_stats.db");
+    setenv("XDG_STATE_HOME", "relative", 1);
+    setenv("HOME", "/home/somebody", 1);
+    EXPECT_EQ(databaseFile(), "/home/somebody/.local/state/vantrace/product_stats.db");
+}
+
+TEST_F(ProductStats, AreForTheUserAlone) {
+    const mode_t before = ::umask(0);
+    Store store(databaseFile());
+    store.write(std::vector<Row>{{1, Kind::time, "a", "b", 7}});
+    ::umask(before);
+    EXPECT_EQ(modeOf(databaseFile()), 0600u);
+    EXPECT_EQ(modeOf(databaseFile().string() + "-wal"), 0600u);
+    EXPECT_EQ(modeOf(databaseFile().parent_path()), 0700u);
+}
+
+TEST_F(ProductStats, KeepOneRowACallWithAnyText) {
+    Store(databaseFile())
+        .write(std::vector<Row>{{1, Kind::time, "a'%s", "ü😀", 7}, {2, Kind::begin, "", "", 8}});
+    EXPECT_THAT(query(databaseFile(), "SELECT utc_ns, kind, name, detail, pid FROM event"),
+                ElementsAre("1|time|a'%s|ü😀|7", "2|begin|||8"));
+}
+
+TEST_F(ProductStats, PairBeginsWithEnds) {
+    Store(databaseFile())
+        .write(std::vector<Row>{{10, Kind::begin, "a", "", 7},
+                                {11, Kind::begin, "b", "", 7},
+                                {12, Kind::end, "a", "", 8},  // of another process
+                                {15, Kind::end, "a", "", 7},
+                                {20, Kind::begin, "a", "", 7},
+                                {21, Kind::begin, "a", "", 7},
+                                {25, Kind::end, "a", "", 7}});
+    EXPECT_THAT(query(databaseFile(),
+                      "SELECT name, begin_utc_ns, end_utc_ns, duration_ns "
+                      "FROM interval ORDER BY begin_utc_ns"),
+                ElementsAre("a|10|15|5", "b|11|-|-", "a|20|-|-", "a|21|25|4"));
+}
+
+TEST_F(ProductStats, WriteAllOfABatchOrNothing) {
+    Store store(databaseFile());
+    store.write(std::vector<Row>{{1, Kind::time, "a", "", 7}});
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const auto handler = ::signal(SIGXFSZ, SIG_IGN);
+    const rlimit tight{1, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &tight);
+    EXPECT_THROW(store.write(std::vector<Row>(5000, {2, Kind::time, std::string(100, 'x'), "", 7})),
+                 std::runtime_error);
+    setrlimit(RLIMIT_FSIZE, &before);
+    ::signal(SIGXFSZ, handler);
+    EXPECT_THAT(query(databaseFile(), "SELECT count(*) FROM event"), ElementsAre("1"));
+    store.write(std::vector<Row>{{3, Kind::time, "a", "", 7}});
+    EXPECT_THAT(query(databaseFile(), "SELECT count(*) FROM event"), ElementsAre("2"));
+}
+
+TEST_F(ProductStats, HaveEveryRowWhenAFlushReturned) {
+    Queue queue;
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread)
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i)
+                queue.add({i, Kind::time, "a", "", 7});
+        });
+    for (auto& thread : threads)
+        thread.join();
+    queue.flush();
+    EXPECT_THAT(query(databaseFile(), "SELECT count(*) FROM event"), ElementsAre("2000"));
+    queue.close();
+    queue.add({1, Kind::time, "late", "", 7});
+    EXPECT_EQ(queue.dropped(), 1u);
+}
+
+TEST_F(ProductStats, SayOnceThatTheyCannotBeKept) {
+    std::ofstream(folder_ / "state") << "a file where the folder should be";
+    Queue queue;
+    for (int i = 0; i < 3; ++i) {
+        queue.add({i, Kind::time, "a", "", 7});
+        queue.flush();
+    }
+    queue.close();
+    EXPECT_EQ(queue.dropped(), 3u);
+    EXPECT_EQ(consoleText().rfind("vantrace: product statistics are not kept: ", 0), 0u);
+    EXPECT_THAT(consoleText(), HasSubstr((folder_ / "state").string()));
+    EXPECT_EQ(consoleText().find('\n'), consoleText().size() - 1);
+}
+
+TEST_F(ProductStats, KeepNothingWhereOthersPutALink) {
+    std::filesystem::create_directories(databaseFile().parent_path());
+    std::filesystem::create_symlink(folder_ / "elsewhere", databaseFile());
+    EXPECT_THROW(Store{databaseFile()}, std::system_error);
+    EXPECT_FALSE(std::filesystem::exists(folder_ / "elsewhere"));
+}
+
+TEST_F(ProductStats, AreOpenedByAForkedChildForItself) {
+    logEventBeginTime("parent", "x");
+    EXPECT_TRUE(flush());
+    const pid_t child = ::fork();
+    if (child == 0) {
+        logEventTime("child", "y");
+        ::_exit(flush() ? 0 : 1);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    logEventEndTime("parent", "x");
+    EXPECT_TRUE(flush());
+    EXPECT_THAT(query(databaseFile(), "SELECT kind, name, detail, pid FROM event ORDER BY id"),
+                ElementsAre("begin|parent|x|" + std::to_string(::getpid()),
+                            "time|child|y|" + std::to_string(child),
+                            "end|parent|x|" + std::to_string(::getpid())));
+}
+
+}  // namespace
+}  // namespace performance::productStats
