@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <bit>
+#include <utility>
 
 #include "recorder_writer.hpp"
+#include "source_info.hpp"
 #include "zandor/instrument/clock.hpp"
 #include "zandor/instrument/listeners.hpp"
 #include "zandor/runtime/console.hpp"
@@ -78,43 +80,54 @@ Track* RecorderCore::findTrack(const ThreadState& thread) const noexcept {
 Generation* RecorderCore::currentGeneration() noexcept {
     if (Generation* current = state_->current.load(std::memory_order_relaxed))
         return current;
-    Generation* made = Growth::makeGeneration(number_.load(std::memory_order_relaxed));
+    Generation* made = Growth::makeGeneration(number_.load(std::memory_order_relaxed), limits_);
     if (made) {
         made->origin.utcOffset = clock::utcNow() - clock::now();
-        account(*made, sizeof(Generation));
+        state_->bytes.store(bytesInUse() + made->bytes, std::memory_order_relaxed);
         // Pairs with the acquire in findTrack.
         state_->current.store(made, std::memory_order_release);
     }
     return made;
 }
 
-/// The track that the thread writes to from now on; null when there is no memory.
-Track* RecorderCore::makeTrack(ThreadState& thread, const NewRecord& record) noexcept {
+/// The track that the thread writes to from now on; null when there is no room for one.
+Track* RecorderCore::enter(ThreadState& thread, const NewRecord& record) noexcept {
     const Locked locked(state_->lock);
     Generation* const generation = currentGeneration();
-    if (!generation) {
-        state_->failed.fetch_add(1, std::memory_order_relaxed);
-        return nullptr;
+    Denial denial = Denial::system;
+    Track* track = nullptr;
+    if (generation) {
+        noteBegin(generation->origin, record);
+        track = findTrack(thread);
+        if (!track)
+            track = makeTrack(*generation, thread, denial);
     }
-    noteBegin(generation->origin, record);
-    Track* track = findTrack(thread);
-    if (!track) {
-        Denial denial = Denial::none;
-        Growth growth(*generation, bytesInUse(), limits_);
-        track = growth.makeTrack(thread, denial);
-        account(*generation, growth.taken());
-        if (!track) {
-            auto& count = denial == Denial::bound ? state_->refused : state_->failed;
-            count.fetch_add(1, std::memory_order_relaxed);
-            return nullptr;
-        }
-        track->next = generation->tracks.load(std::memory_order_relaxed);
-        // Pairs with the acquire in findTrack and Snapshot::viewNewTracks.
-        generation->tracks.store(track, std::memory_order_release);
-    }
-    if (slot_ < thread.recorders.size())
+    if (!track)
+        countWithoutTrack(record, denial);
+    else if (slot_ < thread.recorders.size())
         thread.recorders[slot_] = {generation->number, track};
     return track;
+}
+
+Track* RecorderCore::makeTrack(Generation& generation, const ThreadState& thread,
+                               Denial& denial) noexcept {
+    Growth growth(generation, bytesInUse(), limits_);
+    Track* const track = growth.makeTrack(thread, denial);
+    account(generation, growth.taken());
+    if (track) {
+        track->next = generation.tracks.load(std::memory_order_relaxed);
+        // Pairs with the acquire in findTrack and Snapshot::viewNewTracks.
+        generation.tracks.store(track, std::memory_order_release);
+    }
+    return track;
+}
+
+/// A thread without track dropped the start of its own event, too, which was counted.
+void RecorderCore::countWithoutTrack(const NewRecord& record, Denial denial) noexcept {
+    if (record.isStop() && record.id.sourceId == record.source->id)
+        return;
+    auto& count = denial == Denial::bound ? state_->refused : state_->failed;
+    count.fetch_add(1, std::memory_order_relaxed);
 }
 
 /// The earliest of the first events of threads is the recording's first.
@@ -133,11 +146,14 @@ void RecorderCore::account(Generation& generation, std::size_t bytes) noexcept {
 Denial RecorderCore::grow(Track& track, std::size_t words, Purpose purpose) noexcept {
     const Locked locked(state_->lock);
     Growth growth(*track.generation, bytesInUse(), limits_);
-    Room room = growth.makeRoom(track, words, Purpose::begin);
-    if (!room.chunk && purpose == Purpose::end)
-        room = growth.makeRoom(track, words, Purpose::end);
+    Purpose granted = Purpose::begin;
+    Room room = growth.makeRoom(track, words, granted);
+    if (!room.chunk && purpose == Purpose::end) {
+        granted = Purpose::end;
+        room = growth.makeRoom(track, words, granted);
+    }
     if (room.chunk)
-        growth.append(track, *room.chunk);
+        growth.append(track, *room.chunk, granted);
     account(*track.generation, growth.taken());
     return room.denial;
 }
@@ -146,7 +162,7 @@ void RecorderCore::lose(Track& track, EventId id, bool onwards) noexcept {
     const Locked locked(state_->lock);
     LostRange& lost = track.lost;
     if (lost.source != id.sourceId) {
-        remember(track);
+        remember(*track.generation->lost, lost);
         lost = {id.sourceId, id.serialId, id.serialId};
     }
     lost.first = std::min(lost.first, id.serialId);
@@ -155,14 +171,7 @@ void RecorderCore::lose(Track& track, EventId id, bool onwards) noexcept {
 
 void RecorderCore::keepLosses(Track& track) noexcept {
     const Locked locked(state_->lock);
-    remember(track);
-}
-
-/// Under the lock.
-void RecorderCore::remember(Track& track) noexcept {
-    Growth growth(*track.generation, bytesInUse(), limits_);
-    growth.remember(std::exchange(track.lost, {}));
-    account(*track.generation, growth.taken());
+    remember(*track.generation->lost, std::exchange(track.lost, {}));
 }
 
 void RecorderCore::record(const NewRecord& record) noexcept {
@@ -171,7 +180,7 @@ void RecorderCore::record(const NewRecord& record) noexcept {
         return;  // a delivery has a state
     Track* track = knownTrack(*thread);
     if (!track)
-        track = makeTrack(*thread, record);
+        track = enter(*thread, record);
     if (track)
         RecordWriter(*this, *track, thread->texts, record).write();
 }
@@ -269,13 +278,11 @@ void RecorderCore::readLosses(const Generation& generation, std::vector<LostRang
         // Nothing is allocated under the lock: a writer that waits for it may be in a signal
         // handler that interrupted malloc.
         const Locked locked(state_->lock);
-        const LostRing* const ring = generation.lost;
-        const auto kept = ring ? std::min<std::size_t>(ring->count, LostRing::capacity) : 0;
-        needed = kept + 2 * generation.trackCount;
+        const LostRing& ring = *generation.lost;
+        needed = ring.kept() + 2 * generation.trackCount;
         if (lost.capacity() < needed)
             continue;
-        if (ring)
-            lost.assign(ring->ranges.begin(), ring->ranges.begin() + kept);
+        lost.assign(ring.ranges(), ring.ranges() + ring.kept());
         const Track* track = generation.tracks.load(std::memory_order_relaxed);
         for (; track; track = track->next)
             lost.insert(lost.end(), {track->lost, track->dropped});

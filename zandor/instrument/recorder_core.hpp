@@ -93,8 +93,9 @@ class RecorderCore {
   private:
     Track* findTrack(const ThreadState& thread) const noexcept;
     RecorderDrops countDrops(const Generation* generation) const noexcept;
-    void remember(Track& track) noexcept;
-    Track* makeTrack(ThreadState& thread, const NewRecord& record) noexcept;
+    Track* enter(ThreadState& thread, const NewRecord& record) noexcept;
+    Track* makeTrack(Generation& generation, const ThreadState& thread, Denial& denial) noexcept;
+    void countWithoutTrack(const NewRecord& record, Denial denial) noexcept;
     Generation* currentGeneration() noexcept;
     void noteBegin(Origin& origin, const NewRecord& record) noexcept;
     void account(Generation& generation, std::size_t bytes) noexcept;

@@ -26,6 +26,11 @@ std::size_t sizeThatHolds(std::size_t bytes) noexcept {
     return size != chunkSizes.end() ? *size : roundUp(bytes + mappingHeader, pageBytes);
 }
 
+/// A small part of the bound, and of a block.
+std::size_t lostRanges(const RecorderLimits& limits) noexcept {
+    return std::clamp<std::size_t>(limits.maxBytes / 64 / sizeof(LostRange), 1, 1024);
+}
+
 std::size_t bytesOf(std::size_t words) noexcept {
     return mappingHeader + sizeof(Chunk) + words * sizeof(Word);
 }
@@ -50,15 +55,21 @@ std::byte* mapInto(Mapping*& mappings, std::size_t bytes) noexcept {
     return static_cast<std::byte*>(pages);
 }
 
-Generation* Growth::makeGeneration(std::uint64_t number) noexcept {
+Generation* Growth::makeGeneration(std::uint64_t number, const RecorderLimits& limits) noexcept {
     Mapping* mappings = nullptr;
-    std::byte* block = mapInto(mappings, blockBytes);
+    std::byte* const block = mapInto(mappings, blockBytes);
     if (!block)
         return nullptr;
     auto* generation = std::construct_at(reinterpret_cast<Generation*>(block + mappingHeader));
+    std::byte* const behind = reinterpret_cast<std::byte*>(generation + 1);
     generation->number = number;
     generation->mappings = mappings;
-    generation->blockTail = block + roundUp(mappingHeader + sizeof(Generation), alignof(Track));
+    generation->lost = std::construct_at(reinterpret_cast<LostRing*>(behind));
+    generation->lost->capacity = lostRanges(limits);
+    generation->bytes = roundUp(
+        sizeof(Generation) + sizeof(LostRing) + generation->lost->capacity * sizeof(LostRange),
+        alignof(Track));
+    generation->blockTail = block + mappingHeader + generation->bytes;
     generation->blockEnd = block + blockBytes;
     return generation;
 }
@@ -110,43 +121,54 @@ Track* Growth::makeTrack(const ThreadState& thread, Denial& denial) noexcept {
 std::size_t Growth::sizeFor(const Track& track, std::size_t words, Purpose purpose) const noexcept {
     const std::size_t share = limits_.maxBytes / (16 + 4 * generation_.trackCount);
     std::size_t place = std::min<std::size_t>(track.sizeClass, sizeClassOf(share));
-    if (purpose == Purpose::end && track.refusing) {
+    if (purpose == Purpose::end) {
         const auto open = static_cast<std::size_t>(std::max<std::int64_t>(track.open, 0));
         place = std::min(place, sizeClassOf(sizeThatHolds(bytesOf(2 * open + words))));
     }
     return std::max(chunkSizes[place], sizeThatHolds(bytesOf(words)));
 }
 
-/// What stops of the track may need: of those open, and of those that a chunk of `bytes` may yet
-/// begin.
-std::size_t Growth::reserveFor(const Track& track, std::size_t bytes) const noexcept {
-    const auto open = static_cast<std::size_t>(std::max<std::int64_t>(track.open, 0));
-    return bytes + open * 2 * sizeof(Word) + open / 2;
+/// What stops may need that the track's events bring: of those open, and where new events are
+/// refused in the end, of all that a chunk of `bytes` may yet begin. Less than nothing where the
+/// track's thread ends events of others.
+std::ptrdiff_t Growth::reserveFor(const Track& track, std::size_t bytes) const noexcept {
+    constexpr auto stopBytes =
+        static_cast<std::ptrdiff_t>(wordsOf(RecordKind::stop) * sizeof(Word)) + 1;  // and of a head
+    const std::size_t room = limits_.keep == Keep::first ? bytes : chunkSizes[0];
+    return static_cast<std::ptrdiff_t>(room) + track.open * stopBytes;
 }
 
+/// Whether `bytes` may be taken of what is free or not used yet.
 bool Growth::fits(const Track& track, std::size_t bytes, Purpose purpose) const noexcept {
-    std::size_t needed = used_ + bytes;
-    if (limits_.keep == Keep::first && purpose == Purpose::begin)
-        needed += generation_.reserved - track.reserved + reserveFor(track, bytes);
-    return needed <= limits_.maxBytes;
+    std::ptrdiff_t reserved = 0;
+    if (purpose == Purpose::begin)
+        reserved = generation_.reserved - track.reserved + reserveFor(track, bytes);
+    const std::size_t needed =
+        bytes + static_cast<std::size_t>(std::max<std::ptrdiff_t>(reserved, 0));
+    return used_ + needed <= limits_.maxBytes + generation_.freeBytes;
 }
 
-/// A free chunk of the wanted size, else of a larger, else of a smaller.
-Chunk* Growth::takeFree(std::size_t least, std::size_t wanted) noexcept {
-    auto& free = generation_.freeChunks;
-    const std::size_t place = sizeClassOf(wanted);
-    const auto takeAt = [&](std::size_t at) -> Chunk* {
-        if (!free[at] || chunkSizes[at] < least)
-            return nullptr;
-        return std::exchange(free[at], free[at]->nextSealed);
-    };
-    for (std::size_t at = place; at < free.size(); ++at)
-        if (Chunk* chunk = takeAt(at))
-            return chunk;
-    for (std::size_t at = place; at-- > 0;)
-        if (Chunk* chunk = takeAt(at))
-            return chunk;
-    return nullptr;
+Chunk* Growth::takeFree(std::size_t place) noexcept {
+    Chunk* const chunk = generation_.freeChunks[place];
+    if (chunk) {
+        generation_.freeChunks[place] = chunk->nextSealed;
+        generation_.freeBytes -= chunk->bytes;
+    }
+    return chunk;
+}
+
+/// A chunk of that size or smaller, but of `least` bytes; a larger one where that is all there is.
+Room Growth::take(std::size_t size, std::size_t least) noexcept {
+    const std::size_t wanted = sizeClassOf(size);
+    for (std::size_t place = wanted + 1; place-- > 0 && chunkSizes[place] >= least;)
+        if (Chunk* chunk = takeFree(place))
+            return {chunk};
+    if (used_ + size <= limits_.maxBytes)
+        return makeChunk(size);
+    for (std::size_t place = wanted + 1; place < chunkSizes.size(); ++place)
+        if (Chunk* chunk = takeFree(place))
+            return {chunk};
+    return {nullptr, Denial::bound};
 }
 
 Room Growth::makeChunk(std::size_t bytes) noexcept {
@@ -167,20 +189,19 @@ Room Growth::makeChunk(std::size_t bytes) noexcept {
 
 Room Growth::makeRoom(const Track& track, std::size_t words, Purpose purpose) noexcept {
     const std::size_t least = sizeThatHolds(bytesOf(words));
-    const std::size_t wanted = sizeFor(track, words, purpose);
+    std::size_t size = sizeFor(track, words, purpose);
+    Room room{nullptr, Denial::bound};
     do {
-        if (Chunk* chunk = takeFree(least, wanted))
-            return {chunk};
-        if (fits(track, wanted, purpose))
-            return makeChunk(wanted);
-    } while (reclaim());
-    for (std::size_t at = sizeClassOf(wanted); at-- > 0 && chunkSizes[at] >= least;)
-        if (fits(track, chunkSizes[at], purpose))
-            return makeChunk(chunkSizes[at]);
-    return {nullptr, Denial::bound};
+        if (fits(track, size, purpose))
+            room = take(size, least);
+    } while (room.denial == Denial::bound && reclaim());
+    for (std::size_t place = sizeClassOf(size); place-- > 0 && chunkSizes[place] >= least;)
+        if (room.denial == Denial::bound && fits(track, chunkSizes[place], purpose))
+            room = take(chunkSizes[place], least);
+    return room;
 }
 
-void Growth::append(Track& track, Chunk& chunk) noexcept {
+void Growth::append(Track& track, Chunk& chunk, Purpose purpose) noexcept {
     Chunk* const before = track.current;
     Word* const end = track.tail.load(std::memory_order_relaxed);  // this thread's own
     chunk.next.store(nullptr, std::memory_order_relaxed);
@@ -193,7 +214,7 @@ void Growth::append(Track& track, Chunk& chunk) noexcept {
     chunk.foreignStops.store(0, std::memory_order_relaxed);
     track.recent = {};
     track.current = &chunk;
-    track.limit = chunk.limit();
+    track.limit = purpose == Purpose::begin ? chunk.limit() : chunk.begin();
     if (before) {
         before->sealedEnd.store(end, std::memory_order_relaxed);
         // Pairs with the acquire in committedEnd.
@@ -205,10 +226,8 @@ void Growth::append(Track& track, Chunk& chunk) noexcept {
         track.oldest.store(&chunk, std::memory_order_release);
     if (track.sizeClass + 1 < chunkSizes.size())
         ++track.sizeClass;
-    if (limits_.keep == Keep::first) {
-        const std::size_t reserve = reserveFor(track, chunk.bytes);
-        generation_.reserved += reserve - std::exchange(track.reserved, reserve);
-    }
+    const std::ptrdiff_t reserve = reserveFor(track, chunk.bytes);
+    generation_.reserved += reserve - std::exchange(track.reserved, reserve);
     if (before)
         noteSealed(*before);
 }
@@ -261,24 +280,16 @@ void Growth::noteDropped(Track& track, EventId id) noexcept {
     ++generation_.droppedOldest;
     LostRange& range = track.dropped;
     if (range.source != id.sourceId) {
-        remember(range);
+        remember(*generation_.lost, range);
         range = {id.sourceId, id.serialId, id.serialId};
     }
     range.first = std::min(range.first, id.serialId);
     range.last = std::max(range.last, id.serialId);
 }
 
-void Growth::remember(const LostRange& range) noexcept {
-    if (range.source == 0)
-        return;
-    if (!generation_.lost) {
-        std::byte* memory = cut(sizeof(LostRing));
-        if (!memory)
-            return;
-        generation_.lost = std::construct_at(reinterpret_cast<LostRing*>(memory));
-    }
-    LostRing& ring = *generation_.lost;
-    ring.ranges[ring.count++ % LostRing::capacity] = range;
+void remember(LostRing& ring, const LostRange& range) noexcept {
+    if (range.source != 0)
+        ring.ranges()[ring.count++ % ring.capacity] = range;
 }
 
 void releaseSources(Chunk& chunk, const Word* end) noexcept {
@@ -294,6 +305,7 @@ void releaseSources(Chunk& chunk, const Word* end) noexcept {
 void freeChunk(Generation& generation, Chunk& chunk) noexcept {
     const std::size_t place = sizeClassOf(chunk.bytes + mappingHeader);
     chunk.nextSealed = std::exchange(generation.freeChunks[place], &chunk);
+    generation.freeBytes += chunk.bytes;
 }
 
 }  // namespace instrument::detail

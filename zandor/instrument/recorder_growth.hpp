@@ -32,7 +32,7 @@ class Growth {
         : generation_(generation), limits_(limits), used_(used), usedBefore_(used) {}
 
     /// A generation in memory of its own; null when the system gives none.
-    static Generation* makeGeneration(std::uint64_t number) noexcept;
+    static Generation* makeGeneration(std::uint64_t number, const RecorderLimits& limits) noexcept;
     /// Gives all its memory back.
     static void destroyGeneration(Generation* generation) noexcept;
 
@@ -41,19 +41,18 @@ class Growth {
     Track* makeTrack(const ThreadState& thread, Denial& denial) noexcept;
     /// A chunk for at least `words` of records.
     Room makeRoom(const Track& track, std::size_t words, Purpose purpose) noexcept;
-    /// Makes it the track's newest.
-    void append(Track& track, Chunk& chunk) noexcept;
-    /// Adds a range of lost serials to those kept.
-    void remember(const LostRange& range) noexcept;
+    /// Makes it the track's newest. What was made for stops takes nothing else.
+    void append(Track& track, Chunk& chunk, Purpose purpose) noexcept;
 
     /// Bytes that were taken since construction.
     std::size_t taken() const noexcept { return used_ - usedBefore_; }
 
   private:
     std::size_t sizeFor(const Track& track, std::size_t words, Purpose purpose) const noexcept;
-    std::size_t reserveFor(const Track& track, std::size_t bytes) const noexcept;
+    std::ptrdiff_t reserveFor(const Track& track, std::size_t bytes) const noexcept;
     bool fits(const Track& track, std::size_t bytes, Purpose purpose) const noexcept;
-    Chunk* takeFree(std::size_t least, std::size_t wanted) noexcept;
+    Chunk* takeFree(std::size_t place) noexcept;
+    Room take(std::size_t size, std::size_t least) noexcept;
     Room makeChunk(std::size_t bytes) noexcept;
     void noteSealed(Chunk& chunk) noexcept;
     bool reclaim() noexcept;
@@ -66,5 +65,8 @@ class Growth {
     std::size_t used_;
     std::size_t usedBefore_;
 };
+
+/// Adds a range of lost serials to those kept. The oldest are forgotten in the end.
+void remember(LostRing& ring, const LostRange& range) noexcept;
 
 }  // namespace instrument::detail

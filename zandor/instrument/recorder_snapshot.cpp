@@ -63,6 +63,8 @@ void startView(TrackView& view) noexcept {
 
 }  // namespace
 
+void (*snapshotTookTracks)(std::size_t count) = nullptr;
+
 void EventIdSet::sort() {
     std::sort(ids_.begin(), ids_.end(), less);
     ids_.erase(std::unique(ids_.begin(), ids_.end()), ids_.end());
@@ -79,11 +81,11 @@ Snapshot::Snapshot(RecorderCore& core) : core_(core), generation_(core.pin()) {
         return;
     try {
         viewNewTracks();
-        for (TrackView& view : views_)
-            takeAll(view);
+        takePrefixes();
         takeForeignStops();
         takeMissingStarts();
         takeLosses();
+        core_.sayDrops(drops_);
     } catch (...) {
         core_.unpin(generation_);
         throw;
@@ -104,6 +106,15 @@ void Snapshot::viewNewTracks() {
         startView(view);
     }
     newestTrack_ = newest;
+}
+
+void Snapshot::takePrefixes() {
+    for (std::size_t taken = 0; taken < views_.size();) {
+        takeAll(views_[taken]);
+        ++taken;
+        if (snapshotTookTracks)
+            snapshotTookTracks(taken);
+    }
 }
 
 void Snapshot::takeAll(TrackView& view) {

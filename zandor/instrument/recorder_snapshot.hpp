@@ -8,6 +8,7 @@
 
 #include "recorder_storage.hpp"
 #include "zandor/instrument/event_id.hpp"
+#include "zandor/instrument/export.hpp"
 #include "zandor/instrument/recorder.hpp"
 
 namespace instrument::detail {
@@ -48,6 +49,10 @@ class EventIdSet {
     std::vector<EventId> ids_;
 };
 
+/// Where a test may have other threads go on: called when a snapshot has taken the prefix of so
+/// many tracks.
+ZANDOR_INSTRUMENT_API extern void (*snapshotTookTracks)(std::size_t count);
+
 /// Keeps the memory that it shows from being freed or reused while it lives.
 class Snapshot {
   public:
@@ -66,6 +71,7 @@ class Snapshot {
 
   private:
     void viewNewTracks();
+    void takePrefixes();
     void takeAll(TrackView& view);
     void takeForeignStops();
     void takeMissingStarts();

@@ -63,7 +63,7 @@ struct alignas(64) Track {
     Word* limit;  ///< of the current chunk
     StreamState stream;
     std::uint64_t runFirst;  ///< first serial of the present run
-    std::int64_t open;       ///< starts without stop, about
+    std::int64_t open;       ///< starts less stops, of whatever thread's events
     Chunk* current;
 
     Generation* generation;
@@ -97,11 +97,16 @@ inline constexpr std::array<std::size_t, 4> chunkSizes{std::size_t{4} << 10, std
                                                        std::size_t{256} << 10, hugePageBytes};
 inline constexpr std::size_t blockBytes = std::size_t{256} << 10;
 
-/// The last ranges that were lost by tracks which went on since.
+/// The last ranges that were lost by tracks which went on since. They follow the head.
 struct LostRing {
-    static constexpr std::size_t capacity = 1024;
-    std::uint64_t count;  ///< of all ever put in
-    std::array<LostRange, capacity> ranges;
+    std::size_t capacity;
+    std::size_t count;  ///< of all ever put in
+
+    LostRange* ranges() noexcept { return reinterpret_cast<LostRange*>(this + 1); }
+    const LostRange* ranges() const noexcept {
+        return reinterpret_cast<const LostRange*>(this + 1);
+    }
+    std::size_t kept() const noexcept { return count < capacity ? count : capacity; }
 };
 
 /// When a recording began.
@@ -121,10 +126,11 @@ struct Generation {
     Mapping* mappings;
     std::byte* blockTail;
     std::byte* blockEnd;
-    std::size_t bytes;     ///< of memory in use
-    std::size_t reserved;  ///< of that which may still be used, for stops of open events
+    std::size_t bytes;        ///< of memory in use
+    std::ptrdiff_t reserved;  ///< bytes set aside for stops of open events
     std::array<Chunk*, chunkSizes.size()> freeChunks;
-    Chunk* oldestSealed;  ///< when the last are kept
+    std::size_t freeBytes;  ///< of them
+    Chunk* oldestSealed;    ///< when the last are kept
     Chunk* newestSealed;
     LostRing* lost;
     Compaction* compaction;  ///< when the longest are kept

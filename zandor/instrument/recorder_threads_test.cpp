@@ -3,12 +3,14 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 
+#include "recorder_snapshot.hpp"
 #include "testing/recorder_support.hpp"
 #include "zandor/instrument/event_context.hpp"
 
@@ -179,6 +181,114 @@ TEST_F(RecorderThreads, ShowNoStopWithoutItsStartInAnySnapshot) {
     for (OpenEvent event; baton.take(event);)
         work_.stop(event);
     EXPECT_THAT(recorder.getEvents("work"), SizeIs(16'000));
+}
+
+/// A thread that does one thing after another, and lives until the end.
+class Worker {
+  public:
+    ~Worker() { thread_.join(); }
+    void run(std::function<void()> task) {
+        std::unique_lock lock(mutex_);
+        task_ = std::move(task);
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return !task_; });
+    }
+    void end() {
+        run([&] { ending_ = true; });
+    }
+
+  private:
+    void work() {
+        std::unique_lock lock(mutex_);
+        while (!ending_) {
+            changed_.wait(lock, [&] { return task_ != nullptr; });
+            task_();
+            task_ = nullptr;
+            changed_.notify_all();
+        }
+    }
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::function<void()> task_;
+    bool ending_ = false;
+    std::thread thread_{[this] { work(); }};
+};
+
+/// Runs something when a snapshot has looked at so many tracks.
+class AtTrack {
+  public:
+    AtTrack(std::size_t count, std::function<void()> task) {
+        count_ = count;
+        task_ = std::move(task);
+        detail::snapshotTookTracks = [](std::size_t taken) {
+            if (taken == count_)
+                task_();
+        };
+    }
+    ~AtTrack() { detail::snapshotTookTracks = nullptr; }
+    AtTrack(const AtTrack&) = delete;
+    AtTrack& operator=(const AtTrack&) = delete;
+
+  private:
+    static inline std::size_t count_;
+    static inline std::function<void()> task_;
+};
+
+TEST_F(RecorderThreads, HaveAPrefixExtendedThroughTheStartThatAStopElsewhereNeeds) {
+    InstrumentRecorder recorder;
+    const Listening listening(recorder);
+    Worker stopper;
+    Worker middle;
+    Worker starter;
+    // A snapshot looks at the newest track first: starter, middle, stopper.
+    for (Worker* worker : {&stopper, &middle, &starter})
+        worker->run([&] { step_.instant(); });
+    std::vector<EventPoint> points;
+    OpenEvent first;
+    OpenEvent second;
+    {
+        const AtTrack between(2, [&] {
+            starter.run([&] { first = work_.start(); });
+            middle.run([&] {
+                work_.stop(first);
+                second = work_.start();
+            });
+            stopper.run([&] { work_.stop(second); });
+            starter.run([&] { step_.instant(); });
+            middle.run([&] { step_.instant(); });
+        });
+        points = recorder.getAllEventPoints();
+    }
+    ASSERT_THAT(points, SizeIs(7));
+    EXPECT_EQ(points[3].id, first.id());
+    EXPECT_EQ(points[3].type, EventPointType::start);
+    EXPECT_EQ(points[4].id, first.id());
+    EXPECT_EQ(points[5].id, second.id());
+    EXPECT_EQ(points[6].id, second.id());
+    EXPECT_EQ(points[6].type, EventPointType::stop);
+    EXPECT_THAT(recorder.getAllEventPoints(), SizeIs(9));
+    for (Worker* worker : {&stopper, &middle, &starter})
+        worker->end();
+}
+
+TEST_F(RecorderThreads, ThatBeginWhileASnapshotIsTakenAreInItAsFarAsItNeeds) {
+    InstrumentRecorder recorder;
+    const Listening listening(recorder);
+    Worker stopper;
+    Worker bystander;
+    Worker starter;
+    for (Worker* worker : {&stopper, &bystander})
+        worker->run([&] { step_.instant(); });
+    {
+        const AtTrack between(1, [&] {
+            OpenEvent event;
+            starter.run([&] { event = work_.start(); });
+            stopper.run([&] { work_.stop(event); });
+        });
+        EXPECT_THAT(recorder.getAllEvents(), SizeIs(1));
+    }
+    for (Worker* worker : {&stopper, &bystander, &starter})
+        worker->end();
 }
 
 TEST_F(RecorderThreads, ShowOfEachThreadAPrefixOfWhatItDid) {

@@ -73,7 +73,9 @@ bool RecordWriter::isContextOfStart(const Word* context, std::size_t words) cons
 
 Denial RecordWriter::makeRoom(std::size_t words) noexcept {
     const Word* const tail = track_.tail.load(std::memory_order_relaxed);  // this thread's own
-    if (track_.limit - tail >= static_cast<std::ptrdiff_t>(words))
+    const Word* const limit =
+        record_.isStop() && track_.current ? track_.current->limit() : track_.limit;
+    if (limit - tail >= static_cast<std::ptrdiff_t>(words))
         return Denial::none;
     if (track_.refusing && !record_.isStop())
         return Denial::bound;
@@ -164,6 +166,7 @@ void RecordWriter::note(const Word* head, RecordKind kind, bool hasContext) noex
             --track_.open;
             break;
         default:
+            --track_.open;
             // Committed with the record, by the tail.
             track_.current->foreignStops.fetch_add(1, std::memory_order_relaxed);
             break;
