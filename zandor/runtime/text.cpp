@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <type_traits>
 
 namespace fl::i18n {
 
@@ -27,15 +28,18 @@ bool isAscii8(const char16_t* utf16) noexcept {
 }
 
 /// Most texts are short and ASCII throughout.
-bool isAscii(std::string_view utf8) noexcept {
+template <typename Char>
+bool isAscii(std::basic_string_view<Char> text) noexcept {
     std::size_t at = 0;
-    for (; at + stride <= utf8.size(); at += stride) {
-        if (!isAscii8(utf8.data() + at))
+    for (; at + stride <= text.size(); at += stride) {
+        if (!isAscii8(text.data() + at)) {
             return false;
+        }
     }
-    unsigned char seen = 0;
-    for (; at < utf8.size(); ++at)
-        seen |= static_cast<unsigned char>(utf8[at]);
+    unsigned seen = 0;
+    for (; at < text.size(); ++at) {
+        seen |= static_cast<std::make_unsigned_t<Char>>(text[at]);
+    }
     return seen < 0x80;
 }
 
@@ -46,12 +50,31 @@ void widen8(const char* ascii, char16_t* out) noexcept {
     std::memcpy(out, &units, sizeof units);
 }
 
+void narrow8(const char16_t* ascii, char* out) noexcept {
+    Units units;
+    std::memcpy(&units, ascii, sizeof units);
+    const Bytes bytes = __builtin_convertvector(units, Bytes);
+    std::memcpy(out, &bytes, sizeof bytes);
+}
+
 void widen(std::string_view ascii, char16_t* out) noexcept {
     std::size_t at = 0;
-    for (; at + stride <= ascii.size(); at += stride)
+    for (; at + stride <= ascii.size(); at += stride) {
         widen8(ascii.data() + at, out + at);
-    for (; at < ascii.size(); ++at)
+    }
+    for (; at < ascii.size(); ++at) {
         out[at] = static_cast<unsigned char>(ascii[at]);
+    }
+}
+
+void narrow(std::u16string_view ascii, char* out) noexcept {
+    std::size_t at = 0;
+    for (; at + stride <= ascii.size(); at += stride) {
+        narrow8(ascii.data() + at, out + at);
+    }
+    for (; at < ascii.size(); ++at) {
+        out[at] = static_cast<char>(ascii[at]);
+    }
 }
 
 /// Calls `run(offset)` for each eight ASCII units in a row, and `character(code point)` for each
@@ -98,16 +121,20 @@ void append(std::string& out, UChar32 codePoint) {
 
 /// Returns whether the text was well-formed.
 bool convert(std::u16string_view text, std::string& out) {
+    if (isAscii(text)) {
+        out.resize(text.size());
+        narrow(text, out.data());
+        return true;
+    }
     constexpr UChar32 replacement = 0xfffd;
     bool wellFormed = true;
     out.reserve(text.size());
     decode(
         text,
         [&](std::size_t at) {
-            Units units;
-            std::memcpy(&units, text.data() + at, sizeof units);
-            const Bytes bytes = __builtin_convertvector(units, Bytes);
-            out.append(reinterpret_cast<const char*>(&bytes), stride);
+            char bytes[stride];
+            narrow8(text.data() + at, bytes);
+            out.append(bytes, stride);
         },
         [&](UChar32 codePoint) {
             const bool lone = U_IS_SURROGATE(codePoint);
