@@ -1,12 +1,18 @@
 """What the tests of the Python package share."""
 
+import ctypes
 import gc
 import os
 import subprocess
 import sys
 import threading
+from pathlib import Path
 
 import pytest
+
+
+BUILD = Path(os.environ.get("VANTRACE_BUILD", Path(__file__).resolve().parents[2] / "build/release"))
+EVENT_PRINTER = BUILD / "tests/plugins/event_printer.so"
 
 
 def run_python(*arguments, **options):
@@ -53,6 +59,18 @@ def fixture_recorder():
     if recorder.isActive():
         recorder.stop()
     recorder.clearAllEventData()
+    performance.instrument.controls.disableAll()
+
+
+@pytest.fixture(name="event_printer")
+def fixture_event_printer():
+    """A native library whose listener prints events on the host's console, or throws."""
+    from vantrace import performance
+
+    library = ctypes.CDLL(EVENT_PRINTER)
+    performance.instrument.controls.enableAll()
+    yield library
+    library.stopListening()
     performance.instrument.controls.disableAll()
 
 
