@@ -8,7 +8,10 @@ from pathlib import Path
 
 import pytest
 
+import vantrace
+from recording_texts import ODD_TEXTS, as_frame, shown
 from test_trace_rules import GOOD
+from vantrace import performance
 
 pytestmark = pytest.mark.unsanitized
 
@@ -90,6 +93,29 @@ def test_the_viewer_refuses_what_is_no_trace(tmp_path):
     done = subprocess.run(["node", LOADER, file], capture_output=True, text=True, check=False)
     assert done.returncode == 1
     assert "Unrecognized format" in json.loads(done.stdout)["said"][0]
+
+
+def test_an_event_of_any_name_opens(tmp_path):
+    recorder = performance.instrument.recorder
+    recorder.clearAllEventData()
+    recorder.start()
+    for name in ODD_TEXTS:
+        with vantrace.event(name):
+            pass
+    recorder.stop()
+    (tmp_path / "trace.json").write_text(
+        recorder.getAllCompleteEventsTraceEventJson(), encoding="utf-8"
+    )
+    stacks = recorder.getAllEventsCollapsedStacks()
+    (tmp_path / "stacks.txt").write_text("".join(f"{s}\n" for s in stacks), encoding="utf-8")
+    recorder.clearAllEventData()
+
+    trace, collapsed = ask_viewer(tmp_path / "trace.json", tmp_path / "stacks.txt")
+    [profile] = trace["profiles"]
+    assert {frame["name"] for frame in profile["frames"]} == set(map(shown, ODD_TEXTS))
+    [profile] = collapsed["profiles"]
+    frames = {frame["name"] for frame in profile["frames"]}
+    assert frames == {"MainThread", *map(as_frame, ODD_TEXTS)}
 
 
 @pytest.fixture(scope="module")
