@@ -59,6 +59,10 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Lacking{"instrument.counter", "the event counter is not available in this build"},
         Lacking{"instrument.profiler", "the event profiler is not available in this build"},
-        Lacking{"instrument.logger", "the event logger is not available in this build"}));
+        Lacking{"instrument.logger", "the event logger is not available in this build"}),
+    [](const auto& row) {
+        const std::string path = row.param.name;
+        return path.substr(path.rfind('.') + 1);
+    });
 
 }  // namespace
