@@ -2,9 +2,13 @@
 
 #include <unistd.h>
 
+#include "zandor/instrument/leave_listeners.hpp"
+
 namespace vantrace {
 
 void park() noexcept {
+    // Destructors of listeners run at the end of the process, and would wait for this thread.
+    instrument::leaveListeners();
     for (;;)
         pause();
 }
