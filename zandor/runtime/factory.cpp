@@ -25,9 +25,7 @@ MethodAttributes MethodAttributes::Private() noexcept {
 }
 
 KobsMethod::KobsMethod(std::string name, MethodAttributes attributes, std::string description)
-    : attributes_(attributes),
-      name_(std::move(name)),
-      description_(std::move(description)) {}
+    : attributes_(attributes), name_(std::move(name)), description_(std::move(description)) {}
 KobsMethod::~KobsMethod() = default;
 
 const std::string& KobsMethod::getName() const {
