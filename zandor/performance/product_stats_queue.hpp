@@ -41,7 +41,7 @@ class ZANDOR_PERFORMANCE_API Queue {
     /// Empty when the rows are written; else why not.
     static std::string write(std::unique_ptr<Store>& store, const std::vector<Row>& rows);
 
-    const Queue* const parents_ = nullptr;  // still somebody's, so not lost
+    [[maybe_unused]] const Queue* const parents_ = nullptr;  // still somebody's, so not lost
     mutable std::mutex lock_;
     std::condition_variable rowsCame_;
     std::condition_variable rowsWent_;
