@@ -1,0 +1,47 @@
+"""The code blocks of the documents run, and their links lead somewhere."""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+import pytest
+from conftest import BUILD
+
+ROOT = pathlib.Path(__file__).parents[2]
+DOCUMENTS = [ROOT / "README.md", *sorted((ROOT / "docs").glob("*.md"))]
+BLOCK = re.compile(r"^```(\w+)\n(.*?)^```$", re.MULTILINE | re.DOTALL)
+
+
+def blocks(language):
+    for document in DOCUMENTS:
+        for number, match in enumerate(BLOCK.finditer(document.read_text())):
+            if match[1] == language:
+                yield pytest.param(match[2], id=f"{document.stem}-{number}")
+
+
+@pytest.mark.parametrize("code", blocks("python"))
+def test_python_blocks_run(code, tmp_path):
+    subprocess.run([sys.executable, "-c", code], check=True, cwd=tmp_path)
+
+
+@pytest.mark.parametrize("code", [b for b in blocks("cpp") if "int main" in b.values[0]])
+def test_whole_cpp_programs_compile_and_run(code, tmp_path):
+    (tmp_path / "program.cpp").write_text(code)
+    includes = [f"-I{ROOT}/zandor/{name}/include" for name in ("runtime", "instrument")]
+    linked = [f"-L{BUILD}/lib", "-lzandor_instrument", "-lzandor_runtime"]
+    if "address" in BUILD.name:
+        linked.append("-fsanitize=address,undefined")
+    command = ["g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", *includes, "program.cpp"]
+    plain = {key: value for key, value in os.environ.items() if key != "LD_PRELOAD"}
+    subprocess.run([*command, *linked, "-o", "program"], check=True, cwd=tmp_path, env=plain)
+    environment = {**plain, "LD_LIBRARY_PATH": f"{BUILD}/lib"}
+    subprocess.run(["./program"], check=True, cwd=tmp_path, env=environment)
+    assert (tmp_path / "trace.json").read_text().startswith('{"')
+
+
+def test_links_lead_somewhere():
+    for document in DOCUMENTS:
+        for target in re.findall(r"\]\(([^)#:]+)\)", document.read_text()):
+            assert (document.parent / target).exists(), f"{document.name} links to {target}"
