@@ -38,7 +38,8 @@ class ContextTable {
   public:
     ContextTable();
 
-    /// The place of a context; 0 is the empty one. `words` must outlive the table.
+    /// The place of a context; 0 is the empty one. `words` must be there as long as contexts are
+    /// added.
     std::uint32_t placeOf(std::span<const Word> words) {
         return words.empty() ? 0 : placeOfWords(words);
     }

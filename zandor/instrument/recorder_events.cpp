@@ -113,9 +113,8 @@ std::vector<InstrumentRecorder::EventPoint> selectPoints(RecorderCore& core,
                                                          const Selection& selection) {
     if (selection.isEmpty())
         return {};
-    const Snapshot snapshot(core);
     PointSink sink(selection);
-    readEvents(snapshot, sink);
+    readEvents(core, sink);
     return sink.take();
 }
 

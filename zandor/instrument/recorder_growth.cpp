@@ -51,7 +51,7 @@ std::byte* mapInto(Mapping*& mappings, std::size_t bytes) noexcept {
     void* pages = pageSource.map(bytes);
     if (!pages)
         return nullptr;
-    mappings = std::construct_at(static_cast<Mapping*>(pages), mappings, bytes);
+    mappings = std::construct_at(static_cast<Mapping*>(pages), Mapping{mappings, bytes});
     return static_cast<std::byte*>(pages);
 }
 

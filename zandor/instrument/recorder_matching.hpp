@@ -219,9 +219,19 @@ class Matcher {
     std::uint64_t order_ = 0;
 };
 
+/// What a snapshot tells besides its events.
+struct SnapshotFacts {
+    RecorderDrops drops;
+    Origin origin;
+};
+
+/// Tells `sink` of everything that the recorder holds now. The snapshot is gone when it returns,
+/// since a full recorder takes nothing new while it is looked at.
 template <class Sink>
-void readEvents(const Snapshot& snapshot, Sink& sink) {
+SnapshotFacts readEvents(RecorderCore& core, Sink& sink) {
+    const Snapshot snapshot(core);
     Matcher<Sink>(snapshot, sink).run();
+    return {snapshot.drops(), snapshot.origin()};
 }
 
 }  // namespace instrument::detail

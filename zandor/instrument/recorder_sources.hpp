@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <numeric>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -24,36 +25,41 @@ inline std::string_view labelOf(const RecordedSource& source) {
     return label ? label->view() : source.name;
 }
 
-/// Numbers sources as they appear. The snapshot that they are from must live as long.
+/// Numbers sources as they appear.
 class SourceList {
   public:
     std::uint32_t placeOf(SourceInfo* source) {
         if (source != latest_) {
-            latestPlace_ = places_.try_emplace(source, static_cast<std::uint32_t>(places_.size()))
-                               .first->second;
+            const auto next = static_cast<std::uint32_t>(sources_.size());
+            const auto [known, isNew] = places_.try_emplace(source, next);
+            if (isNew)
+                sources_.emplace_back(source);
             latest_ = source;
+            latestPlace_ = known->second;
         }
         return latestPlace_;
     }
 
     /// The sources by id, and for each place that was given the new one.
     std::pair<std::vector<RecordedSource>, std::vector<std::uint32_t>> sorted() const {
-        std::vector<std::pair<SourceInfo*, std::uint32_t>> byId(places_.begin(), places_.end());
-        std::sort(byId.begin(), byId.end(),
-                  [](const auto& a, const auto& b) { return a.first->id < b.first->id; });
+        std::vector<std::uint32_t> byId(sources_.size());
+        std::iota(byId.begin(), byId.end(), 0u);
+        std::ranges::sort(byId, {}, [&](std::uint32_t place) { return sources_[place]->id; });
         std::vector<RecordedSource> sources;
         std::vector<std::uint32_t> newPlaces(byId.size());
-        for (const auto& [source, place] : byId) {
+        for (const std::uint32_t place : byId) {
             newPlaces[place] = static_cast<std::uint32_t>(sources.size());
+            SourceInfo& source = *sources_[place];
             const auto process =
-                source->processName ? source->processName->view() : std::string_view();
+                source.processName ? source.processName->view() : std::string_view();
             sources.push_back(
-                {source->id, source->name(), process, source->processId, source->threadId});
+                {source.id, source.name(), process, source.processId, source.threadId});
         }
         return {std::move(sources), std::move(newPlaces)};
     }
 
   private:
+    std::vector<SourcePtr> sources_;
     std::unordered_map<SourceInfo*, std::uint32_t> places_;
     SourceInfo* latest_ = nullptr;
     std::uint32_t latestPlace_ = 0;

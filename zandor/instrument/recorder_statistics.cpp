@@ -172,9 +172,8 @@ template <class Add>
 std::vector<EventStats> groupedStats(RecorderCore& core, const Selection& selection, Add add) {
     if (selection.isEmpty())
         return {};
-    const Snapshot snapshot(core);
     ContextSink sink(selection);
-    readEvents(snapshot, sink);
+    readEvents(core, sink);
     StatsMap map;
     for (const ContextSink::Group& group : sink.groups())
         if (group.sum.count > 0)
@@ -183,9 +182,8 @@ std::vector<EventStats> groupedStats(RecorderCore& core, const Selection& select
 }
 
 std::vector<Sum> sumsByInstrument(RecorderCore& core) {
-    const Snapshot snapshot(core);
     InstrumentSink sink;
-    readEvents(snapshot, sink);
+    readEvents(core, sink);
     return sink.sums();
 }
 

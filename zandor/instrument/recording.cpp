@@ -110,14 +110,13 @@ std::int64_t beginOf(const Origin& origin) {
 }  // namespace
 
 Recording takeRecording(const InstrumentRecorder& recorder) {
-    const Snapshot snapshot(recorder.core());
     RecordingSink sink;
-    readEvents(snapshot, sink);
+    const SnapshotFacts facts = readEvents(recorder.core(), sink);
     Recording recording = sink.take();
-    recording.drops = snapshot.drops();
-    recording.originMonotonic = beginOf(snapshot.origin());
+    recording.drops = facts.drops;
+    recording.originMonotonic = beginOf(facts.origin);
     if (recording.originMonotonic != 0)
-        recording.originUtc = recording.originMonotonic + snapshot.origin().utcOffset;
+        recording.originUtc = recording.originMonotonic + facts.origin.utcOffset;
     recording.processId = static_cast<std::uint64_t>(getpid());
     return recording;
 }
