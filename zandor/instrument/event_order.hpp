@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <numeric>
 #include <span>
 #include <vector>
@@ -22,24 +23,26 @@ inline std::int64_t closingTime(const Recording& recording, const RecordedEvent&
     return event.finished ? event.stop : std::max(recording.lastTime, event.start);
 }
 
-/// Calls `visit` with the indices of each run of events for which `startOf` is equal: by start,
-/// of those that start together the longer first, else as recorded.
-template <typename StartOf, typename Visit>
-void forEachRun(const std::vector<RecordedEvent>& events, StartOf startOf, Visit visit) {
+/// Calls `visit` with the indices of each run of events that start `together` (events that start at
+/// once do): by start, of those that start at once the longer first, else as recorded.
+template <typename Together, typename Visit>
+void forEachRun(const std::vector<RecordedEvent>& events, Together together, Visit visit) {
     const auto encloses = [&](std::size_t a, std::size_t b) {
         return events[a].start != events[b].start ? events[a].start < events[b].start
                                                   : outlives(events[a]) > outlives(events[b]);
     };
     std::vector<std::size_t> run;
-    for (std::size_t begin = 0; begin < events.size(); begin += run.size()) {
-        const auto start = startOf(events[begin]);
-        std::size_t end = begin + 1;
-        while (end < events.size() && startOf(events[end]) == start)
+    for (std::size_t begin = 0, end = 0; begin < events.size(); begin = end) {
+        end = begin + 1;
+        while (end < events.size() && together(events[begin].start, events[end].start))
             ++end;
+        if (end == begin + 1) {
+            visit(std::span<const std::size_t>(&begin, 1));
+            continue;
+        }
         run.resize(end - begin);
         std::iota(run.begin(), run.end(), begin);
-        if (run.size() > 1)
-            std::stable_sort(run.begin(), run.end(), encloses);
+        std::stable_sort(run.begin(), run.end(), encloses);
         visit(std::span<const std::size_t>(run));
     }
 }
@@ -47,12 +50,10 @@ void forEachRun(const std::vector<RecordedEvent>& events, StartOf startOf, Visit
 /// Calls `visit` with each event in that order.
 template <typename Visit>
 void forEachEnclosingFirst(const std::vector<RecordedEvent>& events, Visit visit) {
-    forEachRun(
-        events, [](const RecordedEvent& event) { return event.start; },
-        [&](std::span<const std::size_t> run) {
-            for (const std::size_t i : run)
-                visit(events[i]);
-        });
+    forEachRun(events, std::equal_to<>(), [&](std::span<const std::size_t> run) {
+        for (const std::size_t i : run)
+            visit(events[i]);
+    });
 }
 
 }  // namespace instrument::detail

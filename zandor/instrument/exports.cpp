@@ -13,6 +13,12 @@ namespace {
 
 class StringSink : public TextSink {
   public:
+    /// Makes room for what a trace of the recording commonly takes, so that the text seldom moves;
+    /// memory that is not written to costs nothing.
+    explicit StringSink(const detail::Recording& recording) {
+        text_.reserve(4096 + 128 * (recording.events.size() + recording.strayPoints.size()) +
+                      32 * recording.contextArgs.size());
+    }
     void write(std::string_view text) override { text_ += text; }
     std::string take() { return std::move(text_); }
 
@@ -33,8 +39,9 @@ void writeTraceEventJson(const InstrumentRecorder& recorder, TimeSystem timeSyst
 std::string getAllCompleteEventsTraceEventJson(const InstrumentRecorder& recorder,
                                                TimeSystem timeSystem,
                                                std::chrono::nanoseconds minimumDuration) {
-    StringSink sink;
-    writeTraceEventJson(recorder, timeSystem, minimumDuration, sink);
+    const auto recording = detail::takeRecording(recorder);
+    StringSink sink(recording);
+    detail::writeTraceEventJson(recording, timeSystem, minimumDuration.count(), sink);
     return sink.take();
 }
 

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "zandor/instrument/json_text.hpp"
-#include "zandor/instrument/printable_text.hpp"
 #include "zandor/runtime/text.hpp"
 
 namespace instrument::detail {
@@ -16,9 +15,10 @@ namespace {
 
 constexpr std::array<std::string_view, 3> ownNames{"unfinished", "duration_ns", "start_ns"};
 
-/// Whether the name goes out as it is and can be no other's, whatever else the context holds.
+/// Whether no other name of the context can become this one, nor it one of ours.
 bool isOrdinary(const ContextArg& entry) {
-    return isPlain(entry.name) &&
+    const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    return std::all_of(entry.name.begin(), entry.name.end(), isAscii) &&
            std::find(ownNames.begin(), ownNames.end(), entry.name) == ownNames.end();
 }
 

@@ -53,6 +53,15 @@ void appendEscaped(TextBuffer& out, std::string_view wellFormed) {
     out.append(wellFormed.substr(begin));
 }
 
+bool appendPlain(TextBuffer& out, std::string_view text) {
+    if (text.size() > TextBuffer::longestRoom)
+        return false;
+    const char* const end = putPlain(out.roomFor(text.size()), text);
+    if (end)
+        out.writtenTo(end);
+    return end;
+}
+
 template <typename Integer>
 void appendInteger(TextBuffer& out, Integer number, bool isExact) {
     const std::string_view quote = isExact ? "" : "\"";
@@ -78,16 +87,12 @@ void appendReal(TextBuffer& out, double number) {
 }  // namespace
 
 void appendJsonText(TextBuffer& out, std::string_view text) {
-    if (isPlain(text))
-        out.append(text);
-    else
+    if (!appendPlain(out, text))
         appendEscaped(out, fl::i18n::sanitize_utf8(text));
 }
 
 void appendJsonName(TextBuffer& out, std::string_view name) {
-    if (isPlain(name))
-        out.append(name);
-    else
+    if (!appendPlain(out, name))
         appendEscaped(out, printableName(name));
 }
 

@@ -22,26 +22,27 @@ class SelfTime {
     /// none. Calls `give(owner, nanoseconds)` for the time that passed until then.
     template <typename Give>
     const Owner* advance(std::uint32_t source, std::int64_t start, Give give) {
-        while (!open_.empty(source) && open_.top(source).end <= start)
-            close(source, give);
-        if (open_.empty(source))
+        auto open = open_.of(source);
+        while (!open.empty() && open.top().end <= start)
+            close(open, give);
+        if (open.empty())
             return nullptr;
-        Open& innermost = open_.top(source);
-        give(innermost.owner, since(innermost, start));
+        Open& innermost = open.top();
+        give(innermost.owner, saturatingSubtract(start, innermost.givenUntil));
         innermost.givenUntil = start;
         return &innermost.owner;
     }
 
     /// Opens an event, after advance.
     void enter(std::uint32_t source, std::int64_t start, std::int64_t end, const Owner& owner) {
-        open_.push(source, {end, start, owner});
+        open_.of(source).push() = {end, start, owner};
     }
 
     /// Gives what is left of a source.
     template <typename Give>
     void finish(std::uint32_t source, Give give) {
-        while (!open_.empty(source))
-            close(source, give);
+        for (auto open = open_.of(source); !open.empty();)
+            close(open, give);
     }
 
   private:
@@ -51,19 +52,15 @@ class SelfTime {
         Owner owner;
     };
 
-    static std::int64_t since(const Open& open, std::int64_t time) {
-        return saturatingSubtract(time, open.givenUntil);
-    }
-
-    template <typename Give>
-    void close(std::uint32_t source, Give give) {
-        const Open closed = open_.top(source);
-        open_.pop(source);
+    template <typename Stack, typename Give>
+    void close(Stack& open, Give give) {
+        const Open closed = open.top();
+        open.pop();
         if (closed.end > closed.givenUntil)
-            give(closed.owner, since(closed, closed.end));
-        if (!open_.empty(source))
-            open_.top(source).givenUntil =
-                std::max({open_.top(source).givenUntil, closed.givenUntil, closed.end});
+            give(closed.owner, saturatingSubtract(closed.end, closed.givenUntil));
+        if (!open.empty())
+            open.top().givenUntil =
+                std::max({open.top().givenUntil, closed.givenUntil, closed.end});
     }
 
     SourceStacks<Open> open_;

@@ -14,11 +14,14 @@ class Summaries {
   public:
     /// Which of the summaries is the instrument's.
     std::uint32_t of(const Opaque* instrument) {
-        const auto next = static_cast<std::uint32_t>(summaries_.size());
-        const auto [place, isNew] = places_.try_emplace(instrument, next);
-        if (isNew)
+        if (instrument->id >= places_.size())
+            places_.resize(instrument->id + 1, none);
+        std::uint32_t& place = places_[instrument->id];
+        if (place == none) {
+            place = static_cast<std::uint32_t>(summaries_.size());
             summaries_.push_back({{instrument->name, instrument->nameLength}});
-        return place->second;
+        }
+        return place;
     }
 
     void count(std::uint32_t which, const RecordedEvent& event) {
@@ -51,8 +54,9 @@ class Summaries {
         return std::max<std::int64_t>(saturatingSubtract(event.stop, from), 0);
     }
 
+    static constexpr std::uint32_t none = 0xffffffff;
     std::vector<EventSummary> summaries_;
-    std::unordered_map<const Opaque*, std::uint32_t> places_;
+    std::vector<std::uint32_t> places_;  // by the instrument's number
     std::unordered_map<std::uint64_t, std::int64_t> coveredUntil_;
 };
 

@@ -1,16 +1,14 @@
 // Text on its way to a sink, in pieces of fixed size.
 #pragma once
 
-#include <charconv>
-#include <concepts>
 #include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string_view>
 #include <utility>
 
 #include "zandor/instrument/exports.hpp"
+#include "zandor/instrument/text_put.hpp"
 
 namespace instrument::detail {
 
@@ -34,34 +32,21 @@ class TextBuffer {
 
     void append(char character) { append(std::string_view(&character, 1)); }
 
-    /// Shortest decimal text.
     template <typename Number>
-    requires std::integral<Number> || std::floating_point<Number>
     void appendNumber(Number number) {
-        makeRoom(longestNumber);
-        char* const begin = bytes_.get() + used_;
-        used_ += std::to_chars(begin, begin + longestNumber, number).ptr - begin;
+        char* const at = roomFor(longestNumber);
+        writtenTo(putNumber(at, number));
     }
 
-    void appendHexadecimal(std::uint64_t number) {
-        makeRoom(longestNumber);
-        char* const begin = bytes_.get() + used_;
-        used_ += std::to_chars(begin, begin + longestNumber, number, 16).ptr - begin;
+    /// A place to write up to so many bytes at, not above `longestRoom`; then `writtenTo` takes
+    /// their end.
+    char* roomFor(std::size_t bytes) {
+        if (bytes > size - used_) [[unlikely]]
+            flush();
+        return bytes_.get() + used_;
     }
-
-    /// Nanoseconds as microseconds with three decimals.
-    void appendMicroseconds(std::int64_t nanoseconds) {
-        std::uint64_t magnitude = static_cast<std::uint64_t>(nanoseconds);
-        if (nanoseconds < 0) {
-            append('-');
-            magnitude = 0 - magnitude;
-        }
-        appendNumber(magnitude / 1000);
-        const auto rest = static_cast<unsigned>(magnitude % 1000);
-        const char decimals[] = {'.', static_cast<char>('0' + rest / 100),
-                                 static_cast<char>('0' + rest / 10 % 10),
-                                 static_cast<char>('0' + rest % 10)};
-        append({decimals, sizeof decimals});
+    void writtenTo(const char* end) noexcept {
+        used_ = static_cast<std::size_t>(end - bytes_.get());
     }
 
     /// Hands on what is left. Nothing does so by itself.
@@ -70,14 +55,10 @@ class TextBuffer {
             sink_.write({bytes_.get(), std::exchange(used_, 0)});
     }
 
+    static constexpr std::size_t longestRoom = 4096;
+
   private:
     static constexpr std::size_t size = 64 * 1024;
-    static constexpr std::size_t longestNumber = 32;
-
-    void makeRoom(std::size_t wanted) {
-        if (wanted > size - used_) [[unlikely]]
-            flush();
-    }
 
     TextSink& sink_;
     std::size_t used_ = 0;

@@ -37,9 +37,8 @@ TraceDoubles::TraceDoubles(std::size_t sources, std::int64_t latest)
     : firstStarts_(sources, std::numeric_limits<double>::quiet_NaN()),
       slack_(1 + 4 * (latest / careFrom)) {}
 
-std::optional<std::int64_t> TraceDoubles::fittingEnd(std::uint32_t source, TraceSpan span,
-                                                     std::optional<std::int64_t> meets,
-                                                     const TraceSpan* parent) {
+std::int64_t TraceDoubles::fittingEnd(std::uint32_t source, TraceSpan span,
+                                      std::optional<std::int64_t> meets, const TraceSpan* parent) {
     double& first = firstStarts_[source];
     const double origin = std::isnan(first) ? parsed(span.start) : first;
     const std::int64_t latest = span.end;
@@ -50,7 +49,7 @@ std::optional<std::int64_t> TraceDoubles::fittingEnd(std::uint32_t source, Trace
             return span.end;
         }
     }
-    return std::nullopt;
+    return span.start;
 }
 
 }  // namespace instrument::detail

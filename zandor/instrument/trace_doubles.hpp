@@ -28,10 +28,9 @@ class ZANDOR_INSTRUMENT_API TraceDoubles {
     std::int64_t slack() const noexcept { return slack_; }
 
     /// The latest end up to `span.end` with which the event lasts, ends before `parent` does, and
-    /// before `meets`; nothing where there is none.
-    std::optional<std::int64_t> fittingEnd(std::uint32_t source, TraceSpan span,
-                                           std::optional<std::int64_t> meets,
-                                           const TraceSpan* parent);
+    /// before `meets`; its start where there is none.
+    std::int64_t fittingEnd(std::uint32_t source, TraceSpan span, std::optional<std::int64_t> meets,
+                            const TraceSpan* parent);
 
   private:
     std::vector<double> firstStarts_;  // by source; NaN before its first complete event

@@ -78,12 +78,15 @@ class Writer {
 
     void appendComplete(const PlacedEvent& placed) {
         const RecordedEvent& event = *placed.event;
-        appendHead("X", event.instrument, "event", event.source, placed.start);
-        out_.append(",\"dur\":");
-        out_.appendMicroseconds(
+        beginName(",\n{\"ph\":\"X\",\"name\":\"", event.instrument);
+        char* at = out_.roomFor(longestMembers);
+        at = putMembers(at, "\",\"cat\":\"event\",", event.source, placed.start);
+        // The difference may lie outside the range that the times are in.
+        at = putMicroseconds(
+            put(at, ",\"dur\":"),
             saturatingSubtract(time_.nanoseconds(placed.end), time_.nanoseconds(placed.start)));
-        JsonArgs args(out_);
-        closeWith(args, event);
+        out_.writtenTo(at);
+        appendArgs(event);
     }
 
     /// An event that is no part of its thread's nesting; where it changes threads, with an arrow.
@@ -91,54 +94,38 @@ class Writer {
         const RecordedEvent& event = *placed.event;
         const std::uint32_t stopSource = event.finished ? event.stopSource : event.source;
         ++pairs_;
-        appendHead("b", event.instrument, "async", event.source, placed.start);
-        appendPairId();
-        JsonArgs args(out_);
-        closeWith(args, event);
+        appendEnd("b", "async", event, event.source, placed.start);
+        appendArgs(event);
         if (stopSource != event.source) {
-            appendHead("s", event.instrument, "flow", event.source, placed.start);
-            appendPairId();
+            appendEnd("s", "flow", event, event.source, placed.start);
             out_.append('}');
         }
-        appendHead("e", event.instrument, "async", stopSource, placed.end);
-        appendPairId();
+        appendEnd("e", "async", event, stopSource, placed.end);
         out_.append('}');
         if (stopSource != event.source) {
-            appendHead("f", event.instrument, "flow", stopSource, placed.end);
-            appendPairId();
+            appendEnd("f", "flow", event, stopSource, placed.end);
             out_.append(",\"bp\":\"e\"}");
         }
     }
 
-    void appendPairId() {
-        out_.append(",\"id\":\"0x");
-        out_.appendHexadecimal(pairs_);
-        out_.append('"');
+    /// One of the events that the pair's id connects.
+    void appendEnd(std::string_view phase, std::string_view category, const RecordedEvent& event,
+                   std::uint32_t source, std::int64_t time) {
+        appendHead(phase, category, event.instrument, source, time);
+        char* const at = put(out_.roomFor(longestMembers), ",\"id\":\"0x");
+        out_.writtenTo(put(putHexadecimal(at, pairs_), "\""));
     }
 
     /// An event without a time that the trace could show, with its exact times instead.
     void appendAsInstant(const PlacedEvent& placed) {
         const RecordedEvent& event = *placed.event;
-        appendHead("i", event.instrument, "event", event.source, placed.start);
+        appendHead("i", "event", event.instrument, event.source, placed.start);
         out_.append(",\"s\":\"t\"");
         JsonArgs args(out_);
         args.add("duration_ns", saturatingSubtract(closingTime(recording_, event), event.start));
         if (timeSystem_ == TimeSystem::utc)
             args.add("start_ns", time_.utc(event.start));
         closeWith(args, event);
-    }
-
-    /// Ends an event's line with what its args hold of the event itself.
-    void closeWith(JsonArgs& args, const RecordedEvent& event) {
-        if (!event.finished)
-            args.add("unfinished", true);
-        closeWith(args, event.context);
-    }
-
-    void closeWith(JsonArgs& args, ContextRange context) {
-        args.addContext(recording_.contextOf(context));
-        args.close();
-        out_.append('}');
     }
 
     void appendInstantsUntil(std::int64_t time) {
@@ -150,27 +137,56 @@ class Writer {
     }
 
     void appendInstant(const RecordedPoint& point) {
-        const char* category = point.type == EventPointType::stop ? "stop" : "instant";
-        appendHead("i", point.instrument, category, point.source, time_.at(point.time));
+        appendHead("i", point.type == EventPointType::stop ? "stop" : "instant", point.instrument,
+                   point.source, time_.at(point.time));
         out_.append(",\"s\":\"t\"");
         JsonArgs args(out_);
-        closeWith(args, point.context);
+        args.addContext(recording_.contextOf(point.context));
+        args.close();
+        out_.append('}');
     }
 
-    /// Opens an event and tells what every one has.
-    void appendHead(std::string_view phase, const Opaque* instrument, std::string_view category,
+    /// Ends an event with what its args hold of the event itself.
+    void appendArgs(const RecordedEvent& event) {
+        if (event.finished && event.context.count == 0)
+            return out_.append('}');
+        JsonArgs args(out_);
+        closeWith(args, event);
+    }
+
+    void closeWith(JsonArgs& args, const RecordedEvent& event) {
+        if (!event.finished)
+            args.add("unfinished", true);
+        args.addContext(recording_.contextOf(event.context));
+        args.close();
+        out_.append('}');
+    }
+
+    /// Opens an event of any phase and tells what every one has.
+    void appendHead(std::string_view phase, std::string_view category, const Opaque* instrument,
                     std::uint32_t source, std::int64_t time) {
         out_.append(",\n{\"ph\":\"");
         out_.append(phase);
-        out_.append("\",\"name\":\"");
-        appendJsonName(out_, {instrument->name, instrument->nameLength});
+        beginName("\",\"name\":\"", instrument);
         out_.append("\",\"cat\":\"");
         out_.append(category);
-        out_.append("\",");
-        tracks_.appendIds(out_, source);
-        out_.append(",\"ts\":");
-        out_.appendMicroseconds(time_.nanoseconds(time));
+        out_.writtenTo(putMembers(out_.roomFor(longestMembers), "\",", source, time));
     }
+
+    template <std::size_t Size>
+    void beginName(const char (&before)[Size], const Opaque* instrument) {
+        out_.writtenTo(put(out_.roomFor(Size), before));
+        appendJsonName(out_, {instrument->name, instrument->nameLength});
+    }
+
+    /// Puts what follows an event's name, up to its time.
+    template <std::size_t Size>
+    char* putMembers(char* at, const char (&before)[Size], std::uint32_t source,
+                     std::int64_t time) {
+        at = tracks_.putIds(put(at, before), source);
+        return putMicroseconds(put(at, ",\"ts\":"), time_.nanoseconds(time));
+    }
+    static constexpr std::size_t longestMembers = TraceTracks::longestIds + 4 * longestNumber;
 
     const Recording& recording_;
     const TimeSystem timeSystem_;

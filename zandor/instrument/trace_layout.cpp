@@ -8,126 +8,104 @@ bool stopsElsewhere(const RecordedEvent& event) noexcept {
     return event.finished && event.stopSource != event.source;
 }
 
-bool isNegative(const RecordedEvent& event) noexcept {
-    return event.finished && event.stop < event.start;
-}
-
 }  // namespace
 
 TraceLayout::TraceLayout(const Recording& recording, const TraceTime& time,
                          std::int64_t minimumDuration)
     : recording_(recording),
       time_(time),
-      minimumDuration_(minimumDuration),
+      shortest_(std::max<std::int64_t>(minimumDuration, 0)),
       endIsMet_(recording.events.size()),
       open_(recording.sources.size()) {
     const std::int64_t latest = time.at(recording.lastTime);
     if (time.step() == 1 && latest >= TraceDoubles::careFrom)
         doubles_.emplace(recording.sources.size(), latest);
-    countLeftOut();
-    markMetEnds();
-}
-
-void TraceLayout::countLeftOut() {
-    for (const RecordedEvent& event : recording_.events) {
-        if (isNegative(event))
-            ++leftOutNegative_;
-        else if (!isKept(event))
-            ++leftOutShort_;
-    }
-}
-
-bool TraceLayout::isKept(const RecordedEvent& event) const noexcept {
-    return !isNegative(event) &&
-           saturatingSubtract(closingTime(recording_, event), event.start) >= minimumDuration_;
-}
-
-TraceSpan TraceLayout::spanOf(const RecordedEvent& event) const noexcept {
-    return {time_.at(event.start), time_.at(closingTime(recording_, event))};
-}
-
-void TraceLayout::markMetEnds() {
-    forEachRun(
-        recording_.events, [](const RecordedEvent& event) { return event.start; },
-        [this](std::span<const std::size_t> run) {
-            for (const std::size_t index : run)
-                markMetEnds(index);
-        });
+    forEachRun(recording.events, TogetherIn{time}, [this](std::span<const std::size_t> run) {
+        for (const std::size_t index : run)
+            markMetEnds(index);
+    });
 }
 
 /// Marks the events whose end the event's start meets. Only what can go out as a complete event
 /// does.
 void TraceLayout::markMetEnds(std::size_t index) {
     const RecordedEvent& event = recording_.events[index];
-    const TraceSpan span = spanOf(event);
-    if (!isKept(event) || stopsElsewhere(event) || span.end <= span.start)
+    if (!isKept(event)) {
+        ++(event.stop < event.start ? leftOutNegative_ : leftOutShort_);
         return;
-    const std::int64_t slack = doubles_ ? doubles_->slack() : 0;
-    while (!open_.empty(event.source) && open_.top(event.source).outlives <= event.start) {
-        const OpenEvent& ended = open_.top(event.source);
-        if (ended.shown.end + slack >= span.start)
-            endIsMet_[ended.index] = true;
-        open_.pop(event.source);
     }
-    if (open_.empty(event.source) || open_.top(event.source).outlives >= outlives(event))
-        open_.push(event.source, {outlives(event), span, index});
+    const std::int64_t start = time_.at(event.start);
+    const std::int64_t end = time_.at(closingTime(recording_, event));
+    if (stopsElsewhere(event) || end <= start)
+        return;
+    const std::int64_t reach = start - (doubles_ ? doubles_->slack() : 0);
+    auto open = open_.of(event.source);
+    while (!open.empty() && open.top().outlives <= event.start) {
+        if (open.top().shown.end >= reach)
+            endIsMet_[open.top().index] = true;
+        open.pop();
+    }
+    if (!open.empty() && open.top().outlives < outlives(event))
+        return;
+    OpenEvent& opened = open.push();
+    opened.outlives = outlives(event);
+    opened.shown.end = end;
+    opened.index = index;
 }
 
-void TraceLayout::begin() {
-    open_ = SourceStacks<OpenEvent>(recording_.sources.size());
-}
-
-std::span<const PlacedEvent> TraceLayout::place(std::span<const std::size_t> run) {
+std::span<const PlacedEvent> TraceLayout::placeTogether(std::span<const std::size_t> run) {
     placed_.clear();
     for (const std::size_t index : run) {
         if (isKept(recording_.events[index]))
             placed_.push_back(place(index));
     }
-    if (placed_.size() > 1)
-        std::stable_sort(placed_.begin(), placed_.end(),
-                         [](const auto& a, const auto& b) { return a.end > b.end; });
+    std::stable_sort(placed_.begin(), placed_.end(),
+                     [](const auto& a, const auto& b) { return a.end > b.end; });
     return placed_;
 }
 
 PlacedEvent TraceLayout::place(std::size_t index) {
     const RecordedEvent& event = recording_.events[index];
-    const TraceSpan span = spanOf(event);
-    PlacedEvent placed{&event, span.start, span.end, TraceShape::asyncPair};
+    PlacedEvent placed{&event, time_.at(event.start), time_.at(closingTime(recording_, event)),
+                       TraceShape::asyncPair};
     if (stopsElsewhere(event))
         return placed;
     placed.shape = TraceShape::instant;
-    if (span.end <= span.start)
+    if (placed.end <= placed.start)
         return placed;
-    while (!open_.empty(event.source) && open_.top(event.source).outlives <= event.start)
-        open_.pop(event.source);
-    if (!open_.empty(event.source) && open_.top(event.source).outlives < outlives(event)) {
+    auto open = open_.of(event.source);
+    while (!open.empty() && open.top().outlives <= event.start)
+        open.pop();
+    if (!open.empty() && open.top().outlives < outlives(event)) {
         placed.shape = TraceShape::asyncPair;
         return placed;
     }
-    const auto end = fittingEnd(event.source, span, endIsMet_[index]);
+    const TraceSpan* parent = open.empty() ? nullptr : &open.top().shown;
+    const std::int64_t end =
+        fittingEnd(event.source, {placed.start, placed.end}, endIsMet_[index], parent);
     // Without room it is still what encloses others, which have no room either.
-    open_.push(event.source, {outlives(event), {span.start, end.value_or(span.start)}, index});
-    if (end) {
+    OpenEvent& opened = open.push();
+    opened.outlives = outlives(event);
+    opened.shown.start = placed.start;
+    opened.shown.end = end;
+    if (end > placed.start) {
         placed.shape = TraceShape::complete;
-        placed.end = *end;
+        placed.end = end;
     }
     return placed;
 }
 
-/// The end with which an event is inside its parent and before what meets it, if there is one.
-std::optional<std::int64_t> TraceLayout::fittingEnd(std::uint32_t source, TraceSpan span,
-                                                    bool isMet) {
+/// The end with which an event is inside its parent and before what meets it; its start for none.
+std::int64_t TraceLayout::fittingEnd(std::uint32_t source, TraceSpan span, bool isMet,
+                                     const TraceSpan* parent) {
     const std::int64_t meets = span.end;
-    const TraceSpan* parent = open_.empty(source) ? nullptr : &open_.top(source).shown;
-    if (isMet)
-        --span.end;
+    span.end -= isMet;
     if (parent)
         span.end = std::min(span.end, parent->end - 1);
-    if (span.end <= span.start)
-        return std::nullopt;
-    if (!doubles_)
-        return span.end;
-    return doubles_->fittingEnd(source, span, isMet ? std::optional(meets) : std::nullopt, parent);
+    if (doubles_) [[unlikely]]
+        return doubles_->fittingEnd(source, span, isMet ? std::optional(meets) : std::nullopt,
+                                    parent);
+    return std::max(span.end, span.start);
 }
 
 }  // namespace instrument::detail

@@ -42,38 +42,45 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
     /// Calls `visit` with each placed event, by start, those that start together longer first.
     template <typename Visit>
     void forEach(Visit visit) {
-        begin();
-        forEachRun(
-            recording_.events, [this](const auto& event) { return time_.at(event.start); },
-            [&](std::span<const std::size_t> run) {
-                for (const PlacedEvent& placed : place(run))
+        open_.clear();
+        forEachRun(recording_.events, TogetherIn{time_}, [&](std::span<const std::size_t> run) {
+            if (run.size() > 1) [[unlikely]] {
+                for (const PlacedEvent& placed : placeTogether(run))
                     visit(placed);
-            });
+            } else if (isKept(recording_.events[run[0]])) {
+                visit(place(run[0]));
+            }
+        });
     }
 
     std::uint64_t leftOutNegative() const noexcept { return leftOutNegative_; }
     std::uint64_t leftOutShort() const noexcept { return leftOutShort_; }
 
   private:
+    struct TogetherIn {
+        const TraceTime& time;
+        bool operator()(std::int64_t a, std::int64_t b) const noexcept {
+            return time.isSameStep(a, b);
+        }
+    };
     struct OpenEvent {
         std::int64_t outlives;  // nanoseconds
         TraceSpan shown;
         std::size_t index;
     };
 
-    void countLeftOut();
-    void markMetEnds();
+    bool isKept(const RecordedEvent& event) const noexcept {
+        return saturatingSubtract(closingTime(recording_, event), event.start) >= shortest_;
+    }
     void markMetEnds(std::size_t index);
-    void begin();
-    std::span<const PlacedEvent> place(std::span<const std::size_t> run);
     PlacedEvent place(std::size_t index);
-    std::optional<std::int64_t> fittingEnd(std::uint32_t source, TraceSpan span, bool isMet);
-    bool isKept(const RecordedEvent& event) const noexcept;
-    TraceSpan spanOf(const RecordedEvent& event) const noexcept;
+    std::span<const PlacedEvent> placeTogether(std::span<const std::size_t> run);
+    std::int64_t fittingEnd(std::uint32_t source, TraceSpan span, bool isMet,
+                            const TraceSpan* parent);
 
     const Recording& recording_;
     const TraceTime& time_;
-    const std::int64_t minimumDuration_;
+    const std::int64_t shortest_;  // that is kept: a negative duration never is
     std::uint64_t leftOutNegative_ = 0;
     std::uint64_t leftOutShort_ = 0;
     std::vector<bool>

@@ -22,6 +22,10 @@ class ZANDOR_INSTRUMENT_API TraceTime {
         const std::int64_t shown = std::max(saturatingAdd(nanoseconds, shift_), lowest_);
         return step_ == 1 ? shown : shown / step_ - (shown % step_ < 0);
     }
+    /// Whether two instants, the earlier first, lie in the same step.
+    bool isSameStep(std::int64_t earlier, std::int64_t later) const noexcept {
+        return saturatingSubtract(later, earlier) < step_ && at(earlier) == at(later);
+    }
     /// What the trace tells for so many steps.
     std::int64_t nanoseconds(std::int64_t steps) const noexcept { return steps * step_; }
     std::int64_t step() const noexcept { return step_; }

@@ -45,13 +45,6 @@ void TraceTracks::append(TextBuffer& out) const {
     }
 }
 
-void TraceTracks::appendIds(TextBuffer& out, std::uint32_t source) const {
-    out.append("\"pid\":");
-    out.appendNumber(processes_[source]);
-    out.append(",\"tid\":");
-    out.appendNumber(source + 1);
-}
-
 void TraceTracks::appendProcess(TextBuffer& out, std::uint32_t firstSource) const {
     const RecordedSource& source = recording_.sources[firstSource];
     if (firstSource > 0)
@@ -81,7 +74,7 @@ void TraceTracks::appendHead(TextBuffer& out, std::string_view name, std::uint32
     out.append("\n{\"ph\":\"M\",\"name\":\"");
     out.append(name);
     out.append("\",");
-    appendIds(out, source);
+    out.writtenTo(putIds(out.roomFor(longestIds), source));
     out.append(",\"args\":{");
 }
 

@@ -17,8 +17,12 @@ class TraceTracks {
 
     /// The metadata events: names, order, and the system's own ids.
     void append(TextBuffer& out) const;
-    /// `"pid":1,"tid":1` of a source.
-    void appendIds(TextBuffer& out, std::uint32_t source) const;
+    /// Puts `"pid":1,"tid":1` of a source: up to longestIds bytes.
+    char* putIds(char* at, std::uint32_t source) const noexcept {
+        at = putNumber(put(at, "\"pid\":"), processes_[source]);
+        return putNumber(put(at, ",\"tid\":"), source + 1);
+    }
+    static constexpr std::size_t longestIds = 2 * (longestNumber + 8);
 
   private:
     void appendProcess(TextBuffer& out, std::uint32_t firstSource) const;
