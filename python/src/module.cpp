@@ -38,6 +38,7 @@ PyMethodDef functions[] = {
     {"find_root", findRootNamespace, METH_O, "The root namespace of a name."},
     {"resolve", resolveMethod, METH_O, "The method of a full name, private ones too."},
     {"library_folder", libraryFolder, METH_NOARGS, "Where the host's libraries stand."},
+    {"set_struct_array", setStructArray, METH_O, "Names the class of struct arrays."},
     {"live_array_count", liveArrayCount, METH_NOARGS, "How many host arrays live now."},
     {"suppressed_events", suppressedEvents, METH_NOARGS,
      "How many events were produced inside listeners, where they are not delivered."},

@@ -41,16 +41,10 @@ const View& viewOf(PyObject* self) {
     return reinterpret_cast<StructArrayObject*>(self)->view;
 }
 
-PyObject* publicStructArray() {
-    if (!publicType) {
-        const Ref module = Ref::take(PyImport_ImportModule("vantrace._struct_array"));
-        publicType = Ref::take(PyObject_GetAttrString(module.get(), "StructArray")).release();
-    }
-    return publicType;
-}
-
 Ref newView(View view) {
-    PyTypeObject* type = asType(publicStructArray());
+    if (!publicType)
+        raise(PyExc_RuntimeError, "vantrace.host was not imported");
+    PyTypeObject* type = asType(publicType);
     Ref object = Ref::take(type->tp_alloc(type, 0));
     new (&reinterpret_cast<StructArrayObject*>(object.get())->view) View(std::move(view));
     return object;
@@ -221,6 +215,15 @@ PyType_Spec spec = {"vantrace._core.StructArrayBase", sizeof(StructArrayObject),
 void addStructArray(PyObject* module) {
     baseType = Ref::take(PyType_FromSpec(&spec)).release();
     check(PyModule_AddObjectRef(module, "StructArrayBase", baseType));
+}
+
+PyObject* setStructArray(PyObject*, PyObject* type) {
+    return guarded([&] {
+        if (!PyType_Check(type) || !PyType_IsSubtype(asType(type), asType(baseType)))
+            raise(PyExc_TypeError, "set_struct_array takes a subclass of StructArrayBase");
+        Py_XDECREF(std::exchange(publicType, Py_NewRef(type)));
+        return Py_NewRef(Py_None);
+    });
 }
 
 Ref newStructArray(SharedArray array) {

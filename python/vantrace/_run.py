@@ -36,7 +36,7 @@ def _read(script):
 
 def _absolute(path):
     """As the interpreter makes the path of its script absolute."""
-    return path if os.path.isabs(path) else os.path.join(os.getcwd(), path.removeprefix("./"))
+    return os.path.join(os.getcwd(), path)
 
 
 def _main_code(script, arguments, source):
@@ -74,13 +74,25 @@ class _OwnFramesHidden:
             return
         hook, scripts_own = sys.excepthook, traceback.tb_next
 
-        def show(shown_kind, shown, shown_traceback):
-            if shown is error:
-                shown_traceback = scripts_own
-                shown.__traceback__ = scripts_own
-            hook(shown_kind, shown, shown_traceback)
+        def show(*_):
+            error.__traceback__ = scripts_own
+            try:
+                hook(kind, error, scripts_own)
+            except SystemExit:
+                raise
+            except BaseException as failure:
+                _show_failed_hook(failure, error)
 
         sys.excepthook = show
+
+
+def _show_failed_hook(failure, error):
+    """What the interpreter prints then, without the frame that called the hook for it."""
+    failure.__traceback__ = failure.__traceback__.tb_next
+    print("Error in sys.excepthook:", file=sys.stderr)
+    sys.__excepthook__(type(failure), failure, failure.__traceback__)
+    print("\nOriginal exception was:", file=sys.stderr)
+    sys.__excepthook__(type(error), error, error.__traceback__)
 
 
 class _Report:

@@ -1,7 +1,5 @@
 """Struct arrays of the host: tables with named columns."""
 
-import html
-
 from ._core import StructArrayBase
 
 _SHOWN_ROWS = 10
@@ -58,6 +56,8 @@ class StructArray(StructArrayBase):
         return "\n".join([head, *_aligned(self.fields, _shown_rows(self))])
 
     def _repr_html_(self):
+        import html
+
         names = "".join(f"<th>{html.escape(field)}</th>" for field in self.fields)
         rows = "".join(
             "<tr>" + "".join(f"<td>{html.escape(_cell(value))}</td>" for value in row) + "</tr>"

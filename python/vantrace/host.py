@@ -8,6 +8,10 @@ import os
 
 from . import _core
 from ._core import Method, NotLoadedError, Plugin, PluginError
+
+# Here, not when the first struct array is made: a fork at that moment would leave the child with a
+# module that nobody goes on importing.
+from ._struct_array import StructArray as _StructArray
 from ._tree import Namespace
 
 __all__ = [
@@ -23,6 +27,8 @@ __all__ = [
     "roots",
     "unload",
 ]
+
+_core.set_struct_array(_StructArray)
 
 _loaded = []
 _loads_unasked = True

@@ -164,17 +164,19 @@ def test_after_fork_while_threads_emit(ends_in_silence):
 stop = threading.Event()
 def work():
     while not stop.is_set():
-        with vantrace.event("busy", text="text"):
-            pass
+        for _ in range(100):
+            with vantrace.event("busy", text="text"):
+                pass
         len(recorder.getEvents("nothing"))
+        recorder.clearAllEventData()
 threads = [threading.Thread(target=work) for _ in range(3)]
 for thread in threads: thread.start()
-for _ in range(50):
+for _ in range(30):
     child = os.fork()
     if child == 0:
         with vantrace.event("child"):
             pass
-        names = list(recorder.getAllEvents()["name"])
+        names = [event["name"] for event in recorder.getAllEvents()]
         recorder.stop()
         os._exit(0 if names == ["child"] else 1)
     assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
