@@ -5,8 +5,8 @@
 
 namespace instrument {
 
-/// The calling thread will never run on, wherever it is: nobody waits any more for it to come out of
-/// the listeners that it is inside of. An embedder calls this before it parks a thread whose
+/// The calling thread will never run on, wherever it is: nobody waits any more for it to come out
+/// of the listeners that it is inside of. An embedder calls this before it parks a thread whose
 /// interpreter is gone.
 ZANDOR_INSTRUMENT_API void leaveListeners() noexcept;
 
