@@ -16,6 +16,9 @@ namespace vantrace {
 /// Never returns.
 [[noreturn]] void park() noexcept;
 
+/// Has the end of the process wait for what runs without the lock then. Once, at import.
+void awaitSectionsAtExit();
+
 /// Calls into the interpreter where other threads may get its lock.
 template <typename Call>
 auto intoPython(Call call) -> decltype(call()) {
@@ -26,13 +29,11 @@ auto intoPython(Call call) -> decltype(call()) {
     }
 }
 
-/// Lets other threads run for as long as it lives.
+/// Lets other threads run for as long as it lives. The process does not end under it.
 class GilRelease {
   public:
-    GilRelease() noexcept : state_(PyEval_SaveThread()) {}
-    ~GilRelease() {
-        intoPython([this] { PyEval_RestoreThread(state_); });
-    }
+    GilRelease() noexcept;
+    ~GilRelease();
     GilRelease(const GilRelease&) = delete;
     GilRelease& operator=(const GilRelease&) = delete;
 

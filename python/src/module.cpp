@@ -9,6 +9,7 @@
 #include "errors.hpp"
 #include "event.hpp"
 #include "event_function.hpp"
+#include "gil.hpp"
 #include "method.hpp"
 #include "plugin.hpp"
 #include "python_api.hpp"
@@ -57,6 +58,7 @@ PyObject* makeModule() {
     addEvents(module.get());
     addRecorder(module.get());
     check(PyModule_AddStringConstant(module.get(), "version", VANTRACE_VERSION));
+    awaitSectionsAtExit();
     installConsoleSink();
     return module.release();
 }

@@ -11,6 +11,10 @@ namespace vantrace {
 /// Thrown when a Python exception is set: the boundary leaves that one in place.
 struct PythonError {};
 
+/// Gives a reference back. A thread that was ended because the interpreter finalizes has lost the
+/// interpreter's lock by the time its objects are destroyed: its references stay.
+void dropReference(PyObject* object) noexcept;
+
 /// An owned reference.
 class Ref {
   public:
@@ -28,7 +32,10 @@ class Ref {
         std::swap(object_, other.object_);
         return *this;
     }
-    ~Ref() { Py_XDECREF(object_); }
+    ~Ref() {
+        if (object_)
+            dropReference(object_);
+    }
 
     PyObject* get() const noexcept { return object_; }
     PyObject* release() noexcept { return std::exchange(object_, nullptr); }

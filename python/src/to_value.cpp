@@ -58,10 +58,15 @@ matrix::Array numberArray(const Value& value) {
     }
 }
 
+/// Lists in lists of a call, the outermost one being 0.
+constexpr int mostDepth = 100;
+
+std::optional<Value> convert(PyObject* object, int depth);
+
 /// An element of a cell array; absent where the object is no host value, which the method that
 /// wants text then refuses by its index.
-matrix::Array elementArray(PyObject* object) {
-    std::optional<Value> value = toValue(object);
+matrix::Array elementArray(PyObject* object, int depth) {
+    std::optional<Value> value = convert(object, depth + 1);
     if (!value)
         return nullptr;
     if (value->kind() == Value::Kind::array)
@@ -69,10 +74,10 @@ matrix::Array elementArray(PyObject* object) {
     return numberArray(*value);
 }
 
-matrix::Array cellArray(std::span<const Ref> elements) {
+matrix::Array cellArray(std::span<const Ref> elements, int depth) {
     matrix::Array cell(hx::hxCreateCellMatrix(elements.size(), 1));
     for (std::size_t i = 0; i < elements.size(); ++i)
-        hx::hxSetCell(cell.get(), i, matrix::to_zandor(elementArray(elements[i].get())));
+        hx::hxSetCell(cell.get(), i, matrix::to_zandor(elementArray(elements[i].get(), depth)));
     return cell;
 }
 
@@ -85,16 +90,13 @@ std::vector<Ref> elementsOf(PyObject* sequence) {
     return elements;
 }
 
-matrix::Array sequenceArray(PyObject* sequence) {
-    if (Py_EnterRecursiveCall(" in a list of a host call"))
-        throw PythonError();
-    struct Leave {
-        ~Leave() { Py_LeaveRecursiveCall(); }
-    } const leave;
+matrix::Array sequenceArray(PyObject* sequence, int depth) {
+    if (depth > mostDepth)
+        raise(PyExc_RecursionError, "lists of a host call are nested too deep");
     const std::vector<Ref> elements = elementsOf(sequence);
     for (const Ref& element : elements) {
         if (!PyUnicode_Check(element.get()))
-            return cellArray(elements);
+            return cellArray(elements, depth);
     }
     return stringArray(elements);
 }
@@ -136,9 +138,7 @@ std::optional<Value> byNumberSlot(PyObject* object) {
     return std::nullopt;
 }
 
-}  // namespace
-
-std::optional<Value> toValue(PyObject* object) {
+std::optional<Value> convert(PyObject* object, int depth) {
     if (PyUnicode_Check(object))
         return Value::array(characterArrayOf(object));
     if (object == Py_None)
@@ -152,8 +152,14 @@ std::optional<Value> toValue(PyObject* object) {
     if (PyDict_Check(object))
         return Value::array(contextArray(object));
     if (isSequence(object))
-        return Value::array(sequenceArray(object));
+        return Value::array(sequenceArray(object, depth));
     return byNumberSlot(object);
+}
+
+}  // namespace
+
+std::optional<Value> toValue(PyObject* object) {
+    return convert(object, 0);
 }
 
 Ref contextText(PyObject* value) {
