@@ -6,11 +6,12 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <system_error>
 #include <thread>
+
+#include "zandor/instrument/testing/temporary_folder.hpp"
 
 namespace {
 
@@ -20,13 +21,6 @@ using ::testing::HasSubstr;
 
 class SavedFile : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string name = (fs::temp_directory_path() / "file_sink_XXXXXX").string();
-        ASSERT_NE(mkdtemp(name.data()), nullptr);
-        folder_ = name;
-    }
-    void TearDown() override { fs::remove_all(folder_); }
-
     fs::path path(const std::string& name) const { return folder_ / name; }
 
     static std::string content(const fs::path& file) {
@@ -54,12 +48,12 @@ class SavedFile : public ::testing::Test {
 
     std::vector<std::string> files() const {
         std::vector<std::string> names;
-        for (const auto& entry : fs::directory_iterator(folder_))
+        for (const auto& entry : fs::directory_iterator(folder_.path()))
             names.push_back(entry.path().filename().string());
         return names;
     }
 
-    fs::path folder_;
+    instrument::test_support::TemporaryFolder folder_;
 };
 
 TEST_F(SavedFile, AppearsWholeWhenCommitted) {
@@ -99,7 +93,7 @@ TEST_F(SavedFile, MayHaveTheLongestName) {
 
 TEST_F(SavedFile, MayBeNamedRelativeToTheWorkingFolder) {
     const fs::path before = fs::current_path();
-    fs::current_path(folder_);
+    fs::current_path(folder_.path());
     save("trace.json", "text");
     fs::current_path(before);
     EXPECT_EQ(content(path("trace.json")), "text");
