@@ -18,8 +18,11 @@ using detail::Word;
 constexpr auto plainWords = static_cast<std::ptrdiff_t>(detail::wordsOf(RecordKind::start));
 static_assert(plainWords == detail::wordsOf(RecordKind::stop));
 
+// Inlined, since every event goes through them; what does not fit goes out of line.
+
 /// The calling thread's track, if it is in this source and a plain record has room.
-Track* trackForPlain(const RecorderCore& core, const EventContext& context) noexcept {
+[[gnu::always_inline]] inline Track* trackForPlain(const RecorderCore& core,
+                                                   const EventContext& context) noexcept {
     const detail::ThreadState* thread = detail::ThreadState::find();
     Track* track = thread ? core.knownTrack(*thread) : nullptr;
     if (!track || track->stream.info != context.source()) [[unlikely]]
@@ -29,7 +32,8 @@ Track* trackForPlain(const RecorderCore& core, const EventContext& context) noex
                                                                                     : nullptr;
 }
 
-void put(Track& track, RecordHead head, const EventContext& context) noexcept {
+[[gnu::always_inline]] inline void put(Track& track, RecordHead head,
+                                       const EventContext& context) noexcept {
     Word* const tail = track.tail.load(std::memory_order_relaxed);
     tail[0] = head.word();
     tail[1] = EventContextAccess::ticks(context);
@@ -70,8 +74,8 @@ bool putPlainStop(const RecorderCore& core, const Opaque* instrument, const Even
     return true;
 }
 
-void record(RecorderCore& core, RecordKind kind, const Opaque* instrument,
-            const EventContext& context, EventId id) noexcept {
+[[gnu::noinline]] void record(RecorderCore& core, RecordKind kind, const Opaque* instrument,
+                              const EventContext& context, EventId id) noexcept {
     const bool hasArgs = !context.args().empty();
     core.record({.kind = kind,
                  .timed = false,

@@ -179,6 +179,9 @@ class Rewriter {
              const Word* recordEnd) noexcept {
         if (record.kind == RecordKind::source)
             return putSource(record);
+        // Its start was dropped, now or before.
+        if (record.kind == RecordKind::stop && record.id.serialId >= state_.nextSerial)
+            return;
         std::uint64_t serial = 0;
         if (record.kind == RecordKind::stop) {
             serial = state_.nextSerial - record.id.serialId;

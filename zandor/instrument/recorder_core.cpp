@@ -171,6 +171,7 @@ void RecorderCore::lose(Track& track, EventId id, bool onwards) noexcept {
 
 void RecorderCore::keepLosses(Track& track) noexcept {
     const Locked locked(state_->lock);
+    track.lostBefore[track.lostCount++ % track.lostBefore.size()] = track.lost;
     remember(*track.generation->lost, std::exchange(track.lost, {}));
 }
 

@@ -72,7 +72,7 @@ TEST_F(RecorderFork, MayHappenWhileOthersRecordClearAndRead) {
     std::atomic<bool> done{false};
     std::vector<std::thread> others;
     for (int i = 0; i < 3; ++i)
-        others.emplace_back([&] {
+        others.emplace_back([&, i] {
             while (!done)
                 const Scope scope{work_, {{"thread", i}}};
         });

@@ -138,32 +138,59 @@ std::ptrdiff_t Growth::reserveFor(const Track& track, std::size_t bytes) const n
     return static_cast<std::ptrdiff_t>(room) + track.open * stopBytes;
 }
 
-/// Whether `bytes` may be taken of what is free or not used yet.
-bool Growth::fits(const Track& track, std::size_t bytes, Purpose purpose) const noexcept {
-    std::ptrdiff_t reserved = 0;
-    if (purpose == Purpose::begin)
-        reserved = generation_.reserved - track.reserved + reserveFor(track, bytes);
-    const std::size_t needed =
-        bytes + static_cast<std::size_t>(std::max<std::ptrdiff_t>(reserved, 0));
-    return used_ + needed <= limits_.maxBytes + generation_.freeBytes;
+/// Whether there is what is reserved when the track has a chunk of `bytes`: in chunks of the
+/// smallest size, in what is not `used` and in what is `free`.
+bool Growth::holdsReserve(const Track& track, std::size_t bytes, std::size_t used,
+                          std::size_t free) const noexcept {
+    const std::ptrdiff_t reserved =
+        generation_.reserved - track.reserved + reserveFor(track, bytes);
+    const std::size_t unused = limits_.maxBytes > used ? limits_.maxBytes - used : 0;
+    const std::size_t held = unused / chunkSizes[0] * chunkSizes[0] + free;
+    return static_cast<std::ptrdiff_t>(held) >= reserved;
+}
+
+/// Cuts chunks of the smallest size off a larger free one, until they hold what is reserved.
+bool Growth::restoreReserve(const Track& track) noexcept {
+    while (!holdsReserve(track, 0, used_, generation_.smallFreeBytes)) {
+        std::size_t place = 1;
+        while (place < chunkSizes.size() && !generation_.freeChunks[place])
+            ++place;
+        if (place == chunkSizes.size())
+            return false;
+        Chunk* const chunk = takeFree(place);
+        chunk->bytes -= chunkSizes[0];
+        auto* piece = std::construct_at(reinterpret_cast<Chunk*>(chunk->limit()));
+        piece->bytes = chunkSizes[0];
+        freeChunk(generation_, *piece);
+        freeChunk(generation_, *chunk);
+    }
+    return true;
 }
 
 Chunk* Growth::takeFree(std::size_t place) noexcept {
     Chunk* const chunk = generation_.freeChunks[place];
     if (chunk) {
         generation_.freeChunks[place] = chunk->nextSealed;
-        generation_.freeBytes -= chunk->bytes;
+        generation_.smallFreeBytes -= place == 0 ? chunk->bytes : 0;
     }
     return chunk;
 }
 
 /// A chunk of that size or smaller, but of `least` bytes; a larger one where that is all there is.
-Room Growth::take(std::size_t size, std::size_t least) noexcept {
+Room Growth::take(const Track& track, std::size_t size, std::size_t least,
+                  Purpose purpose) noexcept {
+    const bool begins = purpose == Purpose::begin;
+    if (begins && limits_.keep != Keep::first && !restoreReserve(track))
+        return {nullptr, Denial::bound};
     const std::size_t wanted = sizeClassOf(size);
+    const std::size_t free = generation_.smallFreeBytes;
     for (std::size_t place = wanted + 1; place-- > 0 && chunkSizes[place] >= least;)
-        if (Chunk* chunk = takeFree(place))
-            return {chunk};
-    if (used_ + size <= limits_.maxBytes)
+        if (place > 0 || !begins ||
+            (free > 0 && holdsReserve(track, chunkSizes[0], used_, free - chunkSizes[0])))
+            if (Chunk* chunk = takeFree(place))
+                return {chunk};
+    if (used_ + size <= limits_.maxBytes &&
+        (!begins || holdsReserve(track, size, used_ + size, free)))
         return makeChunk(size);
     for (std::size_t place = wanted + 1; place < chunkSizes.size(); ++place)
         if (Chunk* chunk = takeFree(place))
@@ -189,15 +216,14 @@ Room Growth::makeChunk(std::size_t bytes) noexcept {
 
 Room Growth::makeRoom(const Track& track, std::size_t words, Purpose purpose) noexcept {
     const std::size_t least = sizeThatHolds(bytesOf(words));
-    std::size_t size = sizeFor(track, words, purpose);
-    Room room{nullptr, Denial::bound};
+    const std::size_t size = sizeFor(track, words, purpose);
+    Room room;
     do {
-        if (fits(track, size, purpose))
-            room = take(size, least);
+        room = take(track, size, least, purpose);
     } while (room.denial == Denial::bound && reclaim());
     for (std::size_t place = sizeClassOf(size); place-- > 0 && chunkSizes[place] >= least;)
-        if (room.denial == Denial::bound && fits(track, chunkSizes[place], purpose))
-            room = take(chunkSizes[place], least);
+        if (room.denial == Denial::bound)
+            room = take(track, chunkSizes[place], least, purpose);
     return room;
 }
 
@@ -305,7 +331,7 @@ void releaseSources(Chunk& chunk, const Word* end) noexcept {
 void freeChunk(Generation& generation, Chunk& chunk) noexcept {
     const std::size_t place = sizeClassOf(chunk.bytes + mappingHeader);
     chunk.nextSealed = std::exchange(generation.freeChunks[place], &chunk);
-    generation.freeBytes += chunk.bytes;
+    generation.smallFreeBytes += place == 0 ? chunk.bytes : 0;
 }
 
 }  // namespace instrument::detail

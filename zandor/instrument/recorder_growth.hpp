@@ -50,9 +50,11 @@ class Growth {
   private:
     std::size_t sizeFor(const Track& track, std::size_t words, Purpose purpose) const noexcept;
     std::ptrdiff_t reserveFor(const Track& track, std::size_t bytes) const noexcept;
-    bool fits(const Track& track, std::size_t bytes, Purpose purpose) const noexcept;
+    bool holdsReserve(const Track& track, std::size_t bytes, std::size_t used,
+                      std::size_t free) const noexcept;
+    bool restoreReserve(const Track& track) noexcept;
     Chunk* takeFree(std::size_t place) noexcept;
-    Room take(std::size_t size, std::size_t least) noexcept;
+    Room take(const Track& track, std::size_t size, std::size_t least, Purpose purpose) noexcept;
     Room makeChunk(std::size_t bytes) noexcept;
     void noteSealed(Chunk& chunk) noexcept;
     bool reclaim() noexcept;

@@ -63,6 +63,7 @@ class RecorderLimitsTest : public test_support::RecorderTest {
     }
 
     const Instrument work_{"work"};
+    const Instrument whole_{"whole"};
 };
 
 TEST_F(RecorderLimitsTest, AreAQuarterOfTheMemoryByDefault) {
@@ -217,13 +218,17 @@ TEST_F(RecorderLimitsTest, GiveWayOnManyThreadsAndAccountForEveryEvent) {
         InstrumentRecorder recorder({.maxBytes = 2 * mebi, .keep = keep});
         const Listening listening(recorder);
         onThreads(8, [&](int) {
+            const Scope whole{whole_};
             for (int i = 0; i < 20'000; ++i) {
                 const Scope outer{work_, {{"i", i}}};
                 const Scope inner{work_};
                 work_.instant();
             }
         });
-        EXPECT_EQ(accounted(recorder), 8u * 60'000);
+        EXPECT_EQ(accounted(recorder), 8u * 60'001);
+        if (keep == Keep::longest) {
+            EXPECT_EQ(recorder.getEventStats("whole").count, 8);
+        }
         const RecorderDrops drops = recorder.drops();
         EXPECT_EQ(drops.total(), keep == Keep::last ? drops.oldest : drops.shortest);
         EXPECT_GT(drops.total(), 0u);
@@ -320,21 +325,16 @@ TEST_F(RecorderLimitsTest, KeepingTheLongestAccountForEveryEventWhileTheyAreRead
             recorder.getAllEventStatsByContext();
     });
     onThreads(4, [&](int thread) {
-        const auto whole = work_.start({{"whole", thread}});
         for (int i = 0; i < 30'000; ++i) {
             const Scope outer{work_, {{"thread", thread}, {"i", i}}};
             const Scope inner{work_};
             work_.instant();
         }
-        work_.stop(whole);
         --running;
     });
     reader.join();
-    EXPECT_EQ(accounted(recorder), 4u * 90'001);
+    EXPECT_EQ(accounted(recorder), 4u * 90'000);
     EXPECT_GT(recorder.drops().total(), 0u);
-    for (int thread = 0; thread < 4; ++thread)
-        EXPECT_THAT(recorder.getEventsForContext("work", {{"whole", std::to_string(thread)}}),
-                    SizeIs(1));
     expectNoStrayStops(recorder);
     expectWithinBound(recorder);
 }

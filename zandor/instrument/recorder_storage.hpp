@@ -43,11 +43,15 @@ struct Chunk {
     }
 };
 
-/// Serials of a source whose starts or instants were dropped. None while `first` is 0.
+/// Serials of a source whose starts or instants were dropped. None while `source` is 0.
 struct LostRange {
     std::uint64_t source = 0;
     std::uint64_t first = 0;
     std::uint64_t last = 0;
+
+    bool has(EventId id) const noexcept {
+        return source == id.sourceId && first <= id.serialId && id.serialId <= last;
+    }
 };
 
 /// Starts with context that a thread wrote last, to tell whether a stop has the same.
@@ -78,8 +82,10 @@ struct alignas(64) Track {
     // Written by the track's thread, relaxed: they count, and publish nothing else.
     std::atomic<std::uint64_t> refused;
     std::atomic<std::uint64_t> failed;
-    LostRange lost;     ///< refused or failed of late; under the lock
-    LostRange dropped;  ///< with its oldest chunks; under the lock
+    LostRange lost;                       ///< refused or failed of late; changed under the lock
+    std::array<LostRange, 8> lostBefore;  ///< the ones before, in a ring; the thread's own
+    std::size_t lostCount;                ///< of all that were in it
+    LostRange dropped;                    ///< with its oldest chunks; under the lock
 };
 
 /// A piece of memory that a generation owns.
@@ -129,8 +135,8 @@ struct Generation {
     std::size_t bytes;        ///< of memory in use
     std::ptrdiff_t reserved;  ///< bytes set aside for stops of open events
     std::array<Chunk*, chunkSizes.size()> freeChunks;
-    std::size_t freeBytes;  ///< of them
-    Chunk* oldestSealed;    ///< when the last are kept
+    std::size_t smallFreeBytes;  ///< of those of the smallest size
+    Chunk* oldestSealed;         ///< when the last are kept
     Chunk* newestSealed;
     LostRing* lost;
     Compaction* compaction;  ///< when the longest are kept

@@ -1,5 +1,6 @@
 #include "recorder_writer.hpp"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -36,11 +37,12 @@ bool RecordWriter::isPastRefusal() const noexcept {
     return !record_.isStop() && track_.refusing && track_.lost.source == record_.id.sourceId;
 }
 
-/// What this thread's own dropped starts are is known here; the others' are told apart when read.
+/// The starts that this thread dropped of late are known here; others are told apart when read.
 bool RecordWriter::endsLostEvent() const noexcept {
-    const LostRange& lost = track_.lost;
-    return record_.isStop() && record_.id.sourceId == lost.source && lost.source != 0 &&
-           record_.id.serialId - lost.first <= lost.last - lost.first;
+    if (!record_.isStop() || (track_.lost.source == 0 && track_.lostCount == 0)) [[likely]]
+        return false;
+    const auto isIn = [&](const LostRange& range) { return range.has(record_.id); };
+    return isIn(track_.lost) || std::ranges::any_of(track_.lostBefore, isIn);
 }
 
 bool RecordWriter::needsSource() const noexcept {
