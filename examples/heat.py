@@ -95,7 +95,7 @@ class Analysis(threading.Thread):
     def __init__(self, problem):
         super().__init__(name="analysis")
         self.problem = problem
-        self.steps = queue.Queue(maxsize=4)
+        self.steps = queue.SimpleQueue()
         self.errors = []
         self.rough_share = []
 

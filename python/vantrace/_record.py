@@ -27,7 +27,7 @@ class record:
     def __init__(self, path=None, *, max_bytes=0, keep="first"):
         self.path = None if path is None else os.fspath(path)
         if path is not None:
-            _writer(self.path)
+            writer(self.path)
         self._recorder = Recorder(max_bytes=max_bytes, keep=keep)
 
     def __enter__(self):
@@ -51,7 +51,7 @@ class record:
     def save(self, path):
         """Writes what was recorded so far; the ending says how: .json or .folded."""
         path = os.fspath(path)
-        _writer(path)(self._recorder, path)
+        writer(path)(self._recorder, path)
 
     def summary(self):
         """Where the time went: a list of Summary, widest self time first."""
@@ -81,7 +81,8 @@ class record:
 _WRITERS = {".json": Recorder.save_json, ".folded": Recorder.save_stacks}
 
 
-def _writer(path):
+def writer(path):
+    """What writes a trace of that ending; ValueError for another ending."""
     ending = os.path.splitext(os.fsdecode(path))[1]
     if ending not in _WRITERS:
         raise ValueError(f"a trace ends in .json or .folded, not {os.fsdecode(path)!r}")

@@ -10,7 +10,7 @@ from importlib.machinery import SourceFileLoader
 from types import ModuleType
 
 from ._cli import UsageError
-from ._record import check_writable, record
+from ._record import check_writable, record, writer
 
 
 def run(script, arguments, output, table):
@@ -106,10 +106,12 @@ class _Report:
         if output is None:
             self._output, self._folder = None, os.getcwd()
         else:
-            self._output, self._folder = os.path.abspath(output), os.path.dirname(output)
+            self._output, self._folder = os.path.abspath(output), None
+        self._recording = record()
         try:
+            if self._output is not None:
+                writer(self._output)
             check_writable(self._output or os.path.join(self._folder, "vantrace.json"))
-            self._recording = record(self._output)
         except OSError as error:
             raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
         except ValueError as error:
@@ -118,14 +120,14 @@ class _Report:
     def begin(self):
         # Registered before any of the script's own, it runs after them.
         atexit.register(self._end)
-        self._recording._recorder.start()
+        self._recording.__enter__()
         self._begin = time.perf_counter_ns()
 
     def _end(self):
         if os.getpid() != self._process:
             return  # a fork of the script that came to its own end
         duration = time.perf_counter_ns() - self._begin
-        self._recording._recorder.stop()
+        self._recording.__exit__(None, None, None)
         try:
             sys.stdout.flush()
         except (AttributeError, OSError, ValueError):

@@ -4,26 +4,31 @@
 class Namespace:
     """A namespace of published methods."""
 
-    __slots__ = ("_handle", "_members")
+    # Members join the instance's own dictionary when the first of them is asked for.
 
     def __init__(self, handle):
-        object.__setattr__(self, "_handle", handle)
-        object.__setattr__(self, "_members", None)
+        self.__dict__["_handle"] = handle
 
     def __getattr__(self, name):
         if name.startswith("__") and name.endswith("__"):
             raise AttributeError(name)
-        if self._members is None:
-            members = {child.name: Namespace(child) for child in self._handle.namespaces()}
-            members.update((method.__name__, method) for method in self._handle.methods())
-            object.__setattr__(self, "_members", members)
-        member = self._members.get(name)
-        if member is None or "Private" in getattr(member, "attributes", ()):
-            how = "" if member is None else " but through vantrace.host.private"
-            raise AttributeError(f"{self._handle.full_name} has no member {name!r}{how}", name=name)
-        return member
+        members = {child.name: Namespace(child) for child in self._handle.namespaces()}
+        private = set()
+        for method in self._handle.methods():
+            if "Private" in method.attributes:
+                private.add(method.__name__)
+            else:
+                members[method.__name__] = method
+        self.__dict__.update(members)
+        if name in members:
+            return members[name]
+        how = " but through vantrace.host.private" if name in private else ""
+        raise AttributeError(f"{self._handle.full_name} has no member {name!r}{how}", name=name)
 
     def __setattr__(self, name, value):
+        raise AttributeError(f"{self._handle.full_name} is published: it cannot be changed")
+
+    def __delattr__(self, name):
         raise AttributeError(f"{self._handle.full_name} is published: it cannot be changed")
 
     def __dir__(self):

@@ -88,7 +88,12 @@ def private(full_name):
     >>> private("performance.productStats.logEventTime")
     """
     _load_unasked()
-    return _core.resolve(full_name)
+    try:
+        return _core.resolve(full_name)
+    except LookupError:
+        if plugins():
+            raise
+        raise NotLoadedError("plug-in is not loaded") from None
 
 
 def _is_same(known, plugin):
