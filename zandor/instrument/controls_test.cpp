@@ -280,8 +280,9 @@ TEST_F(ControlsTest, TogglingARuleInALoopUsesNoMoreMemory) {
     onThreads(2, [&](int thread) {
         const ControlElement& element = ControlElement::of(controls.getHandle("controls.toggle"));
         if (thread == 1) {
+            const ContextSet context = setOf({small});
             while (!done)
-                element.getContextEnabledImpl(setOf({small}));
+                element.getContextEnabledImpl(context);
             return;
         }
         const auto toggle = [](int times) {

@@ -101,7 +101,6 @@ TEST_F(ListenerRemovalTest, AListenerAddedByACallbackHearsTheNextEvent) {
 TEST_F(ListenerRemovalTest, CallbacksThatRemoveEachOtherDoNotWaitForEachOther) {
     for (int round = 0; round < 50; ++round) {
         std::barrier inside(2);
-        std::atomic<bool> first{true};
         std::unique_ptr<HandlerListener> listening[2];
         // Each thread is inside one listener and takes out the other.
         for (int i : {0, 1})
