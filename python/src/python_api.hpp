@@ -1,4 +1,4 @@
-// CPython's C interface, with the few helpers that every file of the module needs.
+// CPython's C interface, with the few tools that every file of the module needs.
 #pragma once
 
 #define PY_SSIZE_T_CLEAN

@@ -15,7 +15,8 @@
 
     from vantrace import performance  # the tree of published methods
 
-`python -m vantrace run script.py` records a whole script. `vantrace.host` loads and unloads plug-ins.
+`python -m vantrace run script.py` records a whole script. `vantrace.host` loads and unloads
+plug-ins.
 """
 
 from ._core import NotLoadedError, PluginError, event, instant

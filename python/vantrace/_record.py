@@ -16,12 +16,12 @@ class record:
             ...
         print(recording.summary())
 
-    Every instrument is on inside the block. On leaving, the trace is written to `path`, where one is
-    given: trace-event JSON (.json), or collapsed stacks (.folded). Blocks may overlap and nest; each
-    has a recorder of its own. A block that is entered again goes on with its recording.
+    Every instrument is on inside the block. On leaving, the trace is written to `path`, where one
+    is given: trace-event JSON (.json), or collapsed stacks (.folded). Blocks may overlap and nest;
+    each has a recorder of its own. A block that is entered again goes on with its recording.
 
-    `max_bytes` bounds the memory for events (0: a quarter of the machine's). What gives way then says
-    `keep`: "first" refuses new events, "last" drops the oldest, "longest" the shortest.
+    `max_bytes` bounds the memory for events (0: a quarter of the machine's). `keep` says what gives
+    way then: "first" refuses new events, "last" drops the oldest, "longest" the shortest.
     """
 
     def __init__(self, path=None, *, max_bytes=0, keep="first"):

@@ -35,7 +35,8 @@ def time_text(nanoseconds):
 
 def _cells(row, duration):
     share = f"{100 * row.self / duration:.1f}" if duration else ""
-    return (_printable(row.name), f"{row.count:,}", time_text(row.total), time_text(row.self), share)
+    times = time_text(row.total), time_text(row.self)
+    return (_printable(row.name), f"{row.count:,}", *times, share)
 
 
 def _printable(name):

@@ -1,7 +1,7 @@
 """The host of the plug-ins: loading, unloading, and the door to private methods.
 
-The plug-in that publishes `vantrace.performance` is loaded when that is first asked for. Once it was
-loaded, or something was unloaded here, nothing is loaded unasked any more.
+The plug-in that publishes `vantrace.performance` is loaded when that is first asked for. Once it
+was loaded, or something was unloaded here, nothing is loaded unasked any more.
 """
 
 import os

@@ -11,7 +11,8 @@ from pathlib import Path
 import pytest
 
 
-BUILD = Path(os.environ.get("VANTRACE_BUILD", Path(__file__).resolve().parents[2] / "build/release"))
+ROOT = Path(__file__).resolve().parents[2]
+BUILD = Path(os.environ.get("VANTRACE_BUILD", ROOT / "build/release"))
 EVENT_PRINTER = BUILD / "tests/plugins/event_printer.so"
 
 
@@ -23,7 +24,7 @@ def run_python(*arguments, **options):
 
 @pytest.fixture(name="python")
 def fixture_python(tmp_path):
-    """Runs code in a new interpreter, which must succeed and print no error; gives what it printed."""
+    """Runs code in a new interpreter, which must succeed and print no error; gives its output."""
 
     def run(code, *arguments):
         done = run_python("-c", code, *arguments, cwd=tmp_path)
@@ -76,7 +77,7 @@ def fixture_event_printer():
 
 @pytest.fixture(name="in_thread")
 def fixture_in_thread():
-    """Runs a function in a thread of a name and waits for it; gives its result or raises its error."""
+    """Runs a function in a thread of a name and waits for it; its result or error is the call's."""
 
     def run(function, name="worker"):
         outcome = []

@@ -38,7 +38,7 @@ def fixture_run(tmp_path):
 
 @pytest.fixture(name="same_as_python")
 def fixture_same_as_python(run, tmp_path):
-    """Runs a script with and without us: output, status and the beginning of the errors are the same."""
+    """Runs a script with and without us: output, status and what it says of errors are the same."""
 
     def check(script, *arguments, **options):
         options = {"cwd": tmp_path, "text": False} | options
