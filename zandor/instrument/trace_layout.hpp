@@ -1,5 +1,4 @@
-// How each event of a recording goes out in a trace, so that every viewer finds the nesting that
-// was.
+// How each event of a recording goes out in a trace, so that every viewer finds the right nesting.
 //
 // Viewers take complete events of a thread for a tree, and lose it where an event ends on its
 // parent's end, starts on its sibling's, or lasts no time. So ends are drawn inward by one step
@@ -83,11 +82,11 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
     const std::int64_t shortest_;  // that is kept: a negative duration never is
     std::uint64_t leftOutNegative_ = 0;
     std::uint64_t leftOutShort_ = 0;
-    std::vector<bool>
-        endIsMet_;  // by event: another starts on its end, or so close that doubles meet
+    /// By event: another starts on its end, or so close behind that doubles may meet.
+    std::vector<bool> endIsMet_;
     SourceStacks<OpenEvent> open_;
-    std::optional<TraceDoubles>
-        doubles_;  // where a step is too fine for doubles to add without care
+    /// Where a step is too fine for doubles to add without care.
+    std::optional<TraceDoubles> doubles_;
     std::vector<PlacedEvent> placed_;
 };
 
