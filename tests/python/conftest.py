@@ -3,6 +3,7 @@
 import ctypes
 import gc
 import os
+import signal
 import subprocess
 import sys
 import threading
@@ -12,6 +13,9 @@ import pytest
 
 
 ROOT = Path(__file__).resolve().parents[2]
+# A shell that runs us in the background has its children ignore the interrupt.
+signal.signal(signal.SIGINT, signal.default_int_handler)
+
 BUILD = Path(os.environ.get("VANTRACE_BUILD", ROOT / "build/release"))
 EVENT_PRINTER = BUILD / "tests/plugins/event_printer.so"
 

@@ -8,7 +8,6 @@ namespace instrument {
 namespace {
 
 using detail::EventContextAccess;
-using detail::NewRecord;
 using detail::RecorderCore;
 using detail::RecordHead;
 using detail::RecordKind;
