@@ -68,7 +68,8 @@ def test_everything_may_be_moved_together(tmp_path):
     package = Path(vantrace.__file__).resolve().parent
     libraries = Path(_core.library_folder()).resolve()
     common = Path(os.path.commonpath([package, libraries]))
-    shutil.copytree(libraries, tmp_path / libraries.relative_to(common), symlinks=True)
+    there = tmp_path / libraries.relative_to(common)
+    shutil.copytree(libraries, there, symlinks=True, dirs_exist_ok=True)
     moved = tmp_path / package.relative_to(common)
     shutil.copytree(package, moved, dirs_exist_ok=True)
     code = (
