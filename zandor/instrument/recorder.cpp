@@ -14,62 +14,73 @@ using detail::RecordKind;
 using detail::Track;
 using detail::Word;
 
-constexpr auto plainWords = static_cast<std::ptrdiff_t>(detail::wordsOf(RecordKind::start));
+constexpr std::size_t plainWords = detail::wordsOf(RecordKind::start);
 static_assert(plainWords == detail::wordsOf(RecordKind::stop));
 
-// Inlined, since every event goes through them; what does not fit goes out of line.
+// The frequent cases, each in one piece: the next event of the thread's own source, its context
+// none or kept, and the stop of one. They tell whether they did it; the rest goes the general way.
 
-/// The calling thread's track, if it is in this source and a plain record has room.
-[[gnu::always_inline]] inline Track* trackForPlain(const RecorderCore& core,
-                                                   const EventContext& context) noexcept {
+/// The calling thread's track, if it is in this source.
+[[gnu::always_inline]] inline Track* trackOf(const RecorderCore& core,
+                                             const EventContext& context) noexcept {
     const detail::ThreadState* thread = detail::ThreadState::find();
     Track* track = thread ? core.knownTrack(*thread) : nullptr;
-    if (!track || track->stream.info != context.source()) [[unlikely]]
-        return nullptr;
-    // Relaxed: this thread's own.
-    return track->limit - track->tail.load(std::memory_order_relaxed) >= plainWords ? track
-                                                                                    : nullptr;
+    return track && track->stream.info == context.source() ? track : nullptr;
 }
 
-[[gnu::always_inline]] inline void put(Track& track, RecordHead head,
-                                       const EventContext& context) noexcept {
-    Word* const tail = track.tail.load(std::memory_order_relaxed);
-    tail[0] = head.word();
-    tail[1] = EventContextAccess::ticks(context);
-    // Pairs with the acquire of readers: with the tail come the records before it.
-    track.tail.store(tail + plainWords, std::memory_order_release);
+/// Whether so many words have room behind the tail, which is this thread's own.
+[[gnu::always_inline]] inline bool hasRoom(const Track& track, std::size_t words) noexcept {
+    const Word* const tail = track.tail.load(std::memory_order_relaxed);
+    return track.limit - tail >= static_cast<std::ptrdiff_t>(words);
 }
 
-/// The frequent cases of the next event, without context, and of its stop; or false.
-bool putPlainStart(const RecorderCore& core, const Opaque* instrument, const EventContext& context,
-                   EventId id) noexcept {
-    if (!context.empty())
+/// Pairs with the acquire of readers: with the tail come the records before it.
+[[gnu::always_inline]] inline void commit(Track& track, Word* end) noexcept {
+    track.tail.store(end, std::memory_order_release);
+}
+
+[[gnu::always_inline]] inline bool putStart(const RecorderCore& core, const Opaque* instrument,
+                                            const EventContext& context, EventId id) noexcept {
+    const ContextArgs args = context.args();
+    if (!(args.empty() ? context.empty() : context.argsAreKept()))
         return false;
-    Track* const track = trackForPlain(core, context);
-    if (!track || id.serialId != track->stream.nextSerial) [[unlikely]]
+    Track* const track = trackOf(core, context);
+    if (!track || id.serialId != track->stream.nextSerial ||
+        !hasRoom(*track, plainWords + detail::mostWords(args))) [[unlikely]]
         return false;
+    Word* const head = track->tail.load(std::memory_order_relaxed);
+    Word* const entries = head + plainWords;
+    Word* const end = args.empty() ? entries : detail::encodeInterned(args, entries);
+    const auto words = static_cast<std::size_t>(end - entries);
+    if (words >= RecordHead::contextIsCounted) [[unlikely]]
+        return false;
+    head[0] = RecordHead(RecordKind::start, false, words, instrument->id, 0).word();
+    head[1] = EventContextAccess::ticks(context);
     ++track->stream.nextSerial;
     ++track->open;
-    put(*track, {RecordKind::start, false, 0, instrument->id, 0}, context);
+    commit(*track, end);
     return true;
 }
 
-bool putPlainStop(const RecorderCore& core, const Opaque* instrument, const EventContext& context,
-                  EventId id) noexcept {
+[[gnu::always_inline]] inline bool putStop(const RecorderCore& core, const Opaque* instrument,
+                                           const EventContext& context, EventId id) noexcept {
     const bool hasContext = !context.empty();
     if (hasContext && !context.argsAreKept())
         return false;
-    Track* const track = trackForPlain(core, context);
-    if (!track || id.sourceId != track->stream.source || id.serialId < track->runFirst) [[unlikely]]
+    Track* const track = trackOf(core, context);
+    if (!track || id.sourceId != track->stream.source || id.serialId < track->runFirst ||
+        track->hasLost || !hasRoom(*track, plainWords)) [[unlikely]]
         return false;
     const std::uint64_t back = track->stream.nextSerial - id.serialId;
     if (back - 1 >= RecordHead::serialLimit - 1) [[unlikely]]
         return false;
+    Word* const head = track->tail.load(std::memory_order_relaxed);
+    head[0] = RecordHead(RecordKind::stop, false, hasContext ? RecordHead::contextOfStart : 0,
+                         instrument->id, back)
+                  .word();
+    head[1] = EventContextAccess::ticks(context);
     --track->open;
-    put(*track,
-        {RecordKind::stop, false, hasContext ? RecordHead::contextOfStart : 0, instrument->id,
-         back},
-        context);
+    commit(*track, head + plainWords);
     return true;
 }
 
@@ -137,13 +148,13 @@ void InstrumentRecorder::onInstant(const Opaque* instrument, const EventContext&
 
 void InstrumentRecorder::onStart(const Opaque* instrument, const EventContext& context,
                                  EventId id) noexcept {
-    if (!putPlainStart(*core_, instrument, context, id)) [[unlikely]]
+    if (!putStart(*core_, instrument, context, id)) [[unlikely]]
         record(*core_, RecordKind::start, instrument, context, id);
 }
 
 void InstrumentRecorder::onStop(const Opaque* instrument, const EventContext& context,
                                 EventId id) noexcept {
-    if (!putPlainStop(*core_, instrument, context, id)) [[unlikely]]
+    if (!putStop(*core_, instrument, context, id)) [[unlikely]]
         record(*core_, RecordKind::stop, instrument, context, id);
 }
 

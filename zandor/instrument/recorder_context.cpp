@@ -20,6 +20,14 @@ Word bitsOf(const ContextValue& value) noexcept {
                                                     : value.unsignedInteger();
 }
 
+Word textEntry(const InternedText& name, const InternedText& value) noexcept {
+    return Word{name.id} << 32 | value.id;
+}
+
+Word numberHead(const InternedText& name, const ContextValue& value) noexcept {
+    return Word{name.id} << 32 | (numberMark + static_cast<std::uint32_t>(value.kind()));
+}
+
 ContextValue numberOf(ContextValue::Kind kind, Word bits) noexcept {
     switch (kind) {
         case ContextValue::Kind::signedInteger:
@@ -33,34 +41,21 @@ ContextValue numberOf(ContextValue::Kind kind, Word bits) noexcept {
     }
 }
 
-/// Finds texts that are interned already without a look at the table.
-class TextFinder {
-  public:
-    TextFinder(bool interned, TextCache& texts) noexcept : interned_(interned), texts_(texts) {}
-    const InternedText* find(std::string_view text) const noexcept {
-        return interned_ ? &InternedText::of(text) : texts_.intern(text);
-    }
-
-  private:
-    bool interned_;
-    TextCache& texts_;
-};
-
-bool encodeText(std::string_view key, std::string_view value, const TextFinder& texts,
+bool encodeText(std::string_view key, std::string_view value, TextCache& texts,
                 Word*& out) noexcept {
-    const InternedText* const name = texts.find(key);
-    const InternedText* const text = texts.find(value);
+    const InternedText* const name = texts.intern(key);
+    const InternedText* const text = texts.intern(value);
     if (!name || !text)
         return false;
-    *out++ = Word{name->id} << 32 | text->id;
+    *out++ = textEntry(*name, *text);
     return true;
 }
 
-bool encodeNumber(const ContextArg& arg, const TextFinder& texts, Word*& out) noexcept {
-    const InternedText* const name = texts.find(arg.name);
+bool encodeNumber(const ContextArg& arg, TextCache& texts, Word*& out) noexcept {
+    const InternedText* const name = texts.intern(arg.name);
     if (!name)
         return false;
-    *out++ = Word{name->id} << 32 | (numberMark + static_cast<std::uint32_t>(arg.value.kind()));
+    *out++ = numberHead(*name, arg.value);
     *out++ = bitsOf(arg.value);
     return true;
 }
@@ -85,8 +80,11 @@ std::size_t contextWords(const NewContext& context) noexcept {
     return words;
 }
 
-bool encodeContext(const NewContext& context, TextCache& cache, Word* out) noexcept {
-    const TextFinder texts(context.argsAreInterned, cache);
+bool encodeContext(const NewContext& context, TextCache& texts, Word* out) noexcept {
+    if (context.argsAreInterned) {
+        encodeInterned(context.args, out);
+        return true;
+    }
     if (context.args.empty()) {
         for (const ContextEntry& entry : *context.set)
             if (!encodeText(entry.name, entry.value, texts, out))
@@ -98,6 +96,19 @@ bool encodeContext(const NewContext& context, TextCache& cache, Word* out) noexc
                                 : encodeNumber(arg, texts, out)))
             return false;
     return true;
+}
+
+Word* encodeInterned(ContextArgs args, Word* out) noexcept {
+    for (const ContextArg& arg : args) {
+        const InternedText& name = InternedText::of(arg.name);
+        if (isText(arg.value)) {
+            *out++ = textEntry(name, InternedText::of(arg.value.text()));
+        } else {
+            *out++ = numberHead(name, arg.value);
+            *out++ = bitsOf(arg.value);
+        }
+    }
+    return out;
 }
 
 ContextSet makeContextSet(ContextArgs args) {

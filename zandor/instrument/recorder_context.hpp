@@ -27,7 +27,14 @@ struct NewContext {
 /// Words that the context takes.
 std::size_t contextWords(const NewContext& context) noexcept;
 /// Writes them to `out`. False when the system gives no memory for a text.
-bool encodeContext(const NewContext& context, TextCache& cache, Word* out) noexcept;
+bool encodeContext(const NewContext& context, TextCache& texts, Word* out) noexcept;
+
+/// The most words that a context may take.
+inline std::size_t mostWords(ContextArgs args) noexcept {
+    return 2 * args.size();
+}
+/// Writes a context whose texts are interned, and gives its end.
+Word* encodeInterned(ContextArgs args, Word* out) noexcept;
 
 /// The same as a set. The names are distinct, and must outlive it.
 ContextSet makeContextSet(ContextArgs args);

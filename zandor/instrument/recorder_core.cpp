@@ -160,6 +160,7 @@ Denial RecorderCore::grow(Track& track, std::size_t words, Purpose purpose) noex
 
 void RecorderCore::lose(Track& track, EventId id, bool onwards) noexcept {
     const Locked locked(state_->lock);
+    track.hasLost = true;
     LostRange& lost = track.lost;
     if (lost.source != id.sourceId) {
         remember(*track.generation->lost, lost);

@@ -45,6 +45,14 @@ void releaseSources(Track& track) noexcept {
     SourcePtr::release(track.stream.info);
 }
 
+/// Takes a chunk of the smallest size off the end of a free one.
+Chunk& cutSmallest(Chunk& chunk) noexcept {
+    chunk.bytes -= chunkSizes[0];
+    Chunk* const piece = std::construct_at(reinterpret_cast<Chunk*>(chunk.limit()));
+    piece->bytes = chunkSizes[0];
+    return *piece;
+}
+
 }  // namespace
 
 std::byte* mapInto(Mapping*& mappings, std::size_t bytes) noexcept {
@@ -158,22 +166,26 @@ bool Growth::restoreReserve(const Track& track) noexcept {
         if (place == chunkSizes.size())
             return false;
         Chunk* const chunk = takeFree(place);
-        chunk->bytes -= chunkSizes[0];
-        auto* piece = std::construct_at(reinterpret_cast<Chunk*>(chunk->limit()));
-        piece->bytes = chunkSizes[0];
-        freeChunk(generation_, *piece);
+        freeChunk(generation_, cutSmallest(*chunk));
         freeChunk(generation_, *chunk);
     }
     return true;
 }
 
+/// Of the smallest size nothing larger is given.
 Chunk* Growth::takeFree(std::size_t place) noexcept {
     Chunk* const chunk = generation_.freeChunks[place];
-    if (chunk) {
-        generation_.freeChunks[place] = chunk->nextSealed;
-        generation_.smallFreeBytes -= place == 0 ? chunk->bytes : 0;
-    }
-    return chunk;
+    if (!chunk)
+        return nullptr;
+    generation_.freeChunks[place] = chunk->nextSealed;
+    if (place > 0)
+        return chunk;
+    generation_.smallFreeBytes -= chunk->bytes;
+    if (chunk->bytes < 2 * chunkSizes[0])
+        return chunk;
+    Chunk& piece = cutSmallest(*chunk);
+    freeChunk(generation_, *chunk);
+    return &piece;
 }
 
 /// A chunk of that size or smaller, but of `least` bytes; a larger one where that is all there is.

@@ -68,8 +68,10 @@ struct alignas(64) Track {
     StreamState stream;
     std::uint64_t runFirst;  ///< first serial of the present run
     std::int64_t open;       ///< starts less stops, of whatever thread's events
-    Chunk* current;
+    bool hasLost;            ///< whether it lost any start or instant
+    bool refusing;           ///< the bound was reached: no start is taken any more
 
+    Chunk* current;
     Generation* generation;
     const ThreadState* thread;  ///< whose threads write it
     std::array<RecentStart, 8> recent;
@@ -78,7 +80,6 @@ struct alignas(64) Track {
     Track* next;                 ///< set before the track is published
     std::size_t reserved;        ///< bytes set aside for stops of its open events; under the lock
     std::uint32_t sizeClass;
-    bool refusing;  ///< the bound was reached: no start is taken any more
     // Written by the track's thread, relaxed: they count, and publish nothing else.
     std::atomic<std::uint64_t> refused;
     std::atomic<std::uint64_t> failed;

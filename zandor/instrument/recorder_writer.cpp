@@ -39,7 +39,7 @@ bool RecordWriter::isPastRefusal() const noexcept {
 
 /// The starts that this thread dropped of late are known here; others are told apart when read.
 bool RecordWriter::endsLostEvent() const noexcept {
-    if (!record_.isStop() || (track_.lost.source == 0 && track_.lostCount == 0)) [[likely]]
+    if (!record_.isStop() || !track_.hasLost) [[likely]]
         return false;
     const auto isIn = [&](const LostRange& range) { return range.has(record_.id); };
     return isIn(track_.lost) || std::ranges::any_of(track_.lostBefore, isIn);
