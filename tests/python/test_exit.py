@@ -135,8 +135,10 @@ def test_the_host_s_lines_after_the_interpreter_go_to_the_descriptor(tmp_path):
 import ctypes, vantrace
 library = ctypes.CDLL({str(EVENT_PRINTER)!r})
 libc = ctypes.CDLL(None)
+libc.strdup.restype = ctypes.c_void_p
+text = ctypes.c_void_p(libc.strdup(b"native\\n"))  # outlives the interpreter
 print("python")
-libc.on_exit(ctypes.cast(library.printOnExit, ctypes.c_void_p), ctypes.c_char_p(b"native\\n"))
+libc.on_exit(ctypes.cast(library.printOnExit, ctypes.c_void_p), text)
 """
     done = run_python("-c", code, cwd=tmp_path)
     assert (done.returncode, done.stdout, done.stderr) == (0, "python\nnative\n", "")

@@ -47,7 +47,7 @@ SourcePtr namelessSource(std::uint64_t id) noexcept {
     if (!info)
         return {};
     info->id = id;
-    const SourcePtr source(info);
+    SourcePtr source(info);
     SourcePtr::release(info);
     return source;
 }

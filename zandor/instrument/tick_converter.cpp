@@ -95,7 +95,7 @@ double TickConverter::rateAt(const Knot& now) noexcept {
 void TickConverter::extend(std::uint64_t ticks) noexcept {
     constexpr std::int64_t firstMoments = 2'000'000;
     constexpr double shortest = 1e6;
-    constexpr std::int64_t fraction = 4096;
+    constexpr double fraction = 4096;
     const Knot last = knot(count_.load(std::memory_order_relaxed) - 1);
     if (ticks <= last.ticks)
         return;
@@ -104,7 +104,7 @@ void TickConverter::extend(std::uint64_t ticks) noexcept {
     const std::int64_t elapsed = now.nanoseconds - knot(0).nanoseconds;
     std::uint64_t target = std::max(ticks, now.ticks);
     if (elapsed > firstMoments && rate > 0) {
-        const double ahead = std::max(shortest, static_cast<double>(elapsed / fraction)) / rate;
+        const double ahead = std::max(shortest, static_cast<double>(elapsed) / fraction) / rate;
         target = std::max(target, last.ticks + static_cast<std::uint64_t>(ahead));
     }
     // Where the counter went back, nothing is known of ticks ahead but that time does not go back.

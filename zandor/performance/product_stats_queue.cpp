@@ -4,7 +4,6 @@
 #include <signal.h>
 
 #include <exception>
-#include <thread>
 #include <utility>
 
 #include "zandor/performance/product_stats.hpp"
@@ -20,7 +19,7 @@ void Queue::add(Row row) {
     }
     rows_.push_back(std::move(row));
     ++added_;
-    if (!running_)
+    if (!writer_.joinable())
         startWriter();
     held.unlock();
     rowsCame_.notify_one();
@@ -32,11 +31,9 @@ void Queue::startWriter() {
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    running_ = true;
     try {
-        std::thread([this] { run(); }).detach();
+        writer_ = std::thread([this] { run(); });
     } catch (const std::exception&) {
-        running_ = false;
         dropped_ += rows_.size();
         done_ += rows_.size();
         rows_.clear();
@@ -52,8 +49,11 @@ void Queue::flush() {
 void Queue::close() {
     std::unique_lock held(lock_);
     closed_ = true;
+    std::thread writer = std::move(writer_);
+    held.unlock();
     rowsCame_.notify_one();
-    ended_.wait(held, [this] { return !running_; });
+    if (writer.joinable())
+        writer.join();
 }
 
 std::uint64_t Queue::dropped() const {
@@ -87,8 +87,6 @@ void Queue::run() {
             held.lock();
         }
     }
-    running_ = false;
-    std::notify_all_at_thread_exit(ended_, std::move(held));
 }
 
 std::string Queue::write(std::unique_ptr<Store>& store, const std::vector<Row>& rows) {

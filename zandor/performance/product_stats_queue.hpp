@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "zandor/performance/export.hpp"
@@ -22,6 +23,9 @@ class ZANDOR_PERFORMANCE_API Queue {
     Queue() = default;
     /// The queue of a child, which leaves its parent's as it was.
     explicit Queue(const Queue* parents) : parents_(parents) {}
+    ~Queue() { close(); }
+    Queue(const Queue&) = delete;
+    Queue& operator=(const Queue&) = delete;
 
     /// Starts the writing thread with the first row.
     void add(Row row);
@@ -45,12 +49,11 @@ class ZANDOR_PERFORMANCE_API Queue {
     mutable std::mutex lock_;
     std::condition_variable rowsCame_;
     std::condition_variable rowsWent_;
-    std::condition_variable ended_;
+    std::thread writer_;  // from the first row on until the queue is closed
     std::vector<Row> rows_;
     std::uint64_t added_ = 0;  // rows that entered the queue
     std::uint64_t done_ = 0;   // of these, written or dropped
     std::uint64_t dropped_ = 0;
-    bool running_ = false;
     bool closed_ = false;
     bool told_ = false;
 };
