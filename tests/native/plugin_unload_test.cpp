@@ -1,5 +1,6 @@
 // The plug-in as hosts load it: in and out again, with events on live threads and its recorder
 // still registered.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -10,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "vantrace/testing/console.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/listeners.hpp"
@@ -19,6 +21,7 @@ namespace {
 
 constexpr char isActive[] = "performance.instrument.recorder.isActive";
 constexpr char start[] = "performance.instrument.recorder.start";
+constexpr char startLogger[] = "performance.instrument.logger.start";
 constexpr char getAllEventStats[] = "performance.instrument.recorder.getAllEventStats";
 
 zandor::Plugin load() {
@@ -129,6 +132,31 @@ TEST_F(PluginUnload, ThreadsThatEmittedMayEndAfterwards) {
         emitters.await();
     }
     EXPECT_FALSE(isMapped());
+}
+
+TEST_F(PluginUnload, PrintsTheLinesThatAreStillWaiting) {
+    const vantrace_testing::KeptConsole console;
+    zandor::Plugin plugin = load();
+    zandor::resolve(startLogger)();
+    std::thread([] { instrument::Instrument("plugin_unload").instant(); }).join();
+    EXPECT_EQ(console.take(), "Performance Logging started");
+    plugin.unload();
+    EXPECT_THAT(console.take(), testing::HasSubstr("] INSTANT: plugin_unload "));
+}
+
+TEST_F(PluginUnload, WhileThreadsEmitIntoItsLogger) {
+    const vantrace_testing::KeptConsole console;
+    const Emitters emitters(3);
+    for (int round = 0; round < 20; ++round) {
+        zandor::Plugin plugin = load();
+        zandor::resolve(startLogger)();
+        emitters.await();
+        plugin.unload();
+        EXPECT_FALSE(isMapped()) << "round " << round;
+        EXPECT_THAT(console.take(), testing::HasSubstr("] START: plugin_unload "));
+        emitters.await();
+        EXPECT_EQ(console.take(), "");
+    }
 }
 
 TEST_F(PluginUnload, LeavesNoArrayBehind) {

@@ -13,8 +13,6 @@ const char* nameOf(Service service) {
             return "the event counter";
         case Service::profiler:
             return "the event profiler";
-        case Service::logger:
-            return "the event logger";
     }
     return "the service";
 }

@@ -7,7 +7,6 @@ namespace vantrace {
 enum class Service {
     counter,
     profiler,
-    logger,
 };
 
 /// Throws std::runtime_error with the name of the service.

@@ -58,8 +58,7 @@ INSTANTIATE_TEST_SUITE_P(
     Namespaces, MissingService,
     testing::Values(
         Lacking{"instrument.counter", "the event counter is not available in this build"},
-        Lacking{"instrument.profiler", "the event profiler is not available in this build"},
-        Lacking{"instrument.logger", "the event logger is not available in this build"}),
+        Lacking{"instrument.profiler", "the event profiler is not available in this build"}),
     [](const auto& row) {
         const std::string path = row.param.name;
         return path.substr(path.rfind('.') + 1);

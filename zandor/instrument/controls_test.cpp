@@ -296,8 +296,9 @@ TEST_F(ControlsTest, TogglingARuleInALoopUsesNoMoreMemory) {
         const long before = residentPages();
         toggle(20'000);
         // A sanitizer keeps freed memory back.
-        if (!ZANDOR_SANITIZED)
+        if (!ZANDOR_SANITIZED) {
             EXPECT_LT((residentPages() - before) * sysconf(_SC_PAGESIZE), 1 << 20);
+        }
         done = true;
     });
 }

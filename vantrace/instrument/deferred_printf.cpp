@@ -1,0 +1,94 @@
+#include "vantrace/instrument/deferred_printf.hpp"
+
+#include <pthread.h>
+#include <tbb/concurrent_queue.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <string>
+#include <thread>
+
+#include "zandor/runtime/console.hpp"
+
+namespace instrument {
+
+namespace {
+
+class DeferredLines {
+  public:
+    DeferredLines() { pthread_atfork(nullptr, nullptr, afterFork); }
+    ~DeferredLines() { printPending(); }
+    DeferredLines(const DeferredLines&) = delete;
+    DeferredLines& operator=(const DeferredLines&) = delete;
+
+    void print(const char* line) {
+        std::call_once(threadIsChosen_, [this] { printingThread_ = std::this_thread::get_id(); });
+        std::call_once(queueIsMade_, [this] { pending_ = std::make_unique<Queue>(); });
+        if (std::this_thread::get_id() != printingThread_) {
+            push(line);
+            return;
+        }
+        printPending();
+        utPrintf("%s", line);
+    }
+
+  private:
+    using Queue = tbb::concurrent_queue<std::string>;
+
+    /// Without memory the line is lost, rather than the event that it tells of.
+    void push(const char* line) noexcept {
+        try {
+            pending_->push(line);
+        } catch (const std::bad_alloc&) {
+        }
+    }
+
+    void printPending() {
+        std::string line;
+        while (pending_ && pending_->try_pop(line))
+            utPrintf("%s", line.c_str());
+    }
+
+    /// The parent's queue may be in the middle of a change by a thread that is not here.
+    static void afterFork();
+
+    std::once_flag threadIsChosen_;
+    std::once_flag queueIsMade_;
+    std::thread::id printingThread_;
+    std::unique_ptr<Queue> pending_;
+};
+
+DeferredLines& lines() {
+    static DeferredLines lines;
+    return lines;
+}
+
+void DeferredLines::afterFork() {
+    DeferredLines& child = lines();
+    if (!child.pending_)
+        return;
+    child.printingThread_ = std::this_thread::get_id();
+    [[maybe_unused]] const Queue* parents = child.pending_.release();
+    child.pending_ = std::make_unique<Queue>();
+}
+
+}  // namespace
+
+int deferredPrintf(const char* format, ...) {
+    char line[2048] = "";
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int length = std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    lines().print(line);
+    return length;
+}
+
+void outliveByDeferredLines() {
+    lines();
+}
+
+}  // namespace instrument
