@@ -21,6 +21,7 @@ std::string_view nameOf(const Opaque* instrument) noexcept {
 
 std::vector<std::string_view> labelsOf(const std::vector<RecordedSource>& sources) {
     std::vector<std::string_view> labels;
+    labels.reserve(sources.size());
     for (const RecordedSource& source : sources)
         labels.push_back(labelOf(source));
     return labels;
