@@ -9,9 +9,9 @@
 // of each thread a prefix of what it wrote, and no stop whose start is missing. Queries may run
 // while events come in, from any thread. In a child after fork it is registered still, and empty.
 //
-// The recorder is bounded in memory; what it had to drop is counted, and said once on the console when
-// it is next read or cleared. While a query looks at the recording nothing gives way: then a full
-// recorder refuses new events, whatever it keeps.
+// The recorder is bounded in memory; what it had to drop is counted, and said once on the console
+// when it is next read or cleared. While a query looks at the recording nothing gives way: then a
+// full recorder refuses new events, whatever it keeps.
 #pragma once
 
 #include <cstddef>
