@@ -73,17 +73,21 @@ pid_t startWriter(int process, int output) {
 
 using Rows = std::map<std::pair<int, int>, int>;
 
-/// Kills each writer after a random number of what it told, and reads on until the last is gone.
+/// Kills each writer after a random number of what it told, not before each of its threads told
+/// something, and reads on until the last is gone.
 Rows killWriters(int input, std::vector<pid_t> writers) {
     std::mt19937 random(std::random_device{}());
     std::vector<int> left;
     for (int process = 0; process < processes; ++process)
         left.push_back(minimumFlushes + static_cast<int>(random() % minimumFlushes));
+    std::vector<int> silent(processes, threads);
     Rows rows;
     for (Told told; read(input, &told, sizeof told) == sizeof told;) {
+        const auto process = static_cast<std::size_t>(told.process);
+        silent[process] -= rows.count({told.process, told.thread}) == 0;
         rows[{told.process, told.thread}] = told.rows;
-        if (--left[static_cast<std::size_t>(told.process)] == 0)
-            kill(writers[static_cast<std::size_t>(told.process)], SIGKILL);
+        if (--left[process] <= 0 && silent[process] == 0)
+            kill(writers[process], SIGKILL);
     }
     for (const pid_t writer : writers) {
         int status = 0;

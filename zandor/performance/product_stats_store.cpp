@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <iterator>
 #include <stdexcept>
 #include <system_error>
@@ -16,9 +17,13 @@ namespace {
 
 constexpr int lockWaitMilliseconds = 60'000;
 
-constexpr const char* schema = R"sql(
+constexpr const char* modes = R"sql(
 PRAGMA journal_mode = WAL;
 PRAGMA synchronous = NORMAL;
+)sql";
+
+constexpr const char* schema = R"sql(
+BEGIN IMMEDIATE;
 CREATE TABLE IF NOT EXISTS event(
     id INTEGER PRIMARY KEY,
     utc_ns INTEGER NOT NULL,
@@ -39,6 +44,7 @@ SELECT paired.pid, paired.name, paired.detail, paired.utc_ns AS begin_utc_ns,
     ended.utc_ns AS end_utc_ns, ended.utc_ns - paired.utc_ns AS duration_ns
 FROM paired LEFT JOIN event AS ended
     ON ended.id = paired.end_id AND (paired.next_id IS NULL OR paired.end_id < paired.next_id);
+COMMIT;
 )sql";
 
 constexpr const char* kindNames[] = {"time", "begin", "end"};
@@ -80,11 +86,12 @@ Store::Store(const std::filesystem::path& file) : file_(file) {
     database_.reset(database);
     check(opened);
     sqlite3_busy_timeout(database, lockWaitMilliseconds);
-    execute(schema);
+    executeWhenFree(modes);
+    executeWhenFree(schema);
 }
 
 void Store::write(std::span<const Row> rows) {
-    execute("BEGIN IMMEDIATE");
+    executeWhenFree("BEGIN IMMEDIATE");
     try {
         sqlite3_stmt* prepared = nullptr;
         check(sqlite3_prepare_v2(
@@ -119,6 +126,21 @@ void Store::insert(sqlite3_stmt* statement, const Row& row) {
 
 void Store::execute(const char* sql) {
     check(sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr));
+}
+
+/// SQLite itself does not wait for others where it changes the journal's mode or recovers what a
+/// killed process left.
+void Store::executeWhenFree(const char* sql) {
+    using std::chrono::steady_clock;
+    const auto deadline = steady_clock::now() + std::chrono::milliseconds(lockWaitMilliseconds);
+    for (;;) {
+        const int result = sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr);
+        if (result != SQLITE_BUSY || steady_clock::now() > deadline)
+            return check(result);
+        if (!sqlite3_get_autocommit(database_.get()))
+            execute("ROLLBACK");
+        sqlite3_sleep(5);
+    }
 }
 
 void Store::check(int result) const {

@@ -46,6 +46,7 @@ class ZANDOR_PERFORMANCE_API Store {
     using Statement = std::unique_ptr<sqlite3_stmt, Finalizer>;
 
     void execute(const char* sql);
+    void executeWhenFree(const char* sql);
     void insert(sqlite3_stmt* statement, const Row& row);
     void check(int result) const;
 
