@@ -3,8 +3,8 @@
 #include <bit>
 #include <utility>
 
-#include "fork_private.hpp"
 #include "process_state.hpp"
+#include "zandor/instrument/fork_private.hpp"
 
 namespace instrument::detail {
 namespace {

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cstdint>
 
-#include "lock.hpp"
 #include "zandor/instrument/export.hpp"
+#include "zandor/instrument/lock.hpp"
 
 #if defined(__x86_64__)
 #include <x86intrin.h>

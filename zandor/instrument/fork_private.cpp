@@ -1,4 +1,4 @@
-#include "fork_private.hpp"
+#include "zandor/instrument/fork_private.hpp"
 
 #include <pthread.h>
 #include <sys/mman.h>

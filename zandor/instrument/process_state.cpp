@@ -2,7 +2,7 @@
 
 #include <new>
 
-#include "fork_private.hpp"
+#include "zandor/instrument/fork_private.hpp"
 
 namespace instrument::detail {
 namespace {

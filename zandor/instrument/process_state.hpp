@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "lock.hpp"
+#include "zandor/instrument/lock.hpp"
 
 namespace instrument::detail {
 

@@ -1,9 +1,9 @@
 #include "recorder_core.hpp"
 
 #include <algorithm>
-#include <bit>
 #include <utility>
 
+#include "listener_slots.hpp"
 #include "recorder_writer.hpp"
 #include "source_info.hpp"
 #include "zandor/instrument/clock.hpp"
@@ -12,30 +12,6 @@
 
 namespace instrument::detail {
 namespace {
-
-constinit std::atomic<std::uint64_t> latestRecording{0};
-constinit std::atomic<std::uint32_t> takenSlots{0};
-
-std::uint64_t nextRecording() noexcept {
-    return latestRecording.fetch_add(1, std::memory_order_relaxed) + 1;  // only distinctness counts
-}
-
-/// A place in the states of threads; their number when all are taken.
-std::size_t takeSlot() noexcept {
-    std::uint32_t taken = takenSlots.load(std::memory_order_relaxed);
-    for (;;) {
-        const auto slot = static_cast<std::size_t>(std::countr_one(taken));
-        if (slot >= ThreadState::recorderSlots)
-            return ThreadState::recorderSlots;
-        if (takenSlots.compare_exchange_weak(taken, taken | 1u << slot, std::memory_order_relaxed))
-            return slot;
-    }
-}
-
-void freeSlot(std::size_t slot) noexcept {
-    if (slot < ThreadState::recorderSlots)
-        takenSlots.fetch_and(~(1u << slot), std::memory_order_relaxed);
-}
 
 RecorderLimits resolved(RecorderLimits limits) {
     if (limits.maxBytes == 0)
@@ -50,10 +26,10 @@ std::uint64_t relaxed(const std::atomic<std::uint64_t>& count) noexcept {
 }  // namespace
 
 RecorderCore::RecorderCore(const RecorderLimits& limits)
-    : limits_(resolved(limits)), number_(nextRecording()), slot_(takeSlot()) {}
+    : limits_(resolved(limits)), number_(nextListenerNumber()), slot_(takeListenerSlot()) {}
 
 RecorderCore::~RecorderCore() {
-    freeSlot(slot_);
+    freeListenerSlot(slot_);
     // Nobody is inside any more.
     if (Generation* current = state_->current.load(std::memory_order_relaxed))
         Growth::destroyGeneration(current);
@@ -104,8 +80,8 @@ Track* RecorderCore::enter(ThreadState& thread, const NewRecord& record) noexcep
     }
     if (!track)
         countWithoutTrack(record, denial);
-    else if (slot_ < thread.recorders.size())
-        thread.recorders[slot_] = {generation->number, track};
+    else if (slot_ < thread.listenerData.size())
+        thread.listenerData[slot_] = {generation->number, track};
     return track;
 }
 
@@ -191,7 +167,7 @@ void RecorderCore::clear(const InstrumentListener& listener) noexcept {
     sayDrops(drops());
     {
         const Locked locked(state_->lock);
-        number_.store(nextRecording(), std::memory_order_relaxed);
+        number_.store(nextListenerNumber(), std::memory_order_relaxed);
         state_->refused.store(0, std::memory_order_relaxed);
         state_->failed.store(0, std::memory_order_relaxed);
         Generation* const old = state_->current.load(std::memory_order_relaxed);

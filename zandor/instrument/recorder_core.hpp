@@ -7,12 +7,12 @@
 #include <cstdint>
 #include <vector>
 
-#include "fork_private.hpp"
-#include "lock.hpp"
 #include "recorder_context.hpp"
 #include "recorder_growth.hpp"
 #include "recorder_storage.hpp"
 #include "thread_state.hpp"
+#include "zandor/instrument/fork_private.hpp"
+#include "zandor/instrument/lock.hpp"
 #include "zandor/instrument/recorder.hpp"
 
 namespace instrument::detail {
@@ -53,12 +53,14 @@ class RecorderCore {
 
     /// The track of the calling thread, when it is known to have one of the present recording.
     Track* knownTrack(const ThreadState& thread) const noexcept {
-        if (slot_ == thread.recorders.size()) [[unlikely]]
+        if (slot_ == thread.listenerData.size()) [[unlikely]]
             return findTrack(thread);
-        const RecorderSlot& slot = thread.recorders[slot_];
+        const ListenerSlot& slot = thread.listenerData[slot_];
         // Relaxed: whoever clears waits until no thread is inside the recorder before it frees
         // anything.
-        return slot.recording == number_.load(std::memory_order_relaxed) ? slot.track : nullptr;
+        return slot.number == number_.load(std::memory_order_relaxed)
+                   ? static_cast<Track*>(slot.data)
+                   : nullptr;
     }
     /// Records anything. Counts what it has to drop.
     void record(const NewRecord& record) noexcept;

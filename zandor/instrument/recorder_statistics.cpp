@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "control_registry.hpp"
-#include "interned_text.hpp"
 #include "recorder_context.hpp"
 #include "recorder_core.hpp"
 #include "recorder_matching.hpp"
 #include "recorder_selection.hpp"
+#include "zandor/instrument/kept_context.hpp"
 #include "zandor/instrument/recorder.hpp"
 
 namespace instrument {
@@ -126,21 +126,7 @@ class ContextSink {
     std::vector<std::size_t> slots_;  // groups and 1; 0 is free; a power of two of them
 };
 
-/// By name, then context, entry by entry.
-struct StatsKey {
-    std::string_view name;
-    ContextSet context;
-
-    bool operator<(const StatsKey& other) const {
-        if (name != other.name)
-            return name < other.name;
-        return std::ranges::lexicographical_compare(
-            context, other.context, [](const ContextEntry& a, const ContextEntry& b) {
-                return a.name != b.name ? a.name < b.name : a.value < b.value;
-            });
-    }
-};
-using StatsMap = std::map<StatsKey, Sum>;
+using StatsMap = std::map<NamedContext, Sum>;
 
 std::vector<EventStats> toRecords(StatsMap& map) {
     std::vector<EventStats> records;
@@ -187,19 +173,6 @@ std::vector<Sum> sumsByInstrument(RecorderCore& core) {
     return sink.sums();
 }
 
-/// The text where it lives as long as the process; as given where there is no memory for that.
-std::string_view lasting(std::string_view text) noexcept {
-    const InternedText* interned = intern(text);
-    return interned ? interned->view() : text;
-}
-
-ContextSet lastingSet(const std::vector<ContextEntry>& entries) {
-    ContextSet set;
-    for (const ContextEntry& entry : entries)
-        set.insert({lasting(entry.name), entry.value});
-    return set;
-}
-
 }  // namespace
 }  // namespace detail
 
@@ -225,7 +198,7 @@ std::vector<InstrumentRecorder::EventStats> InstrumentRecorder::getAllEventStats
 }
 
 InstrumentRecorder::EventStats InstrumentRecorder::getEventStats(std::string_view name) const {
-    EventStats record{detail::lasting(name), {}};
+    EventStats record{lastingText(name), {}};
     if (const Opaque* instrument = detail::findElement(name)) {
         const std::vector<detail::Sum> sums = detail::sumsByInstrument(core());
         if (instrument->id < sums.size()) {
@@ -248,7 +221,7 @@ std::vector<InstrumentRecorder::EventStats> InstrumentRecorder::getEventStatsByC
 
 InstrumentRecorder::EventStats InstrumentRecorder::getEventStatsForContext(
     std::string_view name, const std::vector<ContextEntry>& entries) const {
-    EventStats record{detail::lasting(name), detail::lastingSet(entries)};
+    EventStats record{lastingText(name), lastingSet(entries)};
     const Selection selection(name, entries);
     const auto add = [&](detail::StatsMap&, std::string_view, ContextArgs context,
                          const detail::Sum& sum) {

@@ -12,7 +12,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "fork_private.hpp"
+#include "zandor/instrument/fork_private.hpp"
 
 namespace instrument::detail {
 

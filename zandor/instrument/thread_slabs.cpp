@@ -3,7 +3,7 @@
 #include <bit>
 #include <new>
 
-#include "fork_private.hpp"
+#include "zandor/instrument/fork_private.hpp"
 
 namespace instrument::detail {
 namespace {

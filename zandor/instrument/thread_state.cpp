@@ -5,10 +5,10 @@
 
 #include "blocks.hpp"
 #include "control_registry.hpp"
-#include "lock.hpp"
 #include "process_state.hpp"
 #include "thread_slabs.hpp"
 #include "waiting.hpp"
+#include "zandor/instrument/lock.hpp"
 
 namespace instrument::detail {
 namespace {
@@ -53,7 +53,7 @@ void releaseState(ThreadState& state) noexcept {
     SourcePtr::release(state.source.info);
     releaseTagged(state);
     state.source = {};
-    state.recorders = {};
+    state.listenerData = {};
     state.scopes.clear();
     state.endingRounds = 0;
     state.owner.store(nullptr, std::memory_order_relaxed);

@@ -25,7 +25,6 @@ namespace instrument::detail {
 
 struct ListenerArray;
 struct ThreadState;
-struct Track;
 
 /// What a thread has whether or not it produced an event. Not wiped on fork: names pass to a child.
 struct ThreadLocals {
@@ -38,12 +37,13 @@ struct ThreadLocals {
     const InternedText* givenName() const noexcept { return setName ? setName : defaultName; }
 };
 
-/// Where a recorder goes on writing events of this thread. All-zero is none. Only the thread itself
-/// uses it; a state that goes to another thread comes with all of them zero.
-struct RecorderSlot {
-    /// The recording's number, never used again; another one, or 0, means that the slot is stale.
-    std::uint64_t recording;
-    Track* track;
+/// What a listener keeps for this thread: of a recorder, the track that it goes on writing to.
+/// All-zero is none. Only the thread itself uses it; a state that goes to another thread comes with
+/// all of them zero.
+struct ListenerSlot {
+    /// The listener's number, never used again; another one, or 0, means that the slot is stale.
+    std::uint64_t number;
+    void* data;
 };
 
 /// A source and its latest serial id.
@@ -61,7 +61,7 @@ struct TaggedSource {
 };
 
 struct alignas(64) ThreadState {
-    static constexpr std::size_t recorderSlots = 8;
+    static constexpr std::size_t listenerSlots = 8;
 
     // What every event touches, in one line.
 
@@ -78,7 +78,7 @@ struct alignas(64) ThreadState {
     std::atomic<std::uint64_t> readSections;
     ThreadSource source;
 
-    std::array<RecorderSlot, recorderSlots> recorders;
+    std::array<ListenerSlot, listenerSlots> listenerData;
     TaggedSource* tagged;
     ScopePool scopes;
     TextCache texts;
@@ -102,7 +102,7 @@ struct alignas(64) ThreadState {
     static ThreadState* make() noexcept;
     ThreadSource* taggedSource(std::uint64_t tag) noexcept;
 };
-static_assert(offsetof(ThreadState, recorders) == 64);
+static_assert(offsetof(ThreadState, listenerData) == 64);
 
 extern constinit thread_local ThreadLocals threadLocals;
 

@@ -1,0 +1,54 @@
+// For those who write listeners: what a listener keeps for each thread that produces events.
+//
+//   void onStart(const Opaque* instrument, const EventContext& context, EventId) override {
+//       auto* mine = static_cast<Counts*>(data_.get());
+//       if (!mine) data_.set(mine = find(data_.thread()) or a new one);
+//       ...
+//   }
+//
+// Found by two loads, without a lock. The data belong to the listener; a thread that ends and a
+// child after fork forget them, and a thread that comes later may have the identity of one that
+// ended.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "zandor/instrument/event_context.hpp"
+#include "zandor/instrument/export.hpp"
+
+namespace instrument {
+
+class ZANDOR_INSTRUMENT_API ListenerData {
+  public:
+    ListenerData() noexcept;
+    ~ListenerData();
+    ListenerData(const ListenerData&) = delete;
+    ListenerData& operator=(const ListenerData&) = delete;
+
+    // For callbacks, on the delivering thread.
+
+    /// What this thread keeps; null when it keeps nothing. Always null for a listener that came
+    /// when all places were taken: it goes by thread() each time.
+    void* get() const noexcept;
+    void set(void* data) noexcept;
+    /// Stands for the calling thread as long as it lives.
+    static const void* thread() noexcept;
+    /// Whether the event is of the calling thread itself rather than of another virtual machine's
+    /// or an external thread that it delivers for.
+    static bool isOfThread(const EventContext& context) noexcept;
+
+    /// Has every thread forget what it keeps. A callback that runs meanwhile may still go on with
+    /// it: see Listeners::drain.
+    void forgetAll() noexcept;
+
+    /// Whether the calling thread is inside a callback of any listener.
+    static bool isInsideListener() noexcept;
+
+  private:
+    std::atomic<std::uint64_t> number_;
+    std::size_t place_;
+};
+
+}  // namespace instrument
