@@ -9,8 +9,6 @@ namespace {
 
 const char* nameOf(Service service) {
     switch (service) {
-        case Service::counter:
-            return "the event counter";
         case Service::profiler:
             return "the event profiler";
     }

@@ -5,7 +5,6 @@
 namespace vantrace {
 
 enum class Service {
-    counter,
     profiler,
 };
 

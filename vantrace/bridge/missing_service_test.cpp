@@ -57,7 +57,6 @@ TEST_P(MissingService, IsNamedByEveryMethodOfItsNamespace) {
 INSTANTIATE_TEST_SUITE_P(
     Namespaces, MissingService,
     testing::Values(
-        Lacking{"instrument.counter", "the event counter is not available in this build"},
         Lacking{"instrument.profiler", "the event profiler is not available in this build"}),
     [](const auto& row) {
         const std::string path = row.param.name;

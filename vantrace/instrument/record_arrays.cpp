@@ -16,6 +16,7 @@ namespace vantrace {
 using instrument::ContextEntry;
 using instrument::ContextSet;
 using Event = InstrumentRecorder::Event;
+using EventCount = InstrumentCounter::EventCount;
 using EventPoint = InstrumentRecorder::EventPoint;
 using EventStats = InstrumentRecorder::EventStats;
 
@@ -36,6 +37,10 @@ matrix::Array secondsValue(std::int64_t nanoseconds) {
 std::int64_t difference(std::int64_t a, std::int64_t b) {
     return static_cast<std::int64_t>(static_cast<std::uint64_t>(a) - static_cast<std::uint64_t>(b));
 }
+
+constexpr Field<EventCount> countFields[] = {
+    {"count", [](const EventCount& r) { return numberValue(static_cast<double>(r.count)); }},
+};
 
 constexpr Field<EventStats> statsFields[] = {
     {"count", [](const EventStats& r) { return numberValue(static_cast<double>(r.count)); }},
@@ -58,6 +63,9 @@ constexpr Field<EventPoint> pointFields[] = {
     {"time_point", [](const EventPoint& r) { return secondsValue(r.timePoint); }},
 };
 
+std::span<const Field<EventCount>> ownFields(const EventCount*) {
+    return countFields;
+}
 std::span<const Field<EventStats>> ownFields(const EventStats*) {
     return statsFields;
 }
@@ -144,10 +152,16 @@ hxArray* display(const std::vector<Record>& records) {
 
 }  // namespace
 
+hxArray* toPlainStructArray(const std::vector<EventCount>& records) {
+    return plain(records);
+}
 hxArray* toPlainStructArray(const std::vector<EventStats>& records) {
     return plain(records);
 }
 
+hxArray* toContextColumnsStructArray(const std::vector<EventCount>& records) {
+    return contextColumns(records);
+}
 hxArray* toContextColumnsStructArray(const std::vector<EventStats>& records) {
     return contextColumns(records);
 }
@@ -158,6 +172,9 @@ hxArray* toContextColumnsStructArray(const std::vector<EventPoint>& records) {
     return contextColumns(records);
 }
 
+hxArray* toDisplayStructArray(const std::vector<EventCount>& records) {
+    return display(records);
+}
 hxArray* toDisplayStructArray(const std::vector<EventStats>& records) {
     return display(records);
 }

@@ -11,18 +11,23 @@
 #include <vector>
 
 #include "zandor/instrument/recorder.hpp"
+#include "zandor/performance/counter.hpp"
 #include "zandor/runtime/array.hpp"
 
 namespace vantrace {
 
+using instrument::InstrumentCounter;
 using instrument::InstrumentRecorder;
 
+hxArray* toPlainStructArray(const std::vector<InstrumentCounter::EventCount>& records);
 hxArray* toPlainStructArray(const std::vector<InstrumentRecorder::EventStats>& records);
 
+hxArray* toContextColumnsStructArray(const std::vector<InstrumentCounter::EventCount>& records);
 hxArray* toContextColumnsStructArray(const std::vector<InstrumentRecorder::EventStats>& records);
 hxArray* toContextColumnsStructArray(const std::vector<InstrumentRecorder::Event>& records);
 hxArray* toContextColumnsStructArray(const std::vector<InstrumentRecorder::EventPoint>& records);
 
+hxArray* toDisplayStructArray(const std::vector<InstrumentCounter::EventCount>& records);
 hxArray* toDisplayStructArray(const std::vector<InstrumentRecorder::EventStats>& records);
 hxArray* toDisplayStructArray(const std::vector<InstrumentRecorder::Event>& records);
 hxArray* toDisplayStructArray(const std::vector<InstrumentRecorder::EventPoint>& records);

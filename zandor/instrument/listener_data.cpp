@@ -9,26 +9,31 @@ using detail::ListenerSlot;
 using detail::ThreadState;
 
 ListenerData::ListenerData() noexcept
-    : number_(detail::nextListenerNumber()), place_(detail::takeListenerSlot()) {}
+    : age_(detail::nextListenerNumber()), place_(detail::takeListenerSlot()) {}
 
 ListenerData::~ListenerData() {
     detail::freeListenerSlot(place_);
 }
 
-// The number is relaxed: who has the threads forget waits for those inside before it frees.
+// Relaxed: who has the threads forget waits for those inside before it frees anything.
 
 void* ListenerData::get() const noexcept {
     const ThreadState* const thread = ThreadState::find();
     if (!thread || place_ == ThreadState::listenerSlots)
         return nullptr;
     const ListenerSlot& slot = thread->listenerData[place_];
-    return slot.number == number_.load(std::memory_order_relaxed) ? slot.data : nullptr;
+    return slot.number == age_.load(std::memory_order_relaxed) ? slot.data : nullptr;
 }
 
-void ListenerData::set(void* data) noexcept {
+std::uint64_t ListenerData::age() const noexcept {
+    // Pairs with the release in forgetAll: in the new age nothing of the old is found.
+    return age_.load(std::memory_order_acquire);
+}
+
+void ListenerData::set(void* data, std::uint64_t age) noexcept {
     ThreadState* const thread = ThreadState::find();
     if (thread && place_ != ThreadState::listenerSlots)
-        thread->listenerData[place_] = {number_.load(std::memory_order_relaxed), data};
+        thread->listenerData[place_] = {age, data};
 }
 
 const void* ListenerData::thread() noexcept {
@@ -41,7 +46,8 @@ bool ListenerData::isOfThread(const EventContext& context) noexcept {
 }
 
 void ListenerData::forgetAll() noexcept {
-    number_.store(detail::nextListenerNumber(), std::memory_order_relaxed);
+    // Pairs with the acquire in age.
+    age_.store(detail::nextListenerNumber(), std::memory_order_release);
 }
 
 bool ListenerData::isInsideListener() noexcept {

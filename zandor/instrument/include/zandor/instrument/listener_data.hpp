@@ -2,7 +2,11 @@
 //
 //   void onStart(const Opaque* instrument, const EventContext& context, EventId) override {
 //       auto* mine = static_cast<Counts*>(data_.get());
-//       if (!mine) data_.set(mine = find(data_.thread()) or a new one);
+//       if (!mine) {
+//           const std::uint64_t age = data_.age();
+//           mine = find(data_.thread()) or a new one;
+//           data_.set(mine, age);
+//       }
 //       ...
 //   }
 //
@@ -32,22 +36,26 @@ class ZANDOR_INSTRUMENT_API ListenerData {
     /// What this thread keeps; null when it keeps nothing. Always null for a listener that came
     /// when all places were taken: it goes by thread() each time.
     void* get() const noexcept;
-    void set(void* data) noexcept;
+    /// Changes when all threads are to forget: to be asked before the data are looked for, so that
+    /// those of an earlier age are not kept in a later one.
+    std::uint64_t age() const noexcept;
+    void set(void* data, std::uint64_t age) noexcept;
     /// Stands for the calling thread as long as it lives.
     static const void* thread() noexcept;
     /// Whether the event is of the calling thread itself rather than of another virtual machine's
     /// or an external thread that it delivers for.
     static bool isOfThread(const EventContext& context) noexcept;
 
-    /// Has every thread forget what it keeps. A callback that runs meanwhile may still go on with
-    /// it: see Listeners::drain.
+    /// Has every thread forget what it keeps, after the data were put out of reach for those who
+    /// look for them. A callback that runs meanwhile may still go on with its own: see
+    /// Listeners::drain.
     void forgetAll() noexcept;
 
     /// Whether the calling thread is inside a callback of any listener.
     static bool isInsideListener() noexcept;
 
   private:
-    std::atomic<std::uint64_t> number_;
+    std::atomic<std::uint64_t> age_;  // a number that no listener had before
     std::size_t place_;
 };
 

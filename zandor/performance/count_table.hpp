@@ -1,0 +1,89 @@
+// One thread's counts by instrument and context: a hash table that only its thread changes, and
+// that others read meanwhile.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "zandor/instrument/event_context.hpp"
+#include "zandor/instrument/kept_context.hpp"
+#include "zandor/instrument/lock.hpp"
+
+namespace instrument::detail {
+
+class CountTable {
+  public:
+    struct Entry {
+        /// Null: free. Written last, release; pairs with the acquire of readers.
+        std::atomic<const Opaque*> instrument;
+        const std::uint64_t* words;
+        std::uint32_t wordCount;
+        std::uint32_t hash;
+        // Written by the table's thread alone. Relaxed: whoever has to see a count learned of its
+        // event otherwise.
+        std::atomic<std::uint64_t> count;
+        /// What was counted before the last reset. Under the lock; relaxed for readers.
+        std::atomic<std::uint64_t> base;
+
+        ContextWords context() const noexcept { return {words, wordCount}; }
+        std::uint64_t sinceReset() const noexcept {
+            // The base first: a reset that comes in between is not seen then.
+            const std::uint64_t before = base.load(std::memory_order_relaxed);
+            return count.load(std::memory_order_relaxed) - before;
+        }
+    };
+
+    explicit CountTable(const void* thread) noexcept : thread_(thread) {}
+    ~CountTable();
+    CountTable(const CountTable&) = delete;
+    CountTable& operator=(const CountTable&) = delete;
+
+    /// Whose it is.
+    bool isOf(const void* thread) const noexcept { return thread_ == thread; }
+    CountTable* next = nullptr;       // in the chain of all threads' tables
+    CountTable* nextChain = nullptr;  // among those given up
+
+    /// Counts one event. On the table's thread. False when the system gives no memory. The lock is
+    /// taken where the table grows.
+    bool count(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept;
+
+    /// Calls visit(Entry&) for each entry. From any thread.
+    template <class Visit>
+    void forEach(Visit visit) {
+        // Pairs with the release in grow.
+        Slots* const slots = slots_.load(std::memory_order_acquire);
+        for (std::size_t i = 0; slots && i < slots->capacity; ++i)
+            if (Entry& entry = slots->entries()[i];
+                entry.instrument.load(std::memory_order_acquire))
+                visit(entry);
+    }
+
+  private:
+    /// A power of two of entries follows. What it replaced stays for readers.
+    struct Slots {
+        std::size_t capacity;
+        std::size_t bytes;
+        Slots* replaced;
+        Entry* entries() noexcept { return reinterpret_cast<Entry*>(this + 1); }
+    };
+    /// Words of contexts follow.
+    struct Block {
+        std::size_t bytes;
+        Block* before;
+    };
+
+    static Entry& place(Slots& slots, const Opaque* instrument, ContextWords words,
+                        std::uint32_t hash) noexcept;
+    bool grow(Lock& lock) noexcept;
+    bool reserveWords(std::size_t count) noexcept;
+
+    const void* thread_;
+    std::atomic<Slots*> slots_{nullptr};
+    std::size_t used_ = 0;
+    Block* blocks_ = nullptr;
+    std::uint64_t* freeWords_ = nullptr;
+    std::uint64_t* endOfWords_ = nullptr;
+};
+
+}  // namespace instrument::detail
