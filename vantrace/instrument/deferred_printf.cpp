@@ -36,7 +36,9 @@ class DeferredLines {
     }
 
   private:
-    using Queue = tbb::concurrent_queue<std::string>;
+    // The usual allocator: of the library's own, the thread sanitizer does not see that pages pass
+    // from one thread to another.
+    using Queue = tbb::concurrent_queue<std::string, std::allocator<std::string>>;
 
     /// Without memory the line is lost, rather than the event that it tells of.
     void push(const char* line) noexcept {
