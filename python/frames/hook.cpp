@@ -1,0 +1,263 @@
+#include "hook.hpp"
+
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "../src/errors.hpp"
+#include "../src/open_event.hpp"
+#include "../src/text.hpp"
+#include "function.hpp"
+#include "stack.hpp"
+#include "subscript.hpp"
+#include "task_name.hpp"
+#include "tracing.hpp"
+#include "zandor/instrument/clock.hpp"
+#include "zandor/instrument/controls.hpp"
+
+namespace vantrace {
+
+using instrument::ContextArgs;
+using instrument::EventId;
+using instrument::Opaque;
+
+constinit Tracing tracing;
+
+namespace {
+
+PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws);
+
+// The events of functions. A listener's exception has nobody to go to: the program did not ask for
+// the event.
+
+EventId startCall(const Opaque* instrument, ContextArgs context = {}) noexcept {
+    if (!instrument::listeners.anyActive())
+        return instrument::noListenerEventId;
+    try {
+        return startEvent(instrument, context);
+    } catch (const std::exception&) {
+        return instrument::suppressedEventId;
+    }
+}
+
+void stopCall(const Opaque* instrument, EventId id, ContextArgs context = {}) noexcept {
+    try {
+        stopEvent(instrument, context, id);
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
+bool isResumed(const Frame* frame) noexcept {
+    return frame->owner == FRAME_OWNED_BY_GENERATOR;
+}
+
+/// The function of a frame's code as the present session sees it.
+[[gnu::always_inline]] inline Function* functionOf(const Frame* frame) noexcept {
+    Function* function = knownFunction(frame->f_code);
+    if (function && function->session == tracing.session) [[likely]]
+        return function;
+    return learnFunction(frame, tracing.session);
+}
+
+PyObject* evaluateEvent(PyThreadState* thread, Frame* frame, int throws, const Opaque* instrument) {
+    const EventId id = startCall(instrument);
+    PyObject* result = tracing.next(thread, frame, throws);
+    stopCall(instrument, id);
+    return result;
+}
+
+/// A step of a coroutine.
+PyObject* evaluateStep(PyThreadState* thread, Frame* frame, int throws, const Opaque* instrument) {
+    const Ref task = currentTaskName();
+    Ref owner;
+    instrument::ContextArg context;
+    if (task)
+        context = {"task", utf8Of(task.get(), owner)};
+    const ContextArgs args(&context, task ? 1 : 0);
+    const EventId id = startCall(instrument, args);
+    PyObject* result = tracing.next(thread, frame, throws);
+    stopCall(instrument, id, args);
+    return result;
+}
+
+PyObject* evaluateImport(PyThreadState* thread, Frame* frame, int throws) {
+    static const Opaque* const import = instrument::controls.getHandle("import");
+    TracedThread& traced = tracedThread;
+    if (std::exchange(traced.isImporting, true)) {
+        ++tracing.collapsedCalls;  // part of the import around it
+        return tracing.next(thread, frame, throws);
+    }
+    PyObject* result = evaluateEvent(thread, frame, throws, import);
+    traced.isImporting = false;
+    return result;
+}
+
+/// A function that an import calls: imports below it are its own.
+PyObject* evaluateInImport(PyThreadState* thread, Frame* frame, int throws,
+                           const Opaque* instrument) {
+    tracedThread.isImporting = false;
+    PyObject* result = evaluateEvent(thread, frame, throws, instrument);
+    tracedThread.isImporting = true;
+    return result;
+}
+
+PyObject* evaluateOther(PyThreadState* thread, Frame* frame, int throws, const Function* function) {
+    if (function && function->kind == FunctionKind::import)
+        return evaluateImport(thread, frame, throws);
+    if (function && function->kind == FunctionKind::collapsed)
+        ++tracing.collapsedCalls;
+    return tracing.next(thread, frame, throws);
+}
+
+PyObject* evaluateTraced(PyThreadState* thread, Frame* frame, int throws) {
+    const Function* function = functionOf(frame);
+    if (!function || function->kind != FunctionKind::recorded)
+        return evaluateOther(thread, frame, throws, function);
+    if (function->mayBeSubscript)
+        keepGeneral(thread->cframe->current_frame);
+    const Opaque* instrument = isResumed(frame) ? function->resume : function->call;
+    if (function->isCoroutine && isResumed(frame)) [[unlikely]]
+        return evaluateStep(thread, frame, throws, instrument);
+    if (tracedThread.isImporting) [[unlikely]]
+        return evaluateInImport(thread, frame, throws, instrument);
+    return evaluateEvent(thread, frame, throws, instrument);
+}
+
+_PyFrameEvalFunction latestHook() noexcept {
+    return _PyInterpreterState_GetEvalFrameFunc(PyInterpreterState_Main());
+}
+
+void setHook(_PyFrameEvalFunction hook) noexcept {
+    _PyInterpreterState_SetEvalFrameFunc(PyInterpreterState_Main(), hook);
+}
+
+/// The frame, and all that it calls, without the hook. Behind another tool's hook there is no way
+/// to take ours out: that tool's calls take C stack whatever we do.
+PyObject* evaluateDeep(PyThreadState* thread, Frame* frame, int throws) {
+    static const Opaque* const tooDeep = instrument::controls.getHandle("(too deep to trace)");
+    if (latestHook() != evaluateFrame)
+        return tracing.next(thread, frame, throws);
+    ++tracing.deepThreads;
+    ++tracing.deepStretches;
+    const std::int64_t begin = instrument::clock::now();
+    const EventId id = startCall(tooDeep);
+    setHook(tracing.next);
+    PyObject* result = tracing.next(thread, frame, throws);
+    --tracing.deepThreads;
+    if (tracing.isInChain && latestHook() == tracing.next)
+        setHook(evaluateFrame);
+    stopCall(tooDeep, id);
+    tracing.deepTime += instrument::clock::now() - begin;
+    return result;
+}
+
+/// Starts events for the frames that the thread runs already, outermost first. Nothing stops them:
+/// these frames end past the hook.
+void adoptRunningFrames(const Frame* innermost) noexcept {
+    std::vector<const Frame*> frames;
+    for (const Frame* frame = innermost; frame; frame = frame->previous)
+        frames.push_back(frame);
+    for (; !frames.empty(); frames.pop_back()) {
+        const Function* function = functionOf(frames.back());
+        if (function && function->kind == FunctionKind::recorded)
+            startCall(isResumed(frames.back()) ? function->resume : function->call);
+    }
+}
+
+/// Looks at the calling thread for the first time in the session.
+void lookAtThread(PyThreadState* thread) noexcept {
+    if (tracedThread.session == 0)
+        tracedThread.limit = stackLimit();
+    tracedThread.session = tracing.session;
+    tracedThread.isImporting = false;
+    adoptRunningFrames(thread->cframe->current_frame);
+}
+
+PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
+    if (!tracing.isOn) [[unlikely]]
+        return tracing.next(thread, frame, throws);
+    if (tracedThread.session != tracing.session) [[unlikely]]
+        lookAtThread(thread);
+    if (static_cast<const char*>(__builtin_frame_address(0)) < tracedThread.limit) [[unlikely]]
+        return evaluateDeep(thread, frame, throws);
+    return evaluateTraced(thread, frame, throws);
+}
+
+/// Whether a frame that runs now reaches our hook.
+bool isReached() {
+    // New each time, and thus a function that the hook does not know.
+    const Ref code = Ref::take(Py_CompileString("None", "<frame>", Py_eval_input));
+    const Ref names = Ref::take(PyDict_New());
+    tracing.awaited = reinterpret_cast<PyCodeObject*>(code.get());
+    Ref::take(PyEval_EvalCode(code.get(), names.get(), names.get()));
+    return !std::exchange(tracing.awaited, nullptr);
+}
+
+/// Another tool may have set its hook over ours since, and will call it: ours twice in one chain
+/// would never come to the end of it.
+void joinChain() {
+    if (latestHook() == evaluateFrame || (tracing.isInChain && isReached()))
+        return;
+    tracing.next = latestHook();
+    setHook(evaluateFrame);
+    tracing.isInChain = true;
+}
+
+void leaveChain() {
+    if (latestHook() == evaluateFrame) {
+        setHook(tracing.next);
+        tracing.isInChain = false;
+    } else if (tracing.deepThreads > 0 && latestHook() == tracing.next) {
+        tracing.isInChain = false;
+    } else if (!isReached()) {
+        tracing.wasTakenOut = true;
+        tracing.isInChain = false;
+    }
+}
+
+/// Instructions that run already, in any thread, may be specialised.
+void observeRunningFrames() {
+    for (PyThreadState* thread = PyInterpreterState_ThreadHead(PyInterpreterState_Main()); thread;
+         thread = PyThreadState_Next(thread)) {
+        for (const Frame* frame = thread->cframe->current_frame; frame; frame = frame->previous)
+            observeSubscripts(frame->f_code);
+    }
+}
+
+void beginSession() {
+    const std::uint32_t session = tracing.session + 1;
+    tracing = {.isOn = true,
+               .isInChain = tracing.isInChain,
+               .session = session,
+               .users = tracing.users,
+               .deepThreads = tracing.deepThreads,
+               .next = tracing.next,
+               .selection = tracing.selection};
+}
+
+}  // namespace
+
+void startTracing(Selection selection) {
+    if (PyInterpreterState_Get() != PyInterpreterState_Main())
+        raise(PyExc_RuntimeError, "functions are traced in the main interpreter only");
+    if (tracing.users == 0) {
+        if (functionSlot < 0)
+            requestFunctionSlot();
+        setSelection(std::move(selection));
+        beginSession();
+        joinChain();
+        observeRunningFrames();
+        lookAtThread(PyThreadState_Get());
+    }
+    ++tracing.users;
+}
+
+void stopTracing() {
+    if (tracing.users == 0 || --tracing.users > 0)
+        return;
+    leaveChain();
+    tracing.isOn = false;
+}
+
+}  // namespace vantrace

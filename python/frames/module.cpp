@@ -1,0 +1,102 @@
+// The compiled module vantrace._frames: tracing of Python functions.
+//
+//   vantrace/_functions.py -> _frames: hook -> function, subscript, stack, task_name
+//
+// It knows one version of the interpreter. There is one for the life of the process.
+#include <string>
+#include <vector>
+
+#include "../src/errors.hpp"
+#include "../src/python_api.hpp"
+#include "../src/text.hpp"
+#include "function.hpp"
+#include "hook.hpp"
+#include "tracing.hpp"
+
+namespace vantrace {
+
+namespace {
+
+std::string textOf(PyObject* str) {
+    if (!PyUnicode_Check(str))
+        raise(PyExc_TypeError, "a text must be str, not %s", Py_TYPE(str)->tp_name);
+    Ref owner;
+    return std::string(utf8Of(str, owner));
+}
+
+std::vector<std::string> textsOf(PyObject* sequence) {
+    const Ref items = Ref::take(PySequence_Tuple(sequence));
+    std::vector<std::string> texts;
+    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(items.get()); ++i)
+        texts.push_back(textOf(PyTuple_GET_ITEM(items.get(), i)));
+    return texts;
+}
+
+PyObject* start(PyObject*, PyObject* arguments, PyObject* named) {
+    return guarded([&] {
+        static const char* names[] = {"own",     "libraries",      "include",
+                                      "exclude", "with_libraries", nullptr};
+        PyObject* own = nullptr;
+        PyObject* libraries = nullptr;
+        PyObject* include = nullptr;
+        PyObject* exclude = nullptr;
+        int withLibraries = 0;
+        if (!PyArg_ParseTupleAndKeywords(arguments, named, "UOOOp:start", const_cast<char**>(names),
+                                         &own, &libraries, &include, &exclude, &withLibraries))
+            throw PythonError();
+        startTracing({.include = textsOf(include),
+                      .exclude = textsOf(exclude),
+                      .libraries = textsOf(libraries),
+                      .own = textOf(own),
+                      .withLibraries = withLibraries != 0});
+        return Py_NewRef(Py_None);
+    });
+}
+
+PyObject* stop(PyObject*, PyObject*) {
+    return guarded([&] {
+        stopTracing();
+        return Py_NewRef(Py_None);
+    });
+}
+
+PyObject* report(PyObject*, PyObject*) {
+    return Py_BuildValue("{sKsKsKsLsO}", "collapsed_calls",
+                         static_cast<unsigned long long>(tracing.collapsedCalls), "failed_calls",
+                         static_cast<unsigned long long>(tracing.failedCalls), "deep_stretches",
+                         static_cast<unsigned long long>(tracing.deepStretches), "deep_time",
+                         static_cast<long long>(tracing.deepTime), "was_taken_out",
+                         tracing.wasTakenOut ? Py_True : Py_False);
+}
+
+PyObject* places(PyObject*, PyObject*) {
+    return guarded([&] {
+        Ref dict = Ref::take(PyDict_New());
+        for (const auto& [instrument, place] : sourcePlaces()) {
+            const Ref value = Ref::take(
+                Py_BuildValue("(Ni)", strOf(std::string_view(place.file)).release(), place.line));
+            const Ref name = strOf(std::string_view(instrument->name, instrument->nameLength));
+            check(PyDict_SetItem(dict.get(), name.get(), value.get()));
+        }
+        return dict.release();
+    });
+}
+
+PyMethodDef functions[] = {
+    {"start", asCFunction(start), METH_VARARGS | METH_KEYWORDS, "Begins to trace functions."},
+    {"stop", stop, METH_NOARGS, "Ends it."},
+    {"report", report, METH_NOARGS, "What was collapsed or not seen since the latest start."},
+    {"places", places, METH_NOARGS, "{name: (file, line)} of the functions recorded so far."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyModuleDef definition = {
+    PyModuleDef_HEAD_INIT, "_frames", nullptr, -1, functions, nullptr, nullptr, nullptr, nullptr};
+
+}  // namespace
+
+}  // namespace vantrace
+
+PyMODINIT_FUNC PyInit__frames() {
+    return PyModule_Create(&vantrace::definition);
+}

@@ -1,0 +1,33 @@
+// The state of the tracing of functions. Guarded by the interpreter's lock.
+#pragma once
+
+#include <cstdint>
+
+#include "frame.hpp"
+#include "selection.hpp"
+
+namespace vantrace {
+
+/// Trivially destroyed: frames run until the very end of the process.
+struct Tracing {
+    bool isOn = false;
+    /// Whether our hook is in the interpreter's chain of hooks: the latest, or behind others.
+    bool isInChain = false;
+    std::uint32_t session = 0;  ///< counts the beginnings; functions are decided about in each
+    int users = 0;
+    int deepThreads = 0;                  ///< for which the hook is taken out
+    _PyFrameEvalFunction next = nullptr;  ///< the hook that was there before, or the evaluator
+    const Selection* selection = nullptr;
+    const PyCodeObject* awaited = nullptr;  ///< is set to null when the hook sees it
+
+    // Of the present session.
+    std::uint64_t collapsedCalls = 0;  ///< calls whose time is their callers'
+    std::uint64_t failedCalls = 0;     ///< calls that were not seen for want of memory
+    std::uint64_t deepStretches = 0;   ///< times that recursion was too deep to trace
+    std::int64_t deepTime = 0;         ///< nanoseconds of these
+    bool wasTakenOut = false;          ///< another tool removed the hook while it was in use
+};
+
+extern constinit Tracing tracing;
+
+}  // namespace vantrace
