@@ -10,7 +10,8 @@ Summary.__doc__ = "Complete events of one name; times in nanoseconds."
 
 
 class record:
-    """record(path=None, *, max_bytes=0, keep="first"): records the events of all threads.
+    """record(path=None, *, max_bytes=0, keep="first", functions=False, include=(), exclude=(),
+    libraries=False): records the events of all threads.
 
         with vantrace.record("trace.json") as recording:
             ...
@@ -22,21 +23,45 @@ class record:
 
     `max_bytes` bounds the memory for events (0: a quarter of the machine's). `keep` says what gives
     way then: "first" refuses new events, "last" drops the oldest, "longest" the shortest.
+
+    With `functions` each call of a Python function in any thread is an event too. `include` and
+    `exclude` are patterns of the shell for their names, `module.qualname`. The time of functions
+    outside the user's own code, those of the standard library and of installed packages, is their
+    callers', unless `libraries` is true.
     """
 
-    def __init__(self, path=None, *, max_bytes=0, keep="first"):
+    def __init__(
+        self,
+        path=None,
+        *,
+        max_bytes=0,
+        keep="first",
+        functions=False,
+        include=(),
+        exclude=(),
+        libraries=False,
+    ):
         self.path = None if path is None else os.fspath(path)
         if path is not None:
             writer(self.path)
         self._recorder = Recorder(max_bytes=max_bytes, keep=keep)
+        self._functions = None
+        if functions:
+            from ._functions import Functions
+
+            self._functions = Functions(include, exclude, libraries)
 
     def __enter__(self):
         if self.path is not None:
             check_writable(self.path)
         self._recorder.start()
+        if self._functions:
+            self._functions.begin()
         return self
 
     def __exit__(self, kind, error, traceback):
+        if self._functions:
+            self._functions.end()
         self._recorder.stop()
         if self.path is None:
             return

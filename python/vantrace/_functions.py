@@ -1,0 +1,47 @@
+"""Tracing of every Python function while a recording goes on."""
+
+import os
+
+from . import _frames
+
+_OWN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "")
+# What is installed is told by its folder's name; the standard library stands where os does.
+_LIBRARIES = (os.path.join(os.path.dirname(os.path.abspath(os.__file__)), ""),)
+
+
+class Functions:
+    """Which functions are events; begun and ended, perhaps several times.
+
+    Names are `module.qualname`. `include` and `exclude` are patterns of the shell for these. With
+    `libraries` those of the standard library and of installed packages are events of their own,
+    else their time is their callers'. Of several that are begun at once the first one decides.
+    """
+
+    def __init__(self, include=(), exclude=(), libraries=False):
+        self._selection = {
+            "own": _OWN,
+            "libraries": _LIBRARIES,
+            "include": _patterns(include),
+            "exclude": _patterns(exclude),
+            "with_libraries": libraries,
+        }
+
+    def begin(self):
+        _frames.start(**self._selection)
+
+    def end(self):
+        _frames.stop()
+
+
+def _patterns(patterns):
+    return (patterns,) if isinstance(patterns, str) else tuple(patterns)
+
+
+def report():
+    """What was collapsed into callers, and what was not seen, since the latest beginning."""
+    return _frames.report()
+
+
+def places():
+    """Where functions stand: {name: (file, line)}."""
+    return _frames.places()
