@@ -12,11 +12,13 @@
 
 namespace vantrace {
 
+using instrument::Opaque;
+
 constinit Py_ssize_t functionSlot = -1;
 
 namespace {
 
-using Places = std::map<const instrument::Opaque*, SourcePlace>;
+using Places = std::map<const Opaque*, SourcePlace>;
 
 // Never destroyed: code objects are entered until the very end of the process.
 Places& places() noexcept {
@@ -47,13 +49,15 @@ std::string nameOf(const Frame* frame) {
     return name;
 }
 
-/// The code's file; for text that was compiled at run time the file of the module that runs it.
-std::string fileOf(const Frame* frame) {
-    std::string file = textOf(frame->f_code->co_filename);
-    if (!file.starts_with('<') || file.starts_with("<frozen "))
-        return file;
-    const std::string module = globalText(frame, "__file__");
-    return module.empty() ? file : module;
+bool isMadeAtRunTime(std::string_view file) noexcept {
+    return file.starts_with('<') && !file.starts_with("<frozen ");
+}
+
+/// Whether text that was compiled at run time, outside any module's file, is a library's work: when
+/// that called it first, or it is the inside of a named tuple.
+bool isMadeByLibrary(const std::string& name, const Function* caller) noexcept {
+    return name.starts_with("namedtuple_") || (caller && (caller->kind == FunctionKind::collapsed ||
+                                                          caller->kind == FunctionKind::import));
 }
 
 bool isImport(const Frame* frame) {
@@ -63,27 +67,38 @@ bool isImport(const Frame* frame) {
                                             "<frozen importlib._bootstrap>") == 0;
 }
 
-void decideKind(Function& function, const Frame* frame) {
+/// Whose work the code is, and with which of the user's patterns it agrees.
+FunctionKind kindOf(const Frame* frame, const std::string& name, const Function* caller) {
     const Selection& selection = *tracing.selection;
-    const std::string file = fileOf(frame);
-    if (selection.isOwn(file)) {
-        function.kind = FunctionKind::own;
-        return;
+    std::string file = textOf(frame->f_code->co_filename);
+    bool isLibrary = false;
+    if (isMadeAtRunTime(file)) {
+        file = globalText(frame, "__file__");
+        isLibrary = file.empty() && isMadeByLibrary(name, caller);
     }
+    if (selection.isOwn(file))
+        return FunctionKind::own;
+    if (selection.isRecorded(name, isLibrary || selection.isLibrary(file)))
+        return FunctionKind::recorded;
+    return isImport(frame) ? FunctionKind::import : FunctionKind::collapsed;
+}
+
+void notePlace(const Opaque* instrument, PyCodeObject* code) {
+    places().try_emplace(instrument, textOf(code->co_filename), code->co_firstlineno);
+}
+
+void decide(Function& function, const Frame* frame, const Function* caller) {
     const std::string name = nameOf(frame);
-    if (selection.isRecorded(name, file)) {
-        function.kind = FunctionKind::recorded;
-        function.call = instrument::controls.getHandle(name);
-        constexpr int suspends = CO_GENERATOR | CO_COROUTINE | CO_ASYNC_GENERATOR;
-        if ((frame->f_code->co_flags & suspends) != 0)
-            function.resume = instrument::controls.getHandle(name + " (resumed)");
-        const SourcePlace place{textOf(frame->f_code->co_filename), frame->f_code->co_firstlineno};
-        places().try_emplace(function.call, place);
-        if (function.resume)
-            places().try_emplace(function.resume, place);
+    function.kind = kindOf(frame, name, caller);
+    if (function.kind != FunctionKind::recorded)
         return;
-    }
-    function.kind = isImport(frame) ? FunctionKind::import : FunctionKind::collapsed;
+    function.call = instrument::controls.getHandle(name);
+    notePlace(function.call, frame->f_code);
+    constexpr int suspends = CO_GENERATOR | CO_COROUTINE | CO_ASYNC_GENERATOR;
+    if ((frame->f_code->co_flags & suspends) == 0)
+        return;
+    function.resume = instrument::controls.getHandle(name + " (resumed)");
+    notePlace(function.resume, frame->f_code);
 }
 
 /// Puts a new function into the code's slot.
@@ -106,7 +121,7 @@ void requestFunctionSlot() {
         raise(PyExc_RuntimeError, "other tools took all extra slots of code objects");
 }
 
-Function* learnFunction(const Frame* frame, std::uint32_t session) noexcept {
+Function* learnFunction(const Frame* frame, const Frame* caller) noexcept {
     PyObject* type = nullptr;
     PyObject* value = nullptr;
     PyObject* traceback = nullptr;
@@ -118,8 +133,8 @@ Function* learnFunction(const Frame* frame, std::uint32_t session) noexcept {
         observeSubscripts(frame->f_code);
         if (!function)
             function = &addFunction(frame->f_code);
-        decideKind(*function, frame);
-        function->session = session;
+        decide(*function, frame, caller ? knownFunction(caller->f_code) : nullptr);
+        function->session = tracing.session;
     } catch (const std::exception&) {
         function = nullptr;
     } catch (const PythonError&) {

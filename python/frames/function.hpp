@@ -51,9 +51,9 @@ inline Function* knownFunction(PyCodeObject* code) noexcept {
     return static_cast<Function*>(extras->values[functionSlot]);
 }
 
-/// Makes the function of a frame's code, or decides about it anew for the session. Null, which is
-/// counted, when there is no memory.
-Function* learnFunction(const Frame* frame, std::uint32_t session) noexcept;
+/// Makes the function of a frame's code, or decides about it anew for the present session. The
+/// caller, or null, is the frame below. Null, which is counted, when there is no memory.
+Function* learnFunction(const Frame* frame, const Frame* caller) noexcept;
 
 /// Where a function stands.
 struct SourcePlace {

@@ -53,11 +53,12 @@ bool isResumed(const Frame* frame) noexcept {
 }
 
 /// The function of a frame's code as the present session sees it.
-[[gnu::always_inline]] inline Function* functionOf(const Frame* frame) noexcept {
+[[gnu::always_inline]] inline Function* functionOf(const Frame* frame,
+                                                   const Frame* caller) noexcept {
     Function* function = knownFunction(frame->f_code);
     if (function && function->session == tracing.session) [[likely]]
         return function;
-    return learnFunction(frame, tracing.session);
+    return learnFunction(frame, caller);
 }
 
 PyObject* evaluateEvent(PyThreadState* thread, Frame* frame, int throws, const Opaque* instrument) {
@@ -111,7 +112,7 @@ PyObject* evaluateOther(PyThreadState* thread, Frame* frame, int throws, const F
 }
 
 PyObject* evaluateTraced(PyThreadState* thread, Frame* frame, int throws) {
-    const Function* function = functionOf(frame);
+    const Function* function = functionOf(frame, thread->cframe->current_frame);
     if (!function || function->kind != FunctionKind::recorded)
         return evaluateOther(thread, frame, throws, function);
     if (function->mayBeSubscript)
@@ -159,7 +160,7 @@ void adoptRunningFrames(const Frame* innermost) noexcept {
     for (const Frame* frame = innermost; frame; frame = frame->previous)
         frames.push_back(frame);
     for (; !frames.empty(); frames.pop_back()) {
-        const Function* function = functionOf(frames.back());
+        const Function* function = functionOf(frames.back(), frames.back()->previous);
         if (function && function->kind == FunctionKind::recorded)
             startCall(isResumed(frames.back()) ? function->resume : function->call);
     }

@@ -28,12 +28,12 @@ bool Selection::isLibrary(std::string_view file) const noexcept {
                        [&](const std::string& folder) { return file.starts_with(folder); });
 }
 
-bool Selection::isRecorded(const std::string& name, std::string_view file) const noexcept {
+bool Selection::isRecorded(const std::string& name, bool ofLibrary) const noexcept {
     if (matches(exclude, name))
         return false;
     if (!include.empty())
         return matches(include, name);
-    return withLibraries || !isLibrary(file);
+    return withLibraries || !ofLibrary;
 }
 
 void setSelection(Selection selection) {

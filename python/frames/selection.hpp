@@ -19,7 +19,7 @@ struct Selection {
     /// Whether a file is none of the user's own: of the standard library, or installed.
     bool isLibrary(std::string_view file) const noexcept;
     /// Whether the function of that name is an event of its own.
-    bool isRecorded(const std::string& name, std::string_view file) const noexcept;
+    bool isRecorded(const std::string& name, bool ofLibrary) const noexcept;
 };
 
 /// Has the tracing use it from now on.

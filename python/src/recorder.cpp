@@ -152,10 +152,14 @@ PyObject* save(PyObject* path, Export exportTo) {
     });
 }
 
-PyObject* saveJson(PyObject* self, PyObject* path) {
+PyObject* saveJson(PyObject* self, PyObject* arguments) {
+    PyObject* path = nullptr;
+    long long minimumDuration = -1;
+    if (!PyArg_ParseTuple(arguments, "O|L:save_json", &path, &minimumDuration))
+        return nullptr;
     return save(path, [&](const std::filesystem::path& file) {
         instrument::saveTraceEventJson(recorderOf(self), instrument::TimeSystem::monotonic,
-                                       std::chrono::nanoseconds(-1), file);
+                                       std::chrono::nanoseconds(minimumDuration), file);
     });
 }
 
@@ -221,7 +225,8 @@ PyMethodDef methods[] = {
     {"start", start, METH_NOARGS, "Switches every instrument on and listens."},
     {"stop", stop, METH_NOARGS, "Gives the switches back and listens no more."},
     {"clear", clear, METH_NOARGS, "Forgets what was recorded."},
-    {"save_json", saveJson, METH_O, "Writes trace-event JSON."},
+    {"save_json", saveJson, METH_VARARGS,
+     "save_json(path, minimum_duration=-1): writes trace-event JSON."},
     {"save_stacks", saveStacks, METH_O, "Writes collapsed stacks."},
     {"summary", summary, METH_NOARGS,
      "(name, count, total, self, minimum, maximum) of complete events, times in nanoseconds."},

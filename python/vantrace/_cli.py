@@ -5,16 +5,25 @@ import sys
 from ._core import version
 
 USAGE = """\
-usage: vantrace run [-o FILE] [--no-table] SCRIPT [ARGUMENTS]
+usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace tree [--json] [--all]
 
 commands:
-  run    record a Python script: a table of where the time went, and a trace
+  run    record each Python function and event of a script: a table of where the time went, and
+         a trace
   tree   the published namespaces and methods
 
 options of run (those after SCRIPT are the script's):
   -o, --output FILE   write the trace there: .json (trace events) or .folded (collapsed stacks);
                       by default vantrace-SCRIPT-TIME.json in the current folder
+  --events-only       no functions, only the events that the code itself produces
+  --include PATTERN   only functions whose name, module.qualname, matches; may be repeated
+  --exclude PATTERN   no functions whose name matches; may be repeated
+  --all               functions of the standard library and of installed packages by their own
+                      names; else their time is part of their callers'
+  --min-duration T    leave shorter ones out of a .json trace; T is a time such as 10us
+  --sort KEY          the table's order: self (default), total, calls or name
+  --top N             at most N rows (default 40; 0: all)
   --no-table          no table
 
 options of tree:
@@ -61,7 +70,9 @@ def _command(arguments):
 
 
 def _run(arguments):
-    output, table = None, True
+    from ._run_options import RunOptions
+
+    output, table, options = None, True, RunOptions()
     while arguments and arguments[0].startswith("-"):
         option = arguments.pop(0)
         if option in ("-h", "--help"):
@@ -77,13 +88,13 @@ def _run(arguments):
             output = arguments.pop(0)
         elif option.startswith("--output="):
             output = option.removeprefix("--output=")
-        else:
+        elif not options.take(option, arguments):
             raise UsageError(f"run has no option {option!r}; see vantrace --help")
     if not arguments:
         raise UsageError("run takes a script; see vantrace --help")
     from . import _run as runner
 
-    return runner.run(arguments[0], arguments[1:], output, table)
+    return runner.run(arguments[0], arguments[1:], output, table, options)
 
 
 def _tree(arguments):

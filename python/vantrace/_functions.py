@@ -32,14 +32,13 @@ class Functions:
     def end(self):
         _frames.stop()
 
+    def report(self):
+        """What was collapsed into callers, and what was not seen, since the latest beginning."""
+        return _frames.report()
+
 
 def _patterns(patterns):
     return (patterns,) if isinstance(patterns, str) else tuple(patterns)
-
-
-def report():
-    """What was collapsed into callers, and what was not seen, since the latest beginning."""
-    return _frames.report()
 
 
 def places():

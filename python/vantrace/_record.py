@@ -73,10 +73,13 @@ class record:
             # The block's own exception is the one to hear about.
             error.add_note(f"vantrace: the trace was not written: {failure}")
 
-    def save(self, path):
-        """Writes what was recorded so far; the ending says how: .json or .folded."""
+    def save(self, path, *, min_duration=None):
+        """Writes what was recorded so far; the ending says how: .json or .folded.
+
+        With `min_duration`, in nanoseconds, shorter events and instants are left out of .json.
+        """
         path = os.fspath(path)
-        writer(path)(self._recorder, path)
+        writer(path)(self._recorder, path, -1 if min_duration is None else min_duration)
 
     def summary(self):
         """Where the time went: a list of Summary, widest self time first."""
@@ -85,6 +88,10 @@ class record:
     def threads(self):
         """The names of the threads that have complete events."""
         return self._recorder.threads()
+
+    def functions(self):
+        """What tracing functions collapsed and did not see; None where it was not asked for."""
+        return self._functions and self._functions.report()
 
     def drops(self):
         """How many events were dropped, by cause."""
@@ -103,7 +110,11 @@ class record:
         return f"<record {self.path!r}{' active' if self.is_active else ''}>"
 
 
-_WRITERS = {".json": Recorder.save_json, ".folded": Recorder.save_stacks}
+def _save_stacks(recorder, path, _):
+    recorder.save_stacks(path)
+
+
+_WRITERS = {".json": Recorder.save_json, ".folded": _save_stacks}
 
 
 def writer(path):

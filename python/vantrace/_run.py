@@ -13,13 +13,13 @@ from ._cli import UsageError
 from ._record import check_writable, record, writer
 
 
-def run(script, arguments, output, table):
+def run(script, arguments, output, table, options):
     """Runs the script; whatever ends it passes through as if the interpreter had run it.
 
     The recording ends when the interpreter does: after the script's threads and exit handlers.
     """
     source = _read(script)
-    report = _Report(script, output, table)
+    report = _Report(script, output, table, options)
     code = _main_code(script, arguments, source)
     report.begin()
     _execute(code)
@@ -98,16 +98,17 @@ def _show_failed_hook(failure, error):
 class _Report:
     """The recording, and what is said of it in the end."""
 
-    def __init__(self, script, output, table):
+    def __init__(self, script, output, table, options):
         self._script = script
         self._table = table
+        self._options = options
         self._process = os.getpid()
         self._stderr = sys.stderr
         if output is None:
             self._output, self._folder = None, os.getcwd()
         else:
             self._output, self._folder = os.path.abspath(output), None
-        self._recording = record()
+        self._recording = record(**options.recording())
         try:
             if self._output is not None:
                 writer(self._output)
@@ -133,15 +134,19 @@ class _Report:
         except (AttributeError, OSError, ValueError):
             pass  # closed, or its reader is gone: the interpreter says so itself
         if self._table:
-            from ._table import lines
-
-            self._say(*lines(self._recording, duration, _width(self._stderr)))
+            self._say(*self._table_lines(duration))
         self._write()
+
+    def _table_lines(self, duration):
+        from ._table import Style, lines
+
+        style = Style(_width(self._stderr), _has_colours(self._stderr))
+        return lines(self._recording, duration, self._options, style)
 
     def _write(self):
         try:
             if self._output is not None:
-                self._recording.save(self._output)
+                self._save(self._output)
                 path = self._output
             else:
                 path = self._save_beside_others()
@@ -149,6 +154,9 @@ class _Report:
             self._say(f"vantrace: cannot write {error.filename!r}: {error.strerror}")
         else:
             self._say(f"vantrace: the trace is {path}")
+
+    def _save(self, path):
+        self._recording.save(path, min_duration=self._options.min_duration)
 
     def _save_beside_others(self):
         """Saves under a name that no file has."""
@@ -163,7 +171,7 @@ class _Report:
                 number += 1
                 continue
             try:
-                self._recording.save(path)
+                self._save(path)
             except BaseException:
                 os.unlink(path)
                 raise
@@ -186,3 +194,11 @@ def _width(stream):
         return os.get_terminal_size(stream.fileno()).columns or 80
     except (AttributeError, OSError, ValueError):
         return 80
+
+
+def _has_colours(stream):
+    try:
+        is_terminal = stream.isatty()
+    except (AttributeError, OSError, ValueError):
+        return False
+    return is_terminal and not os.environ.get("NO_COLOR") and os.environ.get("TERM") != "dumb"

@@ -1,27 +1,88 @@
 """The table of where the time went."""
 
-_MOST_ROWS = 40
-_HEAD = ("event", "calls", "total", "self", "self %")
+import os
+
 _LEAST_NAME = 12
+_MOST_PLACE = 32
+
+_SORT = {
+    "self": lambda row: (-row.self, row.name),
+    "total": lambda row: (-row.total, row.name),
+    "calls": lambda row: (-row.count, row.name),
+    "name": lambda row: row.name,
+}
 
 
-def lines(recording, duration, width):
+# No namedtuple: making one evaluates text, and that makes the interpreter, which shows the table
+# at its end, forget that the script died of an interrupt.
+class Style:
+    """How wide the table may be, and whether it may have colours."""
+
+    def __init__(self, width, has_colours):
+        self.width = width
+        self.has_colours = has_colours
+
+
+def lines(recording, duration, options, style):
     """The lines for a recording that lasted so many nanoseconds."""
-    rows = recording.summary()
+    rows = sorted(recording.summary(), key=_SORT[options.sort])
     threads = len(recording.threads())
     calls = sum(row.count for row in rows)
     yield (
         f"vantrace: {time_text(duration)} wall time, {_counted(threads, 'thread')}, "
         f"{_counted(calls, 'event')}"
     )
+    shown = rows[: options.top or None]
     if rows:
-        yield from _aligned([_HEAD, *(_cells(row, duration) for row in rows[:_MOST_ROWS])], width)
-    if len(rows) > _MOST_ROWS:
-        yield f"... and {_counted(len(rows) - _MOST_ROWS, 'more name')}"
+        yield from _aligned(list(_table(recording, shown, duration)), style)
+    if len(rows) > len(shown):
+        yield f"... and {_counted(len(rows) - len(shown), 'more name')}"
+    yield from _notices(recording)
+
+
+def _table(recording, rows, duration):
+    """Head and rows; with a column of places where functions were traced."""
+    head = ("event", "calls", "total", "self", "self %")
+    if recording.functions() is None:
+        yield head
+        yield from (_cells(row, duration) for row in rows)
+        return
+    from ._functions import places
+
+    known = places()
+    yield ("function or event", *head[1:], "place")
+    for row in rows:
+        yield (*_cells(row, duration), _place_text(known.get(row.name)))
+
+
+def _notices(recording):
+    """What the rows do not tell."""
     drops = recording.drops()
     dropped = sum(drops[cause] for cause in ("refused", "oldest", "shortest", "failed"))
     if dropped:
         yield f"vantrace: {_counted(dropped, 'event')} dropped, for want of memory"
+    functions = recording.functions()
+    if functions:
+        yield from _notices_of_functions(functions)
+
+
+def _notices_of_functions(functions):
+    collapsed = functions["collapsed_calls"]
+    if collapsed:
+        yield (
+            f"vantrace: {_counted(collapsed, 'call')} of library functions "
+            f"{'is' if collapsed == 1 else 'are'} part of the callers; --all tells them apart"
+        )
+    stretches = functions["deep_stretches"]
+    if stretches:
+        yield (
+            f"vantrace: recursion too deep to trace, {_counted(stretches, 'time')} for "
+            f"{time_text(functions['deep_time'])}: functions of no thread are known then"
+        )
+    if functions["failed_calls"]:
+        yield f"vantrace: {_counted(functions['failed_calls'], 'call')} not seen, for want of memory"
+    if functions["was_taken_out"]:
+        yield "vantrace: another tool took out the hook that sees functions: some are missing"
 
 
 def time_text(nanoseconds):
@@ -36,25 +97,40 @@ def time_text(nanoseconds):
 def _cells(row, duration):
     share = f"{100 * row.self / duration:.1f}" if duration else ""
     times = time_text(row.total), time_text(row.self)
-    return (_printable(row.name), f"{row.count:,}", *times, share)
+    return (_printable(row.name) or "(unnamed)", f"{row.count:,}", *times, share)
+
+
+def _place_text(place):
+    """The file's own name and the line; its end where that is long."""
+    if not place:
+        return ""
+    file, line = place
+    text = f"{_printable(os.path.basename(file))}:{line}"
+    return text if len(text) <= _MOST_PLACE else "..." + text[3 - _MOST_PLACE :]
 
 
 def _printable(name):
-    text = "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in name)
-    return text or "(unnamed)"
+    return "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in name)
 
 
-def _aligned(rows, width):
-    """Names to the left, cut to what the width leaves them; numbers to the right."""
-    widths = [max(len(row[i]) for row in rows) for i in range(len(_HEAD))]
-    room = width - sum(widths[1:]) - 2 * (len(widths) - 1)
+def _aligned(rows, style):
+    """Names to the left, cut to what the width leaves them; numbers to the right.
+
+    Where there is no room for places they are left out.
+    """
+    widths = [max(map(len, column)) for column in zip(*rows)]
+    room = style.width - sum(widths[1:]) - 2 * (len(widths) - 1)
+    if len(widths) > 5 and room < min(widths[0], 2 * _LEAST_NAME):
+        yield from _aligned([row[:5] for row in rows], style)
+        return
     widths[0] = min(widths[0], max(room, _LEAST_NAME))
-    for name, *numbers in rows:
+    for number, (name, *cells) in enumerate(rows):
         if len(name) > widths[0]:
             name = name[: widths[0] - 3] + "..."
-        cells = [name.ljust(widths[0])]
-        cells += [number.rjust(w) for number, w in zip(numbers, widths[1:])]
-        yield "  ".join(cells)
+        texts = [name.ljust(widths[0])]
+        texts += [cell.rjust(width) for cell, width in zip(cells[:4], widths[1:])]
+        line = "  ".join(texts + cells[4:]).rstrip()
+        yield f"\x1b[1m{line}\x1b[0m" if number == 0 and style.has_colours else line
 
 
 def _counted(count, noun):

@@ -111,7 +111,7 @@ def test_functions_of_libraries_are_collapsed_into_their_callers():
     from vantrace import _functions
 
     assert len(calls(recording)) == 1
-    assert _functions.report()["collapsed_calls"] > 10
+    assert recording.functions()["collapsed_calls"] > 10
 
 
 def test_functions_of_libraries_are_events_where_asked_for():

@@ -1,0 +1,74 @@
+"""What `vantrace run` traces and shows: its options about functions and the table."""
+
+import re
+
+from ._cli import UsageError
+
+SORT_KEYS = ("self", "total", "calls", "name")
+_UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
+
+
+class RunOptions:
+    """The options' values; at first their defaults."""
+
+    def __init__(self):
+        self.events_only = False
+        self.libraries = False
+        self.include = []
+        self.exclude = []
+        self.min_duration = None  # nanoseconds
+        self.sort = "self"
+        self.top = 40
+
+    def take(self, option, arguments):
+        """Takes an option, and its value from the option itself or the arguments.
+
+        False where it is none of these.
+        """
+        if option in _FLAGS:
+            setattr(self, _FLAGS[option], True)
+            return True
+        name, equals, value = option.partition("=")
+        if name not in _VALUES:
+            return False
+        if not equals:
+            if not arguments:
+                raise UsageError(f"{name} takes a value; see vantrace --help")
+            value = arguments.pop(0)
+        _VALUES[name](self, value)
+        return True
+
+    def recording(self):
+        """What vantrace.record takes of these."""
+        return {
+            "functions": not self.events_only,
+            "include": self.include,
+            "exclude": self.exclude,
+            "libraries": self.libraries,
+        }
+
+    def _take_min_duration(self, value):
+        match = re.fullmatch(r"(\d+(?:\.\d+)?)(ns|us|ms|s)", value)
+        if not match:
+            raise UsageError(f"--min-duration takes a time such as 10us or 1.5ms, not {value!r}")
+        self.min_duration = round(float(match[1]) * _UNITS[match[2]])
+
+    def _take_sort(self, value):
+        if value not in SORT_KEYS:
+            raise UsageError(f"--sort takes one of {', '.join(SORT_KEYS)}, not {value!r}")
+        self.sort = value
+
+    def _take_top(self, value):
+        if not re.fullmatch(r"\d+", value, re.ASCII):
+            raise UsageError(f"--top takes a number of rows, not {value!r}")
+        self.top = int(value)
+
+
+_FLAGS = {"--events-only": "events_only", "--all": "libraries"}
+_VALUES = {
+    "--include": lambda options, value: options.include.append(value),
+    "--exclude": lambda options, value: options.exclude.append(value),
+    "--min-duration": RunOptions._take_min_duration,
+    "--sort": RunOptions._take_sort,
+    "--top": RunOptions._take_top,
+}
