@@ -126,8 +126,10 @@ Function* learnFunction(const Frame* frame, const Frame* caller) noexcept {
     PyObject* value = nullptr;
     PyObject* traceback = nullptr;
     PyErr_Fetch(&type, &value, &traceback);  // a generator may be entered with an exception
-    if (frame->f_code == tracing.awaited)
+    if (frame->f_code == tracing.awaited) {
         tracing.awaited = nullptr;
+        return nullptr;
+    }
     Function* function = knownFunction(frame->f_code);
     try {
         observeSubscripts(frame->f_code);

@@ -52,7 +52,8 @@ inline Function* knownFunction(PyCodeObject* code) noexcept {
 }
 
 /// Makes the function of a frame's code, or decides about it anew for the present session. The
-/// caller, or null, is the frame below. Null, which is counted, when there is no memory.
+/// caller, or null, is the frame below. Null, which is counted, when there is no memory,
+/// and for the code that is awaited.
 Function* learnFunction(const Frame* frame, const Frame* caller) noexcept;
 
 /// Where a function stands.
