@@ -53,11 +53,14 @@ bool isMadeAtRunTime(std::string_view file) noexcept {
     return file.starts_with('<') && !file.starts_with("<frozen ");
 }
 
-/// Whether text that was compiled at run time, outside any module's file, is a library's work: when
-/// that called it first, or it is the inside of a named tuple.
-bool isMadeByLibrary(const std::string& name, const Function* caller) noexcept {
-    return name.starts_with("namedtuple_") || (caller && (caller->kind == FunctionKind::collapsed ||
-                                                          caller->kind == FunctionKind::import));
+/// Whether text that was compiled at run time, outside any module's file, is a library's work: the
+/// inside of a named tuple, or of no module and called by a library first.
+bool isMadeByLibrary(const Frame* frame, const Function* caller) {
+    const std::string module = globalText(frame, "__name__");
+    if (!module.empty())
+        return module.starts_with("namedtuple_");
+    return caller &&
+           (caller->kind == FunctionKind::collapsed || caller->kind == FunctionKind::import);
 }
 
 bool isImport(const Frame* frame) {
@@ -74,7 +77,7 @@ FunctionKind kindOf(const Frame* frame, const std::string& name, const Function*
     bool isLibrary = false;
     if (isMadeAtRunTime(file)) {
         file = globalText(frame, "__file__");
-        isLibrary = file.empty() && isMadeByLibrary(name, caller);
+        isLibrary = file.empty() && isMadeByLibrary(frame, caller);
     }
     if (selection.isOwn(file))
         return FunctionKind::own;
