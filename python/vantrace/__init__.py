@@ -19,8 +19,13 @@
 plug-ins.
 """
 
-from ._core import NotLoadedError, PluginError, event, instant
-from ._core import version as __version__
+try:
+    from ._core import NotLoadedError, PluginError, event, instant
+    from ._core import version as __version__
+except ModuleNotFoundError:
+    from ._unsupported import explain
+
+    raise ImportError(explain(), name=__name__) from None
 
 __all__ = [
     "NotLoadedError",

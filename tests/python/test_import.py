@@ -3,6 +3,7 @@
 import os
 import re
 import shutil
+import sys
 from pathlib import Path
 
 import vantrace
@@ -85,3 +86,18 @@ def test_everything_may_be_moved_together(tmp_path):
     assert file == str(moved / "__init__.py")
     assert len(loaded) >= 3
     assert all(library.startswith(f"{tmp_path}/") for library in loaded)
+
+
+def test_an_unsupported_interpreter_is_told_in_one_sentence(tmp_path):
+    """As another version of the interpreter finds the package: without a module of its own."""
+    package = tmp_path / "vantrace"
+    shutil.copytree(Path(vantrace.__file__).parent, package, ignore=shutil.ignore_patterns("*.so"))
+    (package / "_core.cpython-27-x86_64-linux-gnu.so").touch()
+    environment = os.environ | {"PYTHONPATH": str(tmp_path)}
+    for command in (["-c", "import vantrace"], ["-m", "vantrace", "--version"]):
+        done = run_python(*command, env=environment, cwd=tmp_path)
+        assert done.returncode == 1
+        assert (
+            "vantrace is built for cpython-27-x86_64-linux-gnu; "
+            f"this interpreter is {sys.implementation.cache_tag}"
+        ) in done.stderr.splitlines()[-1]

@@ -86,7 +86,8 @@ def test_the_table_keeps_to_the_terminal_s_width(run, script):
     code = f"import vantrace\nwith vantrace.event({'x' * 300!r}): pass\n"
     for width in (60, 100):
         environment = os.environ | {"COLUMNS": str(width)}
-        lines = run("--events-only", "-o", "t.json", script(code), env=environment).stderr.decode().splitlines()
+        done = run("--events-only", "-o", "t.json", script(code), env=environment)
+        lines = done.stderr.decode().splitlines()
         assert len(lines[2]) == width
         assert "..." in lines[2]
 
