@@ -1,8 +1,8 @@
 #!/usr/bin/python3
 """What tracing every Python function costs: CPU time of the process, as a ratio to the untraced run.
 
-Each row is measured in turn, untraced and traced, and is the median of several rounds. Warm: the
-memory for events was used before; cold: it is touched for the first time.
+Each row is measured in turn, untraced and traced, and is the median of several rounds. Warm: events
+go where older ones were; cold: to memory that is touched for the first time.
 """
 
 import ast
@@ -22,8 +22,8 @@ import vantrace
 REPEATS = 7
 FIB = 27
 FIB_CALLS = 635_621
-# Room for all events of one round; the oldest give way to those of the next.
-MEMORY = 256 << 20
+# Less than the events of two rounds take: the oldest give way to those of the next.
+LITTLE_MEMORY = 16 << 20
 
 
 def fib(number):
@@ -106,11 +106,13 @@ class untraced:
 
 
 def cold(**options):
-    return lambda: vantrace.record(functions=True, libraries=True, max_bytes=MEMORY, **options)
+    return lambda: vantrace.record(functions=True, libraries=True, **options)
 
 
 def warm(**options):
-    recording = cold(keep="last", **options)()
+    recording = cold(keep="last", max_bytes=LITTLE_MEMORY, **options)()
+    with recording:
+        fib(FIB)
     return lambda: recording
 
 
@@ -120,15 +122,16 @@ def main():
         "hook alone": cold(exclude="*"),
         "warm": warm(),
         "cold": cold(),
+        "with C calls": warm(c_calls=True),
         "cProfile": cProfile.Profile,
     }
-    print(f"{'':42}{'untraced':>12}" + "".join(f"{name:>12}" for name in list(contexts)[1:]))
+    print(f"{'':42}{'untraced':>13}" + "".join(f"{name:>13}" for name in list(contexts)[1:]))
     for name, work in WORK.items():
         alone, *others = in_turn(work, contexts.values())
-        ratios = "".join(f"{other / alone:>10.2f} x" for other in others)
+        ratios = "".join(f"{other / alone:>11.2f} x" for other in others)
         print(f"{name:42}{alone / 1e6:>9.1f} ms{ratios}")
         if work is WORK[f"fib({FIB})"]:
-            calls = "".join(f"{(other - alone) / FIB_CALLS:>9.1f} ns" for other in others)
+            calls = "".join(f"{(other - alone) / FIB_CALLS:>10.1f} ns" for other in others)
             print(f"{'  for each call':42}{alone / FIB_CALLS:>9.1f} ns{calls}")
 
 

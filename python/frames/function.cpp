@@ -95,7 +95,7 @@ void decide(Function& function, const Frame* frame, const Function* caller) {
     function.kind = kindOf(frame, name, caller);
     if (function.kind != FunctionKind::recorded)
         return;
-    function.call = instrument::controls.getHandle(name);
+    function.call = function.resume = instrument::controls.getHandle(name);
     notePlace(function.call, frame->f_code);
     constexpr int suspends = CO_GENERATOR | CO_COROUTINE | CO_ASYNC_GENERATOR;
     if ((frame->f_code->co_flags & suspends) == 0)

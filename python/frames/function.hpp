@@ -28,7 +28,7 @@ struct Function {
     bool mayBeSubscript;  ///< may be called by a subscript, as a __getitem__
     bool isCoroutine;
     const instrument::Opaque* call;
-    const instrument::Opaque* resume;  ///< of a generator or coroutine; else null
+    const instrument::Opaque* resume;  ///< of a generator or coroutine; else as call
 };
 
 /// Takes the extra slot. Once; throws PythonError.

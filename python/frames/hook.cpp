@@ -1,12 +1,13 @@
 #include "hook.hpp"
 
-#include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
 #include "../src/errors.hpp"
-#include "../src/open_event.hpp"
 #include "../src/text.hpp"
+#include "c_calls.hpp"
+#include "call_event.hpp"
 #include "function.hpp"
 #include "stack.hpp"
 #include "subscript.hpp"
@@ -26,27 +27,6 @@ constinit Tracing tracing;
 namespace {
 
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws);
-
-// The events of functions. A listener's exception has nobody to go to: the program did not ask for
-// the event.
-
-EventId startCall(const Opaque* instrument, ContextArgs context = {}) noexcept {
-    if (!instrument::listeners.anyActive())
-        return instrument::noListenerEventId;
-    try {
-        return startEvent(instrument, context);
-    } catch (const std::exception&) {
-        return instrument::suppressedEventId;
-    }
-}
-
-void stopCall(const Opaque* instrument, EventId id, ContextArgs context = {}) noexcept {
-    try {
-        stopEvent(instrument, context, id);
-    } catch (const std::exception&) {
-        return;
-    }
-}
 
 bool isResumed(const Frame* frame) noexcept {
     return frame->owner == FRAME_OWNED_BY_GENERATOR;
@@ -83,13 +63,12 @@ PyObject* evaluateStep(PyThreadState* thread, Frame* frame, int throws, const Op
 }
 
 PyObject* evaluateImport(PyThreadState* thread, Frame* frame, int throws) {
-    static const Opaque* const import = instrument::controls.getHandle("import");
     TracedThread& traced = tracedThread;
     if (std::exchange(traced.isImporting, true)) {
         ++tracing.collapsedCalls;  // part of the import around it
         return tracing.next(thread, frame, throws);
     }
-    PyObject* result = evaluateEvent(thread, frame, throws, import);
+    PyObject* result = evaluateEvent(thread, frame, throws, tracing.import);
     traced.isImporting = false;
     return result;
 }
@@ -136,26 +115,25 @@ void setHook(_PyFrameEvalFunction hook) noexcept {
 /// The frame, and all that it calls, without the hook. Behind another tool's hook there is no way
 /// to take ours out: that tool's calls take C stack whatever we do.
 PyObject* evaluateDeep(PyThreadState* thread, Frame* frame, int throws) {
-    static const Opaque* const tooDeep = instrument::controls.getHandle("(too deep to trace)");
     if (latestHook() != evaluateFrame)
         return tracing.next(thread, frame, throws);
     ++tracing.deepThreads;
     ++tracing.deepStretches;
     const std::int64_t begin = instrument::clock::now();
-    const EventId id = startCall(tooDeep);
+    const EventId id = startCall(tracing.tooDeep);
     setHook(tracing.next);
     PyObject* result = tracing.next(thread, frame, throws);
     --tracing.deepThreads;
     if (tracing.isInChain && latestHook() == tracing.next)
         setHook(evaluateFrame);
-    stopCall(tooDeep, id);
+    stopCall(tracing.tooDeep, id);
     tracing.deepTime += instrument::clock::now() - begin;
     return result;
 }
 
 /// Starts events for the frames that the thread runs already, outermost first. Nothing stops them:
 /// these frames end past the hook.
-void adoptRunningFrames(const Frame* innermost) noexcept {
+void adoptRunningFrames(const Frame* innermost) {
     std::vector<const Frame*> frames;
     for (const Frame* frame = innermost; frame; frame = frame->previous)
         frames.push_back(frame);
@@ -172,7 +150,13 @@ void lookAtThread(PyThreadState* thread) noexcept {
         tracedThread.limit = stackLimit();
     tracedThread.session = tracing.session;
     tracedThread.isImporting = false;
-    adoptRunningFrames(thread->cframe->current_frame);
+    try {
+        adoptRunningFrames(thread->cframe->current_frame);
+    } catch (const std::bad_alloc&) {
+        ++tracing.failedCalls;
+    }
+    if (tracing.withCCalls && guardedStatus([&] { watchCCalls(thread); }) < 0)
+        PyErr_Clear();  // the program's audit hook refused, which it knows
 }
 
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
@@ -217,39 +201,50 @@ void leaveChain() {
     }
 }
 
-/// Instructions that run already, in any thread, may be specialised.
-void observeRunningFrames() {
+template <typename Visit>
+void forEachThread(Visit visit) {
     for (PyThreadState* thread = PyInterpreterState_ThreadHead(PyInterpreterState_Main()); thread;
-         thread = PyThreadState_Next(thread)) {
-        for (const Frame* frame = thread->cframe->current_frame; frame; frame = frame->previous)
-            observeSubscripts(frame->f_code);
-    }
+         thread = PyThreadState_Next(thread))
+        visit(thread);
 }
 
-void beginSession() {
+/// Instructions that run already, in any thread, may be specialised.
+void observeRunningFrames() {
+    forEachThread([](PyThreadState* thread) {
+        for (const Frame* frame = thread->cframe->current_frame; frame; frame = frame->previous)
+            observeSubscripts(frame->f_code);
+    });
+}
+
+void beginSession(bool withCCalls) {
     const std::uint32_t session = tracing.session + 1;
     tracing = {.isOn = true,
+               .withCCalls = withCCalls,
                .isInChain = tracing.isInChain,
                .session = session,
                .users = tracing.users,
                .deepThreads = tracing.deepThreads,
                .next = tracing.next,
-               .selection = tracing.selection};
+               .selection = tracing.selection,
+               .import = instrument::controls.getHandle("import"),
+               .tooDeep = instrument::controls.getHandle("(too deep to trace)")};
 }
 
 }  // namespace
 
-void startTracing(Selection selection) {
+void startTracing(Selection selection, bool withCCalls) {
     if (PyInterpreterState_Get() != PyInterpreterState_Main())
         raise(PyExc_RuntimeError, "functions are traced in the main interpreter only");
     if (tracing.users == 0) {
         if (functionSlot < 0)
             requestFunctionSlot();
         setSelection(std::move(selection));
-        beginSession();
+        beginSession(withCCalls);
         joinChain();
         observeRunningFrames();
         lookAtThread(PyThreadState_Get());
+        if (withCCalls)
+            forEachThread(watchCCalls);
     }
     ++tracing.users;
 }
@@ -259,6 +254,8 @@ void stopTracing() {
         return;
     leaveChain();
     tracing.isOn = false;
+    if (tracing.withCCalls)
+        tracing.hadOtherProfile = !unwatchCCalls();
 }
 
 }  // namespace vantrace

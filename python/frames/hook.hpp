@@ -14,8 +14,9 @@
 
 namespace vantrace {
 
-/// Begins a session, or joins the one there is. Throws PythonError.
-void startTracing(Selection selection);
+/// Begins a session, or joins the one there is. With C calls, these are events too. Throws
+/// PythonError.
+void startTracing(Selection selection, bool withCCalls);
 /// Leaves it; the last one takes the hook out where it is the latest. Behind another tool's hook it
 /// stays and passes frames through.
 void stopTracing();

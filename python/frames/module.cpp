@@ -9,6 +9,7 @@
 #include "../src/errors.hpp"
 #include "../src/python_api.hpp"
 #include "../src/text.hpp"
+#include "c_calls.hpp"
 #include "function.hpp"
 #include "hook.hpp"
 #include "tracing.hpp"
@@ -34,21 +35,24 @@ std::vector<std::string> textsOf(PyObject* sequence) {
 
 PyObject* start(PyObject*, PyObject* arguments, PyObject* named) {
     return guarded([&] {
-        static const char* names[] = {"own",     "libraries",      "include",
-                                      "exclude", "with_libraries", nullptr};
+        static const char* names[] = {
+            "own", "libraries", "include", "exclude", "with_libraries", "c_calls", nullptr};
         PyObject* own = nullptr;
         PyObject* libraries = nullptr;
         PyObject* include = nullptr;
         PyObject* exclude = nullptr;
         int withLibraries = 0;
-        if (!PyArg_ParseTupleAndKeywords(arguments, named, "UOOOp:start", const_cast<char**>(names),
-                                         &own, &libraries, &include, &exclude, &withLibraries))
+        int withCCalls = 0;
+        if (!PyArg_ParseTupleAndKeywords(arguments, named, "UOOOpp:start",
+                                         const_cast<char**>(names), &own, &libraries, &include,
+                                         &exclude, &withLibraries, &withCCalls))
             throw PythonError();
         startTracing({.include = textsOf(include),
                       .exclude = textsOf(exclude),
                       .libraries = textsOf(libraries),
                       .own = textOf(own),
-                      .withLibraries = withLibraries != 0});
+                      .withLibraries = withLibraries != 0},
+                     withCCalls != 0);
         return Py_NewRef(Py_None);
     });
 }
@@ -61,12 +65,13 @@ PyObject* stop(PyObject*, PyObject*) {
 }
 
 PyObject* report(PyObject*, PyObject*) {
-    return Py_BuildValue("{sKsKsKsLsO}", "collapsed_calls",
+    return Py_BuildValue("{sKsKsKsLsOsO}", "collapsed_calls",
                          static_cast<unsigned long long>(tracing.collapsedCalls), "failed_calls",
                          static_cast<unsigned long long>(tracing.failedCalls), "deep_stretches",
                          static_cast<unsigned long long>(tracing.deepStretches), "deep_time",
                          static_cast<long long>(tracing.deepTime), "was_taken_out",
-                         tracing.wasTakenOut ? Py_True : Py_False);
+                         tracing.wasTakenOut ? Py_True : Py_False, "had_other_profile",
+                         tracing.hadOtherProfile ? Py_True : Py_False);
 }
 
 PyObject* places(PyObject*, PyObject*) {
@@ -93,10 +98,16 @@ PyMethodDef functions[] = {
 PyModuleDef definition = {
     PyModuleDef_HEAD_INIT, "_frames", nullptr, -1, functions, nullptr, nullptr, nullptr, nullptr};
 
+PyObject* makeModule() {
+    Ref module = Ref::take(PyModule_Create(&definition));
+    addCCalls(module.get());
+    return module.release();
+}
+
 }  // namespace
 
 }  // namespace vantrace
 
 PyMODINIT_FUNC PyInit__frames() {
-    return PyModule_Create(&vantrace::definition);
+    return vantrace::guarded(vantrace::makeModule);
 }

@@ -5,12 +5,14 @@
 
 #include "frame.hpp"
 #include "selection.hpp"
+#include "zandor/instrument/control_element.hpp"
 
 namespace vantrace {
 
 /// Trivially destroyed: frames run until the very end of the process.
 struct Tracing {
     bool isOn = false;
+    bool withCCalls = false;
     /// Whether our hook is in the interpreter's chain of hooks: the latest, or behind others.
     bool isInChain = false;
     std::uint32_t session = 0;  ///< counts the beginnings; functions are decided about in each
@@ -18,6 +20,8 @@ struct Tracing {
     int deepThreads = 0;                  ///< for which the hook is taken out
     _PyFrameEvalFunction next = nullptr;  ///< the hook that was there before, or the evaluator
     const Selection* selection = nullptr;
+    const instrument::Opaque* import = nullptr;
+    const instrument::Opaque* tooDeep = nullptr;
     const PyCodeObject* awaited = nullptr;  ///< is set to null when the hook sees it
 
     // Of the present session.
@@ -26,6 +30,7 @@ struct Tracing {
     std::uint64_t deepStretches = 0;   ///< times that recursion was too deep to trace
     std::int64_t deepTime = 0;         ///< nanoseconds of these
     bool wasTakenOut = false;          ///< another tool removed the hook while it was in use
+    bool hadOtherProfile = false;      ///< a thread had another profile function in the end
 };
 
 extern constinit Tracing tracing;

@@ -32,21 +32,6 @@ bool asContextInteger(PyObject* integer, ContextValue& value) {
     return true;
 }
 
-/// Asks the rules in force; no rule leaves the decision to the switch.
-bool isOnByRules(const instrument::Opaque* instrument, ContextArgs context) {
-    instrument::ContextSet set;
-    for (const ContextArg& arg : context)
-        set.insert({arg.name, instrument::toText(arg.value)});
-    switch (instrument::ControlElement::of(instrument).getContextEnabledImpl(set)) {
-        case instrument::Enabled::noRule:
-            return instrument->enabled.load(std::memory_order_relaxed);
-        case instrument::Enabled::enabled:
-            return true;
-        default:
-            return false;
-    }
-}
-
 }  // namespace
 
 bool asContextNumber(PyObject* object, ContextValue& value) {
@@ -81,11 +66,18 @@ bool makeContext(PyObject* const* values, PyObject* names, ContextArg* args) {
     return !owner;
 }
 
-bool isOn(const instrument::Opaque* instrument, ContextArgs context) {
-    // Relaxed, as whoever emits an event reads them: nothing else is published by the flags.
-    if (!context.empty() && instrument->hasContextRules.load(std::memory_order_relaxed))
-        return isOnByRules(instrument, context);
-    return instrument->enabled.load(std::memory_order_relaxed);
+bool isOnByRules(const instrument::Opaque* instrument, ContextArgs context) {
+    instrument::ContextSet set;
+    for (const ContextArg& arg : context)
+        set.insert({arg.name, instrument::toText(arg.value)});
+    switch (instrument::ControlElement::of(instrument).getContextEnabledImpl(set)) {
+        case instrument::Enabled::noRule:
+            return instrument->enabled.load(std::memory_order_relaxed);
+        case instrument::Enabled::enabled:
+            return true;
+        default:
+            return false;
+    }
 }
 
 namespace {

@@ -22,8 +22,16 @@ bool areAtoms(PyObject* const* values, std::size_t count) noexcept;
 /// its own: an integer beyond 64 bits, a lone surrogate.
 bool makeContext(PyObject* const* values, PyObject* names, instrument::ContextArg* args);
 
+/// Asks the rules in force; no rule leaves the decision to the switch.
+bool isOnByRules(const instrument::Opaque* instrument, instrument::ContextArgs context);
+
 /// Whether an event of the instrument with this context is to be delivered, listeners being active.
-bool isOn(const instrument::Opaque* instrument, instrument::ContextArgs context);
+inline bool isOn(const instrument::Opaque* instrument, instrument::ContextArgs context) {
+    // Relaxed, as whoever emits an event reads them: nothing else is published by the flags.
+    if (!context.empty() && instrument->hasContextRules.load(std::memory_order_relaxed))
+        return isOnByRules(instrument, context);
+    return instrument->enabled.load(std::memory_order_relaxed);
+}
 
 /// The keyword arguments of one call as context, for as long as the object lives. `values` has one
 /// object for each name of the tuple; null is no names.

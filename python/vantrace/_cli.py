@@ -21,6 +21,7 @@ options of run (those after SCRIPT are the script's):
   --exclude PATTERN   no functions whose name matches; may be repeated
   --all               functions of the standard library and of installed packages by their own
                       names; else their time is part of their callers'
+  --c-calls           the C functions that functions call too, which slows all Python code
   --min-duration T    leave shorter ones out of a .json trace; T is a time such as 10us
   --sort KEY          the table's order: self (default), total, calls or name
   --top N             at most N rows (default 40; 0: all)

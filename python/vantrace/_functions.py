@@ -14,16 +14,18 @@ class Functions:
 
     Names are `module.qualname`. `include` and `exclude` are patterns of the shell for these. With
     `libraries` those of the standard library and of installed packages are events of their own,
-    else their time is their callers'. Of several that are begun at once the first one decides.
+    else their time is their callers'. With `c_calls` the C functions that functions call are events
+    as well, which is dearer. Of several that are begun at once the first one decides.
     """
 
-    def __init__(self, include=(), exclude=(), libraries=False):
+    def __init__(self, include=(), exclude=(), libraries=False, c_calls=False):
         self._selection = {
             "own": _OWN,
             "libraries": _LIBRARIES,
             "include": _patterns(include),
             "exclude": _patterns(exclude),
             "with_libraries": libraries,
+            "c_calls": c_calls,
         }
 
     def begin(self):

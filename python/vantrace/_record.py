@@ -11,7 +11,7 @@ Summary.__doc__ = "Complete events of one name; times in nanoseconds."
 
 class record:
     """record(path=None, *, max_bytes=0, keep="first", functions=False, include=(), exclude=(),
-    libraries=False): records the events of all threads.
+    libraries=False, c_calls=False): records the events of all threads.
 
         with vantrace.record("trace.json") as recording:
             ...
@@ -27,7 +27,8 @@ class record:
     With `functions` each call of a Python function in any thread is an event too. `include` and
     `exclude` are patterns of the shell for their names, `module.qualname`. The time of functions
     outside the user's own code, those of the standard library and of installed packages, is their
-    callers', unless `libraries` is true.
+    callers', unless `libraries` is true. With `c_calls` the C functions that functions call are
+    events too; that slows all Python code of the program.
     """
 
     def __init__(
@@ -40,6 +41,7 @@ class record:
         include=(),
         exclude=(),
         libraries=False,
+        c_calls=False,
     ):
         self.path = None if path is None else os.fspath(path)
         if path is not None:
@@ -49,7 +51,7 @@ class record:
         if functions:
             from ._functions import Functions
 
-            self._functions = Functions(include, exclude, libraries)
+            self._functions = Functions(include, exclude, libraries, c_calls)
 
     def __enter__(self):
         if self.path is not None:

@@ -14,6 +14,7 @@ class RunOptions:
     def __init__(self):
         self.events_only = False
         self.libraries = False
+        self.c_calls = False
         self.include = []
         self.exclude = []
         self.min_duration = None  # nanoseconds
@@ -45,6 +46,7 @@ class RunOptions:
             "include": self.include,
             "exclude": self.exclude,
             "libraries": self.libraries,
+            "c_calls": self.c_calls,
         }
 
     def _take_min_duration(self, value):
@@ -64,7 +66,7 @@ class RunOptions:
         self.top = int(value)
 
 
-_FLAGS = {"--events-only": "events_only", "--all": "libraries"}
+_FLAGS = {"--events-only": "events_only", "--all": "libraries", "--c-calls": "c_calls"}
 _VALUES = {
     "--include": lambda options, value: options.include.append(value),
     "--exclude": lambda options, value: options.exclude.append(value),

@@ -81,6 +81,8 @@ def _notices_of_functions(functions):
         )
     if functions["failed_calls"]:
         yield f"vantrace: {_counted(functions['failed_calls'], 'call')} not seen, for want of memory"
+    if functions["had_other_profile"]:
+        yield "vantrace: the program has a profile function of its own: some C calls are missing"
     if functions["was_taken_out"]:
         yield "vantrace: another tool took out the hook that sees functions: some are missing"
 

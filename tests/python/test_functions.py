@@ -409,7 +409,7 @@ def inside(): pass
 inside()
 try:
     from vantrace import _frames
-    _frames.start(own="", libraries=(), include=(), exclude=(), with_libraries=False)
+    _frames.start(own="", libraries=(), include=(), exclude=(), with_libraries=False, c_calls=False)
 except (ImportError, RuntimeError) as error:
     print(error)
 ''')
