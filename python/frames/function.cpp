@@ -87,7 +87,7 @@ FunctionKind kindOf(const Frame* frame, const std::string& name, const Function*
 }
 
 void notePlace(const Opaque* instrument, PyCodeObject* code) {
-    places().try_emplace(instrument, textOf(code->co_filename), code->co_firstlineno);
+    places().try_emplace(instrument, SourcePlace{textOf(code->co_filename), code->co_firstlineno});
 }
 
 void decide(Function& function, const Frame* frame, const Function* caller) {

@@ -28,6 +28,11 @@ namespace {
 
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws);
 
+/// What the interpreter would do without the hook.
+[[gnu::always_inline]] inline PyObject* goOn(PyThreadState* thread, Frame* frame, int throws) {
+    return intoPython([&] { return tracing.next(thread, frame, throws); });
+}
+
 bool isResumed(const Frame* frame) noexcept {
     return frame->owner == FRAME_OWNED_BY_GENERATOR;
 }
@@ -43,7 +48,7 @@ bool isResumed(const Frame* frame) noexcept {
 
 PyObject* evaluateEvent(PyThreadState* thread, Frame* frame, int throws, const Opaque* instrument) {
     const EventId id = startCall(instrument);
-    PyObject* result = tracing.next(thread, frame, throws);
+    PyObject* result = goOn(thread, frame, throws);
     stopCall(instrument, id);
     return result;
 }
@@ -57,7 +62,7 @@ PyObject* evaluateStep(PyThreadState* thread, Frame* frame, int throws, const Op
         context = {"task", utf8Of(task.get(), owner)};
     const ContextArgs args(&context, task ? 1 : 0);
     const EventId id = startCall(instrument, args);
-    PyObject* result = tracing.next(thread, frame, throws);
+    PyObject* result = goOn(thread, frame, throws);
     stopCall(instrument, id, args);
     return result;
 }
@@ -66,7 +71,7 @@ PyObject* evaluateImport(PyThreadState* thread, Frame* frame, int throws) {
     TracedThread& traced = tracedThread;
     if (std::exchange(traced.isImporting, true)) {
         ++tracing.collapsedCalls;  // part of the import around it
-        return tracing.next(thread, frame, throws);
+        return goOn(thread, frame, throws);
     }
     PyObject* result = evaluateEvent(thread, frame, throws, tracing.import);
     traced.isImporting = false;
@@ -87,7 +92,7 @@ PyObject* evaluateOther(PyThreadState* thread, Frame* frame, int throws, const F
         return evaluateImport(thread, frame, throws);
     if (function && function->kind == FunctionKind::collapsed)
         ++tracing.collapsedCalls;
-    return tracing.next(thread, frame, throws);
+    return goOn(thread, frame, throws);
 }
 
 PyObject* evaluateTraced(PyThreadState* thread, Frame* frame, int throws) {
@@ -116,13 +121,13 @@ void setHook(_PyFrameEvalFunction hook) noexcept {
 /// to take ours out: that tool's calls take C stack whatever we do.
 PyObject* evaluateDeep(PyThreadState* thread, Frame* frame, int throws) {
     if (latestHook() != evaluateFrame)
-        return tracing.next(thread, frame, throws);
+        return goOn(thread, frame, throws);
     ++tracing.deepThreads;
     ++tracing.deepStretches;
     const std::int64_t begin = instrument::clock::now();
     const EventId id = startCall(tracing.tooDeep);
     setHook(tracing.next);
-    PyObject* result = tracing.next(thread, frame, throws);
+    PyObject* result = goOn(thread, frame, throws);
     --tracing.deepThreads;
     if (tracing.isInChain && latestHook() == tracing.next)
         setHook(evaluateFrame);
@@ -161,7 +166,7 @@ void lookAtThread(PyThreadState* thread) noexcept {
 
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
     if (!tracing.isOn) [[unlikely]]
-        return tracing.next(thread, frame, throws);
+        return goOn(thread, frame, throws);
     if (tracedThread.session != tracing.session) [[unlikely]]
         lookAtThread(thread);
     if (static_cast<const char*>(__builtin_frame_address(0)) < tracedThread.limit) [[unlikely]]
