@@ -1,5 +1,7 @@
 #include "hook.hpp"
 
+#include <pthread.h>
+
 #include <new>
 #include <utility>
 #include <vector>
@@ -117,20 +119,34 @@ void setHook(_PyFrameEvalFunction hook) noexcept {
     _PyInterpreterState_SetEvalFrameFunc(PyInterpreterState_Main(), hook);
 }
 
+/// Puts the hook back that was taken out for a deep thread.
+void putBack() noexcept {
+    if (tracing.isInChain && latestHook() == tracing.next)
+        setHook(evaluateFrame);
+}
+
+/// The child of a fork has one thread: those for which the hook was taken out may be gone.
+void recountDeepThreads() noexcept {
+    tracing.deepThreads = tracedThread.isDeep ? 1 : 0;
+    if (tracing.deepThreads == 0)
+        putBack();
+}
+
 /// The frame, and all that it calls, without the hook. Behind another tool's hook there is no way
 /// to take ours out: that tool's calls take C stack whatever we do.
 PyObject* evaluateDeep(PyThreadState* thread, Frame* frame, int throws) {
     if (latestHook() != evaluateFrame)
         return goOn(thread, frame, throws);
+    tracedThread.isDeep = true;
     ++tracing.deepThreads;
     ++tracing.deepStretches;
     const std::int64_t begin = instrument::clock::now();
     const EventId id = startCall(tracing.tooDeep);
     setHook(tracing.next);
     PyObject* result = goOn(thread, frame, throws);
+    tracedThread.isDeep = false;
     --tracing.deepThreads;
-    if (tracing.isInChain && latestHook() == tracing.next)
-        setHook(evaluateFrame);
+    putBack();
     stopCall(tracing.tooDeep, id);
     tracing.deepTime += instrument::clock::now() - begin;
     return result;
@@ -235,14 +251,20 @@ void beginSession(bool withCCalls) {
                .tooDeep = instrument::controls.getHandle("(too deep to trace)")};
 }
 
+void prepareOnce() {
+    if (functionSlot >= 0)
+        return;
+    requestFunctionSlot();
+    pthread_atfork(nullptr, nullptr, recountDeepThreads);
+}
+
 }  // namespace
 
 void startTracing(Selection selection, bool withCCalls) {
     if (PyInterpreterState_Get() != PyInterpreterState_Main())
         raise(PyExc_RuntimeError, "functions are traced in the main interpreter only");
     if (tracing.users == 0) {
-        if (functionSlot < 0)
-            requestFunctionSlot();
+        prepareOnce();
         setSelection(std::move(selection));
         beginSession(withCCalls);
         joinChain();

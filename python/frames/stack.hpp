@@ -9,6 +9,7 @@ namespace vantrace {
 struct TracedThread {
     std::uint32_t session;  ///< in which the thread was looked at last; 0: never
     bool isImporting;       ///< an import is the latest event that it entered
+    bool isDeep;            ///< it has the hook taken out
     const char* limit;      ///< C frames below this address are too deep to trace
 };
 

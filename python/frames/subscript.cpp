@@ -73,7 +73,10 @@ void observeSubscripts(PyCodeObject* code) {
 }
 
 void keepGeneral(Frame* caller) noexcept {
-    if (caller && isSubscript(_Py_OPCODE(*caller->prev_instr)))
+    // A frame that has not begun stands before its first instruction.
+    if (!caller || caller->prev_instr < _PyCode_CODE(caller->f_code))
+        return;
+    if (isSubscript(_Py_OPCODE(*caller->prev_instr)))
         setOpcode(*caller->prev_instr, BINARY_SUBSCR);
 }
 

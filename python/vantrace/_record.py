@@ -58,13 +58,19 @@ class record:
             check_writable(self.path)
         self._recorder.start()
         if self._functions:
-            self._functions.begin()
+            try:
+                self._functions.begin()
+            except BaseException:
+                self._recorder.stop()
+                raise
         return self
 
     def __exit__(self, kind, error, traceback):
-        if self._functions:
-            self._functions.end()
-        self._recorder.stop()
+        try:
+            if self._functions:
+                self._functions.end()
+        finally:
+            self._recorder.stop()
         if self.path is None:
             return
         try:

@@ -127,6 +127,36 @@ print(sorted(results), recording.functions()["deep_stretches"] > 0)
     assert (done.returncode, done.stdout) == (0, "[2000, 400000] True\n")
 
 
+def test_the_child_of_a_fork_is_traced_while_another_thread_was_deep():
+    code = """
+import os, sys, threading, vantrace
+sys.setrecursionlimit(1_000_000)
+deep, go = threading.Event(), threading.Event()
+def down(number):
+    if number:
+        return down(number - 1)
+    deep.set()
+    go.wait()
+def leaf(): pass
+with vantrace.record(functions=True, include="*.leaf") as recording:
+    thread = threading.Thread(target=down, args=(200_000,))
+    thread.start()
+    deep.wait()
+    child = os.fork()
+    leaf()
+    if child == 0:
+        print([row.count for row in recording.summary()], flush=True)
+        os._exit(0)
+    os.waitpid(child, 0)
+    go.set()
+    thread.join()
+    leaf()
+print([row.count for row in recording.summary() if row.name.endswith("leaf")])
+"""
+    done = run_python("-c", code)
+    assert (done.stdout, done.stderr) == ("[1]\n[1]\n", "")
+
+
 def test_run_tells_of_recursion_too_deep_to_trace(tmp_path):
     script = tmp_path / "script.py"
     script.write_text(
