@@ -28,15 +28,19 @@ class Functions:
             "c_calls": c_calls,
         }
 
+        self._last_report = None
+
     def begin(self):
+        self._last_report = None
         _frames.start(**self._selection)
 
     def end(self):
         _frames.stop()
+        self._last_report = _frames.report()
 
     def report(self):
         """What was collapsed into callers, and what was not seen, since the latest beginning."""
-        return _frames.report()
+        return self._last_report or _frames.report()
 
 
 def _patterns(patterns):

@@ -123,25 +123,27 @@ class _Report:
         atexit.register(self._end)
         self._recording.__enter__()
         self._begin = time.perf_counter_ns()
+        self._begin_cpu = time.process_time_ns()
 
     def _end(self):
         if os.getpid() != self._process:
             return  # a fork of the script that came to its own end
         duration = time.perf_counter_ns() - self._begin
+        cpu_time = time.process_time_ns() - self._begin_cpu
         self._recording.__exit__(None, None, None)
         try:
             sys.stdout.flush()
         except (AttributeError, OSError, ValueError):
             pass  # closed, or its reader is gone: the interpreter says so itself
         if self._table:
-            self._say(*self._table_lines(duration))
+            self._say(*self._table_lines(duration, cpu_time))
         self._write()
 
-    def _table_lines(self, duration):
+    def _table_lines(self, duration, cpu_time):
         from ._table import Style, lines
 
         style = Style(_width(self._stderr), _has_colours(self._stderr))
-        return lines(self._recording, duration, self._options, style)
+        return lines(self._recording, duration, cpu_time, self._options, style)
 
     def _write(self):
         try:

@@ -23,8 +23,8 @@ class Style:
         self.has_colours = has_colours
 
 
-def lines(recording, duration, options, style):
-    """The lines for a recording that lasted so many nanoseconds."""
+def lines(recording, duration, cpu_time, options, style):
+    """The lines for a recording that lasted so many nanoseconds, and took so many of CPU time."""
     rows = sorted(recording.summary(), key=_SORT[options.sort])
     threads = len(recording.threads())
     calls = sum(row.count for row in rows)
@@ -32,12 +32,23 @@ def lines(recording, duration, options, style):
         f"vantrace: {time_text(duration)} wall time, {_counted(threads, 'thread')}, "
         f"{_counted(calls, 'event')}"
     )
+    functions = recording.functions()
+    if functions:
+        yield _cost_text(cpu_time, calls, functions["collapsed_calls"])
     shown = rows[: options.top or None]
     if rows:
         yield from _aligned(list(_table(recording, shown, duration)), style)
     if len(rows) > len(shown):
         yield f"... and {_counted(len(rows) - len(shown), 'more name')}"
     yield from _notices(recording)
+
+
+def _cost_text(cpu_time, events, others):
+    from ._cost import of_calls
+
+    of_event, of_other = of_calls()
+    cost = round(events * of_event + others * of_other)
+    return f"vantrace: {time_text(cpu_time)} CPU time, of that about {time_text(cost)} for tracing"
 
 
 def _table(recording, rows, duration):

@@ -82,6 +82,12 @@ def test_calls_of_libraries_are_counted(run):
     )
 
 
+def test_the_head_tells_cpu_time_and_what_tracing_cost(run):
+    pattern = r"vantrace: [\d.]+ [mu]?s CPU time, of that about [\d.]+ [mu]?n?s for tracing"
+    assert re.fullmatch(pattern, run()[1])
+    assert not any("for tracing" in line for line in run("--events-only"))
+
+
 def test_libraries_have_their_own_rows_where_asked_for(run):
     lines = run("--all", "--top", "0")
     assert rows(lines)["json.dumps"][0] == "1"
