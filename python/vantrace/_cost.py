@@ -4,7 +4,9 @@ import time
 
 from ._record import record
 
-_ROUNDS = 2_000
+# Some percent of what is to be estimated: many events cost more each, for the memory they touch.
+_SHARE = 50
+_FEWEST, _MOST = 2_000, 100_000
 _REPEATS = 3
 _PROBE = """
 def probe():
@@ -16,24 +18,26 @@ def work(rounds):
 """
 
 
-def of_calls():
-    """Nanoseconds that tracing adds to a call which is an event, and to one that is not."""
+def of_calls(events, others):
+    """Nanoseconds that tracing added to so many calls which are events, and so many which are not."""
+    rounds = min(max(events // _SHARE, _FEWEST), _MOST)
     names = {"__name__": "probe"}
     # A code object, not text: running text has the interpreter forget a pending end by interrupt.
     exec(compile(_PROBE, "<probe>", "exec"), names)
     work = names["work"]
-    alone = _best(work)
+    alone = _best(work, rounds)
     with record(functions=True, include="probe.*"):
-        event = _best(work)
+        event = _best(work, rounds)
     with record(functions=True, exclude="*"):
-        other = _best(work)
-    return max(event - alone, 0), max(other - alone, 0)
+        other = _best(work, rounds)
+    return round(events * max(event - alone, 0) + others * max(other - alone, 0))
 
 
-def _best(work):
+def _best(work, rounds):
+    """The least time of a round."""
     times = []
     for _ in range(_REPEATS):
         began = time.thread_time_ns()
-        work(_ROUNDS)
+        work(rounds)
         times.append(time.thread_time_ns() - began)
-    return min(times) / _ROUNDS
+    return min(times) / rounds

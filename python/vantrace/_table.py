@@ -46,8 +46,7 @@ def lines(recording, duration, cpu_time, options, style):
 def _cost_text(cpu_time, events, others):
     from ._cost import of_calls
 
-    of_event, of_other = of_calls()
-    cost = round(events * of_event + others * of_other)
+    cost = of_calls(events, others)
     return f"vantrace: {time_text(cpu_time)} CPU time, of that about {time_text(cost)} for tracing"
 
 
