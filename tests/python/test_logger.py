@@ -152,3 +152,67 @@ for _ in range(4):
 running.wait()
 """
         )
+
+
+def test_the_first_thread_that_prints_is_the_printing_one(python):
+    out = python(
+        PRELUDE
+        + """
+started, heard = threading.Event(), threading.Event()
+def first():
+    logger.start()
+    print()
+    started.set()
+    heard.wait()
+    vantrace.instant("theirs")
+thread = threading.Thread(target=first); thread.start()
+started.wait()
+vantrace.instant("ours")
+print("waiting")
+heard.set()
+thread.join()
+"""
+    )
+    lines = out.splitlines()
+    assert lines[:2] == ["Performance Logging started", "waiting"]
+    assert told("\n".join(lines[2:])) == ["INSTANT ours", "INSTANT theirs"]
+
+
+def test_starts_and_stops_while_another_thread_prints(python):
+    out = python(
+        PRELUDE
+        + """
+started, ended = threading.Event(), threading.Event()
+def printing():
+    logger.start()
+    while not ended.is_set():
+        vantrace.instant("busy")
+        started.set()
+thread = threading.Thread(target=printing); thread.start()
+started.wait()
+for _ in range(100):
+    logger.stop()
+    logger.start()
+ended.set()
+thread.join()
+"""
+    )
+    assert out.count("Performance Logging started") == 101
+
+
+def test_a_printing_thread_that_outlives_the_program_does_no_harm(python):
+    for _ in range(5):
+        out = python(
+            PRELUDE
+            + """
+started = threading.Event()
+def printing():
+    logger.start()
+    while True:
+        vantrace.instant("busy")
+        started.set()
+threading.Thread(target=printing, daemon=True).start()
+started.wait()
+"""
+        )
+        assert out.startswith("Performance Logging started[")

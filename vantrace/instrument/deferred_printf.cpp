@@ -48,9 +48,13 @@ class DeferredLines {
         }
     }
 
+    /// Those that wait by now: threads that push faster than the console takes lines would hold
+    /// this one for good.
     void printPending() {
+        if (!pending_)
+            return;
         std::string line;
-        while (pending_ && pending_->try_pop(line))
+        for (auto count = pending_->unsafe_size(); count > 0 && pending_->try_pop(line); --count)
             utPrintf("%s", line.c_str());
     }
 

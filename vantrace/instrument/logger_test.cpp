@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <barrier>
 #include <cctype>
+#include <cwchar>
 #include <string>
 #include <thread>
 #include <vector>
@@ -191,6 +192,30 @@ TEST_F(Logger, LeavesTheLinesOfOtherThreadsToThePrintingOne) {
     for (std::size_t i = 0; i < 3; ++i)
         EXPECT_EQ(split(lines[i]).rest,
                   "INSTANT: " + padded("logger.work") + identity(ear.heard()[i].id));
+}
+
+TEST_F(Logger, LeavesLinesThatComeWhileItPrintsToTheNextCall) {
+    static std::string printed;
+    printed.clear();
+    std::thread([] { deferredPrintf("waiting\n"); }).join();
+    const auto before = zandor::setConsoleSink([](const char* text, std::size_t length) noexcept {
+        printed.append(text, length);
+        if (printed.size() < 1000)
+            std::thread([] { deferredPrintf("late\n"); }).join();
+        return static_cast<int>(length);
+    });
+    deferredPrintf("first\n");
+    EXPECT_EQ(printed, "waiting\nfirst\n");
+    deferredPrintf("second\n");
+    zandor::setConsoleSink(before);
+    EXPECT_EQ(printed, "waiting\nfirst\nlate\nlate\nsecond\n");
+}
+
+TEST_F(Logger, ReportsWhatCannotBeFormatted) {
+    EXPECT_EQ(deferredPrintf("%lc", static_cast<wint_t>(0x7fffffff)), -1);
+    KeptConsole::take();
+    EXPECT_EQ(deferredPrintf("next\n"), 5);
+    EXPECT_EQ(KeptConsole::take(), "next\n");
 }
 
 TEST_F(Logger, LosesNoLineOfManyThreadsAndKeepsTheOrderOfEach) {
