@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <numeric>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -16,12 +17,13 @@
 
 namespace instrument::detail {
 
-/// "process/thread" of another process, else the thread's name. Stays for the life of the process.
+/// "process/thread" of another process that has a name, else the thread's name. Stays for the life
+/// of the process.
 inline std::string_view labelOf(const RecordedSource& source) {
-    if (source.processName.empty())
+    const std::string_view process = source.processName.value_or("");
+    if (process.empty())
         return source.name;
-    const InternedText* label =
-        intern(std::string(source.processName).append("/").append(source.name));
+    const InternedText* label = intern(std::string(process).append("/").append(source.name));
     return label ? label->view() : source.name;
 }
 
@@ -50,8 +52,9 @@ class SourceList {
         for (const std::uint32_t place : byId) {
             newPlaces[place] = static_cast<std::uint32_t>(sources.size());
             SourceInfo& source = *sources_[place];
-            const auto process =
-                source.processName ? source.processName->view() : std::string_view();
+            std::optional<std::string_view> process;
+            if (source.processName)
+                process = source.processName->view();
             sources.push_back(
                 {source.id, source.name(), process, source.processId, source.threadId});
         }

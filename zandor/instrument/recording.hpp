@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -16,8 +17,8 @@ namespace instrument::detail {
 struct RecordedSource {
     std::uint64_t id = 0;
     std::string_view name;
-    std::string_view processName;  ///< of another process; empty for this one
-    std::uint64_t processId = 0;   ///< the system's own ids
+    std::optional<std::string_view> processName;  ///< of another process, perhaps empty
+    std::uint64_t processId = 0;                  ///< the system's own ids
     std::uint64_t threadId = 0;
 };
 

@@ -2,8 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <cerrno>
 #include <limits>
 #include <regex>
+#include <string>
 
 #include "zandor/instrument/testing/json_reader.hpp"
 #include "zandor/instrument/testing/recording_builder.hpp"
@@ -91,6 +93,18 @@ TEST(TraceEventJson, BeginsWithProcessesAndThreads) {
 ]}
 )js";
     EXPECT_THAT(text, HasSubstr(expected));
+}
+
+TEST(TraceEventJson, KeepsAProcessWithoutANameApartFromItsOwn) {
+    RecordingBuilder builder;
+    builder.source("main");
+    builder.source("worker", "");
+    builder.event("solve", 0, 0, 1000);
+    const std::string text = exported(builder);
+    const std::string own = program_invocation_short_name;
+    EXPECT_THAT(text,
+                HasSubstr(R"("pid":1,"tid":1,"args":{"name":")" + own + R"(","pid":"4711"})"));
+    EXPECT_THAT(text, HasSubstr(R"js("pid":2,"tid":2,"args":{"name":"(unnamed)","pid":"4712"})js"));
 }
 
 TEST(TraceEventJson, GivesEachProcessItsOwnPidAndEachSourceItsOwnTid) {

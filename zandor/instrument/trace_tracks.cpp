@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <map>
+#include <optional>
 #include <tuple>
 
 #include "zandor/instrument/json_text.hpp"
@@ -11,7 +12,7 @@ namespace instrument::detail {
 namespace {
 
 std::string_view processName(const RecordedSource& source) {
-    return source.processName.empty() ? program_invocation_short_name : source.processName;
+    return source.processName.value_or(program_invocation_short_name);
 }
 
 void appendTextMember(TextBuffer& out, std::string_view name, std::uint64_t number) {
@@ -25,7 +26,7 @@ void appendTextMember(TextBuffer& out, std::string_view name, std::uint64_t numb
 }  // namespace
 
 TraceTracks::TraceTracks(const Recording& recording) : recording_(recording) {
-    std::map<std::tuple<std::string_view, std::uint64_t>, std::uint32_t> numbers;
+    std::map<std::tuple<std::optional<std::string_view>, std::uint64_t>, std::uint32_t> numbers;
     processes_.reserve(recording.sources.size());
     for (const RecordedSource& source : recording.sources) {
         const auto next = static_cast<std::uint32_t>(numbers.size() + 1);

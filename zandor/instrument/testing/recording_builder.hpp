@@ -25,11 +25,13 @@ class RecordingBuilder {
         recording_.processId = 4711;
     }
 
-    /// A thread; of another process where that has a name. Gives its index.
-    std::uint32_t source(const std::string& name, const std::string& process = "") {
+    /// A thread, of another process where one is named. Gives its index.
+    std::uint32_t source(const std::string& name, std::optional<std::string> process = {}) {
         const auto index = static_cast<std::uint32_t>(recording_.sources.size());
-        const std::uint64_t processId = process.empty() ? 4711 : 4712;
-        const std::string_view processName = process.empty() ? "" : keep(process);
+        const std::uint64_t processId = process ? 4712 : 4711;
+        std::optional<std::string_view> processName;
+        if (process)
+            processName = keep(*process);
         recording_.sources.push_back(
             {index + 10u, keep(name), processName, processId, index + 5000u});
         return index;
