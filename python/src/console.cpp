@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <string_view>
@@ -16,10 +17,22 @@ namespace vantrace {
 
 namespace {
 
+/// A stream of sys, and the descriptor in its place when the interpreter is gone.
+struct Target {
+    const char* stream;
+    int descriptor;
+};
+constexpr Target standardOutput{"stdout", STDOUT_FILENO};
+constexpr Target standardError{"stderr", STDERR_FILENO};
+
+// Relaxed: the targets are constants.
+constinit std::atomic<const Target*> target{&standardOutput};
+
 int writeToDescriptor(std::string_view text) noexcept {
+    const int descriptor = target.load(std::memory_order_relaxed)->descriptor;
     std::size_t written = 0;
     while (written < text.size()) {
-        const ssize_t now = write(STDOUT_FILENO, text.data() + written, text.size() - written);
+        const ssize_t now = write(descriptor, text.data() + written, text.size() - written);
         if (now >= 0) {
             written += static_cast<std::size_t>(now);
         } else if (errno != EINTR) {
@@ -51,7 +64,7 @@ void keepOrDropError() noexcept {
 }
 
 void writeToStream(std::string_view text) {
-    const Ref stream = Ref::share(PySys_GetObject("stdout"));
+    const Ref stream = Ref::share(PySys_GetObject(target.load(std::memory_order_relaxed)->stream));
     if (!stream || stream.get() == Py_None)
         return;
     const Ref str = strOf(text);
@@ -86,6 +99,11 @@ int sink(const char* text, std::size_t length) noexcept {
 }
 
 }  // namespace
+
+PyObject* directConsoleToErrors(PyObject*, PyObject*) {
+    target.store(&standardError, std::memory_order_relaxed);
+    Py_RETURN_NONE;
+}
 
 void installConsoleSink() noexcept {
     zandor::setConsoleSink(sink);

@@ -40,6 +40,8 @@ PyMethodDef functions[] = {
     {"resolve", resolveMethod, METH_O, "The method of a full name, private ones too."},
     {"library_folder", libraryFolder, METH_NOARGS, "Where the host's libraries stand."},
     {"set_struct_array", setStructArray, METH_O, "Names the class of struct arrays."},
+    {"direct_console_to_errors", directConsoleToErrors, METH_NOARGS,
+     "Has the host's console written to sys.stderr instead of sys.stdout."},
     {"live_array_count", liveArrayCount, METH_NOARGS, "How many host arrays live now."},
     {"suppressed_events", suppressedEvents, METH_NOARGS,
      "How many events were produced inside listeners, where they are not delivered."},

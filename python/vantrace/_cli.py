@@ -7,11 +7,13 @@ from ._core import version
 USAGE = """\
 usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace tree [--json] [--all]
+       vantrace stats [--json] [FILE]
 
 commands:
   run    record each Python function and event of a script: a table of where the time went, and
          a trace
   tree   the published namespaces and methods
+  stats  product statistics: what programs logged, from all processes of this user
 
 options of run (those after SCRIPT are the script's):
   -o, --output FILE   write the trace there: .json (trace events) or .folded (collapsed stacks);
@@ -26,10 +28,17 @@ options of run (those after SCRIPT are the script's):
   --sort KEY          the table's order: self (default), total, calls or name
   --top N             at most N rows (default 40; 0: all)
   --no-table          no table
+  --count             say in the end how often each function and event began
+  --profile           print the profiler's table in the end: exact however long the run
+  --log               print a line for each start, stop and instant as they happen
 
 options of tree:
   --json              as JSON
   --all               hidden methods too
+
+options of stats:
+  --json              as JSON
+  FILE                another database than the user's own
 
 other options:
   -h, --help          this text
@@ -66,6 +75,8 @@ def _command(arguments):
             return _run(rest)
         case ["tree", *rest]:
             return _tree(rest)
+        case ["stats", *rest]:
+            return _stats(rest)
     kind = "option" if arguments[0].startswith("-") else "command"
     raise UsageError(f"there is no {kind} {arguments[0]!r}; see vantrace --help")
 
@@ -110,3 +121,20 @@ def _tree(arguments):
     text = _describe.as_json if "--json" in arguments else _describe.as_text
     sys.stdout.write(text(with_hidden="--all" in arguments))
     return 0
+
+
+def _stats(arguments):
+    files = []
+    for argument in arguments:
+        if argument in ("-h", "--help"):
+            sys.stdout.write(USAGE)
+            return 0
+        if argument.startswith("-") and argument != "--json":
+            raise UsageError(f"stats has no option {argument!r}; see vantrace --help")
+        if argument != "--json":
+            files.append(argument)
+    if len(files) > 1:
+        raise UsageError(f"stats takes one file, not {len(files)}")
+    from . import _stats as product_stats
+
+    return product_stats.show(files[0] if files else None, as_json="--json" in arguments)

@@ -10,6 +10,7 @@ from importlib.machinery import SourceFileLoader
 from types import ModuleType
 
 from ._cli import UsageError
+from ._listeners import Listeners
 from ._record import check_writable, record, writer
 
 
@@ -109,6 +110,7 @@ class _Report:
         else:
             self._output, self._folder = os.path.abspath(output), None
         self._recording = record(**options.recording())
+        self._listeners = Listeners(options)
         try:
             if self._output is not None:
                 writer(self._output)
@@ -122,6 +124,7 @@ class _Report:
         # Registered before any of the script's own, it runs after them.
         atexit.register(self._end)
         self._recording.__enter__()
+        self._listeners.start()
         self._begin = time.perf_counter_ns()
         self._begin_cpu = time.process_time_ns()
 
@@ -130,6 +133,7 @@ class _Report:
             return  # a fork of the script that came to its own end
         duration = time.perf_counter_ns() - self._begin
         cpu_time = time.process_time_ns() - self._begin_cpu
+        self._listeners.stop()
         self._recording.__exit__(None, None, None)
         try:
             sys.stdout.flush()
@@ -137,6 +141,7 @@ class _Report:
             pass  # closed, or its reader is gone: the interpreter says so itself
         if self._table:
             self._say(*self._table_lines(duration, cpu_time))
+        self._say(*self._listeners.lines())
         self._write()
 
     def _table_lines(self, duration, cpu_time):

@@ -20,6 +20,9 @@ class RunOptions:
         self.min_duration = None  # nanoseconds
         self.sort = "self"
         self.top = 40
+        self.count = False
+        self.profile = False
+        self.log = False
 
     def take(self, option, arguments):
         """Takes an option, and its value from the option itself or the arguments.
@@ -66,7 +69,14 @@ class RunOptions:
         self.top = int(value)
 
 
-_FLAGS = {"--events-only": "events_only", "--all": "libraries", "--c-calls": "c_calls"}
+_FLAGS = {
+    "--events-only": "events_only",
+    "--all": "libraries",
+    "--c-calls": "c_calls",
+    "--count": "count",
+    "--profile": "profile",
+    "--log": "log",
+}
 _VALUES = {
     "--include": lambda options, value: options.include.append(value),
     "--exclude": lambda options, value: options.exclude.append(value),

@@ -109,7 +109,7 @@ def time_text(nanoseconds):
 def _cells(row, duration):
     share = f"{100 * row.self / duration:.1f}" if duration else ""
     times = time_text(row.total), time_text(row.self)
-    return (_printable(row.name) or "(unnamed)", f"{row.count:,}", *times, share)
+    return (printable(row.name) or "(unnamed)", f"{row.count:,}", *times, share)
 
 
 def _place_text(place):
@@ -117,11 +117,11 @@ def _place_text(place):
     if not place:
         return ""
     file, line = place
-    text = f"{_printable(os.path.basename(file))}:{line}"
+    text = f"{printable(os.path.basename(file))}:{line}"
     return text if len(text) <= _MOST_PLACE else "..." + text[3 - _MOST_PLACE :]
 
 
-def _printable(name):
+def printable(name):
     return "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in name)
 
 

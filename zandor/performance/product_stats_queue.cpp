@@ -62,7 +62,6 @@ std::uint64_t Queue::dropped() const {
 }
 
 void Queue::run() {
-    std::unique_ptr<Store> store;
     std::unique_lock held(lock_);
     for (;;) {
         rowsCame_.wait(held, [this] { return closed_ || !rows_.empty(); });
@@ -70,7 +69,7 @@ void Queue::run() {
             break;
         const std::vector<Row> rows = std::exchange(rows_, {});
         held.unlock();
-        const std::string why = write(store, rows);
+        const std::string why = write(rows);
         held.lock();
         done_ += rows.size();
         if (why.empty()) {
@@ -89,14 +88,15 @@ void Queue::run() {
     }
 }
 
-std::string Queue::write(std::unique_ptr<Store>& store, const std::vector<Row>& rows) {
+std::string Queue::write(const std::vector<Row>& rows) {
+    const std::lock_guard guard(storeLock_);
     try {
-        if (!store)
-            store = std::make_unique<Store>(databaseFile());
-        store->write(rows);
+        if (!store_)
+            store_ = std::make_unique<Store>(databaseFile());
+        store_->write(rows);
         return {};
     } catch (const std::exception& error) {
-        store.reset();  // the next rows try anew
+        store_.reset();  // the next rows try anew
         return error.what();
     }
 }

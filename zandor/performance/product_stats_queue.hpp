@@ -35,17 +35,28 @@ class ZANDOR_PERFORMANCE_API Queue {
     void close();
     std::uint64_t dropped() const;
 
-    // A fork takes the lock, so that a child finds a whole queue to leave behind.
-    void lockForFork() { lock_.lock(); }
-    void unlockAfterFork() { lock_.unlock(); }
+    // A fork waits for the rows that are being written and closes the database, since SQLite's
+    // record of a process's locks is of no use in a child; so the child finds a whole queue to
+    // leave behind, and no database open.
+    void lockForFork() {
+        storeLock_.lock();
+        store_.reset();
+        lock_.lock();
+    }
+    void unlockAfterFork() {
+        lock_.unlock();
+        storeLock_.unlock();
+    }
 
   private:
     void startWriter();
     void run();
     /// Empty when the rows are written; else why not.
-    static std::string write(std::unique_ptr<Store>& store, const std::vector<Row>& rows);
+    std::string write(const std::vector<Row>& rows);
 
     [[maybe_unused]] const Queue* const parents_ = nullptr;  // still somebody's, so not lost
+    std::mutex storeLock_;                                   // taken before the other
+    std::unique_ptr<Store> store_;
     mutable std::mutex lock_;
     std::condition_variable rowsCame_;
     std::condition_variable rowsWent_;

@@ -9,6 +9,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -196,6 +197,35 @@ TEST_F(ProductStats, AreOpenedByAForkedChildForItself) {
                 ElementsAre("begin|parent|x|" + std::to_string(::getpid()),
                             "time|child|y|" + std::to_string(child),
                             "end|parent|x|" + std::to_string(::getpid())));
+}
+
+TEST_F(ProductStats, AreKeptByManyChildrenThatAreForkedWhileRowsAreWritten) {
+    constexpr int children = 20;
+    std::atomic<bool> ended{false};
+    std::thread busy([&] {
+        while (!ended) {
+            logEventTime("parent", "x");
+            flush();
+        }
+    });
+    int good = 0;
+    for (int i = 0; i < children; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) {
+            for (int row = 0; row < 5; ++row)
+                logEventTime("child", "y");
+            ::_exit(flush() ? 0 : 1);
+        }
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        good += status == 0;
+    }
+    ended = true;
+    busy.join();
+    EXPECT_EQ(good, children);
+    EXPECT_THAT(query(databaseFile(), "SELECT count(*) FROM event WHERE name = 'child'"),
+                ElementsAre(std::to_string(5 * children)));
+    EXPECT_THAT(query(databaseFile(), "PRAGMA integrity_check"), ElementsAre("ok"));
 }
 
 }  // namespace
