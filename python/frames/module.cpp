@@ -100,6 +100,7 @@ PyModuleDef definition = {
 
 PyObject* makeModule() {
     Ref module = Ref::take(PyModule_Create(&definition));
+    shareSections();
     addCCalls(module.get());
     return module.release();
 }

@@ -90,12 +90,7 @@ int sink(const char* text, std::size_t length) noexcept {
     if (!isInterpreterUp())
         return writeToDescriptor(whole);
     const instrument::SuppressEvents quiet;
-    return intoPython([&] {
-        const PyGILState_STATE lock = PyGILState_Ensure();
-        const int result = writeUnderLock(whole);
-        PyGILState_Release(lock);
-        return result;
-    });
+    return withLock([&] { return writeUnderLock(whole); });
 }
 
 }  // namespace

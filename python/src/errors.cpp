@@ -7,6 +7,7 @@
 #include <string>
 #include <system_error>
 
+#include "python_exception.hpp"
 #include "zandor/runtime/factory.hpp"
 #include "zandor/runtime/zandor.hpp"
 
@@ -65,6 +66,8 @@ void setPythonError() noexcept {
         throw;
     } catch (const PythonError&) {
         return;
+    } catch (const PythonException& error) {
+        error.restore();
     } catch (const std::bad_alloc&) {
         PyErr_NoMemory();
     } catch (const zandor::NotLoadedError& error) {

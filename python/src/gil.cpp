@@ -19,12 +19,34 @@ constinit thread_local int runningHere = 0;
 /// after the look at `running` sees that it is awaited.
 constinit std::atomic<bool> isAwaited{false};
 
-void endSections(int count) noexcept {
+void enterSections(int count) noexcept {
+    runningHere += count;
+    running.fetch_add(count);
+}
+
+void leaveSections(int count) noexcept {
     runningHere -= count;
     running.fetch_sub(count);
     if (isAwaited.load())
         running.notify_all();
 }
+
+int leaveAllSections() noexcept {
+    const int left = runningHere;
+    leaveSections(left);
+    return left;
+}
+
+/// Each module of the package has this code; a thread may be inside several of them at once.
+struct Counting {
+    void (*enter)(int count) noexcept;
+    void (*leave)(int count) noexcept;
+    int (*leaveAll)() noexcept;
+};
+
+constinit const Counting countingHere{enterSections, leaveSections, leaveAllSections};
+constinit const Counting* counting = &countingHere;
+constexpr char countingName[] = "vantrace._core._sections";
 
 /// Runs when the interpreter is gone, before destructors of static objects do, the plug-in's among
 /// them: no call of a thread that nobody joins may be among those objects then.
@@ -41,9 +63,19 @@ void recountSections() {
 
 }  // namespace
 
-void awaitSectionsAtExit() {
+void awaitSectionsAtExit(PyObject* core) {
+    const Ref capsule =
+        Ref::take(PyCapsule_New(const_cast<Counting*>(&countingHere), countingName, nullptr));
+    check(PyModule_AddObjectRef(core, "_sections", capsule.get()));
     Py_AtExit(awaitSections);
     pthread_atfork(nullptr, nullptr, recountSections);
+}
+
+void shareSections() {
+    const void* shared = PyCapsule_Import(countingName, 0);
+    if (!shared)
+        throw PythonError();
+    counting = static_cast<const Counting*>(shared);
 }
 
 void dropReference(PyObject* object) noexcept {
@@ -55,20 +87,29 @@ void dropReference(PyObject* object) noexcept {
 void park() noexcept {
     // Destructors of listeners run at the end of the process, and would wait for this thread.
     instrument::leaveListeners();
-    endSections(runningHere);
+    counting->leaveAll();
     for (;;)
         pause();
 }
 
 GilRelease::GilRelease() noexcept {
-    ++runningHere;
-    running.fetch_add(1);
+    counting->enter(1);
     state_ = PyEval_SaveThread();
 }
 
 GilRelease::~GilRelease() {
-    endSections(1);
+    counting->leave(1);
     intoPython([this] { PyEval_RestoreThread(state_); });
+}
+
+GilHold::GilHold() : state_(PyGILState_Ensure()), sections_(counting->leaveAll()) {}
+
+GilHold::~GilHold() {
+    // A thread that is being ended here has lost the lock.
+    if (_Py_IsFinalizing() && !PyGILState_Check())
+        return;
+    counting->enter(sections_);
+    PyGILState_Release(state_);
 }
 
 bool isInterpreterUp() noexcept {

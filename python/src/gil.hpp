@@ -16,8 +16,11 @@ namespace vantrace {
 /// Never returns.
 [[noreturn]] void park() noexcept;
 
-/// Has the end of the process wait for what runs without the lock then. Once, at import.
-void awaitSectionsAtExit();
+/// Has the end of the process wait for what runs without the lock then. Once, at import of _core,
+/// which counts for all modules of the package.
+void awaitSectionsAtExit(PyObject* core);
+/// Has this module's threads counted by _core, where one of them may be inside a section of it.
+void shareSections();
 
 /// Calls into the interpreter where other threads may get its lock.
 template <typename Call>
@@ -27,6 +30,29 @@ auto intoPython(Call call) -> decltype(call()) {
     } catch (abi::__forced_unwind&) {
         park();
     }
+}
+
+/// Takes the lock, whether the thread has it already or not. The process may end under it: who
+/// waits inside Python code for good never comes back to ours.
+class GilHold {
+  public:
+    GilHold();
+    ~GilHold();
+    GilHold(const GilHold&) = delete;
+    GilHold& operator=(const GilHold&) = delete;
+
+  private:
+    PyGILState_STATE state_;
+    int sections_;
+};
+
+/// Calls into the interpreter from any thread.
+template <typename Call>
+auto withLock(Call call) -> decltype(call()) {
+    return intoPython([&] {
+        const GilHold lock;
+        return call();
+    });
 }
 
 /// Lets other threads run for as long as it lives. The process does not end under it.

@@ -60,7 +60,7 @@ PyObject* makeModule() {
     addEvents(module.get());
     addRecorder(module.get());
     check(PyModule_AddStringConstant(module.get(), "version", VANTRACE_VERSION));
-    awaitSectionsAtExit();
+    awaitSectionsAtExit(module.get());
     installConsoleSink();
     return module.release();
 }

@@ -16,7 +16,7 @@
     from vantrace import performance  # the tree of published methods
 
 `python -m vantrace run script.py` records a whole script. `vantrace.host` loads and unloads
-plug-ins.
+plug-ins. `vantrace.tasks` takes work to be done in small steps.
 """
 
 try:
@@ -36,6 +36,7 @@ __all__ = [
     "instant",
     "performance",
     "record",
+    "tasks",
 ]
 
 
@@ -49,8 +50,8 @@ def __getattr__(name):
     if name == "performance":
         # Not kept: there is another one after unloading and loading.
         return import_module(".host", __name__).root("performance")
-    if name == "host":
-        return import_module(".host", __name__)
+    if name in ("host", "tasks"):
+        return import_module(f".{name}", __name__)
     if name not in _LATER:
         raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
     value = globals()[name] = getattr(import_module(_LATER[name], __name__), name)

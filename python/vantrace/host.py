@@ -5,6 +5,7 @@ was loaded, or something was unloaded here, nothing is loaded unasked any more.
 """
 
 import os
+import sys
 
 from . import _core
 from ._core import Method, NotLoadedError, Plugin, PluginError
@@ -45,6 +46,7 @@ def load(path=None):
     plugin = _core.load(default_plugin() if path is None else path)
     if path is None:
         _loads_unasked = False
+        _serve_prompt()
     _loaded[:] = [known for known in _loaded if known.is_loaded and known.path != plugin.path]
     _loaded.append(plugin)
     return plugin
@@ -94,6 +96,12 @@ def private(full_name):
         if plugins():
             raise
         raise NotLoadedError("plug-in is not loaded") from None
+
+
+def _serve_prompt():
+    """Where there is a prompt, the plug-in's tasks run at it."""
+    if hasattr(sys, "ps1") or sys.flags.interactive:
+        from . import tasks  # noqa: F401
 
 
 def _is_same(known, plugin):
