@@ -446,14 +446,14 @@ thread.join()
 
 def test_children_forked_while_tasks_run(python):
     code = """
-stop, begun = threading.Event(), threading.Event()
+stop, begun = threading.Event(), threading.Barrier(4)
+def one():
+    yield
 def run():
-    def one():
-        begun.set()
-        yield
+    begun.wait()
     while not stop.is_set():
         tasks.add(one)
-        manager.process(1000)
+        manager.finishAllTasks()
 threads = [threading.Thread(target=run) for _ in range(3)]
 for thread in threads: thread.start()
 begun.wait()

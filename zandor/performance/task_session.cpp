@@ -111,6 +111,7 @@ void TaskSession::finish() {
             if (!first)
                 first = std::current_exception();
         }
+        release(*task);
         position = 0;  // what was done may have changed the queue
     }
     if (first)

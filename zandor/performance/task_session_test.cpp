@@ -190,6 +190,13 @@ TEST(TaskSession, HoldsNoTaskThatItCompleted) {
     EXPECT_TRUE(task.expired());
 }
 
+TEST(TaskSession, HoldsNoTaskThatItFinished) {
+    TaskSession session("s");
+    const std::weak_ptr<Task> task = addSteps(session, "a", 1);
+    session.finishNow();
+    EXPECT_TRUE(task.expired());
+}
+
 TEST(TaskSession, CountsNestedTasksWhereAsked) {
     TaskSession session("s");
     const auto nested = std::make_shared<TaskSession>("nested");
