@@ -1,5 +1,6 @@
 """Tasks run while Python and IPython wait at their prompts, in a real terminal."""
 
+import os
 import sys
 
 import pexpect
@@ -13,9 +14,15 @@ class Prompt:
 
     def __init__(self, arguments, environment, cwd):
         self.terminal = pexpect.spawn(
-            sys.executable, arguments, env=environment, cwd=str(cwd), timeout=60, encoding="utf-8"
+            sys.executable,
+            arguments,
+            env=environment,
+            cwd=str(cwd),
+            dimensions=(24, 200),
+            timeout=60,
+            encoding="utf-8",
         )
-        self.terminal.setwinsize(24, 200)
+        self.terminal.delaybeforesend = None
 
     def type(self, line):
         self.terminal.send(line + "\r")
@@ -41,8 +48,6 @@ KINDS = {
 def fixture_prompt(request, tmp_path, monkeypatch):
     monkeypatch.setenv("HOME", str(tmp_path))
     monkeypatch.setenv("TERM", "xterm")
-    import os
-
     prompt = Prompt(KINDS[request.param], dict(os.environ), tmp_path)
     yield prompt
     prompt.terminal.close(force=True)
