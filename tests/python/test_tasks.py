@@ -20,6 +20,10 @@ pytestmark = pytest.mark.usefixtures("no_leaks", "empty_sessions")
 
 @pytest.fixture(name="empty_sessions")
 def fixture_empty_sessions():
+    """Nothing is pending before and after the test, and the main session's pause depth is 0."""
+    while not manager.isPaused():
+        manager.pause()
+    manager.resume()
     yield
     manager.removeAllTasks()
     manager.finishAllTasks()
