@@ -77,9 +77,8 @@ bool PythonTask::stepUnderLock() {
     const bool more = advance();
     isInStep_ = false;
     if (PyErr_Occurred()) {
-        auto error = PythonException::take(work.get());
         close();
-        throw error;
+        throw PythonException::take(work.get());
     }
     if (!more)
         close();
