@@ -87,7 +87,24 @@ PyObject* places(PyObject*, PyObject*) {
     });
 }
 
+/// CPython 3.11 counts down from the limit; the frames that are there already were counted.
+PyObject* addRecursions(PyObject*, PyObject* number) {
+    const int count = _PyLong_AsInt(number);
+    if (count == -1 && PyErr_Occurred())
+        return nullptr;
+    PyThreadState_Get()->recursion_remaining += count;
+    return Py_NewRef(Py_None);
+}
+
+PyObject* recursions(PyObject*, PyObject*) {
+    const PyThreadState* thread = PyThreadState_Get();
+    return PyLong_FromLong(thread->recursion_limit - thread->recursion_remaining);
+}
+
 PyMethodDef functions[] = {
+    {"recursions", recursions, METH_NOARGS, "How deep the calling thread is in calls."},
+    {"add_recursions", addRecursions, METH_O,
+     "Has the calling thread go so many calls deeper than its limit would let it."},
     {"start", asCFunction(start), METH_VARARGS | METH_KEYWORDS, "Begins to trace functions."},
     {"stop", stop, METH_NOARGS, "Ends it."},
     {"report", report, METH_NOARGS, "What was collapsed or not seen since the latest start."},

@@ -15,8 +15,8 @@
 
     from vantrace import performance  # the tree of published methods
 
-`python -m vantrace run script.py` records a whole script. `vantrace.host` loads and unloads
-plug-ins. `vantrace.tasks` takes work to be done in small steps.
+`python -m vantrace run script.py` records a whole script with all of its functions. `vantrace.host`
+loads and unloads plug-ins. `vantrace.tasks` takes work to be done in small steps.
 """
 
 try:

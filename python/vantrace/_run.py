@@ -9,6 +9,7 @@ import time
 from importlib.machinery import SourceFileLoader
 from types import ModuleType
 
+from . import _frames
 from ._cli import UsageError
 from ._listeners import Listeners
 from ._record import check_writable, record, writer
@@ -60,8 +61,14 @@ def _main_code(script, arguments, source):
 
 
 def _execute(code):
-    with _OwnFramesHidden():
-        exec(code, sys.modules["__main__"].__dict__)
+    # The script may recurse as deep as if it had been called first of all.
+    own = _frames.recursions()
+    _frames.add_recursions(own)
+    try:
+        with _OwnFramesHidden():
+            exec(code, sys.modules["__main__"].__dict__)
+    finally:
+        _frames.add_recursions(-own)
 
 
 class _OwnFramesHidden:

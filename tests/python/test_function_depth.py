@@ -157,6 +157,27 @@ print([row.count for row in recording.summary() if row.name.endswith("leaf")])
     assert (done.stdout, done.stderr) == ("[1]\n[1]\n", "")
 
 
+def test_a_script_may_recurse_as_deep_as_without_us(tmp_path):
+    script = tmp_path / "script.py"
+    script.write_text(
+        """
+import atexit, sys, threading
+def depth(number=1):
+    try:
+        return depth(number + 1)
+    except RecursionError:
+        return number
+print(depth())
+sys.setrecursionlimit(500)
+print(depth(), sys.getrecursionlimit())
+atexit.register(lambda: print(depth()))
+threading.Thread(target=lambda: print(depth())).start()
+"""
+    )
+    done = run_python("-m", "vantrace", "run", "-o", tmp_path / "t.json", script)
+    assert done.stdout == run_python(script).stdout != ""
+
+
 def test_run_tells_of_recursion_too_deep_to_trace(tmp_path):
     script = tmp_path / "script.py"
     script.write_text(
