@@ -63,13 +63,17 @@ void observeSubscripts(PyCodeObject* code) {
     const Py_ssize_t count = Py_SIZE(code);
     if (!mayHaveSubscripts(units, count))
         return;
-    // The code as it was compiled tells instructions and the data between them apart.
+    // The code as it was compiled tells instructions and the data between them apart. Once made it
+    // would be kept.
+    const bool isKept = code->_co_code != nullptr;
     const Ref compiled = Ref::take(PyCode_GetCode(code));
     const char* bytes = PyBytes_AS_STRING(compiled.get());
     for (Py_ssize_t i = 0; i < count; ++i) {
         if (static_cast<unsigned char>(bytes[2 * i]) == BINARY_SUBSCR)
             observe(units + i);
     }
+    if (!isKept)
+        Py_CLEAR(code->_co_code);
 }
 
 void keepGeneral(Frame* caller) noexcept {
