@@ -12,6 +12,7 @@
 
 namespace vantrace {
 
+using instrument::CallSummary;
 using instrument::InstrumentProfiler;
 
 namespace {
@@ -69,27 +70,27 @@ PyObject* clear(PyObject* self, PyObject*) {
     });
 }
 
-Ref rowOf(const InstrumentProfiler::CallStats& stats) {
-    return Ref::take(Py_BuildValue(
-        "(NKLLLLLL)", strOf(std::string_view(stats.name)).release(),
-        static_cast<unsigned long long>(stats.calls), static_cast<long long>(stats.total),
-        static_cast<long long>(stats.self), static_cast<long long>(stats.min),
-        static_cast<long long>(stats.max), static_cast<long long>(stats.median),
-        static_cast<long long>(stats.percentile99)));
+Ref rowOf(const CallSummary& stats) {
+    return Ref::take(
+        Py_BuildValue("(NKLLLLLL)", strOf(std::string_view(stats.name)).release(),
+                      static_cast<unsigned long long>(stats.calls),
+                      static_cast<long long>(stats.total), static_cast<long long>(stats.self),
+                      static_cast<long long>(stats.min), static_cast<long long>(stats.max),
+                      static_cast<long long>(stats.p50), static_cast<long long>(stats.p99)));
 }
 
 PyObject* summary(PyObject* self, PyObject*) {
     return guarded([&] {
-        const auto stats = withoutLock([&] { return profilerOf(self).getStats(); });
+        const auto stats = withoutLock([&] { return profilerOf(self).getSummary(); });
         Ref list = Ref::take(PyList_New(0));
-        for (const InstrumentProfiler::CallStats& line : stats)
+        for (const CallSummary& line : stats)
             check(PyList_Append(list.get(), rowOf(line).get()));
         return list.release();
     });
 }
 
-PyObject* bytesInUse(PyObject* self, void*) {
-    return PyLong_FromSize_t(profilerOf(self).bytesInUse());
+PyObject* lostEvents(PyObject* self, void*) {
+    return PyLong_FromUnsignedLongLong(profilerOf(self).lostEvents());
 }
 
 PyMethodDef methods[] = {
@@ -102,7 +103,7 @@ PyMethodDef methods[] = {
 };
 
 PyGetSetDef properties[] = {
-    {"bytes_in_use", bytesInUse, nullptr, "Bytes that the profile takes.", nullptr},
+    {"lost_events", lostEvents, nullptr, "Events that the system gave no memory for.", nullptr},
     {nullptr, nullptr, nullptr, nullptr, nullptr},
 };
 
@@ -114,7 +115,8 @@ void deallocate(PyObject* self) {
 }
 
 PyType_Slot slots[] = {
-    {Py_tp_doc, const_cast<char*>("Profiler()\n--\n\nTotals of the events between start and stop.")},
+    {Py_tp_doc,
+     const_cast<char*>("Profiler()\n--\n\nTotals of the events between start and stop.")},
     {Py_tp_new, asSlot(create)},
     {Py_tp_dealloc, asSlot(deallocate)},
     {Py_tp_methods, methods},

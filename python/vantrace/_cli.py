@@ -25,6 +25,8 @@ options of run (those after SCRIPT are the script's):
                       names; else their time is part of their callers'
   --c-calls           the C functions that functions call too, which slows all Python code
   --min-duration T    leave shorter ones out of a .json trace; T is a time such as 10us
+  --max-memory SIZE   bounds the memory for the trace, such as 64M; by default a quarter of all
+  --keep WHAT         what the trace keeps then: longest (default) events, first or last ones
   --sort KEY          the table's order: self (default), total, calls or name
   --top N             at most N rows (default 40; 0: all)
   --no-table          no table

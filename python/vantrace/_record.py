@@ -5,13 +5,17 @@ from collections import namedtuple
 
 from ._core import Recorder
 
-Summary = namedtuple("Summary", "name count total self minimum maximum")
-Summary.__doc__ = "Complete events of one name; times in nanoseconds."
+Summary = namedtuple(
+    "Summary", "name count total self minimum maximum p50 p99", defaults=(None, None)
+)
+Summary.__doc__ = """Complete events of one name; times in nanoseconds.
+
+Half of them keep to p50, 99 of 100 to p99, within an eighth; both None unless it has exact totals."""
 
 
 class record:
-    """record(path=None, *, max_bytes=0, keep="first", functions=False, include=(), exclude=(),
-    libraries=False, c_calls=False): records the events of all threads.
+    """record(path=None, *, max_bytes=0, keep="first", exact=False, functions=False, include=(),
+    exclude=(), libraries=False, c_calls=False): records the events of all threads.
 
         with vantrace.record("trace.json") as recording:
             ...
@@ -22,7 +26,8 @@ class record:
     each has a recorder of its own. A block that is entered again goes on with its recording.
 
     `max_bytes` bounds the memory for events (0: a quarter of the machine's). `keep` says what gives
-    way then: "first" refuses new events, "last" drops the oldest, "longest" the shortest.
+    way then: "first" refuses new events, "last" drops the oldest, "longest" the shortest. With
+    `exact` the summary counts what gave way, too.
 
     With `functions` each call of a Python function in any thread is an event too. `include` and
     `exclude` are patterns of the shell for their names, `module.qualname`. The time of functions
@@ -37,6 +42,7 @@ class record:
         *,
         max_bytes=0,
         keep="first",
+        exact=False,
         functions=False,
         include=(),
         exclude=(),
@@ -47,6 +53,11 @@ class record:
         if path is not None:
             writer(self.path)
         self._recorder = Recorder(max_bytes=max_bytes, keep=keep)
+        self._totals = None
+        if exact:
+            from ._profile import Profiler
+
+            self._totals = Profiler()
         self._functions = None
         if functions:
             from ._functions import Functions
@@ -57,12 +68,14 @@ class record:
         if self.path is not None:
             check_writable(self.path)
         self._recorder.start()
-        if self._functions:
-            try:
+        try:
+            if self._totals:
+                self._totals.start()
+            if self._functions:
                 self._functions.begin()
-            except BaseException:
-                self._recorder.stop()
-                raise
+        except BaseException:
+            self._stop_listening()
+            raise
         return self
 
     def __exit__(self, kind, error, traceback):
@@ -70,7 +83,7 @@ class record:
             if self._functions:
                 self._functions.end()
         finally:
-            self._recorder.stop()
+            self._stop_listening()
         if self.path is None:
             return
         try:
@@ -80,6 +93,11 @@ class record:
                 raise
             # The block's own exception is the one to hear about.
             error.add_note(f"vantrace: the trace was not written: {failure}")
+
+    def _stop_listening(self):
+        if self._totals:
+            self._totals.stop()
+        self._recorder.stop()
 
     def save(self, path, *, min_duration=None):
         """Writes what was recorded so far; the ending says how: .json or .folded.
@@ -91,7 +109,10 @@ class record:
 
     def summary(self):
         """Where the time went: a list of Summary, widest self time first."""
-        return [Summary(*line) for line in self._recorder.summary()]
+        if not self._totals:
+            return [Summary(*line) for line in self._recorder.summary()]
+        rows = [Summary(*line) for line in self._totals.summary()]
+        return sorted(rows, key=lambda row: (-row.self, row.name))
 
     def threads(self):
         """The names of the threads that have complete events."""
@@ -108,6 +129,8 @@ class record:
     def clear(self):
         """Forgets what was recorded so far."""
         self._recorder.clear()
+        if self._totals:
+            self._totals.clear()
 
     @property
     def is_active(self):

@@ -103,6 +103,17 @@ def _show_failed_hook(failure, error):
     sys.__excepthook__(type(error), error, error.__traceback__)
 
 
+class _Unheard:
+    """Takes the host's lines of what was dropped, which we say ourselves: standard output belongs
+    to the script."""
+
+    def write(self, text):
+        return len(text)
+
+    def flush(self):
+        pass
+
+
 class _Report:
     """The recording, and what is said of it in the end."""
 
@@ -146,14 +157,19 @@ class _Report:
             sys.stdout.flush()
         except (AttributeError, OSError, ValueError):
             pass  # closed, or its reader is gone: the interpreter says so itself
-        if self._table:
-            self._say(*self._table_lines(duration, cpu_time))
-        self._say(*self._listeners.lines())
-        self._write()
+        stdout, sys.stdout = sys.stdout, _Unheard()
+        try:
+            self._say(*self._result_lines(duration, cpu_time))
+            self._say(*self._listeners.lines())
+            self._write()
+        finally:
+            sys.stdout = stdout
 
-    def _table_lines(self, duration, cpu_time):
-        from ._table import Style, lines
+    def _result_lines(self, duration, cpu_time):
+        from ._table import Style, lines, losses
 
+        if not self._table:
+            return losses(self._recording)
         style = Style(_width(self._stderr), _has_colours(self._stderr))
         return lines(self._recording, duration, cpu_time, self._options, style)
 

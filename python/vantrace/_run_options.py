@@ -5,6 +5,8 @@ import re
 from ._cli import UsageError
 
 SORT_KEYS = ("self", "total", "calls", "name")
+KEEP = ("longest", "first", "last")
+_SIZES = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
 _UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
 
 
@@ -18,6 +20,8 @@ class RunOptions:
         self.include = []
         self.exclude = []
         self.min_duration = None  # nanoseconds
+        self.max_bytes = 0  # the recorder's own choice
+        self.keep = "longest"
         self.sort = "self"
         self.top = 40
         self.count = False
@@ -45,6 +49,9 @@ class RunOptions:
     def recording(self):
         """What vantrace.record takes of these."""
         return {
+            "max_bytes": self.max_bytes,
+            "keep": self.keep,
+            "exact": True,
             "functions": not self.events_only,
             "include": self.include,
             "exclude": self.exclude,
@@ -57,6 +64,17 @@ class RunOptions:
         if not match:
             raise UsageError(f"--min-duration takes a time such as 10us or 1.5ms, not {value!r}")
         self.min_duration = round(float(match[1]) * _UNITS[match[2]])
+
+    def _take_max_memory(self, value):
+        match = re.fullmatch(r"(\d+)([KMG])", value, re.ASCII)
+        if not match or int(match[1]) == 0:
+            raise UsageError(f"--max-memory takes a size such as 64M or 2G, not {value!r}")
+        self.max_bytes = int(match[1]) * _SIZES[match[2]]
+
+    def _take_keep(self, value):
+        if value not in KEEP:
+            raise UsageError(f"--keep takes one of {', '.join(KEEP)}, not {value!r}")
+        self.keep = value
 
     def _take_sort(self, value):
         if value not in SORT_KEYS:
@@ -81,6 +99,8 @@ _VALUES = {
     "--include": lambda options, value: options.include.append(value),
     "--exclude": lambda options, value: options.exclude.append(value),
     "--min-duration": RunOptions._take_min_duration,
+    "--max-memory": RunOptions._take_max_memory,
+    "--keep": RunOptions._take_keep,
     "--sort": RunOptions._take_sort,
     "--top": RunOptions._take_top,
 }

@@ -2,7 +2,9 @@
 
 import os
 
-_LEAST_NAME = 12
+_LEAST_NAME = 20
+_NUMBERS = 7  # columns without that of places
+_FEWEST_COLUMNS = 5
 _MOST_PLACE = 32
 
 _SORT = {
@@ -40,7 +42,9 @@ def lines(recording, duration, cpu_time, options, style):
         yield from _aligned(list(_table(recording, shown, duration)), style)
     if len(rows) > len(shown):
         yield f"... and {_counted(len(rows) - len(shown), 'more name')}"
-    yield from _notices(recording)
+    if functions:
+        yield from _collapsed(functions)
+    yield from losses(recording)
 
 
 def _cost_text(cpu_time, events, others):
@@ -52,7 +56,7 @@ def _cost_text(cpu_time, events, others):
 
 def _table(recording, rows, duration):
     """Head and rows; with a column of places where functions were traced."""
-    head = ("event", "calls", "total", "self", "self %")
+    head = ("event", "calls", "total", "self", "self %", "p50", "p99")
     if recording.functions() is None:
         yield head
         yield from (_cells(row, duration) for row in rows)
@@ -65,24 +69,33 @@ def _table(recording, rows, duration):
         yield (*_cells(row, duration), _place_text(known.get(row.name)))
 
 
-def _notices(recording):
-    """What the rows do not tell."""
+def _collapsed(functions):
+    """Of the calls that are no events but part of their callers."""
+    calls = functions["collapsed_calls"]
+    if calls:
+        yield (
+            f"vantrace: {_counted(calls, 'call')} of library functions "
+            f"{'is' if calls == 1 else 'are'} part of the callers; --all tells them apart"
+        )
+
+
+def losses(recording):
+    """The lines that say what is not in the trace, and what was not seen."""
     drops = recording.drops()
     dropped = sum(drops[cause] for cause in ("refused", "oldest", "shortest", "failed"))
     if dropped:
-        yield f"vantrace: {_counted(dropped, 'event')} dropped, for want of memory"
+        shortest = f", the shortest, up to {time_text(drops['minimum_duration'])}"
+        which = shortest if dropped == drops["shortest"] else ""
+        yield (
+            f"vantrace: for want of memory {_counted(dropped, 'event')}{which}, "
+            f"{'is' if dropped == 1 else 'are'} not in the trace; the table counts all"
+        )
     functions = recording.functions()
     if functions:
-        yield from _notices_of_functions(functions)
+        yield from _unseen(functions)
 
 
-def _notices_of_functions(functions):
-    collapsed = functions["collapsed_calls"]
-    if collapsed:
-        yield (
-            f"vantrace: {_counted(collapsed, 'call')} of library functions "
-            f"{'is' if collapsed == 1 else 'are'} part of the callers; --all tells them apart"
-        )
+def _unseen(functions):
     stretches = functions["deep_stretches"]
     if stretches:
         yield (
@@ -97,19 +110,20 @@ def _notices_of_functions(functions):
         yield "vantrace: another tool took out the hook that sees functions: some are missing"
 
 
-def time_text(nanoseconds):
-    """Four digits and a unit."""
+def time_text(nanoseconds, digits=4):
+    """So many digits and a unit."""
     for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
         value = nanoseconds / size
         if abs(value) >= 0.9995:
-            return f"{value:.{max(0, 3 - len(str(int(abs(value)))) + 1)}f} {unit}"
+            return f"{value:.{max(0, digits - len(str(int(abs(value)))))}f} {unit}"
     return f"{nanoseconds} ns"
 
 
 def _cells(row, duration):
     share = f"{100 * row.self / duration:.1f}" if duration else ""
     times = time_text(row.total), time_text(row.self)
-    return (printable(row.name) or "(unnamed)", f"{row.count:,}", *times, share)
+    typical = time_text(row.p50, 3), time_text(row.p99, 3)
+    return (printable(row.name) or "(unnamed)", f"{row.count:,}", *times, share, *typical)
 
 
 def _place_text(place):
@@ -128,20 +142,21 @@ def printable(name):
 def _aligned(rows, style):
     """Names to the left, cut to what the width leaves them; numbers to the right.
 
-    Where there is no room for places they are left out.
+    Where there is no room for them, places are left out, then the typical durations.
     """
     widths = [max(map(len, column)) for column in zip(*rows)]
     room = style.width - sum(widths[1:]) - 2 * (len(widths) - 1)
-    if len(widths) > 5 and room < min(widths[0], 2 * _LEAST_NAME):
-        yield from _aligned([row[:5] for row in rows], style)
+    if room < min(widths[0], _LEAST_NAME) and len(widths) > _FEWEST_COLUMNS:
+        fewer = _NUMBERS if len(widths) > _NUMBERS else _FEWEST_COLUMNS
+        yield from _aligned([row[:fewer] for row in rows], style)
         return
     widths[0] = min(widths[0], max(room, _LEAST_NAME))
     for number, (name, *cells) in enumerate(rows):
         if len(name) > widths[0]:
             name = name[: widths[0] - 3] + "..."
         texts = [name.ljust(widths[0])]
-        texts += [cell.rjust(width) for cell, width in zip(cells[:4], widths[1:])]
-        line = "  ".join(texts + cells[4:]).rstrip()
+        texts += [cell.rjust(width) for cell, width in zip(cells[: _NUMBERS - 1], widths[1:])]
+        line = "  ".join(texts + cells[_NUMBERS - 1 :]).rstrip()
         yield f"\x1b[1m{line}\x1b[0m" if number == 0 and style.has_colours else line
 
 

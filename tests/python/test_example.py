@@ -1,5 +1,6 @@
 """The example that ships with the project: right, and recorded."""
 
+import os
 import re
 from collections import Counter
 from pathlib import Path
@@ -16,7 +17,8 @@ HEAT = Path(__file__).resolve().parents[2] / "examples/heat.py"
 def fixture_recorded(tmp_path_factory):
     """The finished process and its trace."""
     trace = tmp_path_factory.mktemp("heat") / "trace.json"
-    done = run_python("-m", "vantrace", "run", "-o", trace, HEAT)
+    wide = os.environ | {"COLUMNS": "160"}
+    done = run_python("-m", "vantrace", "run", "-o", trace, HEAT, env=wide)
     assert done.returncode == 0, done.stderr
     return done, trace.read_text(encoding="utf-8")
 
@@ -91,7 +93,7 @@ def test_the_table_tells_where_the_time_went(recorded):
     lines = recorded[0].stderr.splitlines()
     assert ", 2 threads, " in lines[0]
     table = [line for line in lines if not line.startswith("vantrace: ")][1:]
-    names = {line.split("  ")[0].strip() for line in table}
-    assert {"iteration", "__main__.conjugate_gradients"} < names
-    shares = [float(re.search(r"s +(\d+\.\d)(?:  \S+)?$", line)[1]) for line in table]
+    cells = [re.split(r"  +", line) for line in table]
+    assert {"iteration", "__main__.conjugate_gradients"} < {name for name, *_ in cells}
+    shares = [float(share) for _, _, _, _, share, *_ in cells]
     assert shares == sorted(shares, reverse=True)

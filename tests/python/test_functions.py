@@ -443,3 +443,40 @@ print([row.count for row in recording.summary()])
 """
     done = run_python("-c", code)
     assert (done.stdout, done.stderr) == ("[2]\n[2]\n", "")
+
+
+def test_totals_are_exact_however_little_memory():
+    with vantrace.record(
+        functions=True, exact=True, max_bytes=1 << 20, keep="longest"
+    ) as recording:
+        outer(200_000)
+    assert recording.drops()["shortest"] > 100_000
+    assert calls(recording) == {"outer": 1, "plain": 200_000}
+    for row in recording.summary():
+        assert row.minimum * 7 // 8 <= row.p50 <= row.p99 <= row.maximum * 9 // 8
+        assert row.self <= row.total
+
+
+def test_self_times_of_a_thread_add_up_to_its_time():
+    def work():
+        outer(10_000)
+        [plain(number) for number in range(10_000)]
+
+    recording = recorded(work, exact=True)
+    rows = {row.name.rpartition(".")[2]: row for row in recording.summary()}
+    assert sum(row.self for row in rows.values()) == rows["work"].total
+
+
+def test_exact_totals_of_a_recording_that_goes_on_and_begins_anew():
+    recording = vantrace.record(functions=True, exact=True)
+    for _ in range(2):
+        with recording:
+            outer(2)
+    assert calls(recording) == {"outer": 2, "plain": 4}
+    recording.clear()
+    assert recording.summary() == []
+
+
+def test_typical_durations_are_for_exact_totals():
+    [row] = recorded(plain, 1).summary()
+    assert (row.p50, row.p99) == (None, None)

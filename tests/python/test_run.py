@@ -71,7 +71,7 @@ def test_a_script_is_recorded(run, script, tmp_path):
 def test_the_table_and_the_trace_s_place_go_to_standard_error(run, script, tmp_path):
     lines = run("--events-only", "-o", "trace.json", script(RECORDED)).stderr.decode().splitlines()
     assert re.fullmatch(r"vantrace: [\d.]+ [mu]?s wall time, 1 thread, 1 event", lines[0])
-    assert lines[1].split() == ["event", "calls", "total", "self", "self", "%"]
+    assert lines[1].split() == "event calls total self self % p50 p99".split()
     assert lines[2].split()[:2] == ["solve", "1"]
     assert lines[3] == f"vantrace: the trace is {tmp_path / 'trace.json'}"
     assert len(lines) == 4
@@ -103,6 +103,20 @@ def test_collapsed_stacks(run, script, tmp_path):
     run("--events-only", "--output=stacks.folded", script(RECORDED))
     [line] = (tmp_path / "stacks.folded").read_text().splitlines()
     assert line.startswith("MainThread;solve ")
+
+
+@pytest.mark.parametrize("options", [[], ["--no-table"]])
+def test_what_was_dropped_is_told_and_not_on_standard_output(run, script, options):
+    path = script(
+        "import vantrace\n"
+        "for _ in range(100_000):\n"
+        "    with vantrace.event('n'): pass\n"
+        "print('done')"
+    )
+    done = run("-o", "t.json", "--max-memory", "1M", *options, path)
+    assert done.stdout == b"done\n"
+    assert done.stderr.count(b"vantrace: for want of memory ") == 1
+    assert b"recorder: " not in done.stderr
 
 
 def test_traces_without_a_name_of_their_own_never_replace_each_other(run, script, tmp_path):

@@ -26,6 +26,9 @@ work()
 """
 
 
+HEAD = ("calls", "total", "self", "self %", "p50", "p99", "place")
+
+
 @pytest.fixture(name="run")
 def fixture_run(tmp_path):
     """Runs the script with options; gives the lines on standard error."""
@@ -141,11 +144,33 @@ def test_the_table_is_as_long_as_asked(run):
     assert "... and 4 more names" in lines
 
 
-@pytest.mark.parametrize("columns", [50, 80, 200])
-def test_the_table_keeps_to_the_width(run, columns):
+@pytest.mark.parametrize(
+    ("columns", "last"), [(60, "self %"), (80, "p99"), (100, "place"), (200, "place")]
+)
+def test_the_table_keeps_to_the_width(run, columns, last):
     table = [line for line in run(columns=columns) if not line.startswith("vantrace:")]
     assert max(map(len, table)) <= columns
-    assert ("place" in table[0]) == (columns > 50)
+    assert table[0].endswith(last)
+
+
+def test_the_table_tells_typical_durations(run):
+    cells = dict(zip(HEAD, rows(run())["__main__.busy"]))
+    assert re.fullmatch(r"\d+\.\d ms", cells["p50"])
+    assert 9 < float(cells["p50"].split()[0]) < 50
+
+
+def test_little_memory_shortens_the_trace_and_not_the_table(run, tmp_path):
+    (tmp_path / "script.py").write_text(
+        "def fast(): pass\nfor _ in range(100_000): fast()\nprint('done')"
+    )
+    lines = run("--max-memory", "1M")
+    assert rows(lines)["__main__.fast"][0] == "100,000"
+    [notice] = [line for line in lines if "for want of memory" in line]
+    assert re.fullmatch(
+        r"vantrace: for want of memory [\d,]+ events, the shortest, up to [\d.]+ [nmu]?s, "
+        r"are not in the trace; the table counts all",
+        notice,
+    )
 
 
 @pytest.mark.parametrize(
@@ -154,6 +179,8 @@ def test_the_table_keeps_to_the_width(run, columns):
         (["--include", "*", "--sort"], "--sort takes a value"),
         (["--min-duration", "5"], "--min-duration takes a time such as 10us or 1.5ms, not '5'"),
         (["--sort", "size"], "--sort takes one of self, total, calls, name, not 'size'"),
+        (["--max-memory", "64"], "--max-memory takes a size such as 64M or 2G, not '64'"),
+        (["--keep", "all"], "--keep takes one of longest, first, last, not 'all'"),
         (["--top", "-1"], "--top takes a number of rows, not '-1'"),
         (["--alll"], "run has no option '--alll'"),
     ],
