@@ -91,6 +91,7 @@ const ClockSource& currentSource() noexcept {
 }  // namespace
 
 constinit std::atomic<ClockKind> clockKind{ClockKind::undecided};
+constinit std::atomic<std::uint32_t> clockNumber{0};
 
 std::uint64_t readTicksSlowly() noexcept {
     return currentSource().readTicks();
@@ -99,6 +100,7 @@ std::uint64_t readTicksSlowly() noexcept {
 void replaceClockSource(const ClockSource* replacement) noexcept {
     const Locked locked(processState().clock);
     install(replacement ? *replacement : bestSource());
+    clockNumber.fetch_add(1, std::memory_order_relaxed);
 }
 
 void TickReader::find(std::uint64_t ticks) noexcept {

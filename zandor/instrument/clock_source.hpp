@@ -95,6 +95,9 @@ class ZANDOR_INSTRUMENT_API TickReader {
 /// reads it.
 ZANDOR_INSTRUMENT_API void replaceClockSource(const ClockSource* source) noexcept;
 
+/// Another one for each replacement.
+extern constinit std::atomic<std::uint32_t> clockNumber;
+
 enum class ClockKind : std::uint8_t { undecided, tsc, other };
 /// Relaxed: whoever sees it undecided decides, with the same result.
 extern constinit std::atomic<ClockKind> clockKind;

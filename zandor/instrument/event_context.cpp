@@ -5,7 +5,6 @@
 #include "context_text.hpp"
 #include "event_context_access.hpp"
 #include "source_info.hpp"
-#include "zandor/instrument/clock.hpp"
 
 namespace instrument {
 namespace {
@@ -19,6 +18,14 @@ std::string_view keptName(std::string_view name, bool isKept) {
     throw std::bad_alloc();
 }
 
+/// What a thread converted its latest event's ticks by. Events are told of inside listeners only,
+/// where those of a signal handler are not delivered: none finds it half changed.
+struct LatestLine {
+    std::uint32_t clockNumber;
+    detail::TickReader reader;
+};
+constinit thread_local LatestLine latestLine{0, {}};
+
 }  // namespace
 
 std::uint64_t EventContext::ticks() const {
@@ -26,7 +33,14 @@ std::uint64_t EventContext::ticks() const {
 }
 
 std::int64_t EventContext::time() const {
-    return timeIsGiven_ ? time_ : clock::toNanoseconds(ticks());
+    if (timeIsGiven_)
+        return time_;
+    LatestLine& latest = latestLine;
+    // Relaxed: clocks are replaced while no event happens.
+    const std::uint32_t number = detail::clockNumber.load(std::memory_order_relaxed);
+    if (latest.clockNumber != number) [[unlikely]]
+        latest = {number, {}};
+    return latest.reader(ticks());
 }
 
 std::uint64_t EventContext::sourceId() const noexcept {
