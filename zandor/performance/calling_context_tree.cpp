@@ -150,7 +150,7 @@ void CallingContextTree::count(CallNode& node, const EndedCall& call) noexcept {
     if (!call.isNested)
         increase(node.total, duration);
     increase(node.self, duration - call.inside);
-    node.histogram.add(duration);
+    node.durations->add(duration);
     node.calls.store(calls + 1, std::memory_order_relaxed);
 }
 
@@ -179,7 +179,11 @@ std::uint32_t CallingContextTree::addNode(std::uint32_t parent, const Opaque* in
     }
     if ((count * 2 >= slotCount_ && !growSlots()) || !nodes_.provide(count))
         return none;
+    DurationHistogram* const durations = durationsOf(instrument);
+    if (!durations)
+        return none;
     CallNode& node = nodes_[count];
+    node.durations = durations;
     node.instrument = instrument;
     node.parent = parent;
     node.depth = nodes_[parent].depth + 1;
@@ -190,6 +194,22 @@ std::uint32_t CallingContextTree::addNode(std::uint32_t parent, const Opaque* in
     // Pairs with the acquire in forEach.
     nodeCount_.store(count + 1, std::memory_order_release);
     return count;
+}
+
+DurationHistogram* CallingContextTree::durationsOf(const Opaque* instrument) noexcept {
+    if (!durationsPlaces_.provideUpTo(instrument->id))
+        return nullptr;
+    std::uint32_t& place = durationsPlaces_[instrument->id];
+    if (place == 0) {
+        const std::uint32_t count = durationsCount_.load(std::memory_order_relaxed);
+        if (!durations_.provide(count))
+            return nullptr;
+        durations_[count].instrument = instrument;
+        // Pairs with the acquire in forEachDurations.
+        durationsCount_.store(count + 1, std::memory_order_release);
+        place = count + 1;
+    }
+    return &durations_[place - 1].histogram;
 }
 
 bool CallingContextTree::isInside(std::uint32_t node, const Opaque* instrument) const noexcept {

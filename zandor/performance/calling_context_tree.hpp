@@ -33,6 +33,13 @@ struct CallNode {
     std::atomic<std::int64_t> self;
     std::atomic<std::int64_t> min;
     std::atomic<std::int64_t> max;
+    DurationHistogram* durations;  ///< shared by all paths to the instrument
+};
+
+/// The durations of an instrument's calls, however they came about: few, so that they stay near at
+/// hand where paths are many.
+struct InstrumentDurations {
+    const Opaque* instrument;
     DurationHistogram histogram;
 };
 
@@ -110,6 +117,16 @@ class CallingContextTree {
             visit(static_cast<const CallNode&>(nodes_[node]));
     }
 
+    /// Calls visit(const InstrumentDurations&) for each instrument. From any thread; has the calls
+    /// that a visit of the paths before told of.
+    template <class Visit>
+    void forEachDurations(Visit visit) const {
+        // Pairs with the release in durationsOf.
+        const std::uint32_t count = durationsCount_.load(std::memory_order_acquire);
+        for (std::uint32_t place = 0; place < count; ++place)
+            visit(static_cast<const InstrumentDurations&>(durations_[place]));
+    }
+
   private:
     /// An open call. Those of a stack have rising serials.
     struct Frame {
@@ -126,6 +143,7 @@ class CallingContextTree {
                           std::int64_t start) noexcept;
     std::uint32_t addNode(std::uint32_t parent, const Opaque* instrument,
                           std::int64_t start) noexcept;
+    DurationHistogram* durationsOf(const Opaque* instrument) noexcept;
     bool isInside(std::uint32_t node, const Opaque* instrument) const noexcept;
     std::size_t slotOf(std::uint32_t parent, const Opaque* instrument) const noexcept;
     bool growSlots() noexcept;
@@ -148,7 +166,11 @@ class CallingContextTree {
     std::size_t slotCount_ = 0;
 
     MappedChunks<Frame, 256, 4096> frames_;
-    MappedChunks<CallNode, 16, 16384> nodes_;  // the first is the root
+    MappedChunks<CallNode, 256, 1024> nodes_;  // the first is the root
+    std::atomic<std::uint32_t> durationsCount_{0};
+    MappedChunks<InstrumentDurations, 8, 16384> durations_;
+    /// By the instrument's number: the place of its durations and 1, or 0.
+    MappedChunks<std::uint32_t, 4096, 256> durationsPlaces_;
 };
 
 }  // namespace instrument::detail

@@ -42,6 +42,14 @@ class MappedChunks {
         return memory != nullptr;
     }
 
+    /// The same where those before it may have none yet.
+    bool provideUpTo(std::size_t index) noexcept {
+        for (std::size_t chunk = 0; chunk <= index / perChunk; ++chunk)
+            if (!provide(chunk * perChunk))
+                return false;
+        return true;
+    }
+
     T& operator[](std::size_t index) const noexcept {
         return chunks_[index / perChunk].load(std::memory_order_acquire)[index % perChunk];
     }

@@ -36,7 +36,6 @@ struct CallSums {
         self += node.self.load(std::memory_order_relaxed);
         min = std::min(min, node.min.load(std::memory_order_relaxed));
         max = std::max(max, node.max.load(std::memory_order_relaxed));
-        durations.add(node.histogram);
     }
 
     CallSummary summary(const Opaque* instrument, std::int64_t origin) const {
@@ -104,6 +103,9 @@ class ProfilerCore {
             if (const auto first = tree.firstEvent())
                 origin = std::min(origin, *first);
             tree.forEach([&](const CallNode& node) { sums[node.instrument].add(node); });
+            tree.forEachDurations([&](const InstrumentDurations& known) {
+                sums[known.instrument].durations.add(known.histogram);
+            });
         });
         std::vector<CallSummary> rows;
         for (const auto& [instrument, sum] : sums)
