@@ -48,7 +48,8 @@ bool isResumed(const Frame* frame) noexcept {
     return learnFunction(frame, caller);
 }
 
-PyObject* evaluateEvent(PyThreadState* thread, Frame* frame, int throws, const Opaque* instrument) {
+[[gnu::noinline]] PyObject* evaluateEvent(PyThreadState* thread, Frame* frame, int throws,
+                                          const Opaque* instrument) {
     const EventId id = startCall(instrument);
     PyObject* result = goOn(thread, frame, throws);
     stopCall(instrument, id);
@@ -89,12 +90,13 @@ PyObject* evaluateInImport(PyThreadState* thread, Frame* frame, int throws,
     return result;
 }
 
+/// A jump, with nothing of ours left on the stack, where possible.
 PyObject* evaluateOther(PyThreadState* thread, Frame* frame, int throws, const Function* function) {
     if (function && function->kind == FunctionKind::import)
         return evaluateImport(thread, frame, throws);
     if (function && function->kind == FunctionKind::collapsed)
         ++tracing.collapsedCalls;
-    return goOn(thread, frame, throws);
+    return tracing.next(thread, frame, throws);
 }
 
 PyObject* evaluateTraced(PyThreadState* thread, Frame* frame, int throws) {
@@ -182,7 +184,7 @@ void lookAtThread(PyThreadState* thread) noexcept {
 
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
     if (!tracing.isOn) [[unlikely]]
-        return goOn(thread, frame, throws);
+        return tracing.next(thread, frame, throws);
     if (tracedThread.session != tracing.session) [[unlikely]]
         lookAtThread(thread);
     if (static_cast<const char*>(__builtin_frame_address(0)) < tracedThread.limit) [[unlikely]]
