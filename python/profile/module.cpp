@@ -131,10 +131,10 @@ PyModuleDef definition = {
     PyModuleDef_HEAD_INIT, "_profile", nullptr, -1, nullptr, nullptr, nullptr, nullptr, nullptr};
 
 PyObject* makeModule() {
+    shareSections();
     Ref module = Ref::take(PyModule_Create(&definition));
     const Ref type = Ref::take(PyType_FromSpec(&spec));
     check(PyModule_AddObjectRef(module.get(), "Profiler", type.get()));
-    awaitSectionsAtExit();
     return module.release();
 }
 
