@@ -7,7 +7,6 @@
 #include <string_view>
 #include <utility>
 
-
 namespace instrument::detail {
 
 namespace {
