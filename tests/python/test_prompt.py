@@ -1,5 +1,6 @@
 """Tasks run while Python and IPython wait at their prompts, in a real terminal."""
 
+import contextlib
 import os
 import sys
 
@@ -44,13 +45,24 @@ KINDS = {
 }
 
 
-@pytest.fixture(name="prompt", params=KINDS)
-def fixture_prompt(request, tmp_path, monkeypatch):
+@pytest.fixture(name="start")
+def fixture_start(tmp_path, monkeypatch):
+    """Starts an interpreter of a kind; one a test."""
     monkeypatch.setenv("HOME", str(tmp_path))
     monkeypatch.setenv("TERM", "xterm")
-    prompt = Prompt(KINDS[request.param], dict(os.environ), tmp_path)
-    yield prompt
-    prompt.terminal.close(force=True)
+    with contextlib.ExitStack() as stack:
+
+        def start(kind):
+            prompt = Prompt(KINDS[kind], dict(os.environ), tmp_path)
+            stack.callback(prompt.terminal.close, force=True)
+            return prompt
+
+        yield start
+
+
+@pytest.fixture(name="prompt", params=KINDS)
+def fixture_prompt(request, start):
+    return start(request.param)
 
 
 # What is typed does not have the text that is waited for.
@@ -134,4 +146,18 @@ def test_tasks_of_the_host_run_without_a_word_about_tasks(prompt):
     prompt.type("manager.setLoggingEnabled(True)")
     prompt.type("performance.utils.queueLoadLibrary('no such' + ' library')")
     prompt.expect("utLoadLibrary(no such library) failed")
+    assert prompt.end() == 0
+
+
+def test_an_earlier_input_hook_is_called_as_well(start):
+    prompt = start("python")
+    prompt.type("import ctypes, threading; called = threading.Event()")
+    prompt.type("hook = ctypes.CFUNCTYPE(ctypes.c_int)(lambda: (called.set(), 0)[1])")
+    prompt.type("slot = ctypes.c_void_p.in_dll(ctypes.pythonapi, 'PyOS_InputHook')")
+    prompt.type("slot.value = ctypes.cast(hook, ctypes.c_void_p).value")
+    begin(prompt)
+    prompt.type("called.clear(); tasks.add(lambda: say('task'))")
+    prompt.expect("<task>")
+    prompt.type("say('called ' + str(called.wait()))")
+    prompt.expect("<called True>")
     assert prompt.end() == 0

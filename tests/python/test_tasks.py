@@ -10,7 +10,7 @@ import weakref
 
 import pytest
 from conftest import run_python
-from vantrace import performance, tasks
+from vantrace import _tasks, performance, tasks
 
 manager = performance.cooperativeTaskManager
 AMPLE = 60_000_000  # microseconds
@@ -115,6 +115,24 @@ def test_the_ppe_session_waits_for_the_prompt(log):
     assert log == []
     manager.finishAllTasks()
     assert log == ["step 0", "step closed"]
+
+
+def test_an_idle_prompt_is_told_whether_to_come_back_at_once(log):
+    def endless():
+        while True:
+            yield
+
+    assert not _tasks.run_idle_slice()
+    tasks.add(endless())
+    assert _tasks.run_idle_slice()
+    manager.pause()
+    assert not _tasks.run_idle_slice()
+    manager.resume()
+    manager.removeAllTasks()
+    tasks.add(log.steps(1, "main"))
+    tasks.add(log.steps(1, "ppe"), session="ppe")
+    assert not _tasks.run_idle_slice()
+    assert log == ["main 0", "main closed", "ppe 0", "ppe closed"]
 
 
 @pytest.mark.parametrize("name", ["", "100%s", "gr\xf6\xdfe \u4e2d \U0001f600", "lone \ud800", "x" * 5000])
