@@ -65,9 +65,8 @@ def profiled(text):
 def test_without_them_nothing_of_theirs_is_said(run):
     said = run()
     assert "Logging" not in said and "count  event" not in said
-    assert [line for line in said.splitlines() if line.startswith("event")] == [
-        line for line in said.splitlines() if line.startswith("event  calls")
-    ]
+    heads = [line for line in said.splitlines() if line.startswith("event")]
+    assert len(heads) == 1  # the recording's own table
 
 
 def test_the_counter_alone(run):
@@ -99,17 +98,3 @@ def test_functions_are_heard_too(tmp_path):
     said = run_python(*command, cwd=tmp_path).stderr
     assert counted(said)["__main__.f"] == 5
     assert profiled(said)["__main__.f"] == 5
-
-
-def test_the_script_finds_the_switches_given_back_when_it_ends(tmp_path):
-    """An exit handler of its own that was there before, as the interpreter's own threads' are."""
-    script = tmp_path / "script.py"
-    script.write_text(
-        "import threading\n"
-        "from vantrace import performance\n"
-        "performance.instrument.controls.enable('kept')\n"
-    )
-    options = ["--log", "--count", "--profile", "--no-table"]
-    command = ["-m", "vantrace", "run", "-o", "t.json", *options, script]
-    done = run_python(*command, cwd=tmp_path)
-    assert (done.returncode, done.stdout) == (0, "")
