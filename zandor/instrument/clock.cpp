@@ -97,6 +97,11 @@ std::uint64_t readTicksSlowly() noexcept {
     return currentSource().readTicks();
 }
 
+const TickConverter& tickConverter() noexcept {
+    currentSource();
+    return converter;
+}
+
 void replaceClockSource(const ClockSource* replacement) noexcept {
     const Locked locked(processState().clock);
     install(replacement ? *replacement : bestSource());

@@ -53,6 +53,11 @@ class ZANDOR_INSTRUMENT_API TickConverter {
     /// only. `lock` is taken when a knot has to be added.
     Line lineFor(std::uint64_t ticks, Lock& lock) noexcept;
     std::uint32_t knotCount() const noexcept { return count_.load(std::memory_order_acquire); }
+    const Knot& knot(std::uint32_t index) const noexcept;
+    /// The present moment by both clocks.
+    Knot measure() const noexcept;
+    /// Of the line between two knots.
+    static std::uint64_t slopeBetween(const Knot& from, const Knot& to) noexcept;
 
   private:
     static constexpr std::uint32_t firstBlock = 256;
@@ -64,8 +69,6 @@ class ZANDOR_INSTRUMENT_API TickConverter {
         Knot newer;
     };
 
-    const Knot& knot(std::uint32_t index) const noexcept;
-    Knot measure() const noexcept;
     double rateAt(const Knot& now) noexcept;
     void extend(std::uint64_t ticks) noexcept;
     bool append(Knot next) noexcept;
@@ -90,6 +93,9 @@ class ZANDOR_INSTRUMENT_API TickReader {
     void find(std::uint64_t ticks) noexcept;
     TickConverter::Line line_{};
 };
+
+/// The process's own converter; it has a knot.
+ZANDOR_INSTRUMENT_API const TickConverter& tickConverter() noexcept;
 
 /// Has the process read another clock; null gives back the first. For tests, while nothing else
 /// reads it.

@@ -10,6 +10,7 @@
 #include "listener_array.hpp"
 #include "names.hpp"
 #include "process_state.hpp"
+#include "run_file.hpp"
 #include "text_table.hpp"
 #include "zandor/instrument/controls.hpp"
 
@@ -91,6 +92,10 @@ Element& insertElement(std::string_view name, std::uint64_t hash) {
     Element* element = makeElement(name);
     if (!element)
         throw std::bad_alloc();
+    {
+        const Locked journals(processState().texts);
+        journalInstrument(*element);
+    }
     elements.insert(*element, hash);
     return *element;
 }

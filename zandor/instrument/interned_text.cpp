@@ -6,6 +6,7 @@
 
 #include "blocks.hpp"
 #include "process_state.hpp"
+#include "run_file.hpp"
 #include "text_table.hpp"
 #include "zandor/runtime/console.hpp"
 
@@ -31,8 +32,11 @@ const InternedText* insertText(std::string_view text, std::uint64_t hash) noexce
     if (const InternedText* known = texts.find(text, hash))
         return known;
     InternedText* copy = texts.reserve() ? copyText(text) : nullptr;
-    if (copy)
-        texts.insert(*copy, hash);
+    if (!copy)
+        return nullptr;
+    // Before anybody can find it, so that no record is committed whose texts are not.
+    journalText(*copy);
+    texts.insert(*copy, hash);
     return copy;
 }
 
@@ -40,6 +44,10 @@ const InternedText* insertText(std::string_view text, std::uint64_t hash) noexce
 
 const InternedText& InternedText::fromId(std::uint32_t id) noexcept {
     return *texts.at(id);
+}
+
+std::uint32_t internedTextCount() noexcept {
+    return texts.size();
 }
 
 const InternedText* findInterned(std::string_view text) noexcept {

@@ -31,6 +31,8 @@ struct InternedText {
 /// The one copy of a text; null when the system gives no memory. A known one is found without a
 /// lock. Safe in signal handlers.
 ZANDOR_INSTRUMENT_API const InternedText* intern(std::string_view text) noexcept;
+/// Texts have the numbers below it.
+std::uint32_t internedTextCount() noexcept;
 /// The known copy, or null.
 const InternedText* findInterned(std::string_view text) noexcept;
 

@@ -11,6 +11,7 @@ namespace instrument::detail {
 
 struct ListenerArray;
 struct RuleList;
+struct RunFile;
 struct SourceInfo;
 
 struct FreeBlock {
@@ -42,6 +43,7 @@ struct ProcessState {
     SourceInfo* retiredSources = nullptr;
 
     Lock texts;
+    RunFile* runFiles = nullptr;  ///< that are written to; under the texts' lock
     Lock clock;
 
     Lock blocks;

@@ -93,7 +93,8 @@ namespace {
 
 Compaction* compactionOf(Generation& generation) noexcept {
     if (!generation.compaction) {
-        std::byte* memory = mapInto(generation.mappings, mappingHeader + sizeof(Compaction));
+        std::byte* memory =
+            mapInto(generation.mappings, mappingHeader + sizeof(Compaction), nullptr);
         if (memory)  // zero already, and touched as it is needed
             generation.compaction = reinterpret_cast<Compaction*>(memory + mappingHeader);
     }

@@ -4,12 +4,11 @@
 #include <bit>
 #include <string>
 
+#include "control_registry.hpp"
 #include "zandor/instrument/event_context.hpp"
 
 namespace instrument::detail {
 namespace {
-
-constexpr std::uint32_t numberMark = 0xffff'fff0;
 
 bool isText(const ContextValue& value) noexcept {
     return value.kind() == ContextValue::Kind::text;
@@ -69,7 +68,24 @@ std::uint64_t hashOf(std::span<const Word> words) noexcept {
     return hash;
 }
 
+class NamesOfThisProcess : public RecordNames {
+  public:
+    std::string_view text(std::uint32_t number) const noexcept override {
+        return InternedText::fromId(number).view();
+    }
+    const Opaque* instrument(std::uint32_t number) const noexcept override {
+        return instrumentFromId(number);
+    }
+};
+
 }  // namespace
+
+RecordNames::~RecordNames() = default;
+
+const RecordNames& RecordNames::ofThisProcess() noexcept {
+    static const NamesOfThisProcess names;
+    return names;
+}
 
 std::size_t contextWords(const NewContext& context) noexcept {
     if (context.args.empty())
@@ -119,7 +135,7 @@ ContextSet makeContextSet(ContextArgs args) {
     return set;
 }
 
-ContextTable::ContextTable() : contexts_(1), slots_(64) {}
+ContextTable::ContextTable(const RecordNames& names) : names_(names), contexts_(1), slots_(64) {}
 
 std::uint32_t ContextTable::placeOfWords(std::span<const Word> words) {
     const std::uint64_t hash = hashOf(words);
@@ -159,11 +175,10 @@ void ContextTable::grow() {
 ContextRange ContextTable::decode(std::span<const Word> words) {
     const auto first = static_cast<std::uint32_t>(args_.size());
     for (std::size_t i = 0; i < words.size(); ++i) {
-        const std::string_view name =
-            InternedText::fromId(static_cast<std::uint32_t>(words[i] >> 32)).view();
+        const std::string_view name = names_.text(static_cast<std::uint32_t>(words[i] >> 32));
         const auto value = static_cast<std::uint32_t>(words[i]);
         if (value < numberMark)
-            args_.push_back({name, InternedText::fromId(value).view()});
+            args_.push_back({name, names_.text(value)});
         else
             args_.push_back(
                 {name, numberOf(static_cast<ContextValue::Kind>(value - numberMark), words[++i])});

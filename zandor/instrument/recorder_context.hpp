@@ -36,14 +36,27 @@ inline std::size_t mostWords(ContextArgs args) noexcept {
 /// Writes a context whose texts are interned, and gives its end.
 Word* encodeInterned(ContextArgs args, Word* out) noexcept;
 
+/// What the numbers in records stand for.
+class ZANDOR_INSTRUMENT_API RecordNames {
+  public:
+    virtual ~RecordNames();
+    virtual std::string_view text(std::uint32_t number) const noexcept = 0;
+    virtual const Opaque* instrument(std::uint32_t number) const noexcept = 0;
+    /// Of records of this process.
+    static const RecordNames& ofThisProcess() noexcept;
+};
+
+/// Marks the first word of a number entry, together with the value's kind.
+inline constexpr std::uint32_t numberMark = 0xffff'fff0;
+
 /// The same as a set. The names are distinct, and must outlive it.
 ContextSet makeContextSet(ContextArgs args);
 
 /// Contexts read back, each distinct one once. The entries' names are distinct and sorted; of equal
-/// names the first counts. Texts stay for the life of the process.
+/// names the first counts. Texts stay as long as the names do.
 class ContextTable {
   public:
-    ContextTable();
+    explicit ContextTable(const RecordNames& names = RecordNames::ofThisProcess());
 
     /// The place of a context; 0 is the empty one. `words` must be there as long as contexts are
     /// added.
@@ -70,6 +83,7 @@ class ContextTable {
     ContextRange decode(std::span<const Word> words);
     void grow();
 
+    const RecordNames& names_;
     std::vector<Context> contexts_;
     std::vector<std::uint32_t> slots_;  // places, 0 is free; a power of two of them
     std::vector<ContextArg> args_;

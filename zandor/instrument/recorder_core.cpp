@@ -1,6 +1,10 @@
 #include "recorder_core.hpp"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <system_error>
 #include <utility>
 
 #include "listener_slots.hpp"
@@ -14,6 +18,14 @@ namespace instrument::detail {
 namespace {
 
 RecorderLimits resolved(RecorderLimits limits) {
+    if (!limits.folder.empty()) {
+        // The program may go to another folder before its first event.
+        limits.folder = std::filesystem::canonical(limits.folder);
+        if (access(limits.folder.c_str(), W_OK | X_OK) != 0)
+            throw std::filesystem::filesystem_error(
+                "a recorder cannot write to its folder", limits.folder,
+                std::error_code(errno, std::generic_category()));
+    }
     if (limits.maxBytes == 0)
         limits.maxBytes = defaultMaxBytes();
     return limits;
@@ -59,6 +71,8 @@ Generation* RecorderCore::currentGeneration() noexcept {
     Generation* made = Growth::makeGeneration(number_.load(std::memory_order_relaxed), limits_);
     if (made) {
         made->origin.utcOffset = clock::utcNow() - clock::now();
+        if (made->file)
+            publishRunFile(*made->file, made);
         state_->bytes.store(bytesInUse() + made->bytes, std::memory_order_relaxed);
         // Pairs with the acquire in findTrack.
         state_->current.store(made, std::memory_order_release);
@@ -172,6 +186,8 @@ void RecorderCore::clear(const InstrumentListener& listener) noexcept {
         state_->failed.store(0, std::memory_order_relaxed);
         Generation* const old = state_->current.load(std::memory_order_relaxed);
         state_->current.store(nullptr, std::memory_order_relaxed);
+        if (old && old->file)
+            removeRunFile(*old->file);
         if (old) {
             old->nextRetired = state_->retired;
             state_->retired = old;

@@ -55,22 +55,35 @@ Chunk& cutSmallest(Chunk& chunk) noexcept {
 
 }  // namespace
 
-std::byte* mapInto(Mapping*& mappings, std::size_t bytes) noexcept {
-    void* pages = pageSource.map(bytes);
-    if (!pages)
+std::byte* mapInto(Mapping*& mappings, std::size_t bytes, RunFile* file) noexcept {
+    Mapping* made = nullptr;
+    if (file)
+        made = growRunFile(*file, bytes, RunFilePart::events);
+    else if (void* pages = pageSource.map(bytes))
+        made = std::construct_at(static_cast<Mapping*>(pages));
+    if (!made)
         return nullptr;
-    mappings = std::construct_at(static_cast<Mapping*>(pages), Mapping{mappings, bytes});
-    return static_cast<std::byte*>(pages);
+    made->next = std::exchange(mappings, made);
+    made->bytes = bytes;
+    return reinterpret_cast<std::byte*>(made);
 }
 
 Generation* Growth::makeGeneration(std::uint64_t number, const RecorderLimits& limits) noexcept {
-    Mapping* mappings = nullptr;
-    std::byte* const block = mapInto(mappings, blockBytes);
-    if (!block)
+    RunFile* file = nullptr;
+    if (!limits.folder.empty() && !(file = createRunFile(limits.folder.c_str(), number)))
         return nullptr;
+    Mapping* mappings = nullptr;
+    std::byte* const block = mapInto(mappings, blockBytes, file);
+    if (!block) {
+        if (file)
+            removeRunFile(*file);
+        closeRunFile(file);
+        return nullptr;
+    }
     auto* generation = std::construct_at(reinterpret_cast<Generation*>(block + mappingHeader));
     std::byte* const behind = reinterpret_cast<std::byte*>(generation + 1);
     generation->number = number;
+    generation->file = file;
     generation->mappings = mappings;
     generation->lost = std::construct_at(reinterpret_cast<LostRing*>(behind));
     generation->lost->capacity = lostRanges(limits);
@@ -86,18 +99,20 @@ void Growth::destroyGeneration(Generation* generation) noexcept {
     for (Track* track = generation->tracks.load(std::memory_order_relaxed); track;
          track = track->next)
         releaseSources(*track);
+    RunFile* const file = generation->file;
     for (Mapping* mapping = generation->mappings; mapping;) {
         Mapping* next = mapping->next;
         pageSource.unmap(mapping, mapping->bytes);
         mapping = next;
     }
+    closeRunFile(file);
 }
 
 /// A piece of a block, not counted yet.
 std::byte* Growth::cut(std::size_t bytes) noexcept {
     bytes = roundUp(bytes, alignof(Track));
     if (static_cast<std::size_t>(generation_.blockEnd - generation_.blockTail) < bytes) {
-        std::byte* block = mapInto(generation_.mappings, blockBytes);
+        std::byte* block = mapInto(generation_.mappings, blockBytes, generation_.file);
         if (!block)
             return nullptr;
         generation_.blockTail = block + mappingHeader;
@@ -214,7 +229,7 @@ Room Growth::makeChunk(std::size_t bytes) noexcept {
     std::byte* memory;
     if (bytes < blockBytes) {
         memory = cut(bytes);
-    } else if ((memory = mapInto(generation_.mappings, bytes))) {
+    } else if ((memory = mapInto(generation_.mappings, bytes, generation_.file))) {
         used_ += bytes;
         memory += mappingHeader;
         bytes -= mappingHeader;

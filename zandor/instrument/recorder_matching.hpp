@@ -94,10 +94,10 @@ class OpenRun {
 ///   void onInstant(const Point&);
 ///   void onStrayStop(const Point&);          a second stop, or one of an unknown event
 /// Points of one source come in order, but for stray stops. A stray stop has its own context.
-template <class Sink>
+template <class Sink, class View = Snapshot>
 class Matcher {
   public:
-    Matcher(const Snapshot& snapshot, Sink& sink)
+    Matcher(const View& snapshot, Sink& sink)
         : snapshot_(snapshot), sink_(sink), foreignlyStopped_(snapshot.foreignStops().size()) {}
 
     void run() {
@@ -210,7 +210,7 @@ class Matcher {
         }
     }
 
-    const Snapshot& snapshot_;
+    const View& snapshot_;
     Sink& sink_;
     TimeReader times_;
     OpenRun<Open> run_;

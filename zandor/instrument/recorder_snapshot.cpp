@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <tuple>
+#include <utility>
 
 #include "recorder_core.hpp"
 
@@ -191,19 +192,24 @@ void Snapshot::takeThrough(TrackView& view, const EventIdSet& wanted, EventIdSet
 
 /// Last, so that what was dropped before an event of the snapshot is known.
 void Snapshot::takeLosses() {
-    core_.readLosses(*generation_, lost_, drops_, origin_);
-    std::sort(lost_.begin(), lost_.end(), [](const LostRange& a, const LostRange& b) {
+    std::vector<LostRange> lost;
+    core_.readLosses(*generation_, lost, drops_, origin_);
+    lost_ = LostRanges(std::move(lost));
+}
+
+LostRanges::LostRanges(std::vector<LostRange> ranges) : ranges_(std::move(ranges)) {
+    std::sort(ranges_.begin(), ranges_.end(), [](const LostRange& a, const LostRange& b) {
         return std::tie(a.source, a.first) < std::tie(b.source, b.first);
     });
 }
 
-bool Snapshot::isLost(EventId id) const noexcept {
-    auto range = std::upper_bound(lost_.begin(), lost_.end(), id,
+bool LostRanges::has(EventId id) const noexcept {
+    auto range = std::upper_bound(ranges_.begin(), ranges_.end(), id,
                                   [](EventId wanted, const LostRange& candidate) {
                                       return std::tie(wanted.sourceId, wanted.serialId) <
                                              std::tie(candidate.source, candidate.first);
                                   });
-    while (range != lost_.begin() && (--range)->source == id.sourceId)
+    while (range != ranges_.begin() && (--range)->source == id.sourceId)
         if (id.serialId <= range->last)
             return true;
     return false;

@@ -49,6 +49,18 @@ class EventIdSet {
     std::vector<EventId> ids_;
 };
 
+/// Ranges of serials that were lost.
+class LostRanges {
+  public:
+    /// Puts them in order.
+    explicit LostRanges(std::vector<LostRange> ranges = {});
+    bool has(EventId id) const noexcept;
+    std::span<const LostRange> ranges() const noexcept { return ranges_; }
+
+  private:
+    std::vector<LostRange> ranges_;
+};
+
 /// Where a test may have other threads go on: called when a snapshot has taken the prefix of so
 /// many tracks.
 ZANDOR_INSTRUMENT_API extern void (*snapshotTookTracks)(std::size_t count);
@@ -65,7 +77,8 @@ class Snapshot {
     /// The events that foreign stops in the snapshot end.
     const EventIdSet& foreignStops() const noexcept { return foreignStops_; }
     /// Whether the start or instant was dropped, so that its stop counts as dropped with it.
-    bool isLost(EventId id) const noexcept;
+    bool isLost(EventId id) const noexcept { return lost_.has(id); }
+    const LostRanges& lost() const noexcept { return lost_; }
     const RecorderDrops& drops() const noexcept { return drops_; }
     const Origin& origin() const noexcept { return origin_; }
 
@@ -83,7 +96,7 @@ class Snapshot {
     const Track* newestTrack_ = nullptr;
     std::vector<TrackView> views_;
     EventIdSet foreignStops_;
-    std::vector<LostRange> lost_;
+    LostRanges lost_;
     RecorderDrops drops_;
     Origin origin_{};
 };

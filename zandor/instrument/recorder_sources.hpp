@@ -46,7 +46,8 @@ class SourceList {
     std::pair<std::vector<RecordedSource>, std::vector<std::uint32_t>> sorted() const {
         std::vector<std::uint32_t> byId(sources_.size());
         std::iota(byId.begin(), byId.end(), 0u);
-        std::ranges::sort(byId, {}, [&](std::uint32_t place) { return sources_[place]->id; });
+        std::ranges::stable_sort(byId, {},
+                                 [&](std::uint32_t place) { return sources_[place]->id; });
         std::vector<RecordedSource> sources;
         std::vector<std::uint32_t> newPlaces(byId.size());
         for (const std::uint32_t place : byId) {

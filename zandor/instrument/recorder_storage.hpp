@@ -18,6 +18,7 @@
 
 #include "recorder_memory.hpp"
 #include "recorder_record.hpp"
+#include "run_file.hpp"
 
 namespace instrument::detail {
 
@@ -89,16 +90,6 @@ struct alignas(64) Track {
     LostRange dropped;                    ///< with its oldest chunks; under the lock
 };
 
-/// A piece of memory that a generation owns.
-struct Mapping {
-    Mapping* next;
-    std::size_t bytes;
-};
-
-/// Begins every piece of mapped memory; what it holds begins behind this many bytes.
-inline constexpr std::size_t mappingHeader = 64;
-static_assert(sizeof(Mapping) <= mappingHeader);
-
 /// Sizes that chunks come in. The smaller ones are cut from blocks.
 inline constexpr std::array<std::size_t, 4> chunkSizes{std::size_t{4} << 10, std::size_t{32} << 10,
                                                        std::size_t{256} << 10, hugePageBytes};
@@ -128,6 +119,7 @@ struct Compaction;
 /// All zero but what its makers set. Everything here is under the lock but for `tracks`.
 struct Generation {
     std::uint64_t number;
+    RunFile* file;               ///< where its memory lies; null: in this process alone
     std::atomic<Track*> tracks;  ///< newest first. Release; pairs with the acquire of readers
     std::size_t trackCount;
     Mapping* mappings;
@@ -150,8 +142,9 @@ struct Generation {
     Generation* nextRetired;
 };
 
-/// Maps pages that go with the generation; null when the system gives none.
-std::byte* mapInto(Mapping*& mappings, std::size_t bytes) noexcept;
+/// Maps pages that go with the generation, in its file where it has one; null when the system gives
+/// none.
+std::byte* mapInto(Mapping*& mappings, std::size_t bytes, RunFile* file) noexcept;
 /// Lets go of the sources that a chunk and its records keep; they end at `end`.
 void releaseSources(Chunk& chunk, const Word* end) noexcept;
 /// Puts a chunk that no chain holds any more, and that keeps no source, where it is found again.

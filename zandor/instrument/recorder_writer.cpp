@@ -117,6 +117,8 @@ void RecordWriter::enterSource() noexcept {
         serial = record_.id.sourceId == record_.source->id ? serial + 1 : 0;
     if (record_.timed || stream.source != record_.source->id || serial < stream.nextSerial)
         track_.runFirst = serial;
+    if (RunFile* file = track_.generation->file)
+        journalSource(*file, *record_.source);
     SourcePtr::retain(record_.source);
     SourcePtr::release(stream.info);
     stream = {record_.source->id, serial, record_.source};

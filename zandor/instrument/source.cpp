@@ -5,6 +5,7 @@
 #include "names.hpp"
 #include "process_state.hpp"
 #include "read_section.hpp"
+#include "run_file.hpp"
 #include "zandor/instrument/instrument.hpp"
 
 namespace instrument {
@@ -27,9 +28,13 @@ const InternedText& internName(std::string_view name, const char* what) {
 void nameSources(ThreadState& state) noexcept {
     // Release pairs with the acquire in SourceInfo::name.
     const InternedText* name = threadLocals.givenName();
-    state.source.info->givenName.store(name, std::memory_order_release);
+    const auto give = [name](SourceInfo& info) {
+        info.givenName.store(name, std::memory_order_release);
+        journalChanges(info);
+    };
+    give(*state.source.info);
     for (const TaggedSource* tagged = state.tagged; tagged; tagged = tagged->next)
-        tagged->source.info->givenName.store(name, std::memory_order_release);
+        give(*tagged->source.info);
 }
 
 /// The place that points to the source of this id, or to the chain's end.

@@ -10,6 +10,7 @@
 #include <new>
 
 #include "blocks.hpp"
+#include "run_file.hpp"
 
 namespace instrument::detail {
 namespace {
@@ -81,6 +82,7 @@ void endThreadSource(SourceInfo& info) noexcept {
     // seen.
     info.kernelName.store(ownKernelName(), std::memory_order_release);
     info.alive.store(false, std::memory_order_release);
+    journalChanges(info);
 }
 
 std::string_view SourceInfo::name() noexcept {

@@ -26,6 +26,8 @@ struct SourceInfo {
     std::atomic<const InternedText*> givenName;
     /// What the kernel said when it was asked last.
     std::atomic<const InternedText*> kernelName;
+    /// The recording whose file told of it last.
+    std::atomic<std::uint64_t> journaled;
     /// In the table of external sources.
     std::atomic<SourceInfo*> next;
     SourceInfo* retired;

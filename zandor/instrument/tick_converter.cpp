@@ -11,15 +11,14 @@ constexpr std::uint32_t blockOf(std::uint32_t index, std::uint32_t first) noexce
     return static_cast<std::uint32_t>(std::bit_width(index / first + 1) - 1);
 }
 
-std::uint64_t slopeBetween(const TickConverter::Knot& from,
-                           const TickConverter::Knot& to) noexcept {
+}  // namespace
+
+std::uint64_t TickConverter::slopeBetween(const Knot& from, const Knot& to) noexcept {
     const auto rise =
         static_cast<Uint128>(static_cast<std::uint64_t>(to.nanoseconds - from.nanoseconds));
     const Uint128 slope = (rise << 58) / (to.ticks - from.ticks);
     return static_cast<std::uint64_t>(std::min(slope, static_cast<Uint128>(~0ull)));
 }
-
-}  // namespace
 
 const TickConverter::Knot& TickConverter::knot(std::uint32_t index) const noexcept {
     const std::uint32_t block = blockOf(index, firstBlock);

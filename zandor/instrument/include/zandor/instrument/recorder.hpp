@@ -16,6 +16,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <filesystem>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -38,6 +39,10 @@ struct RecorderLimits {
     /// Bytes of event memory; 0: a quarter of the machine's memory or of its group's limit.
     std::size_t maxBytes = 0;
     Keep keep = Keep::first;
+    /// Where event memory lies in files, one a process and recording, whose content outlives the
+    /// process (see trace_file.hpp); empty: in the process's own memory. Children after fork write
+    /// files of their own there. A recording that is cleared removes its file.
+    std::filesystem::path folder = {};
 };
 
 /// Events that were dropped, by cause.
@@ -45,7 +50,7 @@ struct RecorderDrops {
     std::uint64_t refused = 0;         ///< the bound was reached and the recorder keeps the first
     std::uint64_t oldest = 0;          ///< went with their chunk, keeping the last
     std::uint64_t shortest = 0;        ///< were shorter than minimumDuration, keeping the longest
-    std::uint64_t failed = 0;          ///< the system gave no memory
+    std::uint64_t failed = 0;          ///< the system gave no memory, or the folder's disk is full
     std::int64_t minimumDuration = 0;  ///< nanoseconds; what `shortest` was measured by at last
     std::uint64_t total() const noexcept { return refused + oldest + shortest + failed; }
 };

@@ -1,0 +1,97 @@
+// Trace files, `.vtrace`: what processes recorded, in the form that every other export is made
+// from.
+//
+//   instrument::InstrumentRecorder recorder({.folder = folder});   // in each process
+//   ...
+//   instrument::finishRunFolder(folder, "all.vtrace");             // in any, also when those died
+//   const instrument::TraceFile trace("all.vtrace");
+//   trace.saveTraceEventJson("all.json");
+//
+// A file is written block by block beside its place, and renamed when it is whole. Reading trusts
+// nothing that it finds: of a damaged or truncated file it gives what is whole. docs/vtrace.md
+// tells the layout.
+//
+// Functions throw std::system_error where a file cannot be read or written and std::runtime_error
+// for a file that is no trace.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "zandor/instrument/export.hpp"
+#include "zandor/instrument/exports.hpp"
+#include "zandor/instrument/recorder.hpp"
+
+namespace instrument {
+
+/// What the recorder holds now, as a trace of one process.
+ZANDOR_INSTRUMENT_API void saveTraceFile(const InstrumentRecorder& recorder,
+                                         const std::filesystem::path& file);
+
+/// Puts what processes recorded in a folder (RecorderLimits::folder) into one file, each as its own
+/// process, those with the earlier first event before the others. They may have ended in any way,
+/// or still run. The folder stays as it is. Gives the number of processes.
+ZANDOR_INSTRUMENT_API std::uint32_t finishRunFolder(const std::filesystem::path& folder,
+                                                    const std::filesystem::path& file);
+
+/// Joins trace files by their clocks. Throws std::runtime_error for a damaged one.
+ZANDOR_INSTRUMENT_API void combineTraceFiles(const std::vector<std::filesystem::path>& files,
+                                             const std::filesystem::path& file);
+
+/// What of a trace to look at.
+struct TraceSelection {
+    // Nanoseconds from the trace's first event. Events that overlap the time stay whole.
+    std::optional<std::int64_t> since = {};
+    std::optional<std::int64_t> until = {};
+    /// Shorter events go; with any but a negative one instants, too.
+    std::int64_t minimumDuration = -1;
+    /// Of each thread, the longest so many events; 0: all.
+    std::size_t mostPerThread = 0;
+    bool contexts = true;
+};
+
+/// A trace file in memory: about five times what its events take in the file.
+class ZANDOR_INSTRUMENT_API TraceFile {
+  public:
+    explicit TraceFile(const std::filesystem::path& file);
+    ~TraceFile();
+    TraceFile(const TraceFile&) = delete;
+    TraceFile& operator=(const TraceFile&) = delete;
+
+    /// Leaves out what is not selected, for good.
+    void select(const TraceSelection& selection);
+
+    // With a name that ends in ".gz" it is compressed.
+    void saveTraceEventJson(const std::filesystem::path& file) const;
+    /// In files of at most `mostBytes` each, in order of time: "name.json", "name-2.json", ... An
+    /// event alone may be larger. Gives their names.
+    std::vector<std::filesystem::path> saveTraceEventJson(const std::filesystem::path& file,
+                                                          std::uint64_t mostBytes) const;
+    /// The root frame of a stack is the thread; where there are several processes, "process
+    /// id/thread".
+    void saveCollapsedStacks(const std::filesystem::path& file) const;
+    /// One evented profile a thread.
+    void saveSpeedscope(const std::filesystem::path& file) const;
+
+    std::vector<EventSummary> summarize() const;
+    RecorderDrops drops() const noexcept;
+    std::uint32_t processCount() const noexcept;
+    /// Of threads that have events, without repetition, sorted.
+    std::vector<std::string> threadNames() const;
+    std::uint64_t eventCount() const noexcept;
+    /// Blocks that could not be read, whole or in part.
+    std::uint64_t damagedBlocks() const noexcept;
+    /// Whether its writer came to the end.
+    bool isComplete() const noexcept;
+
+  private:
+    struct Loaded;
+    std::unique_ptr<Loaded> loaded_;
+};
+
+}  // namespace instrument

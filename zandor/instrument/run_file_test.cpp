@@ -1,0 +1,240 @@
+// What processes recorded into a run folder is there, whatever became of them.
+#include <gmock/gmock.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <system_error>
+
+#include "testing/recorder_support.hpp"
+#include "testing/temporary_folder.hpp"
+#include "zandor/instrument/source.hpp"
+#include "zandor/instrument/trace_file.hpp"
+
+namespace instrument {
+namespace {
+
+namespace fs = std::filesystem;
+using test_support::Listening;
+using test_support::onThreads;
+using testing::Contains;
+using testing::SizeIs;
+
+/// Counts of events that children are sure to have committed.
+struct Progress {
+    std::atomic<std::uint64_t> pairs[4];
+};
+
+class RunFileTest : public test_support::RecorderTest {
+  protected:
+    static pid_t begin(const std::function<void()>& work) {
+        const pid_t child = fork();
+        if (child == 0) {
+            work();
+            _exit(0);
+        }
+        return child;
+    }
+    static int statusOf(pid_t child) {
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        return status;
+    }
+    TraceFile finished() {
+        finishRunFolder(folder_.path(), file_);
+        return TraceFile(file_);
+    }
+    static std::int64_t countOf(const TraceFile& trace, std::string_view name) {
+        for (const EventSummary& summary : trace.summarize())
+            if (summary.name == name)
+                return summary.count;
+        return 0;
+    }
+    std::size_t filesInFolder() const {
+        return static_cast<std::size_t>(
+            std::distance(fs::directory_iterator(folder_.path()), fs::directory_iterator()));
+    }
+
+    const Instrument work_{"work"};
+    const test_support::TemporaryFolder folder_;
+    const test_support::TemporaryFolder results_;
+    const fs::path file_ = results_ / "run.vtrace";
+};
+
+TEST_F(RunFileTest, HasAllThatWasCommittedBeforeAKill) {
+    void* shared =
+        mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    for (const std::uint64_t killAfter : {1, 100, 5'000, 200'000}) {
+        const test_support::TemporaryFolder folder;
+        auto* progress = ::new (shared) Progress();
+        const pid_t child = begin([&] {
+            InstrumentRecorder recorder({.folder = folder.path()});
+            const Listening listening(recorder);
+            onThreads(4, [&](int index) {
+                setThreadName("thread " + std::to_string(index));
+                for (std::uint64_t i = 0;; ++i) {
+                    work_.stop(work_.start({{"number", i}, {"text", std::to_string(i % 100)}}));
+                    progress->pairs[index].fetch_add(1);
+                }
+            });
+        });
+        for (auto& pairs : progress->pairs)
+            while (pairs < killAfter)
+                std::this_thread::yield();
+        kill(child, SIGKILL);
+        EXPECT_TRUE(WIFSIGNALED(statusOf(child)));
+        finishRunFolder(folder.path(), file_);
+        const TraceFile trace(file_);
+        std::uint64_t committed = 0;
+        for (const auto& pairs : progress->pairs)
+            committed += pairs;
+        EXPECT_GE(countOf(trace, "work"), static_cast<std::int64_t>(committed));
+        EXPECT_LE(countOf(trace, "work"), static_cast<std::int64_t>(committed + 4));
+        EXPECT_EQ(trace.damagedBlocks(), 0u);
+        EXPECT_THAT(trace.threadNames(), SizeIs(4));
+        EXPECT_THAT(trace.threadNames(), Contains("thread 3"));
+        EXPECT_EQ(trace.drops().total(), 0u);
+    }
+    munmap(shared, sizeof(Progress));
+}
+
+TEST_F(RunFileTest, HasEachChildAsItsOwnProcess) {
+    const pid_t child = begin([&] {
+        InstrumentRecorder recorder({.folder = folder_.path()});
+        const Listening listening(recorder);
+        work_.stop(work_.start());
+        statusOf(begin([&] {
+            work_.stop(work_.start({{"of", "child"}}));
+            statusOf(begin([&] {
+                work_.stop(work_.start({{"of", "grandchild"}}));
+                raise(SIGKILL);
+            }));
+        }));
+        work_.stop(work_.start());
+    });
+    EXPECT_EQ(statusOf(child), 0);
+    const TraceFile trace = finished();
+    EXPECT_EQ(trace.processCount(), 3u);
+    EXPECT_EQ(countOf(trace, "work"), 4);
+}
+
+TEST_F(RunFileTest, IsReadWhileItsProcessGoesOn) {
+    InstrumentRecorder recorder({.maxBytes = 4 << 20, .folder = folder_.path()});
+    const Listening listening(recorder);
+    std::atomic<bool> done{false};
+    std::thread busy([&] {
+        while (!done)
+            work_.stop(work_.start({{"text", "of many"}}));
+    });
+    std::int64_t before = 0;
+    for (int round = 0; round < 20; ++round) {
+        const TraceFile trace = finished();
+        const std::int64_t now = countOf(trace, "work");
+        EXPECT_GE(now, before);
+        EXPECT_EQ(trace.damagedBlocks(), 0u);
+        before = now;
+    }
+    done = true;
+    busy.join();
+    EXPECT_EQ(countOf(finished(), "work"), recorder.getEventStats("work").count);
+}
+
+TEST_F(RunFileTest, RefusesEventsWhereTheDiskIsFull) {
+    const pid_t child = begin([&] {
+        InstrumentRecorder recorder({.folder = folder_.path()});
+        const Listening listening(recorder);
+        work_.stop(work_.start());
+        const rlim_t bytes =
+            600'000 + fs::file_size(fs::directory_iterator(folder_.path())->path());
+        const rlimit limit{bytes, bytes};
+        setrlimit(RLIMIT_FSIZE, &limit);
+        while (recorder.drops().failed < 1000)
+            work_.stop(work_.start());
+        // What was written stays readable in the process, too.
+        if (recorder.getEventStats("work").count < 1000)
+            _exit(1);
+    });
+    EXPECT_EQ(statusOf(child), 0);
+    const TraceFile trace = finished();
+    EXPECT_GE(countOf(trace, "work"), 1000);
+    EXPECT_GE(trace.drops().failed, 1000u);
+}
+
+TEST_F(RunFileTest, NeedsNoDescriptorOfTheProgram) {
+    const pid_t child = begin([&] {
+        InstrumentRecorder recorder({.folder = folder_.path()});
+        const Listening listening(recorder);
+        work_.stop(work_.start());
+        for (int descriptor = 3; descriptor < 1000; ++descriptor)
+            close(descriptor);
+        if (chdir("/") != 0)
+            _exit(1);
+        for (int i = 0; i < 50'000; ++i)
+            work_.stop(work_.start({{"i", i}}));
+        std::raise(SIGKILL);
+    });
+    EXPECT_TRUE(WIFSIGNALED(statusOf(child)));
+    EXPECT_EQ(countOf(finished(), "work"), 50'001);
+}
+
+TEST_F(RunFileTest, CallsAThreadWhatItWasCalledLast) {
+    InstrumentRecorder recorder({.folder = folder_.path()});
+    const Listening listening(recorder);
+    std::thread([&] {
+        work_.stop(work_.start());
+        setThreadName("named later");
+    }).join();
+    EXPECT_THAT(finished().threadNames(), testing::ElementsAre("named later"));
+}
+
+TEST_F(RunFileTest, GoesWhenTheRecordingIsCleared) {
+    InstrumentRecorder recorder({.folder = folder_.path()});
+    const Listening listening(recorder);
+    work_.stop(work_.start());
+    EXPECT_EQ(filesInFolder(), 1u);
+    recorder.clearAllEventData();
+    EXPECT_EQ(filesInFolder(), 0u);
+    work_.stop(work_.start());
+    EXPECT_EQ(filesInFolder(), 1u);
+    EXPECT_EQ(countOf(finished(), "work"), 1);
+}
+
+TEST_F(RunFileTest, StaysWhenTheRecorderGoes) {
+    {
+        InstrumentRecorder recorder({.folder = folder_.path()});
+        const Listening listening(recorder);
+        work_.stop(work_.start());
+    }
+    EXPECT_EQ(countOf(finished(), "work"), 1);
+}
+
+TEST_F(RunFileTest, NeedsAFolderThatIsThere) {
+    EXPECT_THROW(InstrumentRecorder({.folder = folder_ / "missing"}), fs::filesystem_error);
+}
+
+/// Files that no recorder wrote, or that lost their end, give what they have.
+TEST_F(RunFileTest, SurvivesWhateverAFileHolds) {
+    {
+        InstrumentRecorder recorder({.folder = folder_.path()});
+        const Listening listening(recorder);
+        for (int i = 0; i < 1000; ++i)
+            work_.stop(work_.start({{"i", i}}));
+    }
+    const fs::path file = fs::directory_iterator(folder_.path())->path();
+    for (std::uintmax_t size = fs::file_size(file); size > 1000; size = size * 3 / 4) {
+        fs::resize_file(file, size);
+        EXPECT_LE(countOf(finished(), "work"), 1000);
+    }
+    fs::resize_file(file, 0);
+    EXPECT_EQ(finished().processCount(), 0u);
+}
+
+}  // namespace
+}  // namespace instrument

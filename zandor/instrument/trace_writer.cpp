@@ -1,0 +1,81 @@
+#include "trace_writer.hpp"
+
+#include <array>
+
+#include "trace_checksum.hpp"
+#include "untrusted_records.hpp"
+
+namespace instrument::detail {
+namespace {
+
+template <class Record>
+std::span<const std::byte> bytesOf(const Record& record) noexcept {
+    return std::as_bytes(std::span(&record, 1));
+}
+
+constexpr std::array<std::byte, sizeof(Word)> zeros{};
+
+}  // namespace
+
+TraceWriter::TraceWriter(const std::filesystem::path& file) : sink_(file) {
+    put(bytesOf(TraceFileHead()));
+}
+
+void TraceWriter::beginProcess(const TraceProcess& process) {
+    ++processes_;
+    block(TraceBlock::process, bytesOf(process));
+}
+
+void TraceWriter::journal(std::span<const std::byte> entries) {
+    if (!entries.empty())
+        block(TraceBlock::journal, entries);
+}
+
+void TraceWriter::records(const TraceStretch& stretch, std::span<const Word> records) {
+    if (records.empty())
+        return;
+    cleaned_.assign(records.begin(), records.end());
+    forEachRecord(wholeRecords(cleaned_), [](std::span<Word> record) {
+        if (RecordHead(record[0]).kind() == RecordKind::source)
+            record[3] = 0;
+    });
+    block(TraceBlock::records, bytesOf(stretch), std::as_bytes(std::span(cleaned_)));
+}
+
+void TraceWriter::lost(std::span<const LostRange> ranges) {
+    if (!ranges.empty())
+        block(TraceBlock::lost, std::as_bytes(ranges));
+}
+
+void TraceWriter::block(TraceBlock kind, Bytes first, Bytes second) {
+    TraceBlockHead head;
+    head.kind = kind;
+    head.process = kind == TraceBlock::index ? 0 : processes_ - 1;
+    head.bytes = first.size() + second.size();
+    TraceChecksum checksum(head);
+    checksum.add(first);
+    checksum.add(second);
+    head.checksum = checksum.value();
+    index_.push_back({offset_, head.bytes, kind, head.process});
+    put(bytesOf(head));
+    put(first);
+    put(second);
+    if (const std::size_t over = offset_ % sizeof(Word); over > 0)
+        put(std::span(zeros).first(sizeof(Word) - over));
+}
+
+void TraceWriter::put(Bytes bytes) {
+    sink_.write({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+    offset_ += bytes.size();
+}
+
+void TraceWriter::commit() {
+    TraceFileTail tail;
+    tail.index = offset_;
+    const std::vector<TraceIndexEntry> index = index_;
+    block(TraceBlock::index, std::as_bytes(std::span(index)));
+    put(bytesOf(tail));
+    sink_.commit();
+}
+
+}  // namespace instrument::detail

@@ -1,0 +1,45 @@
+// Writes a trace file block by block.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "file_sink.hpp"
+#include "recorder_storage.hpp"
+#include "trace_format.hpp"
+
+namespace instrument::detail {
+
+/// The file takes its place at commit. Errors are std::system_error. Keeps one index entry a block.
+class TraceWriter {
+  public:
+    explicit TraceWriter(const std::filesystem::path& file);
+
+    /// Begins the next process: what follows is its.
+    void beginProcess(const TraceProcess& process);
+    void journal(std::span<const std::byte> entries);
+    /// Records; what source records have of this process's memory is left out.
+    void records(const TraceStretch& stretch, std::span<const Word> records);
+    void lost(std::span<const LostRange> ranges);
+    /// A block of another trace file.
+    void copy(TraceBlock kind, std::span<const std::byte> payload) { block(kind, payload); }
+    void commit();
+
+    std::uint32_t processes() const noexcept { return processes_; }
+
+  private:
+    using Bytes = std::span<const std::byte>;
+    void block(TraceBlock kind, Bytes first, Bytes second = {});
+    void put(Bytes bytes);
+
+    FileSink sink_;
+    std::uint64_t offset_ = 0;
+    std::uint32_t processes_ = 0;
+    std::vector<TraceIndexEntry> index_;
+    std::vector<Word> cleaned_;
+};
+
+}  // namespace instrument::detail
