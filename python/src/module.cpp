@@ -15,6 +15,7 @@
 #include "python_api.hpp"
 #include "recorder.hpp"
 #include "struct_array.hpp"
+#include "trace.hpp"
 #include "zandor/instrument/listeners.hpp"
 #include "zandor/runtime/array.hpp"
 
@@ -39,6 +40,10 @@ PyMethodDef functions[] = {
     {"find_root", findRootNamespace, METH_O, "The root namespace of a name."},
     {"resolve", resolveMethod, METH_O, "The method of a full name, private ones too."},
     {"library_folder", libraryFolder, METH_NOARGS, "Where the host's libraries stand."},
+    {"finish_run_folder", finishRunFolder, METH_VARARGS,
+     "finish_run_folder(folder, path): makes a trace file of what processes recorded there."},
+    {"combine_traces", combineTraces, METH_VARARGS,
+     "combine_traces(files, path): joins trace files."},
     {"set_struct_array", setStructArray, METH_O, "Names the class of struct arrays."},
     {"direct_console_to_errors", directConsoleToErrors, METH_NOARGS,
      "Has the host's console written to sys.stderr instead of sys.stdout."},
@@ -59,6 +64,7 @@ PyObject* makeModule() {
     addStructArray(module.get());
     addEvents(module.get());
     addRecorder(module.get());
+    addTrace(module.get());
     check(PyModule_AddStringConstant(module.get(), "version", VANTRACE_VERSION));
     awaitSectionsAtExit(module.get());
     installConsoleSink();

@@ -11,12 +11,14 @@
 #include <vector>
 
 #include "errors.hpp"
+#include "export_file.hpp"
 #include "handle_object.hpp"
 #include "text.hpp"
 #include "thread_name.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/exports.hpp"
 #include "zandor/instrument/recorder.hpp"
+#include "zandor/instrument/trace_file.hpp"
 
 namespace vantrace {
 
@@ -81,15 +83,18 @@ instrument::Keep keepOf(const char* name) {
 
 PyObject* create(PyTypeObject* type, PyObject* arguments, PyObject* named) {
     return guarded([&] {
-        static const char* names[] = {"max_bytes", "keep", nullptr};
+        static const char* names[] = {"max_bytes", "keep", "folder", nullptr};
         Py_ssize_t maxBytes = 0;
         const char* keep = "first";
-        if (!PyArg_ParseTupleAndKeywords(arguments, named, "|ns:Recorder",
-                                         const_cast<char**>(names), &maxBytes, &keep))
+        PyObject* folder = Py_None;
+        if (!PyArg_ParseTupleAndKeywords(arguments, named, "|nsO:Recorder",
+                                         const_cast<char**>(names), &maxBytes, &keep, &folder))
             throw PythonError();
         if (maxBytes < 0)
             raise(PyExc_ValueError, "max_bytes must not be negative, got %zd", maxBytes);
-        const instrument::RecorderLimits limits{static_cast<std::size_t>(maxBytes), keepOf(keep)};
+        instrument::RecorderLimits limits{static_cast<std::size_t>(maxBytes), keepOf(keep)};
+        if (folder != Py_None)
+            limits.folder = pathArgument(folder);
         return RecorderObject::make(reinterpret_cast<PyObject*>(type),
                                     {std::make_unique<InstrumentRecorder>(limits)})
             .release();
@@ -130,28 +135,6 @@ PyObject* clear(PyObject* self, PyObject*) {
     });
 }
 
-std::filesystem::path pathArgument(PyObject* path) {
-    PyObject* bytes = nullptr;
-    if (!PyUnicode_FSConverter(path, &bytes))
-        throw PythonError();
-    const Ref owner = Ref::steal(bytes);
-    return PyBytes_AS_STRING(bytes);
-}
-
-/// Runs an export without the lock; its errors name the file.
-template <typename Export>
-PyObject* save(PyObject* path, Export exportTo) {
-    return guarded([&] {
-        const std::filesystem::path file = pathArgument(path);
-        try {
-            withoutLock([&] { exportTo(file); });
-        } catch (const std::system_error& error) {
-            throw std::filesystem::filesystem_error(error.what(), file, error.code());
-        }
-        return Py_NewRef(Py_None);
-    });
-}
-
 PyObject* saveJson(PyObject* self, PyObject* arguments) {
     PyObject* path = nullptr;
     long long minimumDuration = -1;
@@ -160,6 +143,12 @@ PyObject* saveJson(PyObject* self, PyObject* arguments) {
     return save(path, [&](const std::filesystem::path& file) {
         instrument::saveTraceEventJson(recorderOf(self), instrument::TimeSystem::monotonic,
                                        std::chrono::nanoseconds(minimumDuration), file);
+    });
+}
+
+PyObject* saveTrace(PyObject* self, PyObject* path) {
+    return save(path, [&](const std::filesystem::path& file) {
+        instrument::saveTraceFile(recorderOf(self), file);
     });
 }
 
@@ -227,6 +216,7 @@ PyMethodDef methods[] = {
     {"clear", clear, METH_NOARGS, "Forgets what was recorded."},
     {"save_json", saveJson, METH_VARARGS,
      "save_json(path, minimum_duration=-1): writes trace-event JSON."},
+    {"save_trace", saveTrace, METH_O, "Writes a trace file."},
     {"save_stacks", saveStacks, METH_O, "Writes collapsed stacks."},
     {"summary", summary, METH_NOARGS,
      "(name, count, total, self, minimum, maximum) of complete events, times in nanoseconds."},
@@ -249,7 +239,7 @@ void deallocate(PyObject* self) {
 }
 
 PyType_Slot slots[] = {
-    {Py_tp_doc, const_cast<char*>("Recorder(max_bytes=0, keep=\"first\")\n--\n\n"
+    {Py_tp_doc, const_cast<char*>("Recorder(max_bytes=0, keep=\"first\", folder=None)\n--\n\n"
                                   "Keeps the events that it hears between start and stop.")},
     {Py_tp_new, asSlot(create)},
     {Py_tp_dealloc, asSlot(deallocate)},

@@ -8,12 +8,16 @@ USAGE = """\
 usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace tree [--json] [--all]
        vantrace stats [--json] [FILE]
+       vantrace export FILE -o OUTPUT [OPTIONS]
+       vantrace combine FILE ... -o OUTPUT
 
 commands:
-  run    record each Python function and event of a script: a table of where the time went, and
-         a trace
-  tree   the published namespaces and methods
-  stats  product statistics: what programs logged, from all processes of this user
+  run      record each Python function and event of a script: a table of where the time went, and
+           a trace
+  tree     the published namespaces and methods
+  stats    product statistics: what programs logged, from all processes of this user
+  export   a trace file in another form; vantrace export --help tells more
+  combine  several trace files as one
 
 options of run (those after SCRIPT are the script's):
   -o, --output FILE   write the trace there: .json (trace events) or .folded (collapsed stacks);
@@ -79,6 +83,10 @@ def _command(arguments):
             return _tree(rest)
         case ["stats", *rest]:
             return _stats(rest)
+        case ["export" | "combine" as name, *rest]:
+            from . import _export
+
+            return getattr(_export, name)(rest)
     kind = "option" if arguments[0].startswith("-") else "command"
     raise UsageError(f"there is no {kind} {arguments[0]!r}; see vantrace --help")
 

@@ -22,8 +22,9 @@ class record:
         print(recording.summary())
 
     Every instrument is on inside the block. On leaving, the trace is written to `path`, where one
-    is given: trace-event JSON (.json), or collapsed stacks (.folded). Blocks may overlap and nest;
-    each has a recorder of its own. A block that is entered again goes on with its recording.
+    is given: trace-event JSON (.json), collapsed stacks (.folded), or a trace file (.vtrace), which
+    `vantrace export` makes the others from. Blocks may overlap and nest; each has a recorder of its
+    own. A block that is entered again goes on with its recording.
 
     `max_bytes` bounds the memory for events (0: a quarter of the machine's). `keep` says what gives
     way then: "first" refuses new events, "last" drops the oldest, "longest" the shortest. With
@@ -100,7 +101,7 @@ class record:
         self._recorder.stop()
 
     def save(self, path, *, min_duration=None):
-        """Writes what was recorded so far; the ending says how: .json or .folded.
+        """Writes what was recorded so far; the ending says how: .json, .folded or .vtrace.
 
         With `min_duration`, in nanoseconds, shorter events and instants are left out of .json.
         """
@@ -145,14 +146,18 @@ def _save_stacks(recorder, path, _):
     recorder.save_stacks(path)
 
 
-_WRITERS = {".json": Recorder.save_json, ".folded": _save_stacks}
+def _save_trace(recorder, path, _):
+    recorder.save_trace(path)
+
+
+_WRITERS = {".json": Recorder.save_json, ".folded": _save_stacks, ".vtrace": _save_trace}
 
 
 def writer(path):
     """What writes a trace of that ending; ValueError for another ending."""
     ending = os.path.splitext(os.fsdecode(path))[1]
     if ending not in _WRITERS:
-        raise ValueError(f"a trace ends in .json or .folded, not {os.fsdecode(path)!r}")
+        raise ValueError(f"a trace ends in .vtrace, .json or .folded, not {os.fsdecode(path)!r}")
     return _WRITERS[ending]
 
 

@@ -334,7 +334,7 @@ def test_options_end_with_two_dashes(run, script, tmp_path):
         (["-o", "t.json"], "run takes a script"),
         (["nowhere.py"], "cannot open 'nowhere.py': No such file or directory"),
         (["."], "cannot open '.': Is a directory"),
-        (["-o", "t.txt", "script.py"], "ends in .json or .folded"),
+        (["-o", "t.txt", "script.py"], "ends in .vtrace, .json or .folded"),
         (["-o", "nowhere/t.json", "script.py"], "nowhere/t.json': No such file or directory"),
         (["-o", "script.py/t.json", "script.py"], "script.py/t.json': Not a directory"),
         (["-o", "folder.json", "script.py"], "folder.json': Is a directory"),

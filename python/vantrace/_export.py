@@ -1,0 +1,194 @@
+"""`vantrace export` and `vantrace combine`: what becomes of trace files."""
+
+import os
+import re
+import sys
+
+from ._cli import UsageError
+from ._core import Trace, combine_traces
+from ._record import check_writable
+
+USAGE = """\
+usage: vantrace export FILE -o OUTPUT [OPTIONS]
+       vantrace combine FILE ... -o OUTPUT
+
+export writes a .vtrace file as .json (trace events), .json.gz, .folded (collapsed stacks) or
+.speedscope.json. combine joins .vtrace files into one, by their clocks.
+
+options of export:
+  -o, --output OUTPUT   the file to write
+  --since T, --until T  only what overlaps this time from the first event on; as 10us, 1.5ms, 2s
+  --min-duration T      leave out shorter events, and those without duration
+  --most-per-thread N   of each thread only the longest N events
+  --no-args             no contexts
+  --split SIZE          several .json files of at most that size each; as 500K, 100M, 1G
+"""
+
+_UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
+_SIZES = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
+_WRITERS = {
+    ".speedscope.json": Trace.save_speedscope,
+    ".json": Trace.save_json,
+    ".json.gz": Trace.save_json,
+    ".folded": Trace.save_stacks,
+}
+
+
+def trace_writer(path):
+    """What writes a trace file's events as that kind of file; UsageError for another kind."""
+    for ending, write in _WRITERS.items():
+        if path.endswith(ending):
+            return write
+    raise UsageError(f"an export ends in {', '.join(_WRITERS)}, not {path!r}")
+
+
+def export(arguments):
+    """Runs `vantrace export`; gives the exit status."""
+    options = _Options(arguments)
+    if options.wants_help:
+        sys.stdout.write(USAGE)
+        return 0
+    if len(options.files) != 1:
+        raise UsageError("export takes one file; see vantrace export --help")
+    output = options.needed_output()
+    write = trace_writer(output)
+    if options.split and write is not Trace.save_json:
+        raise UsageError("only .json and .json.gz are split")
+    trace = _read(options.files[0])
+    trace.select(*options.selection())
+    try:
+        if options.split:
+            trace.save_parts(output, options.split)
+        else:
+            write(trace, output)
+    except OSError as error:
+        raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+    return 0
+
+
+def combine(arguments):
+    """Runs `vantrace combine`; gives the exit status."""
+    options = _Options(arguments)
+    if options.wants_help:
+        sys.stdout.write(USAGE)
+        return 0
+    if not options.files:
+        raise UsageError("combine takes files; see vantrace combine --help")
+    output = options.needed_output()
+    if not output.endswith(".vtrace"):
+        raise UsageError(f"combine writes a .vtrace file, not {output!r}")
+    for file in options.files:
+        _read(file)
+    try:
+        combine_traces(options.files, output)
+    except OSError as error:
+        raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+    except RuntimeError as error:
+        raise UsageError(error) from None
+    return 0
+
+
+def _read(file):
+    try:
+        trace = Trace(file)
+    except OSError as error:
+        raise UsageError(f"cannot read {file!r}: {error.strerror}") from None
+    except RuntimeError as error:
+        raise UsageError(error) from None
+    if trace.damaged_blocks:
+        print(f"vantrace: parts of {file!r} are damaged and left out", file=sys.stderr)
+    elif not trace.is_complete:
+        print(f"vantrace: the end of {file!r} is missing", file=sys.stderr)
+    return trace
+
+
+class _Options:
+    """What stands behind export and combine."""
+
+    def __init__(self, arguments):
+        self.files = []
+        self.output = None
+        self.split = 0
+        self.wants_help = False
+        self._since = self._until = None
+        self._min_duration = -1
+        self._most_per_thread = 0
+        self._contexts = True
+        arguments = list(arguments)
+        while arguments:
+            self._take(arguments.pop(0), arguments)
+
+    def selection(self):
+        """As Trace.select takes them."""
+        return (
+            self._since,
+            self._until,
+            self._min_duration,
+            self._most_per_thread,
+            self._contexts,
+        )
+
+    def needed_output(self):
+        """The file to write, which can be written as far as can be seen now."""
+        if self.output is None:
+            raise UsageError("-o says which file to write")
+        try:
+            check_writable(self.output)
+        except OSError as error:
+            raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+        return self.output
+
+    def _take(self, argument, others):
+        if not argument.startswith("-") or argument == "-":
+            self.files.append(argument)
+            return
+        if argument in ("-h", "--help"):
+            self.wants_help = True
+            return
+        if argument == "--no-args":
+            self._contexts = False
+            return
+        name, equals, value = argument.partition("=")
+        if name not in _VALUES:
+            raise UsageError(f"there is no option {argument!r}; see vantrace export --help")
+        if not equals:
+            if not others:
+                raise UsageError(f"{name} takes a value; see vantrace export --help")
+            value = others.pop(0)
+        attribute, read = _VALUES[name]
+        setattr(self, attribute, read(name, value))
+
+
+def _time(option, value):
+    match = re.fullmatch(r"(\d+(?:\.\d+)?)(ns|us|ms|s)", value, re.ASCII)
+    if not match:
+        raise UsageError(f"{option} takes a time such as 10us or 1.5ms, not {value!r}")
+    return min(round(float(match[1]) * _UNITS[match[2]]), 2**63 - 1)
+
+
+def _size(option, value):
+    match = re.fullmatch(r"(\d+)([KMG])", value, re.ASCII)
+    if not match or int(match[1]) == 0:
+        raise UsageError(f"{option} takes a size such as 500K or 100M, not {value!r}")
+    return min(int(match[1]) * _SIZES[match[2]], 2**64 - 1)
+
+
+def _number(option, value):
+    if not re.fullmatch(r"[1-9]\d{0,17}", value, re.ASCII):
+        raise UsageError(f"{option} takes a number, not {value!r}")
+    return int(value)
+
+
+def _path(_, value):
+    return os.fspath(value)
+
+
+_VALUES = {
+    "-o": ("output", _path),
+    "--output": ("output", _path),
+    "--since": ("_since", _time),
+    "--until": ("_until", _time),
+    "--min-duration": ("_min_duration", _time),
+    "--most-per-thread": ("_most_per_thread", _number),
+    "--split": ("split", _size),
+}
