@@ -6,6 +6,7 @@
 //
 // There is one for the life of the process: what it makes at import is never taken down.
 #include "console.hpp"
+#include "die_with_parent.hpp"
 #include "errors.hpp"
 #include "event.hpp"
 #include "event_function.hpp"
@@ -44,6 +45,8 @@ PyMethodDef functions[] = {
      "finish_run_folder(folder, path): makes a trace file of what processes recorded there."},
     {"combine_traces", combineTraces, METH_VARARGS,
      "combine_traces(files, path): joins trace files."},
+    {"die_with_parent", dieWithParent, METH_O,
+     "Has this process be killed when its parent, of that id, ends."},
     {"set_struct_array", setStructArray, METH_O, "Names the class of struct arrays."},
     {"direct_console_to_errors", directConsoleToErrors, METH_NOARGS,
      "Has the host's console written to sys.stderr instead of sys.stdout."},

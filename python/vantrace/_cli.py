@@ -20,15 +20,16 @@ commands:
   combine  several trace files as one
 
 options of run (those after SCRIPT are the script's):
-  -o, --output FILE   write the trace there: .json (trace events) or .folded (collapsed stacks);
-                      by default vantrace-SCRIPT-TIME.json in the current folder
+  -o, --output FILE   write the trace there: .vtrace, or what vantrace export makes of one, .json,
+                      .json.gz, .folded or .speedscope.json; by default
+                      vantrace-SCRIPT-TIME.vtrace in the current folder
   --events-only       no functions, only the events that the code itself produces
   --include PATTERN   only functions whose name, module.qualname, matches; may be repeated
   --exclude PATTERN   no functions whose name matches; may be repeated
   --all               functions of the standard library and of installed packages by their own
                       names; else their time is part of their callers'
   --c-calls           the C functions that functions call too, which slows all Python code
-  --min-duration T    leave shorter ones out of a .json trace; T is a time such as 10us
+  --min-duration T    leave shorter ones out of an export; T is a time such as 10us
   --max-memory SIZE   bounds the memory for the trace, such as 64M; by default a quarter of all
   --keep WHAT         what the trace keeps then: longest (default) events, first or last ones
   --sort KEY          the table's order: self (default), total, calls or name
@@ -50,9 +51,10 @@ other options:
   -h, --help          this text
   -V, --version       the version
 
-run's exit status is the script's own, also when the trace cannot be written in the end; it is 2
-when the script cannot be read or the trace's folder cannot be written to. Table and notices go to
-standard error.
+run ends as the script does, by a signal too, also when the trace cannot be written in the end; its
+status is 2 when the script cannot be read or the trace's folder cannot be written to. The trace has
+what the script and its forked children recorded, however they end. Table and notices go to standard
+error.
 """
 
 

@@ -34,12 +34,12 @@ _WRITERS = {
 }
 
 
-def trace_writer(path):
+def trace_writer(path, what="an export", others=()):
     """What writes a trace file's events as that kind of file; UsageError for another kind."""
     for ending, write in _WRITERS.items():
         if path.endswith(ending):
             return write
-    raise UsageError(f"an export ends in {', '.join(_WRITERS)}, not {path!r}")
+    raise UsageError(f"{what} ends in {', '.join((*others, *_WRITERS))}, not {path!r}")
 
 
 def export(arguments):

@@ -15,7 +15,7 @@ Half of them keep to p50, 99 of 100 to p99, within an eighth; both None unless i
 
 class record:
     """record(path=None, *, max_bytes=0, keep="first", exact=False, functions=False, include=(),
-    exclude=(), libraries=False, c_calls=False): records the events of all threads.
+    exclude=(), libraries=False, c_calls=False, folder=None): records the events of all threads.
 
         with vantrace.record("trace.json") as recording:
             ...
@@ -28,7 +28,8 @@ class record:
 
     `max_bytes` bounds the memory for events (0: a quarter of the machine's). `keep` says what gives
     way then: "first" refuses new events, "last" drops the oldest, "longest" the shortest. With
-    `exact` the summary counts what gave way, too.
+    `exact` the summary counts what gave way, too. With a `folder` the events lie in files there,
+    which outlive the process.
 
     With `functions` each call of a Python function in any thread is an event too. `include` and
     `exclude` are patterns of the shell for their names, `module.qualname`. The time of functions
@@ -49,11 +50,12 @@ class record:
         exclude=(),
         libraries=False,
         c_calls=False,
+        folder=None,
     ):
         self.path = None if path is None else os.fspath(path)
         if path is not None:
             writer(self.path)
-        self._recorder = Recorder(max_bytes=max_bytes, keep=keep)
+        self._recorder = Recorder(max_bytes=max_bytes, keep=keep, folder=folder)
         self._totals = None
         if exact:
             from ._profile import Profiler

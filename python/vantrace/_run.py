@@ -11,17 +11,26 @@ from types import ModuleType
 
 from . import _frames
 from ._cli import UsageError
+from ._core import Trace, finish_run_folder
+from ._export import trace_writer
 from ._listeners import Listeners
-from ._record import check_writable, record, writer
+from ._record import check_writable, record
+from ._supervise import Child, RunFolder, end_like
 
 
 def run(script, arguments, output, table, options):
-    """Runs the script; whatever ends it passes through as if the interpreter had run it.
+    """Runs the script in a child; ends as it ends, in whatever way that is.
 
     The recording ends when the interpreter does: after the script's threads and exit handlers.
     """
     source = _read(script)
-    report = _Report(script, output, table, options)
+    output = _Output(script, output, options)
+    child = Child()
+    if not child.is_here:
+        status = child.wait()
+        output.finish()
+        end_like(status)
+    report = _Report(output.run_folder, table, options)
     code = _main_code(script, arguments, source)
     report.begin()
     _execute(code)
@@ -115,28 +124,15 @@ class _Unheard:
 
 
 class _Report:
-    """The recording, and what is said of it in the end."""
+    """What the script's process says of its recording in the end."""
 
-    def __init__(self, script, output, table, options):
-        self._script = script
+    def __init__(self, folder, table, options):
         self._table = table
         self._options = options
         self._process = os.getpid()
         self._stderr = sys.stderr
-        if output is None:
-            self._output, self._folder = None, os.getcwd()
-        else:
-            self._output, self._folder = os.path.abspath(output), None
-        self._recording = record(**options.recording())
+        self._recording = record(folder=folder, **options.recording())
         self._listeners = Listeners(options)
-        try:
-            if self._output is not None:
-                writer(self._output)
-            check_writable(self._output or os.path.join(self._folder, "vantrace.json"))
-        except OSError as error:
-            raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
-        except ValueError as error:
-            raise UsageError(error) from None
 
     def begin(self):
         # Registered before any of the script's own, it runs after them.
@@ -159,9 +155,8 @@ class _Report:
             pass  # closed, or its reader is gone: the interpreter says so itself
         stdout, sys.stdout = sys.stdout, _Unheard()
         try:
-            self._say(*self._result_lines(duration, cpu_time))
-            self._say(*self._listeners.lines())
-            self._write()
+            _say(self._stderr, *self._result_lines(duration, cpu_time))
+            _say(self._stderr, *self._listeners.lines())
         finally:
             sys.stdout = stdout
 
@@ -173,46 +168,72 @@ class _Report:
         style = Style(_width(self._stderr), _has_colours(self._stderr))
         return lines(self._recording, duration, cpu_time, self._options, style)
 
-    def _write(self):
+
+class _Output:
+    """Where the trace goes, and the folder that it is made from."""
+
+    def __init__(self, script, output, options):
+        self._script = script
+        self._options = options
+        self._path = None if output is None else os.path.abspath(output)
+        self._folder = os.path.dirname(self._path) if output else os.getcwd()
         try:
-            if self._output is not None:
-                self._save(self._output)
-                path = self._output
-            else:
-                path = self._save_beside_others()
+            if self._path is not None and not self._path.endswith(".vtrace"):
+                trace_writer(self._path, "a trace", [".vtrace"])
+            check_writable(self._path or os.path.join(self._folder, "vantrace.vtrace"))
+            self._run_folder = RunFolder(self._folder)
         except OSError as error:
-            self._say(f"vantrace: cannot write {error.filename!r}: {error.strerror}")
+            raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+
+    @property
+    def run_folder(self):
+        return self._run_folder.path
+
+    def finish(self):
+        """Makes the trace of what the folder has, and says where it is."""
+        try:
+            path = self._path or self._fresh_path()
+            self._write(path)
+            self._run_folder.remove()
+        except OSError as error:
+            _say(sys.stderr, f"vantrace: cannot write {error.filename!r}: {error.strerror}")
+            if os.path.isdir(self.run_folder):
+                _say(sys.stderr, f"vantrace: what was recorded is in {self.run_folder}")
         else:
-            self._say(f"vantrace: the trace is {path}")
+            _say(sys.stderr, f"vantrace: the trace is {path}")
 
-    def _save(self, path):
-        self._recording.save(path, min_duration=self._options.min_duration)
+    def _write(self, path):
+        if path.endswith(".vtrace"):
+            finish_run_folder(self.run_folder, path)
+            return
+        whole = os.path.join(self.run_folder, "whole.vtrace")
+        finish_run_folder(self.run_folder, whole)
+        trace = Trace(whole)
+        if self._options.min_duration is not None and not path.endswith(".folded"):
+            trace.select(None, None, self._options.min_duration, 0, True)
+        trace_writer(path)(trace, path)
 
-    def _save_beside_others(self):
-        """Saves under a name that no file has."""
+    def _fresh_path(self):
+        """A name that no file had; there is one now."""
         stem = os.path.splitext(os.path.basename(self._script))[0]
         stem = f"vantrace-{stem}-{time.strftime('%Y%m%d-%H%M%S')}"
         number = 1
         while True:
-            path = os.path.join(self._folder, f"{stem}{'' if number == 1 else f'-{number}'}.json")
+            name = f"{stem}{'' if number == 1 else f'-{number}'}.vtrace"
+            path = os.path.join(self._folder, name)
             try:
                 os.close(os.open(path, os.O_CREAT | os.O_EXCL | os.O_WRONLY, 0o666))
+                return path
             except FileExistsError:
                 number += 1
-                continue
-            try:
-                self._save(path)
-            except BaseException:
-                os.unlink(path)
-                raise
-            return path
 
-    def _say(self, *lines):
-        try:
-            self._stderr.writelines(line + "\n" for line in lines)
-            self._stderr.flush()
-        except (AttributeError, OSError, ValueError):
-            pass  # there is nobody to tell
+
+def _say(stream, *lines):
+    try:
+        stream.writelines(line + "\n" for line in lines)
+        stream.flush()
+    except (AttributeError, OSError, ValueError):
+        pass  # there is nobody to tell
 
 
 def _width(stream):

@@ -1,0 +1,152 @@
+"""`vantrace run`: nothing that was recorded is lost, however the script ends."""
+
+import os
+import signal
+import subprocess
+import sys
+
+import pytest
+
+from conftest import run_python
+from trace_rules import check_trace, events_of
+
+WORK = "import vantrace\nwith vantrace.event('work'):\n    pass\n"
+
+
+@pytest.fixture(name="traced")
+def fixture_traced(tmp_path):
+    """Runs code under us; gives the finished process and how often each event is in the trace."""
+
+    def run(code):
+        script = tmp_path / "script.py"
+        script.write_text(code, encoding="utf-8")
+        done = run_python("-m", "vantrace", "run", "-o", "t.json", script, cwd=tmp_path)
+        assert sorted(os.listdir(tmp_path)) == ["script.py", "t.json"]
+        return done, counts(tmp_path / "t.json")
+
+    return run
+
+
+def counts(path):
+    text = path.read_text(encoding="utf-8")
+    assert check_trace(text) == []
+    found = {}
+    for event in events_of(text):
+        if event["ph"] in "Xi":  # one without duration is an instant
+            found[event["name"]] = found.get(event["name"], 0) + 1
+    return found
+
+
+@pytest.mark.parametrize(
+    "ending, status",
+    [
+        ("import sys; sys.exit(5)", 5),
+        ("raise ValueError('gone')", 1),
+        ("import os; os._exit(7)", 7),
+        ("import os; os.kill(os.getpid(), 9)", -signal.SIGKILL),
+        ("import os, signal; os.kill(os.getpid(), signal.SIGTERM)", -signal.SIGTERM),
+        ("raise KeyboardInterrupt", -signal.SIGINT),
+        ("import ctypes; ctypes.string_at(0)", -signal.SIGSEGV),
+        ("import os; os.abort()", -signal.SIGABRT),
+    ],
+)
+def test_whatever_ends_the_script(traced, tmp_path, ending, status):
+    done, found = traced(WORK + ending)
+    assert found == {"work": 1}
+    alone = run_python(tmp_path / "script.py", cwd=tmp_path)
+    assert done.returncode == alone.returncode == status
+    assert done.stdout == alone.stdout
+    assert done.stderr.startswith(alone.stderr)
+
+
+def test_an_event_that_is_open_then_is_shown(traced):
+    _, found = traced("import os, vantrace\nwith vantrace.event('open'):\n    os._exit(0)\n")
+    assert found == {"open": 1}
+
+
+def test_children_of_children_that_are_killed(traced):
+    done, found = traced(
+        """
+import os, vantrace
+for level in range(3):
+    with vantrace.event(f"level {level}"):
+        pass
+    child = os.fork()
+    if child:
+        os.waitpid(child, 0)
+        os._exit(0)
+with vantrace.event("last"):
+    os.kill(os.getpid(), 9)
+"""
+    )
+    assert done.returncode == 0
+    assert found == {"level 0": 1, "level 1": 1, "level 2": 1, "last": 1}
+
+
+def test_a_pool_that_is_terminated(traced):
+    done, found = traced(
+        """
+import multiprocessing, vantrace
+
+def work(number):
+    with vantrace.event("job"):
+        return number
+
+if __name__ == "__main__":
+    pool = multiprocessing.get_context("fork").Pool(3)
+    assert pool.map(work, range(60), chunksize=1) == list(range(60))
+    pool.terminate()
+"""
+    )
+    assert done.returncode == 0, done.stderr
+    assert found == {"job": 60}
+
+
+def begin(tmp_path, code):
+    """Begins a script under us that says when it is ready."""
+    (tmp_path / "script.py").write_text(code, encoding="utf-8")
+    command = [sys.executable, "-m", "vantrace", "run", "-o", "t.json", "script.py"]
+    process = subprocess.Popen(command, cwd=tmp_path, stdout=subprocess.PIPE, text=True)
+    assert process.stdout.readline() == "ready\n"
+    return process
+
+
+WAITING = WORK + (
+    "import os, signal, sys\nprint('ready', os.getpid(), sep='\\n', flush=True)\n"
+)
+
+
+def test_a_signal_for_us_is_the_scripts(tmp_path):
+    handler = "signal.signal(signal.SIGTERM, lambda *_: sys.exit(4))\n"
+    process = begin(tmp_path, "import signal, sys\n" + handler + WAITING + "signal.pause()\n")
+    process.send_signal(signal.SIGTERM)
+    process.communicate(timeout=60)
+    assert process.returncode == 4
+    assert counts(tmp_path / "t.json") == {"work": 1}
+
+
+def test_a_script_does_not_outlive_us(tmp_path):
+    process = begin(tmp_path, WAITING + "while True: signal.pause()\n")
+    script = int(process.stdout.readline())
+    process.kill()
+    # Both have the pipe: at its end both are gone.
+    assert process.communicate(timeout=60)[0] == ""
+    assert process.returncode == -signal.SIGKILL
+    assert not os.path.exists(f"/proc/{script}/exe")
+
+
+def test_a_child_that_never_ends_is_not_waited_for(tmp_path):
+    code = WAITING + (
+        "child = os.fork()\n"
+        "if child == 0:\n"
+        "    os.close(1); os.close(2)\n"
+        "    while True: signal.pause()\n"
+        "print(child, flush=True)\n"
+    )
+    process = begin(tmp_path, code)
+    process.stdout.readline()
+    child = int(process.stdout.readline())
+    process.communicate(timeout=60)
+    os.kill(child, signal.SIGKILL)
+    assert process.returncode == 0
+    assert counts(tmp_path / "t.json") == {"work": 1}
