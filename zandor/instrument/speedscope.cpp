@@ -64,8 +64,9 @@ class Writer {
         const auto& events = bySource_[source];
         out_.append("{\"type\":\"evented\",\"name\":\"");
         const RecordedSource& thread = recording_.sources[source];
-        appendJsonName(out_, std::string(thread.processName)
-                                 .append(thread.processName.empty() ? "" : " ")
+        const std::string_view process = thread.processName.value_or("");
+        appendJsonName(out_, std::string(process)
+                                 .append(process.empty() ? "" : " ")
                                  .append(std::to_string(thread.processId))
                                  .append("/")
                                  .append(thread.name));

@@ -78,7 +78,7 @@ void TraceFile::saveCollapsedStacks(const fs::path& file) const {
         named = *recording;
         names.reserve(named.sources.size());
         for (detail::RecordedSource& source : named.sources)
-            source.name = names.emplace_back(std::string(source.processName)
+            source.name = names.emplace_back(std::string(source.processName.value_or(""))
                                                  .append(" ")
                                                  .append(std::to_string(source.processId))
                                                  .append("/")
