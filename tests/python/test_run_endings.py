@@ -20,7 +20,7 @@ def fixture_traced(tmp_path):
     def run(code):
         script = tmp_path / "script.py"
         script.write_text(code, encoding="utf-8")
-        done = run_python("-m", "vantrace", "run", "-o", "t.json", script, cwd=tmp_path)
+        done = run_python("-m", "vantrace", "run", "--events-only", "-o", "t.json", script, cwd=tmp_path)
         assert sorted(os.listdir(tmp_path)) == ["script.py", "t.json"]
         return done, counts(tmp_path / "t.json")
 
@@ -105,7 +105,7 @@ if __name__ == "__main__":
 def begin(tmp_path, code):
     """Begins a script under us that says when it is ready."""
     (tmp_path / "script.py").write_text(code, encoding="utf-8")
-    command = [sys.executable, "-m", "vantrace", "run", "-o", "t.json", "script.py"]
+    command = [sys.executable, "-m", "vantrace", "run", "--events-only", "-o", "t.json", "script.py"]
     process = subprocess.Popen(command, cwd=tmp_path, stdout=subprocess.PIPE, text=True)
     assert process.stdout.readline() == "ready\n"
     return process
