@@ -8,6 +8,8 @@ USAGE = """\
 usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace tree [--json] [--all]
        vantrace stats [--json] [FILE]
+       vantrace snap [--seconds T] [-o FILE] PID ...
+       vantrace stacks PID ...
        vantrace export FILE -o OUTPUT [OPTIONS]
        vantrace combine FILE ... -o OUTPUT
 
@@ -16,6 +18,8 @@ commands:
            a trace
   tree     the published namespaces and methods
   stats    product statistics: what programs logged, from all processes of this user
+  snap     record programs that run dormant for a while; vantrace snap --help tells more
+  stacks   what the threads of programs that run dormant do now
   export   a trace file in another form; vantrace export --help tells more
   combine  several trace files as one
 
@@ -38,6 +42,7 @@ options of run (those after SCRIPT are the script's):
   --count             say in the end how often each function and event began
   --profile           print the profiler's table in the end: exact however long the run
   --log               print a line for each start, stop and instant as they happen
+  --dormant           record nothing until vantrace snap asks for it; no table, and no other option
 
 options of tree:
   --json              as JSON
@@ -89,6 +94,10 @@ def _command(arguments):
             from . import _export
 
             return getattr(_export, name)(rest)
+        case ["snap" | "stacks" as name, *rest]:
+            from . import _ask
+
+            return getattr(_ask, name)(rest)
     kind = "option" if arguments[0].startswith("-") else "command"
     raise UsageError(f"there is no {kind} {arguments[0]!r}; see vantrace --help")
 

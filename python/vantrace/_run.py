@@ -24,7 +24,11 @@ def run(script, arguments, output, table, options):
     The recording ends when the interpreter does: after the script's threads and exit handlers.
     """
     source = _read(script)
-    output = _Output(script, output, options)
+    if options.dormant:
+        if output is not None or not table or options.has_others_than("dormant"):
+            raise UsageError("--dormant goes without other options: vantrace snap takes them")
+        return _run_dormant(script, arguments, source)
+    output = Output(script, output, options)
     child = Child()
     if not child.is_here:
         status = child.wait()
@@ -33,6 +37,16 @@ def run(script, arguments, output, table, options):
     report = _Report(output.run_folder, table, options)
     code = _main_code(script, arguments, source)
     report.begin()
+    _execute(code)
+    return 0
+
+
+def _run_dormant(script, arguments, source):
+    """Runs the script here: nothing is recorded until somebody asks."""
+    from . import _dormant
+
+    code = _main_code(script, arguments, source)
+    _dormant.wait_for_requests()
     _execute(code)
     return 0
 
@@ -169,7 +183,7 @@ class _Report:
         return lines(self._recording, duration, cpu_time, self._options, style)
 
 
-class _Output:
+class Output:
     """Where the trace goes, and the folder that it is made from."""
 
     def __init__(self, script, output, options):
@@ -189,8 +203,12 @@ class _Output:
     def run_folder(self):
         return self._run_folder.path
 
+    def discard(self):
+        """Nothing is to be made of the folder."""
+        self._run_folder.remove()
+
     def finish(self):
-        """Makes the trace of what the folder has, and says where it is."""
+        """Makes the trace of what the folder has, and says where it is; whether that was possible."""
         try:
             path = self._path or self._fresh_path()
             self._write(path)
@@ -199,8 +217,9 @@ class _Output:
             _say(sys.stderr, f"vantrace: cannot write {error.filename!r}: {error.strerror}")
             if os.path.isdir(self.run_folder):
                 _say(sys.stderr, f"vantrace: what was recorded is in {self.run_folder}")
-        else:
-            _say(sys.stderr, f"vantrace: the trace is {path}")
+            return False
+        _say(sys.stderr, f"vantrace: the trace is {path}")
+        return True
 
     def _write(self, path):
         if path.endswith(".vtrace"):

@@ -27,6 +27,7 @@ class RunOptions:
         self.count = False
         self.profile = False
         self.log = False
+        self.dormant = False
 
     def take(self, option, arguments):
         """Takes an option, and its value from the option itself or the arguments.
@@ -45,6 +46,10 @@ class RunOptions:
             value = arguments.pop(0)
         _VALUES[name](self, value)
         return True
+
+    def has_others_than(self, name):
+        """Whether any other option than that one was given."""
+        return vars(self) != vars(RunOptions()) | {name: getattr(self, name)}
 
     def recording(self):
         """What vantrace.record takes of these."""
@@ -94,6 +99,7 @@ _FLAGS = {
     "--count": "count",
     "--profile": "profile",
     "--log": "log",
+    "--dormant": "dormant",
 }
 _VALUES = {
     "--include": lambda options, value: options.include.append(value),
