@@ -35,6 +35,16 @@ function(vantrace_gtest target)
     TEST_PREFIX ${target}. PROPERTIES TIMEOUT 300)
 endfunction()
 
+# zandor-NAME.pc, for builds without CMake; PUBLIC is what the library's own users need.
+function(zandor_pkg_config name public)
+  list(TRANSFORM public REPLACE "zandor::" "zandor-")
+  list(TRANSFORM public REPLACE "LibXml2::LibXml2" "libxml-2.0")
+  list(JOIN public ", " requires)
+  set(description "Library ${name} of the numerical host")
+  configure_file(${PROJECT_SOURCE_DIR}/zandor/library.pc.in zandor-${name}.pc @ONLY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/zandor-${name}.pc DESTINATION lib/pkgconfig)
+endfunction()
+
 # The host library zandor::NAME from zandor/NAME, and its test executable NAME_test.
 # Without sources the library is only its public headers.
 function(zandor_library name)
@@ -60,6 +70,7 @@ function(zandor_library name)
   target_link_libraries(${target} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
   install(TARGETS ${target} EXPORT zandorTargets LIBRARY DESTINATION lib)
   install(DIRECTORY ${folder}/include/ DESTINATION include)
+  zandor_pkg_config(${name} "${arg_PUBLIC}")
   vantrace_gtest(${name}_test SOURCES ${tests} LIBRARIES zandor::${name} ${arg_PRIVATE})
 endfunction()
 

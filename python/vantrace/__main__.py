@@ -2,7 +2,7 @@
 
 import sys
 
-from ._cli import main
+from ._cli import console
 
 if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))
+    sys.exit(console())

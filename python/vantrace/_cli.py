@@ -67,6 +67,11 @@ class UsageError(Exception):
     """What the command line got wrong; the program ends with status 2."""
 
 
+def console():
+    """What the installed command `vantrace` calls."""
+    return main(sys.argv[1:])
+
+
 def main(arguments):
     """Runs a command; gives the exit status."""
     try:

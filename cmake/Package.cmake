@@ -1,0 +1,13 @@
+# The Debian package, by cpack: ./dev package.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME vantrace)
+set(CPACK_PACKAGE_CONTACT "the vantrace maintainers")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Shows where the time of numerical programs goes")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION devel)
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "python3 (>= 3.11), python3 (<< 3.12), python3-numpy")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${CMAKE_LIBRARY_OUTPUT_DIRECTORY})
+include(CPack)
