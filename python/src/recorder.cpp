@@ -13,6 +13,7 @@
 #include "errors.hpp"
 #include "export_file.hpp"
 #include "handle_object.hpp"
+#include "results.hpp"
 #include "text.hpp"
 #include "thread_name.hpp"
 #include "zandor/instrument/controls.hpp"
@@ -160,16 +161,7 @@ PyObject* saveStacks(PyObject* self, PyObject* path) {
 
 PyObject* summary(PyObject* self, PyObject*) {
     return guarded([&] {
-        const auto lines = withoutLock([&] { return instrument::summarize(recorderOf(self)); });
-        Ref list = Ref::take(PyList_New(0));
-        for (const auto& line : lines) {
-            const Ref entry = Ref::take(Py_BuildValue(
-                "(NLLLLL)", strOf(line.name).release(), static_cast<long long>(line.count),
-                static_cast<long long>(line.total), static_cast<long long>(line.self),
-                static_cast<long long>(line.minimum), static_cast<long long>(line.maximum)));
-            check(PyList_Append(list.get(), entry.get()));
-        }
-        return list.release();
+        return listOf(withoutLock([&] { return instrument::summarize(recorderOf(self)); }));
     });
 }
 
@@ -181,25 +173,12 @@ std::set<std::string> threadNames(const InstrumentRecorder& recorder) {
 }
 
 PyObject* threads(PyObject* self, PyObject*) {
-    return guarded([&] {
-        const auto names = withoutLock([&] { return threadNames(recorderOf(self)); });
-        Ref list = Ref::take(PyList_New(0));
-        for (const std::string& name : names)
-            check(PyList_Append(list.get(), strOf(std::string_view(name)).get()));
-        return list.release();
-    });
+    return guarded(
+        [&] { return namesOf(withoutLock([&] { return threadNames(recorderOf(self)); })); });
 }
 
 PyObject* drops(PyObject* self, PyObject*) {
-    return guarded([&] {
-        const instrument::RecorderDrops counts = recorderOf(self).drops();
-        return Py_BuildValue("{sKsKsKsKsL}", "refused",
-                             static_cast<unsigned long long>(counts.refused), "oldest",
-                             static_cast<unsigned long long>(counts.oldest), "shortest",
-                             static_cast<unsigned long long>(counts.shortest), "failed",
-                             static_cast<unsigned long long>(counts.failed), "minimum_duration",
-                             static_cast<long long>(counts.minimumDuration));
-    });
+    return guarded([&] { return dictOf(recorderOf(self).drops()); });
 }
 
 PyObject* isActive(PyObject* self, void*) {
@@ -219,7 +198,8 @@ PyMethodDef methods[] = {
     {"save_trace", saveTrace, METH_O, "Writes a trace file."},
     {"save_stacks", saveStacks, METH_O, "Writes collapsed stacks."},
     {"summary", summary, METH_NOARGS,
-     "(name, count, total, self, minimum, maximum) of complete events, times in nanoseconds."},
+     "(name, count, total, self, minimum, maximum, median, 99th percentile) of complete events, "
+     "times in nanoseconds."},
     {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},

@@ -8,6 +8,7 @@
 
 #include "export_file.hpp"
 #include "handle_object.hpp"
+#include "results.hpp"
 #include "text.hpp"
 #include "zandor/instrument/trace_file.hpp"
 
@@ -102,6 +103,23 @@ PyObject* saveSpeedscope(PyObject* self, PyObject* path) {
     return save(path, [&](const fs::path& file) { traceOf(self).saveSpeedscope(file); });
 }
 
+PyObject* summary(PyObject* self, PyObject*) {
+    return guarded([&] { return listOf(withoutLock([&] { return traceOf(self).summarize(); })); });
+}
+
+PyObject* threads(PyObject* self, PyObject*) {
+    return guarded(
+        [&] { return namesOf(withoutLock([&] { return traceOf(self).threadNames(); })); });
+}
+
+PyObject* drops(PyObject* self, PyObject*) {
+    return guarded([&] { return dictOf(traceOf(self).drops()); });
+}
+
+PyObject* duration(PyObject* self, void*) {
+    return PyLong_FromLongLong(traceOf(self).duration());
+}
+
 PyObject* processes(PyObject* self, void*) {
     return PyLong_FromUnsignedLong(traceOf(self).processCount());
 }
@@ -126,10 +144,17 @@ PyMethodDef methods[] = {
      "save_parts(path, most_bytes): writes trace-event JSON in several files; gives their names."},
     {"save_stacks", saveStacks, METH_O, "Writes collapsed stacks."},
     {"save_speedscope", saveSpeedscope, METH_O, "Writes profiles for speedscope."},
+    {"summary", summary, METH_NOARGS,
+     "(name, count, total, self, minimum, maximum, median, 99th percentile) of complete events, "
+     "times in nanoseconds."},
+    {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
+    {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},
 };
 
 PyGetSetDef properties[] = {
+    {"duration", duration, nullptr, "Nanoseconds from the first event to the end of the last.",
+     nullptr},
     {"processes", processes, nullptr, "How many processes it is of.", nullptr},
     {"events", events, nullptr, "How many events it has.", nullptr},
     {"damaged_blocks", damagedBlocks, nullptr, "How many blocks were not read whole.", nullptr},

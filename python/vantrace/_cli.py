@@ -12,6 +12,7 @@ usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace stacks PID ...
        vantrace export FILE -o OUTPUT [OPTIONS]
        vantrace combine FILE ... -o OUTPUT
+       vantrace table [--sort KEY] [--top N] FILE
 
 commands:
   run      record each Python function and event of a script: a table of where the time went, and
@@ -22,6 +23,7 @@ commands:
   stacks   what the threads of programs that run dormant do now
   export   a trace file in another form; vantrace export --help tells more
   combine  several trace files as one
+  table    where the time of a trace file went
 
 options of run (those after SCRIPT are the script's):
   -o, --output FILE   write the trace there: .vtrace, or what vantrace export makes of one, .json,
@@ -103,6 +105,10 @@ def _command(arguments):
             from . import _ask
 
             return getattr(_ask, name)(rest)
+        case ["table", *rest]:
+            from . import _file_table
+
+            return _file_table.table(rest)
     kind = "option" if arguments[0].startswith("-") else "command"
     raise UsageError(f"there is no {kind} {arguments[0]!r}; see vantrace --help")
 

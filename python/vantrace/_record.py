@@ -6,11 +6,11 @@ from collections import namedtuple
 from ._core import Recorder
 
 Summary = namedtuple(
-    "Summary", "name count total self minimum maximum p50 p99", defaults=(None, None)
+    "Summary", "name count total self minimum maximum p50 p99"
 )
 Summary.__doc__ = """Complete events of one name; times in nanoseconds.
 
-Half of them keep to p50, 99 of 100 to p99, within an eighth; both None unless it has exact totals."""
+Half of them keep to p50, 99 of 100 to p99, within an eighth."""
 
 
 class record:
@@ -124,6 +124,11 @@ class record:
     def functions(self):
         """What tracing functions collapsed and did not see; None where it was not asked for."""
         return self._functions and self._functions.report()
+
+    @property
+    def counts_all(self):
+        """Whether the summary counts what is not in the trace, too."""
+        return self._totals is not None
 
     def drops(self):
         """How many events were dropped, by cause."""

@@ -175,11 +175,11 @@ class _Report:
             sys.stdout = stdout
 
     def _result_lines(self, duration, cpu_time):
-        from ._table import Style, lines, losses
+        from ._table import lines, losses, style_of
 
         if not self._table:
             return losses(self._recording)
-        style = Style(_width(self._stderr), _has_colours(self._stderr))
+        style = style_of(self._stderr)
         return lines(self._recording, duration, cpu_time, self._options, style)
 
 
@@ -253,22 +253,3 @@ def _say(stream, *lines):
         stream.flush()
     except (AttributeError, OSError, ValueError):
         pass  # there is nobody to tell
-
-
-def _width(stream):
-    try:
-        return int(os.environ.get("COLUMNS", "")) or 80
-    except ValueError:
-        pass
-    try:
-        return os.get_terminal_size(stream.fileno()).columns or 80
-    except (AttributeError, OSError, ValueError):
-        return 80
-
-
-def _has_colours(stream):
-    try:
-        is_terminal = stream.isatty()
-    except (AttributeError, OSError, ValueError):
-        return False
-    return is_terminal and not os.environ.get("NO_COLOR") and os.environ.get("TERM") != "dumb"

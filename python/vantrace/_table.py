@@ -6,6 +6,7 @@ _LEAST_NAME = 20
 _NUMBERS = 7  # columns without that of places
 _FEWEST_COLUMNS = 5
 _MOST_PLACE = 32
+_WIDEST = 3
 
 _SORT = {
     "self": lambda row: (-row.self, row.name),
@@ -25,8 +26,35 @@ class Style:
         self.has_colours = has_colours
 
 
+def style_of(stream):
+    """The style for what is written there."""
+    return Style(_width(stream), _has_colours(stream))
+
+
+def _width(stream):
+    try:
+        return int(os.environ.get("COLUMNS", "")) or 80
+    except ValueError:
+        pass
+    try:
+        return os.get_terminal_size(stream.fileno()).columns or 80
+    except (AttributeError, OSError, ValueError):
+        return 80
+
+
+def _has_colours(stream):
+    try:
+        is_terminal = stream.isatty()
+    except (AttributeError, OSError, ValueError):
+        return False
+    return is_terminal and not os.environ.get("NO_COLOR") and os.environ.get("TERM") != "dumb"
+
+
 def lines(recording, duration, cpu_time, options, style):
-    """The lines for a recording that lasted so many nanoseconds, and took so many of CPU time."""
+    """The lines for a recording that lasted so many nanoseconds, and took so many of CPU time.
+
+    `recording` is a vantrace.record, or tells the same; without a CPU time that is left out.
+    """
     rows = sorted(recording.summary(), key=_SORT[options.sort])
     threads = len(recording.threads())
     calls = sum(row.count for row in rows)
@@ -35,8 +63,9 @@ def lines(recording, duration, cpu_time, options, style):
         f"{_counted(calls, 'event')}"
     )
     functions = recording.functions()
-    if functions:
-        yield _cost_text(cpu_time, calls, functions["collapsed_calls"])
+    if cpu_time is not None:
+        yield _cost_text(cpu_time, calls, functions)
+    yield from _widest(rows)
     shown = rows[: options.top or None]
     if rows:
         yield from _aligned(list(_table(recording, shown, duration)), style)
@@ -47,11 +76,22 @@ def lines(recording, duration, cpu_time, options, style):
     yield from losses(recording)
 
 
-def _cost_text(cpu_time, events, others):
-    from ._cost import of_calls
+def _cost_text(cpu_time, events, functions):
+    from . import _cost
 
-    cost = of_calls(events, others)
+    if functions:
+        cost = _cost.of_calls(events, functions["collapsed_calls"])
+    else:
+        cost = _cost.of_events(events)
     return f"vantrace: {time_text(cpu_time)} CPU time, of that about {time_text(cost)} for tracing"
+
+
+def _widest(rows):
+    """Which share of the time a few names have, where there are more."""
+    times = sorted((row.self for row in rows), reverse=True)
+    if len(times) > _WIDEST and times[0] > 0:
+        share = 100 * sum(times[:_WIDEST]) / sum(times)
+        yield f"vantrace: {share:.0f} % of it is in the widest {_WIDEST} of {len(times):,} names"
 
 
 def _table(recording, rows, duration):
@@ -88,11 +128,15 @@ def losses(recording):
         which = shortest if dropped == drops["shortest"] else ""
         yield (
             f"vantrace: for want of memory {_counted(dropped, 'event')}{which}, "
-            f"{'is' if dropped == 1 else 'are'} not in the trace; the table counts all"
+            f"{'is' if dropped == 1 else 'are'} not in the trace{_counting(recording)}"
         )
     functions = recording.functions()
     if functions:
         yield from _unseen(functions)
+
+
+def _counting(recording):
+    return "; the table counts all" if recording.counts_all else ", nor in the table"
 
 
 def _unseen(functions):

@@ -85,10 +85,17 @@ def test_calls_of_libraries_are_counted(run):
     )
 
 
+def test_the_head_tells_the_share_of_the_widest_names(run):
+    [line] = [line for line in run() if "widest" in line]
+    match = re.fullmatch(r"vantrace: (\d+) % of it is in the widest 3 of 6 names", line)
+    shares = sorted((float(cells[3]) for cells in rows(run()).values()), reverse=True)
+    assert abs(int(match[1]) - 100 * sum(shares[:3]) / sum(shares)) < 5
+
+
 def test_the_head_tells_cpu_time_and_what_tracing_cost(run):
     pattern = r"vantrace: [\d.]+ [mu]?s CPU time, of that about [\d.]+ [mu]?n?s for tracing"
-    assert re.fullmatch(pattern, run()[1])
-    assert not any("for tracing" in line for line in run("--events-only"))
+    for options in ([], ["--events-only"]):
+        assert re.fullmatch(pattern, run(*options)[1])
 
 
 def test_libraries_have_their_own_rows_where_asked_for(run):

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <unordered_map>
 
+#include "zandor/instrument/duration_buckets.hpp"
 #include "zandor/instrument/event_order.hpp"
 #include "zandor/instrument/self_time.hpp"
 
@@ -20,6 +21,7 @@ class Summaries {
         if (place == none) {
             place = static_cast<std::uint32_t>(summaries_.size());
             summaries_.push_back({{instrument->name, instrument->nameLength}});
+            durations_.emplace_back();
         }
         return place;
     }
@@ -30,6 +32,7 @@ class Summaries {
         summary.minimum = summary.count == 0 ? duration : std::min(summary.minimum, duration);
         summary.maximum = std::max(summary.maximum, duration);
         ++summary.count;
+        durations_[which].add(duration);
         summary.total = saturatingAdd(summary.total, notYetCovered(which, event));
     }
 
@@ -38,6 +41,10 @@ class Summaries {
     }
 
     std::vector<EventSummary> sorted() && {
+        for (std::size_t i = 0; i < summaries_.size(); ++i) {
+            summaries_[i].p50 = typical(i, 0.5);
+            summaries_[i].p99 = typical(i, 0.99);
+        }
         std::sort(summaries_.begin(), summaries_.end(), [](const auto& a, const auto& b) {
             return a.self != b.self ? a.self > b.self : a.name < b.name;
         });
@@ -54,9 +61,15 @@ class Summaries {
         return std::max<std::int64_t>(saturatingSubtract(event.stop, from), 0);
     }
 
+    std::int64_t typical(std::size_t which, double share) const noexcept {
+        return std::clamp(durations_[which].quantile(share), summaries_[which].minimum,
+                          summaries_[which].maximum);
+    }
+
     static constexpr std::uint32_t none = 0xffffffff;
     std::vector<EventSummary> summaries_;
-    std::vector<std::uint32_t> places_;  // by the instrument's number
+    std::vector<DurationSums> durations_;  // by summary
+    std::vector<std::uint32_t> places_;    // by the instrument's number
     std::unordered_map<std::uint64_t, std::int64_t> coveredUntil_;
 };
 

@@ -20,6 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using detail::Recording;
+using detail::saturatingSubtract;
 
 /// Writes a file that is whole or not there; compressed where its name says so.
 template <class Write>
@@ -105,6 +106,12 @@ std::vector<EventSummary> TraceFile::summarize() const {
 
 RecorderDrops TraceFile::drops() const noexcept {
     return loaded_->recording().drops;
+}
+
+std::int64_t TraceFile::duration() const noexcept {
+    const Recording& recording = loaded_->recording();
+    return std::max<std::int64_t>(saturatingSubtract(recording.lastTime, recording.originMonotonic),
+                                  0);
 }
 
 std::uint32_t TraceFile::processCount() const noexcept {

@@ -104,7 +104,7 @@ class ProfilerCore {
                 origin = std::min(origin, *first);
             tree.forEach([&](const CallNode& node) { sums[node.instrument].add(node); });
             tree.forEachDurations([&](const InstrumentDurations& known) {
-                sums[known.instrument].durations.add(known.histogram);
+                known.histogram.addTo(sums[known.instrument].durations);
             });
         });
         std::vector<CallSummary> rows;

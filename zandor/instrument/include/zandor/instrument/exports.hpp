@@ -59,6 +59,8 @@ struct EventSummary {
     std::int64_t self = 0;   ///< nanoseconds not covered by events nested in it
     std::int64_t minimum = 0;
     std::int64_t maximum = 0;
+    std::int64_t p50 = 0;  ///< half of them keep to it, within an eighth
+    std::int64_t p99 = 0;
 };
 /// Of complete events, widest self time first.
 ZANDOR_INSTRUMENT_API std::vector<EventSummary> summarize(const InstrumentRecorder& recorder);

@@ -80,6 +80,8 @@ class ZANDOR_INSTRUMENT_API TraceFile {
 
     std::vector<EventSummary> summarize() const;
     RecorderDrops drops() const noexcept;
+    /// Nanoseconds from the first event to the latest time of all.
+    std::int64_t duration() const noexcept;
     std::uint32_t processCount() const noexcept;
     /// Of threads that have events, without repetition, sorted.
     std::vector<std::string> threadNames() const;
