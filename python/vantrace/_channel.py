@@ -65,7 +65,9 @@ def receive(peer):
 
     line = bytearray()
     while not line.endswith(b"\n"):
-        part = peer.recv(1 << 16)
+        # No more than this line: the next message may have come, too.
+        ahead = peer.recv(1 << 16, _socket.MSG_PEEK)
+        part = peer.recv(ahead.find(b"\n") + 1 or len(ahead))
         if not part or len(line) > _LONGEST:
             return None
         line += part

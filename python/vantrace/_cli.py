@@ -60,8 +60,8 @@ other options:
 
 run ends as the script does, by a signal too, also when the trace cannot be written in the end; its
 status is 2 when the script cannot be read or the trace's folder cannot be written to. The trace has
-what the script and its forked children recorded, however they end. Table and notices go to standard
-error.
+what the script and the Python processes that come of it recorded, however they end. Table and notices
+go to standard error.
 """
 
 

@@ -9,13 +9,16 @@ import time
 from importlib.machinery import SourceFileLoader
 from types import ModuleType
 
-from . import _frames
+from . import _children, _frames
 from ._cli import UsageError
 from ._core import Trace, finish_run_folder
 from ._export import trace_writer
 from ._listeners import Listeners
 from ._record import check_writable, record
 from ._supervise import Child, RunFolder, end_like
+from ._table import printable
+
+_LONGEST_COMMAND = 100
 
 
 def run(script, arguments, output, table, options):
@@ -35,6 +38,7 @@ def run(script, arguments, output, table, options):
         output.finish()
         end_like(status)
     report = _Report(output.run_folder, table, options)
+    _children.announce(output.run_folder, options.recording() | {"exact": False})
     code = _main_code(script, arguments, source)
     report.begin()
     _execute(code)
@@ -210,6 +214,8 @@ class Output:
     def finish(self):
         """Makes the trace of what the folder has, and says where it is; whether that was possible."""
         try:
+            for command, reason in _children.untraced(self.run_folder):
+                _say(sys.stderr, f"vantrace: not traced, for {reason}: {_shortened(command)}")
             path = self._path or self._fresh_path()
             self._write(path)
             self._run_folder.remove()
@@ -245,6 +251,11 @@ class Output:
                 return path
             except FileExistsError:
                 number += 1
+
+
+def _shortened(command):
+    command = printable(command)
+    return command if len(command) <= _LONGEST_COMMAND else command[: _LONGEST_COMMAND - 3] + "..."
 
 
 def _say(stream, *lines):
