@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <mutex>
 #include <stdexcept>
 #include <vector>
 
@@ -21,26 +22,50 @@ namespace {
 class ProcessQueue {
   public:
     static Queue& get() {
-        static ProcessQueue process;
-        return *process.current().load(std::memory_order_acquire);
+        Queue* made = current_.load(std::memory_order_acquire);
+        return made ? *made : first();
     }
 
   private:
-    ProcessQueue() {
-        current().store(make(nullptr), std::memory_order_release);
-        pthread_atfork([] { get().lockForFork(); }, [] { get().unlockAfterFork(); },
-                       [] { current().store(make(&get()), std::memory_order_release); });
-        std::atexit([] { get().close(); });
+    static Queue& first() {
+        std::lock_guard hold(creation_);
+        if (!current_.load(std::memory_order_relaxed)) {
+            current_.store(make(nullptr), std::memory_order_release);
+            std::atexit([] { get().close(); });
+        }
+        return get();
     }
 
-    /// Published by release, read by acquire in `get`: who sees a queue sees it whole.
-    static std::atomic<Queue*>& current() {
-        static std::atomic<Queue*> queue{nullptr};
-        return queue;
+    static void lockForFork() {
+        creation_.lock();
+        if (Queue* queue = current_.load(std::memory_order_relaxed))
+            queue->lockForFork();
+    }
+    static void unlockInParent() {
+        if (Queue* queue = current_.load(std::memory_order_relaxed))
+            queue->unlockAfterFork();
+        creation_.unlock();
+    }
+    static void unlockInChild() {
+        if (Queue* parents = current_.load(std::memory_order_relaxed))
+            current_.store(make(parents), std::memory_order_release);
+        creation_.unlock();
     }
 
     static Queue* make(const Queue* parents) { return std::make_unique<Queue>(parents).release(); }
+
+    /// Stored by release under `creation_`, read by acquire in `get`: who sees a queue sees it
+    /// whole.
+    static constinit std::atomic<Queue*> current_;
+    /// Held around a fork: a child would wait for ever for another thread that makes the queue.
+    static constinit std::mutex creation_;
+    static const int watchesForks_;
 };
+
+constinit std::atomic<Queue*> ProcessQueue::current_{nullptr};
+constinit std::mutex ProcessQueue::creation_;
+const int ProcessQueue::watchesForks_ =
+    pthread_atfork(&lockForFork, &unlockInParent, &unlockInChild);
 
 void log(Kind kind, const std::string& name, const std::string& detail) {
     const auto utc = std::chrono::system_clock::now().time_since_epoch();

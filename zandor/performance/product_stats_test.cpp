@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <atomic>
 
 #include <cstdlib>
 #include <filesystem>
@@ -196,6 +197,36 @@ TEST_F(ProductStats, AreOpenedByAForkedChildForItself) {
                 ElementsAre("begin|parent|x|" + std::to_string(::getpid()),
                             "time|child|y|" + std::to_string(child),
                             "end|parent|x|" + std::to_string(::getpid())));
+}
+
+TEST_F(ProductStats, AreKeptByChildrenThatAreForkedWhileAnotherThreadLogsForTheFirstTime) {
+    constexpr int processes = 200;
+    int good = 0;
+    for (int i = 0; i < processes; ++i) {
+        const pid_t fresh = ::fork();
+        if (fresh == 0) {
+            std::atomic<bool> begun{false};
+            std::thread first([&] {
+                begun = true;
+                logEventTime("first", "x");
+            });
+            while (!begun)
+                ;
+            const pid_t child = ::fork();
+            if (child == 0) {
+                logEventTime("child", "y");
+                ::_exit(0);
+            }
+            int status = -1;
+            ::waitpid(child, &status, 0);
+            first.join();
+            ::_exit(status);
+        }
+        int status = -1;
+        ::waitpid(fresh, &status, 0);
+        good += status == 0;
+    }
+    EXPECT_EQ(good, processes);
 }
 
 TEST_F(ProductStats, AreKeptByManyChildrenThatAreForkedWhileRowsAreWritten) {
