@@ -280,5 +280,5 @@ def test_the_guide_s_example(run, tmp_path):
     guide = (ROOT / "docs/run.md").read_text(encoding="utf-8")
     done, found = run(re.search(r"(?s)```python\n(.*?)```", guide)[1])
     assert (done.returncode, done.stdout) == (0, "285\n")
-    assert len(found["__mp_main__.square"]) == 10
+    assert len(found["__main__.square"]) == 10
     assert len(found["__main__.other"]) == 1
