@@ -26,6 +26,7 @@ struct EventFunctionObject {
 
 // Immortal, as the module is.
 PyObject* functionType = nullptr;
+PyObject* wrappedType = nullptr;
 
 EventFunctionObject& functionOf(PyObject* self) noexcept {
     return *reinterpret_cast<EventFunctionObject*>(self);
@@ -72,6 +73,33 @@ PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndF
 
 PyObject* get(PyObject* self, PyObject* instance, PyObject*) {
     return instance ? PyMethod_New(self, instance) : Py_NewRef(self);
+}
+
+/// As a method where the function itself would become one: native functions do not.
+PyObject* getWrapped(PyObject* self, PyObject* instance, PyObject* type) {
+    const bool binds = Py_TYPE(functionOf(self).function)->tp_descr_get != nullptr;
+    return binds ? get(self, instance, type) : Py_NewRef(self);
+}
+
+/// What the wrapper does not have is the function's: a ufunc's methods, for one.
+PyObject* attributeOfWrapped(PyObject* self, PyObject* name) {
+    PyObject* own = PyObject_GenericGetAttr(self, name);
+    if (own || !PyErr_ExceptionMatches(PyExc_AttributeError))
+        return own;
+    PyErr_Clear();
+    return PyObject_GetAttr(functionOf(self).function, name);
+}
+
+/// Whoever asks isinstance() sees the function's own type.
+PyObject* classOfWrapped(PyObject* self, void*) {
+    return Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(functionOf(self).function)));
+}
+
+PyObject* reduceWrapped(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const Ref module = Ref::take(PyImport_ImportModule("vantrace._wrap"));
+        return Ref::take(PyObject_CallMethod(module.get(), "reduced", "O", self)).release();
+    });
 }
 
 int traverse(PyObject* self, visitproc visit, void* arg) {
@@ -147,11 +175,60 @@ PyType_Spec spec = {"vantrace._core.EventFunction", sizeof(EventFunctionObject),
                         Py_TPFLAGS_METHOD_DESCRIPTOR | Py_TPFLAGS_DISALLOW_INSTANTIATION,
                     slots};
 
+PyMethodDef wrappedMethods[] = {
+    {"__reduce__", reduceWrapped, METH_NOARGS, nullptr},
+    {nullptr, nullptr, 0, nullptr},
+};
+
+PyGetSetDef wrappedProperties[] = {
+    {"__dict__", PyObject_GenericGetDict, PyObject_GenericSetDict, nullptr, nullptr},
+    {"__class__", classOfWrapped, nullptr, nullptr, nullptr},
+    {nullptr, nullptr, nullptr, nullptr, nullptr},
+};
+
+PyType_Slot wrappedSlots[] = {
+    {Py_tp_dealloc, asSlot(deallocate)},
+    {Py_tp_traverse, asSlot(traverse)},
+    {Py_tp_clear, asSlot(clear)},
+    {Py_tp_repr, asSlot(repr)},
+    {Py_tp_call, asSlot(PyVectorcall_Call)},
+    {Py_tp_descr_get, asSlot(getWrapped)},
+    {Py_tp_getattro, asSlot(attributeOfWrapped)},
+    {Py_tp_methods, wrappedMethods},
+    {Py_tp_members, members},
+    {Py_tp_getset, wrappedProperties},
+    {0, nullptr},
+};
+
+PyType_Spec wrappedSpec = {"vantrace._core.WrappedFunction", sizeof(EventFunctionObject), 0,
+                           Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL |
+                               Py_TPFLAGS_DISALLOW_INSTANTIATION,
+                           wrappedSlots};
+
+PyObject* make(PyObject* type, PyObject* arguments, const char* format) {
+    return guarded([&] {
+        PyObject* event = nullptr;
+        PyObject* function = nullptr;
+        if (!PyArg_ParseTuple(arguments, format, &event, &function))
+            throw PythonError();
+        if (!isEvent(event) || !PyCallable_Check(function))
+            raise(PyExc_TypeError, "expected an event and a callable");
+        Ref object = Ref::take(asType(type)->tp_alloc(asType(type), 0));
+        EventFunctionObject& self = functionOf(object.get());
+        self.call = call;
+        self.event = Py_NewRef(event);
+        self.function = Py_NewRef(function);
+        return object.release();
+    });
+}
+
 }  // namespace
 
 void addEventFunction(PyObject* module) {
     functionType = Ref::take(PyType_FromSpec(&spec)).release();
+    wrappedType = Ref::take(PyType_FromSpec(&wrappedSpec)).release();
     check(PyModule_AddObjectRef(module, "EventFunction", functionType));
+    check(PyModule_AddObjectRef(module, "WrappedFunction", wrappedType));
 }
 
 Ref decorate(PyObject* event, PyObject* function) {
@@ -160,21 +237,11 @@ Ref decorate(PyObject* event, PyObject* function) {
 }
 
 PyObject* newEventFunction(PyObject*, PyObject* arguments) {
-    return guarded([&] {
-        PyObject* event = nullptr;
-        PyObject* function = nullptr;
-        if (!PyArg_ParseTuple(arguments, "OO:event_function", &event, &function))
-            throw PythonError();
-        if (!isEvent(event) || !PyCallable_Check(function))
-            raise(PyExc_TypeError, "event_function takes an event and a callable");
-        PyTypeObject* type = asType(functionType);
-        Ref object = Ref::take(type->tp_alloc(type, 0));
-        EventFunctionObject& self = functionOf(object.get());
-        self.call = call;
-        self.event = Py_NewRef(event);
-        self.function = Py_NewRef(function);
-        return object.release();
-    });
+    return make(functionType, arguments, "OO:event_function");
+}
+
+PyObject* newWrappedFunction(PyObject*, PyObject* arguments) {
+    return make(wrappedType, arguments, "OO:wrapped_function");
 }
 
 }  // namespace vantrace

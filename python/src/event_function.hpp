@@ -11,7 +11,11 @@ void addEventFunction(PyObject* module);
 /// are wrapped by Python code, which holds the event open from their first step to their last.
 Ref decorate(PyObject* event, PyObject* function);
 
-/// EventFunction(event, function): the plain form.
+/// event_function(event, function): the plain form.
 PyObject* newEventFunction(PyObject* module, PyObject* arguments);
+
+/// wrapped_function(event, function): one that stands in for the function wherever it is looked up,
+/// with its attributes and, for isinstance(), its type.
+PyObject* newWrappedFunction(PyObject* module, PyObject* arguments);
 
 }  // namespace vantrace

@@ -36,6 +36,8 @@ PyMethodDef functions[] = {
     {"instant", asCFunction(emitInstant), METH_FASTCALL | METH_KEYWORDS,
      "instant(name, /, **context)\n--\n\nAn event without duration."},
     {"event_function", newEventFunction, METH_VARARGS, "A function whose calls are events."},
+    {"wrapped_function", newWrappedFunction, METH_VARARGS,
+     "A function that stands in for a callable, each call of which is an event."},
     {"load", loadPlugin, METH_O, "Loads a plug-in."},
     {"roots", listRoots, METH_NOARGS, "The published root namespaces."},
     {"find_root", findRootNamespace, METH_O, "The root namespace of a name."},

@@ -28,6 +28,7 @@ except ModuleNotFoundError:
     raise ImportError(explain(), name=__name__) from None
 
 __all__ = [
+    "LoggingHandler",
     "NotLoadedError",
     "PluginError",
     "StructArray",
@@ -37,11 +38,21 @@ __all__ = [
     "performance",
     "record",
     "tasks",
+    "trace_gc",
+    "wrap",
+    "wrap_module",
 ]
 
 
 # What most programs do not need, or not at once, is imported when it is asked for.
-_LATER = {"record": "._record", "StructArray": "._struct_array"}
+_LATER = {
+    "LoggingHandler": "._logging",
+    "StructArray": "._struct_array",
+    "record": "._record",
+    "trace_gc": "._collections",
+    "wrap": "._wrap",
+    "wrap_module": "._wrap",
+}
 
 
 def __getattr__(name):

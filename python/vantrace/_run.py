@@ -151,11 +151,16 @@ class _Report:
         self._stderr = sys.stderr
         self._recording = record(folder=folder, **options.recording())
         self._listeners = Listeners(options)
+        self._collections = None
 
     def begin(self):
         # Registered before any of the script's own, it runs after them.
         atexit.register(self._end)
         self._recording.__enter__()
+        if self._options.gc:
+            from ._collections import trace_gc
+
+            self._collections = trace_gc()
         self._listeners.start()
         self._begin = time.perf_counter_ns()
         self._begin_cpu = time.process_time_ns()
@@ -166,6 +171,8 @@ class _Report:
         duration = time.perf_counter_ns() - self._begin
         cpu_time = time.process_time_ns() - self._begin_cpu
         self._listeners.stop()
+        if self._collections:
+            self._collections.stop()
         self._recording.__exit__(None, None, None)
         try:
             sys.stdout.flush()

@@ -28,6 +28,7 @@ class RunOptions:
         self.profile = False
         self.log = False
         self.dormant = False
+        self.gc = False
 
     def take(self, option, arguments):
         """Takes an option, and its value from the option itself or the arguments.
@@ -100,6 +101,7 @@ _FLAGS = {
     "--profile": "profile",
     "--log": "log",
     "--dormant": "dormant",
+    "--gc": "gc",
 }
 _VALUES = {
     "--include": lambda options, value: options.include.append(value),

@@ -393,3 +393,11 @@ def test_the_trace_tells_thread_and_context(run, script, tmp_path):
     assert str(event["args"]["n"]) == "3"
     names = [e["args"]["name"] for e in trace["traceEvents"] if e["name"] == "thread_name"]
     assert names == ["MainThread"]
+
+
+def test_garbage_collections_are_recorded_when_asked_for(run, script, tmp_path):
+    collecting = script("import gc\ngc.collect()\n")
+    run("--events-only", "-o", "with.json", "--gc", collecting)
+    run("--events-only", "-o", "without.json", collecting)
+    assert "garbage collection" in lasting(tmp_path / "with.json")
+    assert "garbage collection" not in lasting(tmp_path / "without.json")
