@@ -18,9 +18,9 @@ class StackTree {
   public:
     using Node = std::uint32_t;
 
-    explicit StackTree(const std::vector<RecordedSource>& sources) {
-        for (const RecordedSource& source : sources)
-            frames_.push_back({none, frameName(source.name), 0, false});
+    explicit StackTree(const std::vector<std::string>& roots) {
+        for (const std::string& root : roots)
+            frames_.push_back({none, frameName(root), 0, false});
     }
 
     Node child(Node parent, const Opaque* instrument) {
@@ -84,31 +84,40 @@ class StackTree {
     std::unordered_map<Edge, Node, EdgeHash> children_;
 };
 
-StackTree stackTree(const Recording& recording) {
-    StackTree tree(recording.sources);
-    SelfTime<StackTree::Node> selfTime(recording.sources.size());
+StackTree stackTree(EventStream& stream, const std::vector<std::string>& roots) {
+    StackTree tree(roots);
+    SelfTime<StackTree::Node> selfTime(roots.size());
     const auto give = [&](StackTree::Node node, std::int64_t time) { tree.give(node, time); };
-    forEachEnclosingFirst(recording.events, [&](const RecordedEvent& event) {
-        const std::int64_t end = closingTime(recording, event);
+    forEachEnclosingFirst(stream, [&](const RecordedEvent& event) {
+        const std::int64_t end = closingTime(stream.facts(), event);
         if (end < event.start)
             return;
         const auto* innermost = selfTime.advance(event.source, event.start, give);
         const auto node = tree.child(innermost ? *innermost : event.source, event.instrument);
         selfTime.enter(event.source, event.start, end, node);
     });
-    for (std::uint32_t source = 0; source < recording.sources.size(); ++source)
+    for (std::uint32_t source = 0; source < roots.size(); ++source)
         selfTime.finish(source, give);
     return tree;
 }
 
 }  // namespace
 
-std::vector<std::string> collapsedStacks(const Recording& recording) {
+std::vector<std::string> collapsedStacks(EventStream& stream,
+                                         const std::vector<std::string>& roots) {
     std::vector<std::string> lines;
-    for (const auto& [stack, self] : stackTree(recording).selfTimes(recording.sources.size()))
+    for (const auto& [stack, self] : stackTree(stream, roots).selfTimes(roots.size()))
         lines.push_back(stack + ' ' + std::to_string(std::max<std::int64_t>(self, 1)));
     std::sort(lines.begin(), lines.end());
     return lines;
+}
+
+std::vector<std::string> collapsedStacks(const Recording& recording) {
+    std::vector<std::string> threads;
+    for (const RecordedSource& source : recording.sources)
+        threads.emplace_back(source.name);
+    RecordingStream stream(recording);
+    return collapsedStacks(stream, threads);
 }
 
 }  // namespace instrument::detail

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "zandor/instrument/event_stream.hpp"
 #include "zandor/instrument/export.hpp"
-#include "zandor/instrument/recording.hpp"
 
 namespace instrument::detail {
 
@@ -14,6 +14,10 @@ namespace instrument::detail {
 /// one in which it started, an open one lasts until the last time of all, one that stops on another
 /// thread counts where it started. A stack whose time went to the stacks above it has no line; one
 /// that took no time at all has 1.
+/// With what each source's root frame is called.
+ZANDOR_INSTRUMENT_API std::vector<std::string> collapsedStacks(
+    EventStream& stream, const std::vector<std::string>& roots);
+/// With the threads' names.
 ZANDOR_INSTRUMENT_API std::vector<std::string> collapsedStacks(const Recording& recording);
 
 }  // namespace instrument::detail

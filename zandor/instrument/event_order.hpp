@@ -6,10 +6,11 @@
 #include <cstdint>
 #include <functional>
 #include <numeric>
+#include <optional>
 #include <span>
 #include <vector>
 
-#include "zandor/instrument/recording.hpp"
+#include "zandor/instrument/event_stream.hpp"
 
 namespace instrument::detail {
 
@@ -19,14 +20,14 @@ inline std::int64_t outlives(const RecordedEvent& event) noexcept {
 }
 
 /// When an event ends where an end is needed: an open one at the last time of all.
-inline std::int64_t closingTime(const Recording& recording, const RecordedEvent& event) noexcept {
-    return event.finished ? event.stop : std::max(recording.lastTime, event.start);
+inline std::int64_t closingTime(const RecordingFacts& facts, const RecordedEvent& event) noexcept {
+    return event.finished ? event.stop : std::max(facts.lastTime, event.start);
 }
 
 /// Calls `visit` with the indices of each run of events that start `together` (events that start at
 /// once do): by start, of those that start at once the longer first, else as recorded.
 template <typename Together, typename Visit>
-void forEachRun(const std::vector<RecordedEvent>& events, Together together, Visit visit) {
+void forEachRun(std::span<const RecordedEvent> events, Together together, Visit visit) {
     const auto encloses = [&](std::size_t a, std::size_t b) {
         return events[a].start != events[b].start ? events[a].start < events[b].start
                                                   : outlives(events[a]) > outlives(events[b]);
@@ -47,13 +48,18 @@ void forEachRun(const std::vector<RecordedEvent>& events, Together together, Vis
     }
 }
 
-/// Calls `visit` with each event in that order.
+/// Calls `visit` with each event of the stream in that order; with a source, with its alone.
 template <typename Visit>
-void forEachEnclosingFirst(const std::vector<RecordedEvent>& events, Visit visit) {
-    forEachRun(events, std::equal_to<>(), [&](std::span<const std::size_t> run) {
-        for (const std::size_t i : run)
-            visit(events[i]);
-    });
+void forEachEnclosingFirst(EventStream& stream, Visit visit,
+                           std::optional<std::uint32_t> source = {}) {
+    const auto visitPiece = [&](std::span<const RecordedEvent> events) {
+        forEachRun(events, std::equal_to<>(), [&](std::span<const std::size_t> run) {
+            for (const std::size_t i : run)
+                if (!source || events[i].source == *source)
+                    visit(events[i]);
+        });
+    };
+    forEachPiece(stream, visitPiece, source);
 }
 
 }  // namespace instrument::detail

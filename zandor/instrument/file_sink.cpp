@@ -87,6 +87,8 @@ void FileSink::commit() {
 }
 
 void FileSink::close() {
+    if (descriptor_ < 0)
+        return;
     // Linux frees the descriptor whatever close says.
     if (::close(std::exchange(descriptor_, -1)) != 0 && errno != EINTR)
         fail(errno);

@@ -20,12 +20,14 @@ class ZANDOR_INSTRUMENT_API FileSink : public TextSink {
     FileSink& operator=(const FileSink&) = delete;
 
     void write(std::string_view text) override;
+    /// After the last text. What is still to be done is the name.
+    void close();
+    /// Closes it where that was not done.
     void commit();
 
   private:
     void openItself();
     void openBeside();
-    void close();
     [[noreturn]] void fail(int error) const;
 
     const std::filesystem::path asked_;

@@ -172,22 +172,23 @@ void ContextTable::grow() {
     slots_ = std::move(larger);
 }
 
-ContextRange ContextTable::decode(std::span<const Word> words) {
-    const auto first = static_cast<std::uint32_t>(args_.size());
+ContextArgs ContextTable::decode(std::span<const Word> words) {
+    const std::span<ContextArg> room = args_.room(words.size());
+    auto end = room.begin();
     for (std::size_t i = 0; i < words.size(); ++i) {
         const std::string_view name = names_.text(static_cast<std::uint32_t>(words[i] >> 32));
         const auto value = static_cast<std::uint32_t>(words[i]);
         if (value < numberMark)
-            args_.push_back({name, names_.text(value)});
+            *end++ = {name, names_.text(value)};
         else
-            args_.push_back(
-                {name, numberOf(static_cast<ContextValue::Kind>(value - numberMark), words[++i])});
+            *end++ = {name,
+                      numberOf(static_cast<ContextValue::Kind>(value - numberMark), words[++i])};
     }
     const auto less = [](const ContextArg& a, const ContextArg& b) { return a.name < b.name; };
     const auto equal = [](const ContextArg& a, const ContextArg& b) { return a.name == b.name; };
-    std::stable_sort(args_.begin() + first, args_.end(), less);
-    args_.erase(std::unique(args_.begin() + first, args_.end(), equal), args_.end());
-    return {first, static_cast<std::uint32_t>(args_.size()) - first};
+    std::stable_sort(room.begin(), end, less);
+    end = std::unique(room.begin(), end, equal);
+    return args_.keep(static_cast<std::size_t>(end - room.begin()));
 }
 
 }  // namespace instrument::detail

@@ -9,6 +9,7 @@
 #include <span>
 #include <vector>
 
+#include "context_arena.hpp"
 #include "interned_text.hpp"
 #include "recorder_record.hpp"
 #include "recording.hpp"
@@ -64,29 +65,26 @@ class ContextTable {
         return words.empty() ? 0 : placeOfWords(words);
     }
     std::size_t size() const noexcept { return contexts_.size(); }
-    ContextRange rangeOf(std::uint32_t place) const noexcept { return contexts_[place].range; }
-    ContextArgs argsOf(std::uint32_t place) const noexcept {
-        const ContextRange range = rangeOf(place);
-        return std::span(args_).subspan(range.first, range.count);
-    }
-    std::vector<ContextArg> takeArgs() noexcept { return std::move(args_); }
+    /// Where they are, they stay: also when the arena is taken.
+    ContextArgs argsOf(std::uint32_t place) const noexcept { return contexts_[place].args; }
+    ContextArena takeArgs() noexcept { return std::move(args_); }
 
   private:
     struct Context {
         std::span<const Word> words;
         std::uint64_t hash;
-        ContextRange range;
+        ContextArgs args;
     };
 
     std::uint32_t placeOfWords(std::span<const Word> words);
     std::uint32_t add(std::span<const Word> words, std::uint64_t hash);
-    ContextRange decode(std::span<const Word> words);
+    ContextArgs decode(std::span<const Word> words);
     void grow();
 
     const RecordNames& names_;
     std::vector<Context> contexts_;
     std::vector<std::uint32_t> slots_;  // places, 0 is free; a power of two of them
-    std::vector<ContextArg> args_;
+    ContextArena args_;
 };
 
 }  // namespace instrument::detail

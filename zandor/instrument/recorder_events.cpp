@@ -37,7 +37,7 @@ std::vector<InstrumentRecorder::Event> selectEvents(const InstrumentRecorder& re
     for (const RecordedEvent& event : recording.events) {
         if (!event.finished || !selection.hasInstrument(event.instrument->id))
             continue;
-        const ContextArgs context = recording.contextOf(event.context);
+        const ContextArgs context = event.context;
         if (!selection.hasContext(context))
             continue;
         const EventId id{recording.sources[event.source].id, event.serial};

@@ -94,18 +94,21 @@ class OpenRun {
 ///   void onInstant(const Point&);
 ///   void onStrayStop(const Point&);          a second stop, or one of an unknown event
 /// Points of one source come in order, but for stray stops. A stray stop has its own context.
-template <class Sink, class View = Snapshot>
+///
+/// A view tells of stretches as Snapshot does. Their words need not stay when the next stretch
+/// comes, but for what it was asked to keep.
+template <class Sink, class View = const Snapshot>
 class Matcher {
   public:
-    Matcher(const View& snapshot, Sink& sink)
+    Matcher(View& snapshot, Sink& sink)
         : snapshot_(snapshot), sink_(sink), foreignlyStopped_(snapshot.foreignStops().size()) {}
 
     void run() {
-        for (const TrackView& view : snapshot_.tracks()) {
-            run_.clear();
-            for (const Stretch& stretch : view.stretches)
-                readStretch(stretch);
-        }
+        snapshot_.forEachStretch([this](const Stretch& stretch, bool beginsTrack) {
+            if (beginsTrack)
+                run_.clear();
+            readStretch(stretch);
+        });
         matchPending();
     }
 
@@ -126,7 +129,7 @@ class Matcher {
                     readStop(pointOf(record));
                     break;
                 case RecordKind::foreignStop:
-                    pending_.push_back(pointOf(record));
+                    addPending(pointOf(record));
                     break;
                 case RecordKind::source:
                     if (record.beginsRun)
@@ -159,7 +162,12 @@ class Matcher {
         if (std::optional<Open> open = run_.take(stop.id.serialId))
             sink_.onStop(std::move(*open), stop);
         else
-            pending_.push_back(stop);
+            addPending(stop);
+    }
+
+    void addPending(Point stop) {
+        stop.context = snapshot_.keep(stop.context);
+        pending_.push_back(stop);
     }
 
     /// Of several stops of an event the first in time counts, whatever thread it came from.
@@ -191,26 +199,25 @@ class Matcher {
             return;
         ids.sort();
         std::vector<std::span<const Word>> contexts(ids.size());
-        for (const TrackView& view : snapshot_.tracks())
-            for (const Stretch& stretch : view.stretches)
-                findContexts(stretch, ids, contexts);
+        snapshot_.forEachStretch(
+            [&](const Stretch& stretch, bool) { findContexts(stretch, ids, contexts); });
         for (Point& stop : strays)
             if (stop.hasContextOfStart)
                 stop.context = contexts[ids.find(stop.id)];
     }
 
-    static void findContexts(const Stretch& stretch, const EventIdSet& ids,
-                             std::vector<std::span<const Word>>& contexts) {
+    void findContexts(const Stretch& stretch, const EventIdSet& ids,
+                      std::vector<std::span<const Word>>& contexts) {
         RecordReader reader(stretch.begin, stretch.end, stretch.state);
         for (Record record; reader.next(record);) {
             if (record.kind != RecordKind::start)
                 continue;
             if (const std::size_t place = ids.find(record.id); place != EventIdSet::none)
-                contexts[place] = record.context;
+                contexts[place] = snapshot_.keep(record.context);
         }
     }
 
-    const View& snapshot_;
+    View& snapshot_;
     Sink& sink_;
     TimeReader times_;
     OpenRun<Open> run_;

@@ -74,6 +74,15 @@ class Snapshot {
     Snapshot& operator=(const Snapshot&) = delete;
 
     std::span<const TrackView> tracks() const noexcept { return views_; }
+    /// Calls `visit(stretch, beginsTrack)`.
+    template <class Visit>
+    void forEachStretch(Visit visit) const {
+        for (const TrackView& view : views_)
+            for (const Stretch& stretch : view.stretches)
+                visit(stretch, &stretch == view.stretches.data());
+    }
+    /// Words of its stretches, for as long as it lives.
+    static std::span<const Word> keep(std::span<const Word> words) noexcept { return words; }
     /// The events that foreign stops in the snapshot end.
     const EventIdSet& foreignStops() const noexcept { return foreignStops_; }
     /// Whether the start or instant was dropped, so that its stop counts as dropped with it.

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <vector>
 
+#include "context_arena.hpp"
 #include "zandor/instrument/event_id.hpp"
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/recorder.hpp"
@@ -22,12 +23,6 @@ struct RecordedSource {
     std::uint64_t threadId = 0;
 };
 
-/// Where the context of a record lies in Recording::contextArgs.
-struct ContextRange {
-    std::uint32_t first = 0;
-    std::uint32_t count = 0;
-};
-
 /// A start, with its first stop where there is one.
 struct RecordedEvent {
     std::int64_t start = 0;  ///< nanoseconds of the monotonic clock
@@ -36,7 +31,7 @@ struct RecordedEvent {
     const Opaque* instrument = nullptr;
     std::uint32_t source = 0;      ///< index into Recording::sources
     std::uint32_t stopSource = 0;  ///< where the stop came from
-    ContextRange context;
+    ContextArgs context;           ///< names distinct, sorted
     bool finished = false;
 };
 
@@ -46,25 +41,24 @@ struct RecordedPoint {
     std::uint64_t serial = 0;
     const Opaque* instrument = nullptr;
     std::uint32_t source = 0;
-    ContextRange context;
+    ContextArgs context;  ///< names distinct, sorted
     EventPointType type = EventPointType::instant;
 };
 
-struct Recording {
-    std::vector<RecordedSource> sources;     ///< by id
-    std::vector<RecordedEvent> events;       ///< by start, source, serial
-    std::vector<RecordedPoint> strayPoints;  ///< by time, source, order in the source
-    std::vector<ContextArg>
-        contextArgs;  ///< names distinct within a context, sorted; texts immortal
+/// A recording but for its events.
+struct RecordingFacts {
+    std::vector<RecordedSource> sources;  ///< by id
     RecorderDrops drops;
     std::int64_t originMonotonic = 0;  ///< first event after construction or clear; 0: none yet
     std::int64_t originUtc = 0;        ///< the same instant in nanoseconds since the epoch
     std::int64_t lastTime = 0;         ///< the latest time of all
     std::uint64_t processId = 0;
+};
 
-    ContextArgs contextOf(ContextRange range) const noexcept {
-        return std::span(contextArgs).subspan(range.first, range.count);
-    }
+struct Recording : RecordingFacts {
+    std::vector<RecordedEvent> events;       ///< by start, source, serial
+    std::vector<RecordedPoint> strayPoints;  ///< by time, source, order in the source
+    ContextArena contextArgs;                ///< of all of them
 };
 
 /// Takes a snapshot and decodes it.

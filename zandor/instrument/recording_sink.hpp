@@ -81,8 +81,8 @@ class RecordingSink {
         lastTime_ = std::max(lastTime_, point.time);
         return sources_.placeOf(point.source);
     }
-    ContextRange contextOf(const Point& point) {
-        return contexts_.rangeOf(contexts_.placeOf(point.context));
+    ContextArgs contextOf(const Point& point) {
+        return contexts_.argsOf(contexts_.placeOf(point.context));
     }
     void addPoint(const Point& point, EventPointType type) {
         points_.push_back({{.time = point.time,

@@ -90,7 +90,7 @@ TEST_F(RecordingTest, HasOpenEventsAndWhereStopsCameFrom) {
     EXPECT_TRUE(second.finished);
     EXPECT_EQ(recording.sources[second.source].name, "starter");
     EXPECT_EQ(recording.sources[second.stopSource].name, "stopper");
-    const ContextArgs context = recording.contextOf(second.context);
+    const ContextArgs context = second.context;
     ASSERT_THAT(context, SizeIs(2));
     EXPECT_EQ(context[0].name, "m");
     EXPECT_EQ(context[0].value.text(), "x");
@@ -100,7 +100,7 @@ TEST_F(RecordingTest, HasOpenEventsAndWhereStopsCameFrom) {
     EXPECT_EQ(recording.strayPoints[0].type, EventPointType::stop);
     EXPECT_EQ(recording.strayPoints[0].serial, other.id().serialId);
     EXPECT_EQ(recording.sources[recording.strayPoints[0].source].name, "stopper");
-    EXPECT_THAT(recording.contextOf(recording.strayPoints[0].context), SizeIs(2));
+    EXPECT_THAT(recording.strayPoints[0].context, SizeIs(2));
     work_.stop(open);
 }
 

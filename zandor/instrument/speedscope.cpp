@@ -1,6 +1,7 @@
 #include "speedscope.hpp"
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -16,12 +17,9 @@ namespace {
 
 class Writer {
   public:
-    Writer(const Recording& recording, TextSink& sink)
-        : recording_(recording), bySource_(recording.sources.size()), out_(sink) {
-        forEachEnclosingFirst(recording.events, [this](const RecordedEvent& event) {
-            if (closingTime(recording_, event) >= event.start)
-                bySource_[event.source].push_back(&event);
-        });
+    Writer(EventStream& stream, TextSink& sink)
+        : stream_(stream), threads_(stream.facts().sources.size()), out_(sink) {
+        forEachEnclosingFirst(stream, [this](const RecordedEvent& event) { learn(event); });
     }
 
     void write() {
@@ -31,8 +29,8 @@ class Writer {
         appendFrames();
         out_.append("]},\n\"profiles\":[");
         bool isFirst = true;
-        for (std::uint32_t source = 0; source < bySource_.size(); ++source) {
-            if (bySource_[source].empty())
+        for (std::uint32_t source = 0; source < threads_.size(); ++source) {
+            if (threads_[source].frames.empty())
                 continue;
             out_.append(std::exchange(isFirst, false) ? "\n" : ",\n");
             appendProfile(source);
@@ -42,28 +40,47 @@ class Writer {
     }
 
   private:
+    /// What a profile begins with.
+    struct Thread {
+        std::vector<const Opaque*> frames;  ///< as they appear
+        std::int64_t first = INT64_MAX;
+        std::int64_t last = INT64_MIN;
+    };
     struct Open {
         std::uint32_t frame;
         std::int64_t end;
     };
 
+    bool isShown(const RecordedEvent& event) const noexcept {
+        return closingTime(stream_.facts(), event) >= event.start;
+    }
+
+    void learn(const RecordedEvent& event) {
+        if (!isShown(event))
+            return;
+        Thread& thread = threads_[event.source];
+        if (known_.insert({event.source, event.instrument}).second)
+            thread.frames.push_back(event.instrument);
+        thread.first = std::min(thread.first, event.start);
+        thread.last = std::max(thread.last, closingTime(stream_.facts(), event));
+    }
+
     void appendFrames() {
-        for (const std::vector<const RecordedEvent*>& events : bySource_) {
-            for (const RecordedEvent* event : events) {
+        for (const Thread& thread : threads_) {
+            for (const Opaque* instrument : thread.frames) {
                 const auto next = static_cast<std::uint32_t>(frames_.size());
-                if (!frames_.try_emplace(event->instrument, next).second)
+                if (!frames_.try_emplace(instrument, next).second)
                     continue;
                 out_.append(next == 0 ? "\n{\"name\":\"" : ",\n{\"name\":\"");
-                appendJsonName(out_, {event->instrument->name, event->instrument->nameLength});
+                appendJsonName(out_, {instrument->name, instrument->nameLength});
                 out_.append("\"}");
             }
         }
     }
 
     void appendProfile(std::uint32_t source) {
-        const auto& events = bySource_[source];
         out_.append("{\"type\":\"evented\",\"name\":\"");
-        const RecordedSource& thread = recording_.sources[source];
+        const RecordedSource& thread = stream_.facts().sources[source];
         const std::string_view process = thread.processName.value_or("");
         appendJsonName(out_, std::string(process)
                                  .append(process.empty() ? "" : " ")
@@ -71,29 +88,27 @@ class Writer {
                                  .append("/")
                                  .append(thread.name));
         out_.append("\",\"unit\":\"nanoseconds\",\"startValue\":");
-        out_.appendNumber(at(events.front()->start));
+        out_.appendNumber(at(threads_[source].first));
         out_.append(",\"endValue\":");
-        std::int64_t last = events.front()->start;
-        for (const RecordedEvent* event : events)
-            last = std::max(last, closingTime(recording_, *event));
-        out_.appendNumber(at(last));
+        out_.appendNumber(at(threads_[source].last));
         out_.append(",\"events\":[");
-        appendEvents(events);
+        isFirstEdge_ = true;
+        forEachEnclosingFirst(
+            stream_, [this](const RecordedEvent& event) { appendEvent(event); }, source);
+        closeUntil(INT64_MAX);
         out_.append("]}");
     }
 
-    void appendEvents(const std::vector<const RecordedEvent*>& events) {
-        isFirstEdge_ = true;
-        for (const RecordedEvent* event : events) {
-            closeUntil(event->start);
-            std::int64_t end = closingTime(recording_, *event);
-            if (!open_.empty())
-                end = std::min(end, open_.back().end);
-            const std::uint32_t frame = frames_.find(event->instrument)->second;
-            appendEdge('O', frame, event->start);
-            open_.push_back({frame, end});
-        }
-        closeUntil(INT64_MAX);
+    void appendEvent(const RecordedEvent& event) {
+        if (!isShown(event))
+            return;
+        closeUntil(event.start);
+        std::int64_t end = closingTime(stream_.facts(), event);
+        if (!open_.empty())
+            end = std::min(end, open_.back().end);
+        const std::uint32_t frame = frames_.find(event.instrument)->second;
+        appendEdge('O', frame, event.start);
+        open_.push_back({frame, end});
     }
 
     void closeUntil(std::int64_t time) {
@@ -114,11 +129,12 @@ class Writer {
     }
 
     std::int64_t at(std::int64_t time) const noexcept {
-        return saturatingSubtract(time, recording_.originMonotonic);
+        return saturatingSubtract(time, stream_.facts().originMonotonic);
     }
 
-    const Recording& recording_;
-    std::vector<std::vector<const RecordedEvent*>> bySource_;
+    EventStream& stream_;
+    std::vector<Thread> threads_;  // by source
+    std::set<std::pair<std::uint32_t, const Opaque*>> known_;
     std::unordered_map<const Opaque*, std::uint32_t> frames_;
     std::vector<Open> open_;
     bool isFirstEdge_ = true;
@@ -127,8 +143,8 @@ class Writer {
 
 }  // namespace
 
-void writeSpeedscope(const Recording& recording, TextSink& sink) {
-    Writer(recording, sink).write();
+void writeSpeedscope(EventStream& stream, TextSink& sink) {
+    Writer(stream, sink).write();
 }
 
 }  // namespace instrument::detail

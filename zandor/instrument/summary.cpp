@@ -75,11 +75,12 @@ class Summaries {
 
 }  // namespace
 
-std::vector<EventSummary> summarize(const Recording& recording) {
+std::vector<EventSummary> summarize(EventStream& stream) {
+    const std::size_t sources = stream.facts().sources.size();
     Summaries summaries;
-    SelfTime<std::uint32_t> selfTime(recording.sources.size());
+    SelfTime<std::uint32_t> selfTime(sources);
     const auto give = [&](std::uint32_t which, std::int64_t time) { summaries.give(which, time); };
-    forEachEnclosingFirst(recording.events, [&](const RecordedEvent& event) {
+    forEachEnclosingFirst(stream, [&](const RecordedEvent& event) {
         if (!event.finished || event.stop < event.start)
             return;
         const std::uint32_t which = summaries.of(event.instrument);
@@ -87,7 +88,7 @@ std::vector<EventSummary> summarize(const Recording& recording) {
         selfTime.advance(event.source, event.start, give);
         selfTime.enter(event.source, event.start, event.stop, which);
     });
-    for (std::uint32_t source = 0; source < recording.sources.size(); ++source)
+    for (std::uint32_t source = 0; source < sources; ++source)
         selfTime.finish(source, give);
     return std::move(summaries).sorted();
 }

@@ -22,12 +22,13 @@ class TraceClock {
     void countNanoseconds() noexcept { ticksAreNanoseconds_ = true; }
     /// To be said when all pairs are there.
     void prepare();
-    std::int64_t operator()(std::uint64_t ticks) const noexcept;
+    std::int64_t operator()(std::uint64_t ticks) noexcept;
 
   private:
     using Knot = TickConverter::Knot;
     std::vector<Knot> knots_;
     bool ticksAreNanoseconds_ = false;
+    std::size_t latest_ = 0;  ///< the knot behind the last ticks: others will be near
 };
 
 /// Keeps the pairs by which neither clock goes back.
@@ -47,14 +48,17 @@ inline void TraceClock::prepare() {
 }
 
 /// Before the first pair it is its time; behind the last the latest line goes on.
-inline std::int64_t TraceClock::operator()(std::uint64_t ticks) const noexcept {
+inline std::int64_t TraceClock::operator()(std::uint64_t ticks) noexcept {
     if (ticksAreNanoseconds_)
         return static_cast<std::int64_t>(std::min<std::uint64_t>(ticks, INT64_MAX));
     if (knots_.empty())
         return 0;
+    if (latest_ > 0 && knots_[latest_ - 1].ticks < ticks && ticks <= knots_[latest_].ticks)
+        return TickConverter::Line{knots_[latest_ - 1], knots_[latest_]}.at(ticks);
     const auto to =
         std::lower_bound(knots_.begin(), knots_.end(), ticks,
                          [](const Knot& knot, std::uint64_t t) { return knot.ticks < t; });
+    latest_ = to == knots_.end() ? 0 : static_cast<std::size_t>(to - knots_.begin());
     if (to == knots_.begin())
         return to->nanoseconds;
     if (to != knots_.end())

@@ -14,41 +14,57 @@ namespace {
 
 class Writer {
   public:
-    Writer(const Recording& recording, TimeSystem timeSystem, std::int64_t minimumDuration,
-           TextSink& sink)
-        : recording_(recording),
+    Writer(EventStream& stream, TimeSystem timeSystem, std::int64_t minimumDuration, TextSink& sink,
+           TraceItemSink* items = nullptr)
+        : stream_(stream),
           timeSystem_(timeSystem),
           withInstants_(minimumDuration < 0),
-          time_(recording, timeSystem),
-          tracks_(recording),
-          layout_(recording, time_, minimumDuration),
-          out_(sink) {}
+          time_(stream, timeSystem),
+          tracks_(stream.facts()),
+          layout_(stream, time_, minimumDuration),
+          out_(sink),
+          items_(items) {}
 
     void write() {
         out_.append("{\"displayTimeUnit\":\"ns\",\"metadata\":{");
         appendMetadata();
         out_.append("},\"traceEvents\":[");
         tracks_.append(out_);
+        if (items_) {
+            out_.flush();
+            items_->endHead();
+        }
         layout_.forEach([this](const PlacedEvent& placed) {
             appendInstantsUntil(placed.event->start);
             appendPlaced(placed);
+            endItem();
         });
         appendInstantsUntil(INT64_MAX);
-        out_.append("\n]}\n");
+        if (!items_)
+            out_.append(traceEventJsonEnd);
         out_.flush();
     }
 
   private:
+    void endItem() {
+        if (!items_) [[likely]]
+            return;
+        out_.flush();
+        items_->endItem();
+    }
+
     void appendMetadata() {
+        const RecorderDrops& drops = stream_.facts().drops;
         appendMetadata("origin_monotonic_ns", time_.originMonotonic());
         appendMetadata("origin_utc_ns", time_.originUtc());
-        appendMetadata("dropped_refused", recording_.drops.refused);
-        appendMetadata("dropped_oldest", recording_.drops.oldest);
-        appendMetadata("dropped_shortest", recording_.drops.shortest);
-        appendMetadata("dropped_shortest_below_ns", recording_.drops.minimumDuration);
-        appendMetadata("dropped_failed", recording_.drops.failed);
+        appendMetadata("dropped_refused", drops.refused);
+        appendMetadata("dropped_oldest", drops.oldest);
+        appendMetadata("dropped_shortest", drops.shortest);
+        appendMetadata("dropped_shortest_below_ns", drops.minimumDuration);
+        appendMetadata("dropped_failed", drops.failed);
         appendMetadata("left_out_negative_duration", layout_.leftOutNegative());
-        appendMetadata("left_out_shorter_than_asked", layout_.leftOutShort());
+        appendMetadata("left_out_shorter_than_asked",
+                       layout_.leftOutShort() + stream_.leftOutShort());
         out_.append("\"clock\":\"");
         out_.append(clock::name());
         out_.append(timeSystem_ == TimeSystem::utc ? "\",\"time_system\":\"utc\","
@@ -122,7 +138,8 @@ class Writer {
         appendHead("i", "event", event.instrument, event.source, placed.start);
         out_.append(",\"s\":\"t\"");
         JsonArgs args(out_);
-        args.add("duration_ns", saturatingSubtract(closingTime(recording_, event), event.start));
+        args.add("duration_ns",
+                 saturatingSubtract(closingTime(stream_.facts(), event), event.start));
         if (timeSystem_ == TimeSystem::utc)
             args.add("start_ns", time_.utc(event.start));
         closeWith(args, event);
@@ -131,9 +148,19 @@ class Writer {
     void appendInstantsUntil(std::int64_t time) {
         if (!withInstants_)
             return;
-        const auto& points = recording_.strayPoints;
-        for (; nextPoint_ < points.size() && points[nextPoint_].time <= time; ++nextPoint_)
-            appendInstant(points[nextPoint_]);
+        while (hasPoint() && points_.front().time <= time) {
+            appendInstant(points_.front());
+            endItem();
+            points_ = points_.subspan(1);
+        }
+    }
+
+    bool hasPoint() {
+        if (points_.empty() && !pointsEnded_) {
+            points_ = stream_.nextPoints();
+            pointsEnded_ = points_.empty();
+        }
+        return !points_.empty();
     }
 
     void appendInstant(const RecordedPoint& point) {
@@ -141,14 +168,14 @@ class Writer {
                    point.source, time_.at(point.time));
         out_.append(",\"s\":\"t\"");
         JsonArgs args(out_);
-        args.addContext(recording_.contextOf(point.context));
+        args.addContext(point.context);
         args.close();
         out_.append('}');
     }
 
     /// Ends an event with what its args hold of the event itself.
     void appendArgs(const RecordedEvent& event) {
-        if (event.finished && event.context.count == 0)
+        if (event.finished && event.context.empty())
             return out_.append('}');
         JsonArgs args(out_);
         closeWith(args, event);
@@ -157,7 +184,7 @@ class Writer {
     void closeWith(JsonArgs& args, const RecordedEvent& event) {
         if (!event.finished)
             args.add("unfinished", true);
-        args.addContext(recording_.contextOf(event.context));
+        args.addContext(event.context);
         args.close();
         out_.append('}');
     }
@@ -188,22 +215,28 @@ class Writer {
     }
     static constexpr std::size_t longestMembers = TraceTracks::longestIds + 4 * longestNumber;
 
-    const Recording& recording_;
+    EventStream& stream_;
     const TimeSystem timeSystem_;
     const bool withInstants_;
     const TraceTime time_;
     const TraceTracks tracks_;
     TraceLayout layout_;
     TextBuffer out_;
-    std::size_t nextPoint_ = 0;
+    TraceItemSink* const items_;
+    std::span<const RecordedPoint> points_;  // that are yet to come
+    bool pointsEnded_ = false;
     std::uint64_t pairs_ = 0;
 };
 
 }  // namespace
 
-void writeTraceEventJson(const Recording& recording, TimeSystem timeSystem,
-                         std::int64_t minimumDuration, TextSink& sink) {
-    Writer(recording, timeSystem, minimumDuration, sink).write();
+void writeTraceEventJson(EventStream& stream, TimeSystem timeSystem, std::int64_t minimumDuration,
+                         TextSink& sink) {
+    Writer(stream, timeSystem, minimumDuration, sink).write();
+}
+
+void writeTraceEventItems(EventStream& stream, TraceItemSink& sink) {
+    Writer(stream, TimeSystem::monotonic, -1, sink, &sink).write();
 }
 
 }  // namespace instrument::detail

@@ -5,90 +5,86 @@
 #include <string>
 
 #include "collapsed_stacks.hpp"
-#include "file_sink.hpp"
-#include "gzip_sink.hpp"
-#include "loaded_trace.hpp"
+#include "compressed_file.hpp"
 #include "saturating.hpp"
 #include "speedscope.hpp"
 #include "summary.hpp"
 #include "text_buffer.hpp"
 #include "trace_event_json.hpp"
-#include "trace_selection.hpp"
+#include "trace_parts.hpp"
+#include "trace_stream.hpp"
 
 namespace instrument {
 namespace {
 
 namespace fs = std::filesystem;
-using detail::Recording;
-using detail::saturatingSubtract;
+using detail::RecordedEvent;
+using detail::RecordedSource;
 
 /// Writes a file that is whole or not there; compressed where its name says so.
 template <class Write>
 void saveWith(const fs::path& file, Write write) {
-    detail::FileSink sink(file);
-    if (file.extension() == ".gz") {
-        detail::GzipSink compressed(sink);
-        write(static_cast<TextSink&>(compressed));
-        compressed.finish();
-    } else {
-        write(static_cast<TextSink&>(sink));
-    }
+    detail::CompressedFile sink(file);
+    write(static_cast<TextSink&>(sink));
+    sink.close();
     sink.commit();
 }
 
-void writeJson(const Recording& recording, TextSink& sink) {
-    detail::writeTraceEventJson(recording, TimeSystem::monotonic, -1, sink);
+std::string rootFrameOf(const RecordedSource& source, bool isOneOfSeveral) {
+    if (!isOneOfSeveral)
+        return std::string(source.name);
+    return std::string(source.processName.value_or(""))
+        .append(" ")
+        .append(std::to_string(source.processId))
+        .append("/")
+        .append(source.name);
 }
 
 }  // namespace
 
-struct TraceFile::Loaded {
-    explicit Loaded(const fs::path& file) : trace(file) {}
-    detail::LoadedTrace trace;
+struct TraceFile::Stream {
+    Stream(const fs::path& file, TraceProgress told)
+        : progress(std::move(told)), events(file, [this](std::uint64_t bytes) { tell(bytes); }) {}
 
-    const Recording& recording() const noexcept { return trace.recording; }
+    void tell(std::uint64_t bytes) {
+        if (progress)
+            progress(bytesRead += bytes);
+    }
+
+    TraceProgress progress;
+    std::uint64_t bytesRead = 0;
+    detail::TraceStream events;
 };
 
-TraceFile::TraceFile(const fs::path& file) : loaded_(std::make_unique<Loaded>(file)) {}
+TraceFile::TraceFile(const fs::path& file, TraceProgress progress)
+    : stream_(std::make_unique<Stream>(file, std::move(progress))) {}
 
 TraceFile::~TraceFile() = default;
 
 void TraceFile::select(const TraceSelection& selection) {
-    detail::select(loaded_->trace.recording, selection);
+    stream_->events.select(selection);
 }
 
 void TraceFile::saveTraceEventJson(const fs::path& file) const {
-    saveWith(file, [&](TextSink& sink) { writeJson(loaded_->recording(), sink); });
+    saveWith(file, [&](TextSink& sink) {
+        detail::writeTraceEventJson(stream_->events, TimeSystem::monotonic, -1, sink);
+    });
 }
 
 std::vector<fs::path> TraceFile::saveTraceEventJson(const fs::path& file,
                                                     std::uint64_t mostBytes) const {
-    std::vector<fs::path> files;
-    detail::forEachPart(loaded_->recording(), mostBytes, [&](const Recording& part) {
-        files.push_back(detail::numbered(file, files.size() + 1));
-        saveWith(files.back(), [&](TextSink& sink) { writeJson(part, sink); });
-    });
-    return files;
+    detail::TraceParts parts(file, mostBytes);
+    detail::writeTraceEventItems(stream_->events, parts);
+    return parts.commit();
 }
 
 void TraceFile::saveCollapsedStacks(const fs::path& file) const {
-    Recording named;
-    const Recording* recording = &loaded_->recording();
-    std::vector<std::string> names;
-    if (processCount() > 1) {
-        named = *recording;
-        names.reserve(named.sources.size());
-        for (detail::RecordedSource& source : named.sources)
-            source.name = names.emplace_back(std::string(source.processName.value_or(""))
-                                                 .append(" ")
-                                                 .append(std::to_string(source.processId))
-                                                 .append("/")
-                                                 .append(source.name));
-        recording = &named;
-    }
+    std::vector<std::string> roots;
+    for (const RecordedSource& source : stream_->events.facts().sources)
+        roots.push_back(rootFrameOf(source, processCount() > 1));
     saveWith(file, [&](TextSink& sink) {
         detail::TextBuffer out(sink);
-        for (const std::string& line : detail::collapsedStacks(*recording)) {
+        for (const std::string& line : detail::collapsedStacks(stream_->events, roots)) {
             out.append(line);
             out.append('\n');
         }
@@ -97,45 +93,61 @@ void TraceFile::saveCollapsedStacks(const fs::path& file) const {
 }
 
 void TraceFile::saveSpeedscope(const fs::path& file) const {
-    saveWith(file, [&](TextSink& sink) { detail::writeSpeedscope(loaded_->recording(), sink); });
+    saveWith(file, [&](TextSink& sink) { detail::writeSpeedscope(stream_->events, sink); });
 }
 
 std::vector<EventSummary> TraceFile::summarize() const {
-    return detail::summarize(loaded_->recording());
+    return detail::summarize(stream_->events);
 }
 
 RecorderDrops TraceFile::drops() const noexcept {
-    return loaded_->recording().drops;
+    return stream_->events.facts().drops;
 }
 
 std::int64_t TraceFile::duration() const noexcept {
-    const Recording& recording = loaded_->recording();
-    return std::max<std::int64_t>(saturatingSubtract(recording.lastTime, recording.originMonotonic),
+    const detail::RecordingFacts& facts = stream_->events.facts();
+    return std::max<std::int64_t>(detail::saturatingSubtract(facts.lastTime, facts.originMonotonic),
                                   0);
 }
 
 std::uint32_t TraceFile::processCount() const noexcept {
-    return loaded_->trace.processes;
+    return static_cast<std::uint32_t>(stream_->events.blocks().processes().size());
 }
 
 std::vector<std::string> TraceFile::threadNames() const {
-    const auto& sources = loaded_->recording().sources;
+    const auto& sources = stream_->events.facts().sources;
+    std::vector<bool> hasEvents(sources.size());
+    forEachPiece(stream_->events, [&](std::span<const RecordedEvent> events) {
+        for (const RecordedEvent& event : events)
+            hasEvents[event.source] = true;
+    });
     std::set<std::string> names;
-    for (const detail::RecordedEvent& event : loaded_->recording().events)
-        names.emplace(sources[event.source].name);
+    for (std::size_t i = 0; i < sources.size(); ++i)
+        if (hasEvents[i])
+            names.emplace(sources[i].name);
     return {names.begin(), names.end()};
 }
 
-std::uint64_t TraceFile::eventCount() const noexcept {
-    return loaded_->recording().events.size() + loaded_->recording().strayPoints.size();
+std::uint64_t TraceFile::eventCount() const {
+    std::uint64_t count = 0;
+    forEachPiece(stream_->events,
+                 [&](std::span<const RecordedEvent> events) { count += events.size(); });
+    for (auto points = stream_->events.nextPoints(); !points.empty();
+         points = stream_->events.nextPoints())
+        count += points.size();
+    return count;
+}
+
+std::uint64_t TraceFile::bytesOfRecords() const noexcept {
+    return stream_->events.blocks().recordBytes();
 }
 
 std::uint64_t TraceFile::damagedBlocks() const noexcept {
-    return loaded_->trace.damagedBlocks;
+    return stream_->events.blocks().damaged();
 }
 
 bool TraceFile::isComplete() const noexcept {
-    return loaded_->trace.hasIndex;
+    return stream_->events.blocks().hasIndex();
 }
 
 }  // namespace instrument

@@ -10,17 +10,17 @@ bool stopsElsewhere(const RecordedEvent& event) noexcept {
 
 }  // namespace
 
-TraceLayout::TraceLayout(const Recording& recording, const TraceTime& time,
-                         std::int64_t minimumDuration)
-    : recording_(recording),
+TraceLayout::TraceLayout(EventStream& stream, const TraceTime& time, std::int64_t minimumDuration)
+    : stream_(stream),
       time_(time),
       shortest_(std::max<std::int64_t>(minimumDuration, 0)),
-      endIsMet_(recording.events.size()),
-      open_(recording.sources.size()) {
-    const std::int64_t latest = time.at(recording.lastTime);
+      open_(stream.facts().sources.size()) {
+    const RecordingFacts& facts = stream.facts();
+    const std::int64_t latest = time.at(facts.lastTime);
     if (time.step() == 1 && latest >= TraceDoubles::careFrom)
-        doubles_.emplace(recording.sources.size(), latest);
-    forEachRun(recording.events, TogetherIn{time}, [this](std::span<const std::size_t> run) {
+        doubles_.emplace(facts.sources.size(), latest);
+    forEachRunOfStream([this](std::span<const std::size_t> run) {
+        endIsMet_.resize(before_ + events_.size());
         for (const std::size_t index : run)
             markMetEnds(index);
     });
@@ -29,13 +29,13 @@ TraceLayout::TraceLayout(const Recording& recording, const TraceTime& time,
 /// Marks the events whose end the event's start meets. Only what can go out as a complete event
 /// does.
 void TraceLayout::markMetEnds(std::size_t index) {
-    const RecordedEvent& event = recording_.events[index];
+    const RecordedEvent& event = events_[index];
     if (!isKept(event)) {
         ++(event.stop < event.start ? leftOutNegative_ : leftOutShort_);
         return;
     }
     const std::int64_t start = time_.at(event.start);
-    const std::int64_t end = time_.at(closingTime(recording_, event));
+    const std::int64_t end = time_.at(closingTime(stream_.facts(), event));
     if (stopsElsewhere(event) || end <= start)
         return;
     const std::int64_t reach = start - (doubles_ ? doubles_->slack() : 0);
@@ -50,13 +50,13 @@ void TraceLayout::markMetEnds(std::size_t index) {
     OpenEvent& opened = open.push();
     opened.outlives = outlives(event);
     opened.shown.end = end;
-    opened.index = index;
+    opened.index = before_ + index;
 }
 
 std::span<const PlacedEvent> TraceLayout::placeTogether(std::span<const std::size_t> run) {
     placed_.clear();
     for (const std::size_t index : run) {
-        if (isKept(recording_.events[index]))
+        if (isKept(events_[index]))
             placed_.push_back(place(index));
     }
     std::stable_sort(placed_.begin(), placed_.end(),
@@ -65,8 +65,8 @@ std::span<const PlacedEvent> TraceLayout::placeTogether(std::span<const std::siz
 }
 
 PlacedEvent TraceLayout::place(std::size_t index) {
-    const RecordedEvent& event = recording_.events[index];
-    PlacedEvent placed{&event, time_.at(event.start), time_.at(closingTime(recording_, event)),
+    const RecordedEvent& event = events_[index];
+    PlacedEvent placed{&event, time_.at(event.start), time_.at(closingTime(stream_.facts(), event)),
                        TraceShape::asyncPair};
     if (stopsElsewhere(event))
         return placed;
@@ -82,7 +82,7 @@ PlacedEvent TraceLayout::place(std::size_t index) {
     }
     const TraceSpan* parent = open.empty() ? nullptr : &open.top().shown;
     const std::int64_t end =
-        fittingEnd(event.source, {placed.start, placed.end}, endIsMet_[index], parent);
+        fittingEnd(event.source, {placed.start, placed.end}, endIsMet_[before_ + index], parent);
     // Without room it is still what encloses others, which have no room either.
     OpenEvent& opened = open.push();
     opened.outlives = outlives(event);

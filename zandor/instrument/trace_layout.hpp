@@ -36,17 +36,17 @@ struct PlacedEvent {
 class ZANDOR_INSTRUMENT_API TraceLayout {
   public:
     /// Events shorter than `minimumDuration` are left out.
-    TraceLayout(const Recording& recording, const TraceTime& time, std::int64_t minimumDuration);
+    TraceLayout(EventStream& stream, const TraceTime& time, std::int64_t minimumDuration);
 
     /// Calls `visit` with each placed event, by start, those that start together longer first.
     template <typename Visit>
     void forEach(Visit visit) {
         open_.clear();
-        forEachRun(recording_.events, TogetherIn{time_}, [&](std::span<const std::size_t> run) {
+        forEachRunOfStream([&](std::span<const std::size_t> run) {
             if (run.size() > 1) [[unlikely]] {
                 for (const PlacedEvent& placed : placeTogether(run))
                     visit(placed);
-            } else if (isKept(recording_.events[run[0]])) {
+            } else if (isKept(events_[run[0]])) {
                 visit(place(run[0]));
             }
         });
@@ -68,8 +68,17 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
         std::size_t index;
     };
 
+    template <typename Visit>
+    void forEachRunOfStream(Visit visit) {
+        before_ = 0;
+        forEachPiece(stream_, [&](std::span<const RecordedEvent> events) {
+            events_ = events;
+            forEachRun(events, TogetherIn{time_}, visit);
+            before_ += events.size();
+        });
+    }
     bool isKept(const RecordedEvent& event) const noexcept {
-        return saturatingSubtract(closingTime(recording_, event), event.start) >= shortest_;
+        return saturatingSubtract(closingTime(stream_.facts(), event), event.start) >= shortest_;
     }
     void markMetEnds(std::size_t index);
     PlacedEvent place(std::size_t index);
@@ -77,7 +86,9 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
     std::int64_t fittingEnd(std::uint32_t source, TraceSpan span, bool isMet,
                             const TraceSpan* parent);
 
-    const Recording& recording_;
+    EventStream& stream_;
+    std::span<const RecordedEvent> events_;  // the present piece
+    std::size_t before_ = 0;                 // events of the pieces before it
     const TraceTime& time_;
     const std::int64_t shortest_;  // that is kept: a negative duration never is
     std::uint64_t leftOutNegative_ = 0;

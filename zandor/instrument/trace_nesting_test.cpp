@@ -147,8 +147,7 @@ TEST_P(RandomTraces, NestInDoublesAndShowEachEventOnce) {
             if (event.finished && event.stop < event.start)
                 continue;
             ++kept;
-            const auto found = shown.find(
-                std::to_string(recording.contextOf(event.context)[0].value.signedInteger()));
+            const auto found = shown.find(std::to_string(event.context[0].value.signedInteger()));
             ASSERT_NE(found, shown.end()) << "seed " << seed << sink.text;
             const Shown& entry = found->second;
             const std::int64_t end = event.finished ? event.stop : recording.lastTime;

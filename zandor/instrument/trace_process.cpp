@@ -76,32 +76,21 @@ void LoadedProcess::addName(std::vector<std::uint32_t>& numbers, std::uint64_t n
     numbers[number] = own;
 }
 
-void LoadedProcess::prepareClock() {
-    if (!std::exchange(clockIsPrepared_, true))
-        clock_.prepare();
+std::span<Word> LoadedProcess::adapt(std::span<Word> untrusted, bool notes) {
+    const std::span<Word> records = wholeRecords(untrusted);
+    forEachRecord(records, [&](std::span<Word> record) {
+        if (notes && RecordHead(record[0]).kind() == RecordKind::foreignStop)
+            notedStops_.add({record[2], record[3]});
+        adaptRecord(record);
+    });
+    return records;
 }
 
-bool LoadedProcess::addRecords(std::vector<std::uint64_t> untrusted) {
-    constexpr std::size_t headWords = sizeof(TraceStretch) / sizeof(Word);
-    if (untrusted.size() < headWords)
-        return false;
-    prepareClock();
-    const auto from = recordIn<TraceStretch>(untrusted);
-    std::vector<Word>& kept = words_.emplace_back(std::move(untrusted));
-    const std::span<Word> all = std::span(kept).subspan(headWords);
-    const std::span<Word> records = wholeRecords(all);
-    forEachRecord(records, [this](std::span<Word> record) { adapt(record); });
-
-    const auto [place, isNew] = trackPlaces_.try_emplace(from.track, views_.size());
-    if (isNew)
-        views_.emplace_back();
-    const StreamState state{from.source, from.nextSerial, &sourceOf(from.source)};
-    views_[place->second].stretches.push_back(
-        {records.data(), records.data() + records.size(), state, nullptr});
-    return records.size() == all.size();
+StreamState LoadedProcess::stateAt(const TraceStretch& stretch) {
+    return {stretch.source, stretch.nextSerial, &sourceOf(stretch.source)};
 }
 
-void LoadedProcess::adapt(std::span<Word> record) {
+void LoadedProcess::adaptRecord(std::span<Word> record) {
     const RecordHead head{record[0]};
     if (head.kind() == RecordKind::source) {
         record[3] = reinterpret_cast<Word>(&sourceOf(record[1]));
@@ -113,8 +102,6 @@ void LoadedProcess::adapt(std::span<Word> record) {
                            head.serial())
                     .word();
     record[1] = static_cast<Word>(saturatingAdd(time, timeShift_));
-    if (head.kind() == RecordKind::foreignStop)
-        foreignStops_.add({record[2], record[3]});
     const bool isCounted = head.context() == RecordHead::contextIsCounted;
     adaptContext(record.subspan(wordsOf(head.kind()) + (isCounted ? 1 : 0)));
 }
@@ -139,14 +126,12 @@ void LoadedProcess::addLost(std::span<const std::uint64_t> untrusted) {
         lostRanges_.push_back(recordIn<LostRange>(untrusted));
 }
 
-void LoadedProcess::finish() {
-    prepareClock();
-    foreignStops_.sort();
+void LoadedProcess::finishJournal() {
+    clock_.prepare();
     lost_ = LostRanges(std::move(lostRanges_));
 }
 
-std::int64_t LoadedProcess::begin() {
-    prepareClock();
+std::int64_t LoadedProcess::begin() noexcept {
     std::int64_t begin = facts_.originNanoseconds;
     if (facts_.originTicks != 0) {
         const std::int64_t first = clock_(facts_.originTicks);

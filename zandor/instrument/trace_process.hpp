@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <deque>
-#include <map>
 #include <span>
 #include <string_view>
 #include <unordered_map>
@@ -18,9 +17,8 @@
 
 namespace instrument::detail {
 
-/// First all journals are added, then all records. Its records are made to look as those of this
-/// process's recorders do, with times in nanoseconds and the names' numbers; what they hold is not
-/// trusted. Seen by a Matcher it is a snapshot.
+/// First all journals are added. Then its records are made to look as those of this process's
+/// recorders do, with times in nanoseconds and the names' numbers; what they hold is not trusted.
 class LoadedProcess {
   public:
     /// `timeShift` is added to all times.
@@ -30,28 +28,35 @@ class LoadedProcess {
     LoadedProcess& operator=(const LoadedProcess&) = delete;
 
     void addJournal(std::span<const std::uint64_t> untrusted);
-    /// A stretch and its records. False when not all of it was whole.
-    bool addRecords(std::vector<std::uint64_t> untrusted);
     void addLost(std::span<const std::uint64_t> untrusted);
-    /// To be said before it is read.
-    void finish();
+    /// To be said when all journals and losses are there.
+    void finishJournal();
 
-    std::span<const TrackView> tracks() const noexcept { return views_; }
+    /// Adapts records in place; gives the part that is whole. `notes` the foreign stops among them.
+    std::span<Word> adapt(std::span<Word> untrusted, bool notes);
+    /// Of the stream where a stretch begins.
+    StreamState stateAt(const TraceStretch& stretch);
+    /// To be said when all foreign stops were noted.
+    void finishStops() {
+        foreignStops_ = std::move(notedStops_);
+        foreignStops_.sort();
+    }
+
+    /// The events that foreign stops end; empty until it is said that all were noted.
     const EventIdSet& foreignStops() const noexcept { return foreignStops_; }
     bool isLost(EventId id) const noexcept { return lost_.has(id); }
     const TraceProcess& facts() const noexcept { return facts_; }
     /// Of its first event; 0: none.
-    std::int64_t begin();
+    std::int64_t begin() noexcept;
 
   private:
     void addEntry(JournalEntry kind, std::span<const std::byte> payload);
     void addName(std::vector<std::uint32_t>& numbers, std::uint64_t number, std::uint32_t own);
-    void adapt(std::span<Word> record);
+    void adaptRecord(std::span<Word> record);
     void adaptContext(std::span<Word> context);
     SourceInfo& sourceOf(std::uint64_t id);
     const InternedText* textAt(std::uint64_t number) const noexcept;
     std::uint32_t instrumentAt(std::uint32_t number) const noexcept;
-    void prepareClock();
 
     TraceNames& names_;
     TraceProcess facts_;
@@ -66,10 +71,7 @@ class LoadedProcess {
     std::unordered_map<std::uint64_t, SourceInfo*> sources_;
     std::deque<SourceInfo> sourceMemory_;
     TraceClock clock_;
-    bool clockIsPrepared_ = false;
-    std::deque<std::vector<Word>> words_;
-    std::map<std::uint64_t, std::size_t> trackPlaces_;
-    std::vector<TrackView> views_;
+    EventIdSet notedStops_;
     EventIdSet foreignStops_;
     std::vector<LostRange> lostRanges_;
     LostRanges lost_;

@@ -95,18 +95,34 @@ void TraceReader::findBlocks() {
 }
 
 std::optional<std::vector<std::uint64_t>> TraceReader::payload(const TraceIndexEntry& entry) const {
+    std::vector<std::uint64_t> words;
+    return read(entry, words) ? std::optional(std::move(words)) : std::nullopt;
+}
+
+bool TraceReader::read(const TraceIndexEntry& entry, std::vector<std::uint64_t>& words,
+                       bool checksIt) const {
     TraceBlockHead head;
     if (!readHead(entry.offset, head) || head.kind != entry.kind || head.bytes != entry.bytes ||
         head.process != entry.process)
-        return std::nullopt;
-    std::vector<std::uint64_t> words(head.bytes / wordBytes + (head.bytes % wordBytes != 0));
+        return false;
+    words.resize(head.bytes / wordBytes + (head.bytes % wordBytes != 0));
+    if (!words.empty())
+        words.back() = 0;
     if (!readAt(entry.offset + sizeof head, words.data(), head.bytes))
-        return std::nullopt;
+        return false;
+    if (!checksIt)
+        return true;
     TraceChecksum checksum(head);
     checksum.add(std::as_bytes(std::span(words)).first(head.bytes));
-    if (checksum.value() != head.checksum)
+    return checksum.value() == head.checksum;
+}
+
+std::optional<TraceStretch> TraceReader::stretch(const TraceIndexEntry& entry) const noexcept {
+    TraceStretch stretch;
+    if (entry.bytes < sizeof stretch ||
+        !readAt(entry.offset + sizeof(TraceBlockHead), &stretch, sizeof stretch))
         return std::nullopt;
-    return words;
+    return stretch;
 }
 
 }  // namespace instrument::detail

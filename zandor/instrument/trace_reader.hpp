@@ -29,6 +29,11 @@ class ZANDOR_INSTRUMENT_API TraceReader {
 
     /// A block's payload, in whole words; empty when the block is damaged.
     std::optional<std::vector<std::uint64_t>> payload(const TraceIndexEntry& entry) const;
+    /// The same into `words`; false when it is damaged, as far as that is to be looked at.
+    bool read(const TraceIndexEntry& entry, std::vector<std::uint64_t>& words,
+              bool checksIt = true) const;
+    /// What a block of records begins with; not checked.
+    std::optional<TraceStretch> stretch(const TraceIndexEntry& entry) const noexcept;
 
   private:
     bool readAt(std::uint64_t offset, void* out, std::size_t bytes) const noexcept;

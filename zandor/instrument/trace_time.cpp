@@ -9,12 +9,13 @@ constexpr std::int64_t finestUtcStep = 250;
 constexpr std::int64_t largestExact = std::int64_t{1} << 53;
 
 /// The recording's origin; where another process sent earlier events, the first of them.
-std::int64_t earliest(const Recording& recording) {
-    std::int64_t time = recording.originMonotonic;
-    if (!recording.events.empty())
-        time = std::min(time, recording.events.front().start);
-    if (!recording.strayPoints.empty())
-        time = std::min(time, recording.strayPoints.front().time);
+std::int64_t earliest(EventStream& stream) {
+    std::int64_t time = stream.facts().originMonotonic;
+    stream.rewind();
+    if (const auto events = stream.nextEvents(); !events.empty())
+        time = std::min(time, events.front().start);
+    if (const auto points = stream.nextPoints(); !points.empty())
+        time = std::min(time, points.front().time);
     return time;
 }
 
@@ -28,13 +29,13 @@ std::int64_t utcStep(std::int64_t first, std::int64_t last) {
 
 }  // namespace
 
-TraceTime::TraceTime(const Recording& recording, TimeSystem timeSystem)
-    : origin_(earliest(recording)),
-      originUtc_(saturatingSubtract(recording.originUtc,
-                                    saturatingSubtract(recording.originMonotonic, origin_))) {
+TraceTime::TraceTime(EventStream& stream, TimeSystem timeSystem)
+    : origin_(earliest(stream)),
+      originUtc_(saturatingSubtract(stream.facts().originUtc,
+                                    saturatingSubtract(stream.facts().originMonotonic, origin_))) {
     if (timeSystem == TimeSystem::utc) {
         shift_ = saturatingSubtract(originUtc_, origin_);
-        step_ = utcStep(originUtc_, utc(recording.lastTime));
+        step_ = utcStep(originUtc_, utc(stream.facts().lastTime));
         lowest_ = INT64_MIN;
     } else {
         shift_ = saturatingSubtract(originShown, origin_);

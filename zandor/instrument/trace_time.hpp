@@ -4,8 +4,8 @@
 #include <algorithm>
 #include <cstdint>
 
+#include "zandor/instrument/event_stream.hpp"
 #include "zandor/instrument/exports.hpp"
-#include "zandor/instrument/recording.hpp"
 #include "zandor/instrument/saturating.hpp"
 
 namespace instrument::detail {
@@ -15,7 +15,8 @@ namespace instrument::detail {
 /// century's first decades.
 class ZANDOR_INSTRUMENT_API TraceTime {
   public:
-    TraceTime(const Recording& recording, TimeSystem timeSystem);
+    /// Looks at where the stream begins.
+    TraceTime(EventStream& stream, TimeSystem timeSystem);
 
     /// The step that an instant lies in. Later instants never give earlier steps.
     std::int64_t at(std::int64_t nanoseconds) const noexcept {

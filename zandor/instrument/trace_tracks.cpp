@@ -25,10 +25,10 @@ void appendTextMember(TextBuffer& out, std::string_view name, std::uint64_t numb
 
 }  // namespace
 
-TraceTracks::TraceTracks(const Recording& recording) : recording_(recording) {
+TraceTracks::TraceTracks(const RecordingFacts& facts) : facts_(facts) {
     std::map<std::tuple<std::optional<std::string_view>, std::uint64_t>, std::uint32_t> numbers;
-    processes_.reserve(recording.sources.size());
-    for (const RecordedSource& source : recording.sources) {
+    processes_.reserve(facts.sources.size());
+    for (const RecordedSource& source : facts.sources) {
         const auto next = static_cast<std::uint32_t>(numbers.size() + 1);
         processes_.push_back(
             numbers.try_emplace({source.processName, source.processId}, next).first->second);
@@ -47,7 +47,7 @@ void TraceTracks::append(TextBuffer& out) const {
 }
 
 void TraceTracks::appendProcess(TextBuffer& out, std::uint32_t firstSource) const {
-    const RecordedSource& source = recording_.sources[firstSource];
+    const RecordedSource& source = facts_.sources[firstSource];
     if (firstSource > 0)
         out.append(',');
     appendHead(out, "process_name", firstSource);
@@ -63,10 +63,10 @@ void TraceTracks::appendThread(TextBuffer& out, std::uint32_t source) const {
     out.append(',');
     appendHead(out, "thread_name", source);
     out.append("\"name\":\"");
-    appendJsonName(out, recording_.sources[source].name);
+    appendJsonName(out, facts_.sources[source].name);
     out.append('"');
-    appendTextMember(out, "tid", recording_.sources[source].threadId);
-    appendTextMember(out, "source", recording_.sources[source].id);
+    appendTextMember(out, "tid", facts_.sources[source].threadId);
+    appendTextMember(out, "source", facts_.sources[source].id);
     out.append("}},");
     appendSortIndex(out, "thread_sort_index", source, source + 1);
 }

@@ -13,7 +13,7 @@ namespace instrument::detail {
 /// large, and take 0 for something else.
 class TraceTracks {
   public:
-    explicit TraceTracks(const Recording& recording);
+    explicit TraceTracks(const RecordingFacts& facts);
 
     /// The metadata events: names, order, and the system's own ids.
     void append(TextBuffer& out) const;
@@ -31,7 +31,7 @@ class TraceTracks {
     void appendSortIndex(TextBuffer& out, std::string_view name, std::uint32_t source,
                          std::uint32_t sortIndex) const;
 
-    const Recording& recording_;
+    const RecordingFacts& facts_;
     std::vector<std::uint32_t> processes_;  // by source
 };
 

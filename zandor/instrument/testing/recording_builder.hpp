@@ -86,10 +86,9 @@ class RecordingBuilder {
   private:
     std::string_view keep(const std::string& text) { return texts_.emplace_back(text); }
 
-    detail::ContextRange keep(const std::vector<ContextArg>& context) {
-        const auto first = static_cast<std::uint32_t>(recording_.contextArgs.size());
-        recording_.contextArgs.insert(recording_.contextArgs.end(), context.begin(), context.end());
-        return {first, static_cast<std::uint32_t>(context.size())};
+    ContextArgs keep(const std::vector<ContextArg>& context) {
+        std::ranges::copy(context, recording_.contextArgs.room(context.size()).begin());
+        return recording_.contextArgs.keep(context.size());
     }
 
     const Opaque* instrument(const std::string& name) {

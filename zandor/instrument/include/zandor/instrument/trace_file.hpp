@@ -18,6 +18,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -55,21 +56,28 @@ struct TraceSelection {
     bool contexts = true;
 };
 
-/// A trace file in memory: about five times what its events take in the file.
+/// Told, now and then while a trace file is read, the bytes of records that were read of it so far;
+/// each export reads it once or more. What it throws ends the export and passes through.
+using TraceProgress = std::function<void(std::uint64_t bytesRead)>;
+
+/// A trace file, read as it is needed. In memory are its names, a block of records of each thread
+/// that was active at once, a bit an event, and some 30 bytes for each event that began in one
+/// block and ended in another, or on another thread. For one thread at a time.
 class ZANDOR_INSTRUMENT_API TraceFile {
   public:
-    explicit TraceFile(const std::filesystem::path& file);
+    explicit TraceFile(const std::filesystem::path& file, TraceProgress progress = {});
     ~TraceFile();
     TraceFile(const TraceFile&) = delete;
     TraceFile& operator=(const TraceFile&) = delete;
 
-    /// Leaves out what is not selected, for good.
+    /// Leaves out what is not selected, until something else is.
     void select(const TraceSelection& selection);
 
     // With a name that ends in ".gz" it is compressed.
     void saveTraceEventJson(const std::filesystem::path& file) const;
-    /// In files of at most `mostBytes` each, in order of time: "name.json", "name-2.json", ... An
-    /// event alone may be larger. Gives their names.
+    /// In files of at most `mostBytes` each (before they are compressed), in order of time:
+    /// "name.json", "name-2.json", ... Each is valid by itself. An event alone may be larger. Gives
+    /// their names.
     std::vector<std::filesystem::path> saveTraceEventJson(const std::filesystem::path& file,
                                                           std::uint64_t mostBytes) const;
     /// The root frame of a stack is the thread; where there are several processes, "process
@@ -85,15 +93,17 @@ class ZANDOR_INSTRUMENT_API TraceFile {
     std::uint32_t processCount() const noexcept;
     /// Of threads that have events, without repetition, sorted.
     std::vector<std::string> threadNames() const;
-    std::uint64_t eventCount() const noexcept;
+    std::uint64_t eventCount() const;
+    /// Of all records; what `progress` is told grows by it each time that all are read.
+    std::uint64_t bytesOfRecords() const noexcept;
     /// Blocks that could not be read, whole or in part.
     std::uint64_t damagedBlocks() const noexcept;
     /// Whether its writer came to the end.
     bool isComplete() const noexcept;
 
   private:
-    struct Loaded;
-    std::unique_ptr<Loaded> loaded_;
+    struct Stream;
+    std::unique_ptr<Stream> stream_;
 };
 
 }  // namespace instrument

@@ -1,0 +1,138 @@
+// Puts what several blocks have in one order, with those blocks in memory alone whose times
+// overlap.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "trace_block_events.hpp"
+
+namespace instrument::detail {
+
+struct EventEntry {
+    using Item = RecordedEvent;
+    static const Item& itemOf(const RecordedEvent& event) noexcept { return event; }
+    static std::int64_t timeOf(const RecordedEvent& event) noexcept { return event.start; }
+    static std::int64_t firstOf(const RecordBlock& block) noexcept { return block.firstStart; }
+    static bool less(const RecordedEvent& a, const RecordedEvent& b) noexcept {
+        return std::tie(a.start, a.source, a.serial) < std::tie(b.start, b.source, b.serial);
+    }
+};
+
+struct PointEntry {
+    using Item = RecordedPoint;
+    static const Item& itemOf(const OrderedPoint& entry) noexcept { return entry.point; }
+    static std::int64_t timeOf(const OrderedPoint& entry) noexcept { return entry.point.time; }
+    static std::int64_t firstOf(const RecordBlock& block) noexcept { return block.firstPoint; }
+    static bool less(const OrderedPoint& a, const OrderedPoint& b) noexcept {
+        return std::tie(a.point.time, a.point.source, a.order) <
+               std::tie(b.point.time, b.point.source, b.order);
+    }
+};
+
+/// `Traits` is one of the above, for entries of its kind.
+template <class Entry, class Traits>
+class TraceMerge {
+  public:
+    using Item = typename Traits::Item;
+
+    /// Begins with these blocks, by the time of their first; and entries that are in memory.
+    void begin(std::vector<RecordBlock*> blocks, BlockItems<Entry> resident = {}) {
+        waiting_ = std::move(blocks);
+        std::ranges::stable_sort(waiting_, std::greater<>(),
+                                 [](const RecordBlock* block) { return Traits::firstOf(*block); });
+        active_.clear();
+        finished_.clear();
+        add(std::move(resident));
+    }
+
+    /// The next items, all of those at the last one's time; none at the end. They stay until the
+    /// next call. `load(block)` gives a block's entries.
+    template <class Load>
+    std::span<const Item> next(Load load) {
+        items_.clear();
+        finished_.clear();
+        for (bool isFull = false; !isFull;) {
+            loadOverlapping(load);
+            if (active_.empty())
+                break;
+            std::ranges::pop_heap(active_, isLater);
+            isFull = takeFrom(*active_.back());
+            if (active_.back()->isAtEnd()) {
+                finished_.push_back(std::move(active_.back()));
+                active_.pop_back();
+            } else {
+                std::ranges::push_heap(active_, isLater);
+            }
+        }
+        return items_;
+    }
+
+  private:
+    static constexpr std::size_t enough = 4096;
+
+    struct Active {
+        BlockItems<Entry> block;
+        std::size_t next = 0;
+
+        const Entry& front() const noexcept { return block.items[next]; }
+        bool isAtEnd() const noexcept { return next == block.items.size(); }
+    };
+    using ActivePtr = std::unique_ptr<Active>;
+
+    static bool isLater(const ActivePtr& a, const ActivePtr& b) noexcept {
+        return Traits::less(b->front(), a->front());
+    }
+
+    void add(BlockItems<Entry> block) {
+        if (block.items.empty())
+            return;
+        active_.push_back(std::make_unique<Active>(Active{std::move(block)}));
+        std::ranges::push_heap(active_, isLater);
+    }
+
+    template <class Load>
+    void loadOverlapping(Load load) {
+        while (!waiting_.empty() &&
+               (active_.empty() ||
+                Traits::firstOf(*waiting_.back()) <= Traits::timeOf(active_.front()->front()))) {
+            RecordBlock& block = *waiting_.back();
+            waiting_.pop_back();
+            add(load(block));
+        }
+    }
+
+    /// Takes what comes before all of the others; whether that is enough.
+    bool takeFrom(Active& first) {
+        const auto others = std::span(active_).first(active_.size() - 1);
+        const Entry* const limit = others.empty() ? nullptr : &others.front()->front();
+        const std::int64_t loaded =
+            waiting_.empty() ? RecordBlock::never : Traits::firstOf(*waiting_.back());
+        do {
+            const Entry& entry = first.front();
+            const std::int64_t time = Traits::timeOf(entry);
+            if (items_.size() >= enough && time != lastTime_)
+                return true;
+            if ((time >= loaded && !waiting_.empty()) || (limit && Traits::less(*limit, entry)))
+                return false;
+            items_.push_back(Traits::itemOf(entry));
+            lastTime_ = time;
+            ++first.next;
+        } while (!first.isAtEnd());
+        return false;
+    }
+
+    std::vector<RecordBlock*> waiting_;  // the first in time last
+    std::vector<ActivePtr> active_;      // a heap, the first in time on top
+    std::vector<ActivePtr> finished_;    // whose contexts the items have
+    std::vector<Item> items_;
+    std::int64_t lastTime_ = 0;
+};
+
+}  // namespace instrument::detail
