@@ -2,6 +2,7 @@
 
 import gzip
 import json
+import zlib
 
 import pytest
 
@@ -48,6 +49,14 @@ def test_exports_are_those_of_the_recorder(command, trace):
     assert gzip.decompress(packed.read_bytes()) == (folder / "direct.json").read_bytes()
     stacks = exported(command, trace, "a.folded").read_text()
     assert stacks == (folder / "direct.folded").read_text()
+
+
+def test_a_compressed_export_is_one_member(command, trace):
+    """Browsers decompress no more than the first."""
+    packed = exported(command, trace, "a.json.gz").read_bytes()
+    stream = zlib.decompressobj(zlib.MAX_WBITS | 16)
+    assert stream.decompress(packed) == (trace.parent / "direct.json").read_bytes()
+    assert stream.eof and stream.unused_data == b""
 
 
 def test_speedscope_profiles_nest(command, trace):

@@ -1,7 +1,7 @@
 // The checksum of a trace file's block.
 #pragma once
 
-#include <zlib.h>
+#include <isa-l/crc.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -18,13 +18,13 @@ class TraceChecksum {
         add(std::as_bytes(std::span(&head, 1)));
     }
     void add(std::span<const std::byte> bytes) noexcept {
-        if (!bytes.empty())  // zlib takes null for a wish to begin anew
-            value_ = crc32_z(value_, reinterpret_cast<const Bytef*>(bytes.data()), bytes.size());
+        value_ = crc32_gzip_refl(value_, reinterpret_cast<const unsigned char*>(bytes.data()),
+                                 bytes.size());
     }
-    std::uint32_t value() const noexcept { return static_cast<std::uint32_t>(value_); }
+    std::uint32_t value() const noexcept { return value_; }
 
   private:
-    uLong value_ = crc32_z(0, nullptr, 0);
+    std::uint32_t value_ = 0;
 };
 
 }  // namespace instrument::detail
