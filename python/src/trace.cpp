@@ -20,10 +20,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using TraceObject = HandleObject<std::unique_ptr<TraceFile>>;
+struct OpenTrace {
+    Ref progress;
+    std::unique_ptr<TraceFile> file;
+};
+
+using TraceObject = HandleObject<OpenTrace>;
 
 TraceFile& traceOf(PyObject* self) {
-    return *TraceObject::of(self);
+    return *TraceObject::of(self).file;
 }
 
 /// Does with a file what takes long; errors name the file.
@@ -36,14 +41,32 @@ auto with(const fs::path& file, Work work) {
     }
 }
 
+/// Tells `progress`, where there is one, how many bytes were read; and lets the interpreter handle
+/// signals. Either may end what goes on.
+void tell(PyObject* progress, std::uint64_t bytes) {
+    withLock([&] {
+        check(PyErr_CheckSignals());
+        if (progress != Py_None)
+            Ref::take(PyObject_CallFunction(progress, "K", static_cast<unsigned long long>(bytes)));
+    });
+}
+
+instrument::TraceProgress progressOf(PyObject* progress) {
+    return [progress](std::uint64_t bytes) { tell(progress, bytes); };
+}
+
 PyObject* create(PyTypeObject* type, PyObject* arguments, PyObject*) {
     return guarded([&] {
         PyObject* path = nullptr;
-        if (!PyArg_ParseTuple(arguments, "O:Trace", &path))
+        PyObject* progress = Py_None;
+        if (!PyArg_ParseTuple(arguments, "O|O:Trace", &path, &progress))
             throw PythonError();
-        auto trace = with(pathArgument(path),
-                          [](const fs::path& file) { return std::make_unique<TraceFile>(file); });
-        return TraceObject::make(reinterpret_cast<PyObject*>(type), std::move(trace)).release();
+        auto trace = with(pathArgument(path), [&](const fs::path& file) {
+            return std::make_unique<TraceFile>(file, progressOf(progress));
+        });
+        return TraceObject::make(reinterpret_cast<PyObject*>(type),
+                                 {Ref::share(progress), std::move(trace)})
+            .release();
     });
 }
 
@@ -163,7 +186,10 @@ PyGetSetDef properties[] = {
 };
 
 PyType_Slot slots[] = {
-    {Py_tp_doc, const_cast<char*>("Trace(path)\n--\n\nA trace file, read.")},
+    {Py_tp_doc,
+     const_cast<char*>("Trace(path, progress=None)\n--\n\nA trace file. progress is called "
+                       "with the bytes that were read so far, each time that it is "
+                       "read; what it raises ends that.")},
     {Py_tp_new, asSlot(create)},
     {Py_tp_dealloc, asSlot(TraceObject::deallocate)},
     {Py_tp_methods, methods},
@@ -197,13 +223,15 @@ PyObject* combineTraces(PyObject*, PyObject* arguments) {
     return guarded([&] {
         PyObject* list = nullptr;
         PyObject* path = nullptr;
-        if (!PyArg_ParseTuple(arguments, "O!O:combine_traces", &PyList_Type, &list, &path))
+        PyObject* progress = Py_None;
+        if (!PyArg_ParseTuple(arguments, "O!O|O:combine_traces", &PyList_Type, &list, &path,
+                              &progress))
             throw PythonError();
         std::vector<fs::path> files;
         for (Py_ssize_t i = 0; i < PyList_GET_SIZE(list); ++i)
             files.push_back(pathArgument(PyList_GET_ITEM(list, i)));
         with(pathArgument(path), [&](const fs::path& file) {
-            instrument::combineTraceFiles(files, file);
+            instrument::combineTraceFiles(files, file, progressOf(progress));
             return true;
         });
         return Py_NewRef(Py_None);

@@ -1,12 +1,15 @@
 """`vantrace export` and `vantrace combine`: what becomes of trace files."""
 
+import _signal
 import os
 import re
 import sys
 
 from ._cli import UsageError
 from ._core import Trace, combine_traces
+from ._progress import Progress
 from ._record import check_writable
+from ._table import dropped
 
 USAGE = """\
 usage: vantrace export FILE -o OUTPUT [OPTIONS]
@@ -26,6 +29,8 @@ options of export:
 
 _UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
 _SIZES = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
+# How often a file is read for an export, without what depends on its content.
+_READINGS = {".speedscope.json": 3, ".json": 3, ".json.gz": 3, ".folded": 2}
 _WRITERS = {
     ".speedscope.json": Trace.save_speedscope,
     ".json": Trace.save_json,
@@ -54,16 +59,43 @@ def export(arguments):
     write = trace_writer(output)
     if options.split and write is not Trace.save_json:
         raise UsageError("only .json and .json.gz are split")
-    trace = _read(options.files[0])
-    trace.select(*options.selection())
-    try:
-        if options.split:
-            trace.save_parts(output, options.split)
-        else:
-            write(trace, output)
-    except OSError as error:
-        raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+    with _Interruptible(), Progress("exporting", _bytes_to_read(options)) as progress:
+        trace = _read(options.files[0], progress)
+        trace.select(*options.selection())
+        try:
+            if options.split:
+                trace.save_parts(output, options.split)
+            else:
+                write(trace, output)
+        except OSError as error:
+            raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+    for line in dropped(trace.drops()):
+        print(line, file=sys.stderr)
     return 0
+
+
+def _bytes_to_read(options):
+    readings = next(n for ending, n in _READINGS.items() if options.output.endswith(ending))
+    return _size_of(options.files[0]) * (readings + options.needs_reading_to_select)
+
+
+def _size_of(file):
+    try:
+        return os.path.getsize(file)
+    except OSError:
+        return 0
+
+
+class _Interruptible:
+    """An interrupt leaves it as it would leave a program that knows nothing of interrupts."""
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, kind, *_):
+        if kind is KeyboardInterrupt:
+            _signal.signal(_signal.SIGINT, _signal.SIG_DFL)
+            os.kill(os.getpid(), _signal.SIGINT)
 
 
 def combine(arguments):
@@ -77,20 +109,23 @@ def combine(arguments):
     output = options.needed_output()
     if not output.endswith(".vtrace"):
         raise UsageError(f"combine writes a .vtrace file, not {output!r}")
-    for file in options.files:
-        _read(file)
-    try:
-        combine_traces(options.files, output)
-    except OSError as error:
-        raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
-    except RuntimeError as error:
-        raise UsageError(error) from None
+    with _Interruptible():
+        for file in options.files:
+            with Progress(f"reading {file}", _size_of(file)) as progress:
+                _read(file, progress)
+        with Progress("combining", sum(map(_size_of, options.files))) as progress:
+            try:
+                combine_traces(options.files, output, progress)
+            except OSError as error:
+                raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+            except RuntimeError as error:
+                raise UsageError(error) from None
     return 0
 
 
-def _read(file):
+def _read(file, progress):
     try:
-        trace = Trace(file)
+        trace = Trace(file, progress)
     except OSError as error:
         raise UsageError(f"cannot read {file!r}: {error.strerror}") from None
     except RuntimeError as error:
@@ -127,6 +162,10 @@ class _Options:
             self._most_per_thread,
             self._contexts,
         )
+
+    @property
+    def needs_reading_to_select(self):
+        return self._most_per_thread > 0
 
     def needed_output(self):
         """The file to write, which can be written as far as can be seen now."""

@@ -121,22 +121,23 @@ def _collapsed(functions):
 
 def losses(recording):
     """The lines that say what is not in the trace, and what was not seen."""
-    drops = recording.drops()
-    dropped = sum(drops[cause] for cause in ("refused", "oldest", "shortest", "failed"))
-    if dropped:
-        shortest = f", the shortest, up to {time_text(drops['minimum_duration'])}"
-        which = shortest if dropped == drops["shortest"] else ""
-        yield (
-            f"vantrace: for want of memory {_counted(dropped, 'event')}{which}, "
-            f"{'is' if dropped == 1 else 'are'} not in the trace{_counting(recording)}"
-        )
+    counting = "; the table counts all" if recording.counts_all else ", nor in the table"
+    yield from dropped(recording.drops(), counting)
     functions = recording.functions()
     if functions:
         yield from _unseen(functions)
 
 
-def _counting(recording):
-    return "; the table counts all" if recording.counts_all else ", nor in the table"
+def dropped(drops, counting=""):
+    """The line that says what the recorder dropped, where it did."""
+    count = sum(drops[cause] for cause in ("refused", "oldest", "shortest", "failed"))
+    if count:
+        shortest = f", the shortest, up to {time_text(drops['minimum_duration'])}"
+        which = shortest if count == drops["shortest"] else ""
+        yield (
+            f"vantrace: for want of memory {_counted(count, 'event')}{which}, "
+            f"{'is' if count == 1 else 'are'} not in the trace{counting}"
+        )
 
 
 def _unseen(functions):

@@ -2,6 +2,7 @@
 
 import gzip
 import json
+import re
 import zlib
 
 import pytest
@@ -119,6 +120,23 @@ def test_a_truncated_file_is_exported_as_far_as_it_goes(command, trace):
     assert done.returncode == 0
     assert done.stderr == f"vantrace: the end of {str(trace)!r} is missing\n"
     assert names((trace.parent / "a.json").read_text()).count("outer") == 100
+
+
+def test_what_the_recorder_dropped_is_said(command, tmp_path):
+    with vantrace.record(max_bytes=1 << 20, keep="longest") as recording:
+        for _ in range(100_000):
+            with vantrace.event("n"):
+                pass
+    recording.save(tmp_path / "part.vtrace")
+    done = command("export", "part.vtrace", "-o", "a.json")
+    assert re.fullmatch(
+        r"vantrace: for want of memory [\d,]+ events, the shortest, up to [\d.]+ [nmu]?s, "
+        r"are not in the trace\n",
+        done.stderr,
+    )
+    metadata = json.loads((tmp_path / "a.json").read_text())["metadata"]
+    assert int(metadata["dropped_shortest"]) == recording.drops()["shortest"]
+    assert int(metadata["dropped_shortest_below_ns"]) == recording.drops()["minimum_duration"] > 0
 
 
 @pytest.mark.parametrize(

@@ -156,7 +156,8 @@ std::vector<fs::path> runFilesIn(const fs::path& folder) {
 }
 
 /// Copies the blocks of a file as they are, but for what tells which process they are of.
-void copyBlocks(const fs::path& file, TraceWriter& writer) {
+void copyBlocks(const fs::path& file, TraceWriter& writer,
+                const std::function<void(std::uint64_t)>& tell) {
     const TraceReader reader(file);
     const auto payloadOf = [&](const TraceIndexEntry& entry) {
         auto payload = reader.payload(entry);
@@ -173,6 +174,7 @@ void copyBlocks(const fs::path& file, TraceWriter& writer) {
                 continue;
             const std::vector<std::uint64_t> payload = payloadOf(entry);
             writer.copy(entry.kind, std::as_bytes(std::span(payload)).first(entry.bytes));
+            tell(entry.bytes);
         }
     }
 }
@@ -202,10 +204,15 @@ std::uint32_t finishRunFolder(const std::filesystem::path& folder,
 }
 
 void combineTraceFiles(const std::vector<std::filesystem::path>& files,
-                       const std::filesystem::path& file) {
+                       const std::filesystem::path& file, const TraceProgress& progress) {
+    std::uint64_t bytesRead = 0;
+    const auto tell = [&](std::uint64_t bytes) {
+        if (progress)
+            progress(bytesRead += bytes);
+    };
     TraceWriter writer(file);
     for (const fs::path& part : files)
-        copyBlocks(part, writer);
+        copyBlocks(part, writer, tell);
     writer.commit();
 }
 

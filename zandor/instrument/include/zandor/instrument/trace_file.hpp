@@ -40,9 +40,6 @@ ZANDOR_INSTRUMENT_API void saveTraceFile(const InstrumentRecorder& recorder,
 ZANDOR_INSTRUMENT_API std::uint32_t finishRunFolder(const std::filesystem::path& folder,
                                                     const std::filesystem::path& file);
 
-/// Joins trace files by their clocks. Throws std::runtime_error for a damaged one.
-ZANDOR_INSTRUMENT_API void combineTraceFiles(const std::vector<std::filesystem::path>& files,
-                                             const std::filesystem::path& file);
 
 /// What of a trace to look at.
 struct TraceSelection {
@@ -59,6 +56,11 @@ struct TraceSelection {
 /// Told, now and then while a trace file is read, the bytes of records that were read of it so far;
 /// each export reads it once or more. What it throws ends the export and passes through.
 using TraceProgress = std::function<void(std::uint64_t bytesRead)>;
+
+/// Joins trace files by their clocks. Throws std::runtime_error for a damaged one.
+ZANDOR_INSTRUMENT_API void combineTraceFiles(const std::vector<std::filesystem::path>& files,
+                                             const std::filesystem::path& file,
+                                             const TraceProgress& progress = {});
 
 /// A trace file, read as it is needed. In memory are its names, a block of records of each thread
 /// that was active at once, a bit an event, and some 30 bytes for each event that began in one
