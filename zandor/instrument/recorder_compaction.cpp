@@ -7,6 +7,7 @@
 #include <memory>
 #include <utility>
 
+#include "chunk_backup.hpp"
 #include "recorder_times.hpp"
 #include "source_info.hpp"
 
@@ -248,6 +249,7 @@ Rewriter rewrite(Chunk* before, StreamState beforeEnd, Chunk& source) noexcept {
             SourcePtr::release(std::exchange(source.first, state).info);
         }
         writer.put(record, RecordHead(*head), head + 1, reader.position());
+        comeTo(CompactionPoint::moving);
         if (record.kind == RecordKind::source)
             SourcePtr::release(record.sourceInfo);  // what is written keeps its own
     }
@@ -267,8 +269,11 @@ bool step(Generation& generation, Compaction& compaction) noexcept {
         return false;
     }
     Chunk* const after = source->next.load(std::memory_order_relaxed);
+    const BackedUp backup(generation, track, before, *source);
     markShort(generation, compaction, *source);
+    comeTo(CompactionPoint::marked);
     const Rewriter end = rewrite(before, compaction.end, *source);
+    comeTo(CompactionPoint::rewritten);
     compaction.end = end.state();
     const bool moved = &end.chunk() != source;
     if (!moved && !end.isEmpty()) {
@@ -279,6 +284,7 @@ bool step(Generation& generation, Compaction& compaction) noexcept {
         before->next.store(after, std::memory_order_relaxed);
     else
         track.oldest.store(after, std::memory_order_relaxed);
+    comeTo(CompactionPoint::linked);
     SourcePtr::release(source->first.info);
     freeChunk(generation, *source);
     return true;

@@ -115,6 +115,7 @@ struct Origin {
 };
 
 struct Compaction;
+struct ChunkBackup;
 
 /// All zero but what its makers set. Everything here is under the lock but for `tracks`.
 struct Generation {
@@ -133,6 +134,8 @@ struct Generation {
     Chunk* newestSealed;
     LostRing* lost;
     Compaction* compaction;  ///< when the longest are kept
+    ChunkBackup* backup;     ///< the same, in a file; what it has holds while `rewriting` has it
+    std::atomic<ChunkBackup*> rewriting;
     std::uint64_t droppedOldest;
     std::uint64_t droppedShortest;
     std::int64_t minimumDuration;

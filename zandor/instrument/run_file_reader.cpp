@@ -50,6 +50,8 @@ RunFileReader::RunFileReader(RunFileReader&& other) noexcept
       fileBytes_(other.fileBytes_),
       head_(other.head_),
       generation_(other.generation_),
+      backup_(other.backup_),
+      backedUpRecords_(other.backedUpRecords_),
       events_(std::move(other.events_)),
       journals_(std::move(other.journals_)) {}
 
@@ -133,6 +135,7 @@ Value RunFileReader::field(std::uint64_t address, std::size_t offset) const noex
 }
 
 void RunFileReader::copyTo(TraceWriter& writer) {
+    readBackup();
     writer.beginProcess(process());
     copyJournals(writer);
     std::uint64_t number = 0;
@@ -151,7 +154,8 @@ TraceProcess RunFileReader::process() const {
     process.originNanoseconds = origin.nanoseconds;
     process.utcOffset = origin.utcOffset;
     process.oldest = number(offsetof(Generation, droppedOldest));
-    process.shortest = number(offsetof(Generation, droppedShortest));
+    process.shortest = backedUpRecords_ != 0 ? backup_.droppedShortest
+                                             : number(offsetof(Generation, droppedShortest));
     process.minimumDuration =
         static_cast<std::int64_t>(number(offsetof(Generation, minimumDuration)));
     for (const std::uint64_t track : tracks()) {
@@ -190,6 +194,34 @@ std::vector<std::uint64_t> RunFileReader::tracks() const {
     return found;
 }
 
+void RunFileReader::readBackup() noexcept {
+    const auto address = field<std::uint64_t>(generation_, offsetof(Generation, rewriting));
+    const bool isThere = address != 0 && read(address, &backup_, sizeof backup_);
+    backedUpRecords_ = isThere ? address + sizeof backup_ : 0;
+}
+
+std::uint64_t RunFileReader::oldestOf(std::uint64_t track) const noexcept {
+    const bool isBackedUp = backedUpRecords_ != 0 && !backup_.before &&
+                            reinterpret_cast<std::uint64_t>(backup_.track) == track;
+    return isBackedUp ? reinterpret_cast<std::uint64_t>(backup_.chunk)
+                      : field<std::uint64_t>(track, offsetof(Track, oldest));
+}
+
+RunFileReader::Extent RunFileReader::extentOf(std::uint64_t track,
+                                              std::uint64_t chunk) const noexcept {
+    if (backedUpRecords_ != 0 && chunk == reinterpret_cast<std::uint64_t>(backup_.chunk))
+        return {backup_.first, backedUpRecords_, backedUpRecords_ + backup_.words * sizeof(Word),
+                reinterpret_cast<std::uint64_t>(backup_.after)};
+    Extent extent{field<StreamState>(chunk, offsetof(Chunk, first)), chunk + sizeof(Chunk), 0, 0};
+    if (backedUpRecords_ != 0 && chunk == reinterpret_cast<std::uint64_t>(backup_.before)) {
+        extent.end = reinterpret_cast<std::uint64_t>(backup_.beforeEnd);
+        extent.next = reinterpret_cast<std::uint64_t>(backup_.chunk);
+    } else {
+        extent.end = committedEnd(track, chunk, extent.next);
+    }
+    return extent;
+}
+
 /// Where the records that the track committed to `chunk` end; `next` is 0 when it is the newest.
 /// The order in which the fields are read is that of committedEnd for threads of one process.
 std::uint64_t RunFileReader::committedEnd(std::uint64_t track, std::uint64_t chunk,
@@ -214,20 +246,17 @@ void RunFileReader::copyTrack(TraceWriter& writer, std::uint64_t track,
                               std::uint64_t number) const {
     std::vector<Word> words;
     std::uint64_t bytesLeft = fileBytes_;  // a chain in a circle ends, too
-    std::uint64_t next = 0;
-    for (auto chunk = field<std::uint64_t>(track, offsetof(Track, oldest)); chunk != 0;
-         chunk = next) {
-        const std::uint64_t begin = chunk + sizeof(Chunk);
-        const std::uint64_t end = committedEnd(track, chunk, next);
-        const auto first = field<StreamState>(chunk, offsetof(Chunk, first));
-        const std::uint64_t bytes = end - begin;
-        if (end < begin || bytes > bytesLeft || sizeof(Chunk) > bytesLeft - bytes)
+    Extent extent{};
+    for (std::uint64_t chunk = oldestOf(track); chunk != 0; chunk = extent.next) {
+        extent = extentOf(track, chunk);
+        const std::uint64_t bytes = extent.end - extent.begin;
+        if (extent.end < extent.begin || bytes > bytesLeft || sizeof(Chunk) > bytesLeft - bytes)
             return;
         bytesLeft -= bytes + sizeof(Chunk);
         words.resize(bytes / sizeof(Word));
-        if (!read(begin, words.data(), words.size() * sizeof(Word)))
+        if (!read(extent.begin, words.data(), words.size() * sizeof(Word)))
             return;
-        writer.records({number, first.source, first.nextSerial}, wholeRecords(words));
+        writer.records({number, extent.first.source, extent.first.nextSerial}, wholeRecords(words));
     }
 }
 

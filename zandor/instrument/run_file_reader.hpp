@@ -6,6 +6,7 @@
 #include <optional>
 #include <vector>
 
+#include "chunk_backup.hpp"
 #include "recorder_storage.hpp"
 #include "trace_writer.hpp"
 
@@ -42,6 +43,16 @@ class RunFileReader {
     void copyJournals(TraceWriter& writer) const;
     void copyLost(TraceWriter& writer) const;
     void copyTrack(TraceWriter& writer, std::uint64_t track, std::uint64_t number) const;
+    void readBackup() noexcept;
+    /// Where a chunk's records are now.
+    struct Extent {
+        StreamState first;
+        std::uint64_t begin;
+        std::uint64_t end;
+        std::uint64_t next;  ///< the newer chunk; 0: none
+    };
+    Extent extentOf(std::uint64_t track, std::uint64_t chunk) const noexcept;
+    std::uint64_t oldestOf(std::uint64_t track) const noexcept;
     std::uint64_t committedEnd(std::uint64_t track, std::uint64_t chunk,
                                std::uint64_t& next) const noexcept;
     std::vector<std::uint64_t> tracks() const;
@@ -50,7 +61,9 @@ class RunFileReader {
     std::uint64_t fileBytes_ = 0;
     TraceProcess head_;
     std::uint64_t generation_ = 0;
-    std::vector<Part> events_;  ///< by address
+    ChunkBackup backup_{};
+    std::uint64_t backedUpRecords_ = 0;  ///< where they are; 0: nothing was being rewritten
+    std::vector<Part> events_;           ///< by address
     std::vector<Part> journals_;
 };
 

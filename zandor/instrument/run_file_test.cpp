@@ -12,8 +12,10 @@
 #include <string>
 #include <system_error>
 
+#include "chunk_backup.hpp"
 #include "testing/recorder_support.hpp"
 #include "testing/temporary_folder.hpp"
+#include "zandor/instrument/clock.hpp"
 #include "zandor/instrument/source.hpp"
 #include "zandor/instrument/trace_file.hpp"
 
@@ -101,6 +103,52 @@ TEST_F(RunFileTest, HasAllThatWasCommittedBeforeAKill) {
         EXPECT_THAT(trace.threadNames(), SizeIs(4));
         EXPECT_THAT(trace.threadNames(), Contains("thread 3"));
         EXPECT_EQ(trace.drops().total(), 0u);
+    }
+    munmap(shared, sizeof(Progress));
+}
+
+/// What of the events that a child produced under a tight bound its file has or counts, when the
+/// child is killed where it gives up the shortest for the `nth` time.
+TEST_F(RunFileTest, LosesNothingToAKillWhileTheShortestGiveWay) {
+    static detail::CompactionPoint killedAt;
+    static int left;
+    void* shared =
+        mmap(nullptr, sizeof(Progress), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(shared, MAP_FAILED);
+    using enum detail::CompactionPoint;
+    for (const auto point : {backedUp, marked, moving, rewritten, linked, done}) {
+        for (const int nth : {1, 2, 7, 40, point == moving ? 5000 : 50}) {
+            const test_support::TemporaryFolder folder;
+            auto* progress = ::new (shared) Progress();
+            const pid_t child = begin([&] {
+                killedAt = point;
+                left = nth;
+                detail::compactionCameTo = [](detail::CompactionPoint now) {
+                    if (now == killedAt && --left == 0)
+                        std::raise(SIGKILL);
+                };
+                InstrumentRecorder recorder(
+                    {.maxBytes = 1 << 20, .keep = Keep::longest, .folder = folder.path()});
+                const Listening listening(recorder);
+                for (std::uint64_t i = 0;; ++i) {
+                    const auto event = work_.start({{"number", i}});
+                    for (std::uint64_t spun = 0; spun < i % 7; ++spun)
+                        clock::now();
+                    work_.stop(event);
+                    progress->pairs[0].fetch_add(1);
+                }
+            });
+            EXPECT_TRUE(WIFSIGNALED(statusOf(child)));
+            finishRunFolder(folder.path(), file_);
+            const TraceFile trace(file_);
+            const auto committed = static_cast<std::int64_t>(progress->pairs[0]);
+            const auto told =
+                countOf(trace, "work") + static_cast<std::int64_t>(trace.drops().shortest);
+            EXPECT_GE(told, committed) << static_cast<int>(point) << ", " << nth;
+            EXPECT_LE(told, committed + 1) << static_cast<int>(point) << ", " << nth;
+            EXPECT_GT(trace.drops().minimumDuration, 0);
+            EXPECT_LE(trace.eventCount(), static_cast<std::uint64_t>(countOf(trace, "work") + 1));
+        }
     }
     munmap(shared, sizeof(Progress));
 }
