@@ -65,7 +65,7 @@ class TraceMerge {
             std::ranges::pop_heap(active_, isLater);
             isFull = takeFrom(*active_.back());
             if (active_.back()->isAtEnd()) {
-                finished_.push_back(std::move(active_.back()));
+                finished_.push_back(std::move(active_.back()->block.contexts));
                 active_.pop_back();
             } else {
                 std::ranges::push_heap(active_, isLater);
@@ -76,6 +76,7 @@ class TraceMerge {
 
   private:
     static constexpr std::size_t enough = 4096;
+    static constexpr std::size_t mostFinished = 8;
 
     struct Active {
         BlockItems<Entry> block;
@@ -117,7 +118,7 @@ class TraceMerge {
         do {
             const Entry& entry = first.front();
             const std::int64_t time = Traits::timeOf(entry);
-            if (items_.size() >= enough && time != lastTime_)
+            if (isEnough() && time != lastTime_)
                 return true;
             if ((time >= loaded && !waiting_.empty()) || (limit && Traits::less(*limit, entry)))
                 return false;
@@ -128,9 +129,15 @@ class TraceMerge {
         return false;
     }
 
-    std::vector<RecordBlock*> waiting_;  // the first in time last
-    std::vector<ActivePtr> active_;      // a heap, the first in time on top
-    std::vector<ActivePtr> finished_;    // whose contexts the items have
+    /// Also when few of many blocks were selected, whose contexts are in memory until the next
+    /// call.
+    bool isEnough() const noexcept {
+        return items_.size() >= enough || (finished_.size() >= mostFinished && !items_.empty());
+    }
+
+    std::vector<RecordBlock*> waiting_;   // the first in time last
+    std::vector<ActivePtr> active_;       // a heap, the first in time on top
+    std::vector<ContextArena> finished_;  // of blocks that items were of
     std::vector<Item> items_;
     std::int64_t lastTime_ = 0;
 };
