@@ -3,6 +3,7 @@
 import os
 import pathlib
 import re
+import shlex
 import subprocess
 import sys
 
@@ -39,6 +40,25 @@ def test_whole_cpp_programs_compile_and_run(code, tmp_path):
     environment = {**plain, "LD_LIBRARY_PATH": f"{BUILD}/lib"}
     subprocess.run(["./program"], check=True, cwd=tmp_path, env=environment)
     assert (tmp_path / "trace.json").read_text().startswith('{"')
+
+
+def test_commands_on_results_run(tmp_path):
+    """Those of the page on results, in their order, about the script that it begins with."""
+    page = (ROOT / "docs/reading.md").read_text()
+    found = BLOCK.findall(page)
+    (tmp_path / "script.py").write_text(next(text for kind, text in found if kind == "python"))
+    lines = [line for kind, text in found if kind == "console" for line in text.splitlines()]
+    for line in lines:
+        prompt, name, *arguments = shlex.split(line)
+        assert (prompt, name) == ("$", "vantrace")
+        command = [sys.executable, "-m", "vantrace", *arguments]
+        done = subprocess.run(command, cwd=tmp_path, check=False, capture_output=True, text=True)
+        assert done.returncode == 0, done.stderr
+        if "-o" in arguments:
+            assert (tmp_path / arguments[arguments.index("-o") + 1]).stat().st_size > 0
+        else:
+            assert "wall time" in done.stdout
+    assert (tmp_path / "pieces-2.json").exists()
 
 
 def test_links_lead_somewhere():
