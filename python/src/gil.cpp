@@ -56,6 +56,12 @@ void awaitSections() {
         running.wait(count);
 }
 
+/// Whether the interpreter ended this thread, or is gone: it has the lock no more, and gets it no
+/// more. Late in its end the interpreter forgets its threads, and takes each for the lock's holder.
+bool isLockLost() noexcept {
+    return _Py_IsFinalizing() && (!PyGILState_GetThisThreadState() || !PyGILState_Check());
+}
+
 /// The child of a fork has one thread.
 void recountSections() {
     running.store(runningHere);
@@ -79,7 +85,7 @@ void shareSections() {
 }
 
 void dropReference(PyObject* object) noexcept {
-    if (_Py_IsFinalizing() && !PyGILState_Check()) [[unlikely]]
+    if (isLockLost()) [[unlikely]]
         return;
     intoPython([object] { Py_DECREF(object); });
 }
@@ -105,8 +111,7 @@ GilRelease::~GilRelease() {
 GilHold::GilHold() : state_(PyGILState_Ensure()), sections_(counting->leaveAll()) {}
 
 GilHold::~GilHold() {
-    // A thread that is being ended here has lost the lock.
-    if (_Py_IsFinalizing() && !PyGILState_Check())
+    if (isLockLost())
         return;
     counting->enter(sections_);
     PyGILState_Release(state_);
