@@ -209,6 +209,8 @@ def _stop(process, peer):
 class _Recorded:
     """What a process says of its recording, as the recording itself would."""
 
+    counts_all = False
+
     def __init__(self, answer):
         self._answer = answer
 

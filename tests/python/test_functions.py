@@ -477,6 +477,7 @@ def test_exact_totals_of_a_recording_that_goes_on_and_begins_anew():
     assert recording.summary() == []
 
 
-def test_typical_durations_are_for_exact_totals():
+def test_typical_durations_are_known_without_exact_totals():
     [row] = recorded(plain, 1).summary()
-    assert (row.p50, row.p99) == (None, None)
+    assert row.minimum <= row.p50 * 1.125
+    assert row.p99 <= row.maximum
