@@ -392,14 +392,20 @@ def test_the_guide_s_example(tmp_path, environment):
     commands = re.sub(r"(?m)^(vantrace .*[^&])$", r"( \1 )", commands)
     until_there = 'until [ -e "$XDG_RUNTIME_DIR/vantrace/dormant-$!" ]; do :; done'
     commands = commands.replace("sleep 1", until_there).replace("wait\n", "kill $!\n")
-    done = subprocess.run(
+    shell = subprocess.Popen(
         ["bash", "-ec", function + commands],
         cwd=tmp_path,
         env=environment,
-        capture_output=True,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
         text=True,
-        timeout=60,
-        check=True,
+        start_new_session=True,
     )
-    assert "vantrace: the trace is" in done.stderr
-    assert re.search(r"(?m)^    serve +.*service.py:\d+$", done.stdout)
+    try:
+        out, errors = shell.communicate(timeout=120)
+    except subprocess.TimeoutExpired:
+        os.killpg(shell.pid, signal.SIGKILL)
+        raise
+    assert shell.returncode == 0, errors
+    assert "vantrace: the trace is" in errors
+    assert re.search(r"(?m)^    serve +.*service.py:\d+$", out)
