@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <tuple>
 #include <vector>
 
 #include "recorder_context.hpp"
@@ -9,6 +10,27 @@
 #include "trace_survey.hpp"
 
 namespace instrument::detail {
+
+struct EventEntry {
+    using Item = RecordedEvent;
+    static const Item& itemOf(const RecordedEvent& event) noexcept { return event; }
+    static std::int64_t timeOf(const RecordedEvent& event) noexcept { return event.start; }
+    static std::int64_t firstOf(const RecordBlock& block) noexcept { return block.firstStart; }
+    static bool less(const RecordedEvent& a, const RecordedEvent& b) noexcept {
+        return std::tie(a.start, a.source, a.serial) < std::tie(b.start, b.source, b.serial);
+    }
+};
+
+struct PointEntry {
+    using Item = RecordedPoint;
+    static const Item& itemOf(const OrderedPoint& entry) noexcept { return entry.point; }
+    static std::int64_t timeOf(const OrderedPoint& entry) noexcept { return entry.point.time; }
+    static std::int64_t firstOf(const RecordBlock& block) noexcept { return block.firstPoint; }
+    static bool less(const OrderedPoint& a, const OrderedPoint& b) noexcept {
+        return std::tie(a.point.time, a.point.source, a.order) <
+               std::tie(b.point.time, b.point.source, b.order);
+    }
+};
 
 /// What a block has of one kind, in order; contexts stay as long as it does.
 template <class Item>
@@ -28,6 +50,8 @@ class BlockEvents {
     BlockItems<OrderedPoint> points(RecordBlock& block, bool withContexts);
 
   private:
+    class Reader;
+
     TraceBlocks& blocks_;
     TraceSurvey& survey_;
     OpenRun<std::uint32_t> run_;

@@ -5,6 +5,7 @@
 #include <tuple>
 #include <utility>
 
+#include "untrusted_records.hpp"
 #include "zandor/instrument/saturating.hpp"
 
 namespace instrument::detail {
@@ -99,25 +100,34 @@ std::span<RecordBlock> TraceBlocks::recordsOf(std::size_t process) noexcept {
     return {range.begin(), range.end()};
 }
 
-/// Its checksum is looked at the first time.
-std::optional<Stretch> TraceBlocks::load(RecordBlock& block) {
+/// A file that is written to meanwhile is damaged.
+std::optional<std::span<Word>> TraceBlocks::loadAsTheyAre(RecordBlock& block) {
     constexpr std::size_t headWords = sizeof(TraceStretch) / sizeof(Word);
     if (!block.isReadable)
         return std::nullopt;
     const bool isFirst = !std::exchange(block.wasRead, true);
-    block.isReadable = reader_.read(block.entry, words_, isFirst) && words_.size() >= headWords;
+    block.isReadable = reader_.read(block.entry, words_) && words_.size() >= headWords;
     if (!block.isReadable) {
         ++damaged_;
         return std::nullopt;
     }
     if (progress_)
         progress_(block.entry.bytes);
-    LoadedProcess& process = *processes_[block.entry.process];
     const std::span<Word> all = std::span(words_).subspan(headWords);
-    const std::span<Word> records = process.adapt(all, isFirst);
+    const std::span<Word> records = wholeRecords(all);
     damaged_ += isFirst && records.size() != all.size() ? 1 : 0;
-    return Stretch{records.data(), records.data() + records.size(), process.stateAt(block.stretch),
-                   nullptr};
+    return records;
+}
+
+std::optional<Stretch> TraceBlocks::load(RecordBlock& block) {
+    const bool isFirst = !block.wasRead;
+    const auto records = loadAsTheyAre(block);
+    if (!records)
+        return std::nullopt;
+    LoadedProcess& process = *processes_[block.entry.process];
+    process.adapt(*records, isFirst);
+    return Stretch{records->data(), records->data() + records->size(),
+                   process.stateAt(block.stretch), nullptr};
 }
 
 }  // namespace instrument::detail

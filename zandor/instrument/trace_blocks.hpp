@@ -73,6 +73,8 @@ class ZANDOR_INSTRUMENT_API TraceBlocks {
 
     /// The records of a block, adapted, until the next call; empty when it cannot be read.
     std::optional<Stretch> load(RecordBlock& block);
+    /// The same as the file has them, but whole.
+    std::optional<std::span<Word>> loadAsTheyAre(RecordBlock& block);
 
     bool hasIndex() const noexcept { return reader_.hasIndex(); }
     std::uint64_t damaged() const noexcept { return damaged_; }

@@ -8,8 +8,6 @@
 namespace instrument::detail {
 namespace {
 
-constexpr std::uint32_t notTold = 0xffffffff;
-
 template <class Value>
 Value valueAt(std::span<const std::byte> bytes) noexcept {
     Value value;
@@ -76,14 +74,12 @@ void LoadedProcess::addName(std::vector<std::uint32_t>& numbers, std::uint64_t n
     numbers[number] = own;
 }
 
-std::span<Word> LoadedProcess::adapt(std::span<Word> untrusted, bool notes) {
-    const std::span<Word> records = wholeRecords(untrusted);
+void LoadedProcess::adapt(std::span<Word> records, bool notes) {
     forEachRecord(records, [&](std::span<Word> record) {
         if (notes && RecordHead(record[0]).kind() == RecordKind::foreignStop)
             notedStops_.add({record[2], record[3]});
         adaptRecord(record);
     });
-    return records;
 }
 
 StreamState LoadedProcess::stateAt(const TraceStretch& stretch) {
@@ -144,11 +140,6 @@ const InternedText* LoadedProcess::textAt(std::uint64_t number) const noexcept {
     if (number >= texts_.size() || texts_[number] == notTold)
         return nullptr;
     return &InternedText::of(names_.text(texts_[number]));
-}
-
-std::uint32_t LoadedProcess::instrumentAt(std::uint32_t number) const noexcept {
-    const bool isKnown = number < instruments_.size() && instruments_[number] != notTold;
-    return isKnown ? instruments_[number] : unknownInstrument_;
 }
 
 /// Nameless where no journal tells of it. Kept by this: the reference that it begins with is never

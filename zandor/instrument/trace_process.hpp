@@ -10,6 +10,7 @@
 
 #include "recorder_snapshot.hpp"
 #include "run_file.hpp"
+#include "saturating.hpp"
 #include "source_info.hpp"
 #include "trace_clock.hpp"
 #include "trace_format.hpp"
@@ -32,8 +33,20 @@ class LoadedProcess {
     /// To be said when all journals and losses are there.
     void finishJournal();
 
-    /// Adapts records in place; gives the part that is whole. `notes` the foreign stops among them.
-    std::span<Word> adapt(std::span<Word> untrusted, bool notes);
+    /// Adapts whole records in place. `notes` the foreign stops among them.
+    void adapt(std::span<Word> records, bool notes);
+    // What adapting does, for one thing of a record that was not adapted.
+    std::int64_t timeOf(const Record& untrusted) noexcept {
+        const std::int64_t time =
+            untrusted.timed ? static_cast<std::int64_t>(untrusted.time) : clock_(untrusted.time);
+        return saturatingAdd(time, timeShift_);
+    }
+    const Opaque* instrumentOf(const Record& untrusted) const noexcept {
+        return names_.instrument(instrumentAt(untrusted.instrument));
+    }
+    void adaptContext(std::span<Word> context);
+    SourceInfo& sourceOf(std::uint64_t id);
+
     /// Of the stream where a stretch begins.
     StreamState stateAt(const TraceStretch& stretch);
     /// To be said when all foreign stops were noted.
@@ -50,13 +63,16 @@ class LoadedProcess {
     std::int64_t begin() noexcept;
 
   private:
+    static constexpr std::uint32_t notTold = 0xffffffff;
+
     void addEntry(JournalEntry kind, std::span<const std::byte> payload);
     void addName(std::vector<std::uint32_t>& numbers, std::uint64_t number, std::uint32_t own);
     void adaptRecord(std::span<Word> record);
-    void adaptContext(std::span<Word> context);
-    SourceInfo& sourceOf(std::uint64_t id);
     const InternedText* textAt(std::uint64_t number) const noexcept;
-    std::uint32_t instrumentAt(std::uint32_t number) const noexcept;
+    std::uint32_t instrumentAt(std::uint32_t number) const noexcept {
+        const bool isKnown = number < instruments_.size() && instruments_[number] != notTold;
+        return isKnown ? instruments_[number] : unknownInstrument_;
+    }
 
     TraceNames& names_;
     TraceProcess facts_;

@@ -29,9 +29,8 @@ class ZANDOR_INSTRUMENT_API TraceReader {
 
     /// A block's payload, in whole words; empty when the block is damaged.
     std::optional<std::vector<std::uint64_t>> payload(const TraceIndexEntry& entry) const;
-    /// The same into `words`; false when it is damaged, as far as that is to be looked at.
-    bool read(const TraceIndexEntry& entry, std::vector<std::uint64_t>& words,
-              bool checksIt = true) const;
+    /// The same into `words`; false when the block is damaged.
+    bool read(const TraceIndexEntry& entry, std::vector<std::uint64_t>& words) const;
     /// What a block of records begins with; not checked.
     std::optional<TraceStretch> stretch(const TraceIndexEntry& entry) const noexcept;
 

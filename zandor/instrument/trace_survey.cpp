@@ -1,6 +1,7 @@
 #include "trace_survey.hpp"
 
 #include <algorithm>
+#include <stdexcept>
 #include <tuple>
 #include <utility>
 
@@ -134,6 +135,13 @@ void TraceSurvey::survey(std::size_t process) {
     for (RecordBlock& block : blocks_.recordsOf(process))
         block.forgetEvents();
     Matcher<Sink, View>(view, sink).run();
+}
+
+std::uint32_t TraceSurvey::numberOf(SourceInfo* source) {
+    const std::uint32_t place = sources_.placeOf(source);
+    if (place >= numbers_.size())
+        throw std::runtime_error("the trace file changed while it was read");
+    return numbers_[place];
 }
 
 void TraceSurvey::numberSources() {

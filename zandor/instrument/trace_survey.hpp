@@ -27,8 +27,9 @@ class TraceSurvey {
     const RecordingFacts& facts() const noexcept { return facts_; }
     /// Stops without a start, by time.
     const std::vector<OrderedPoint>& strayStops() const noexcept { return strayStops_; }
-    /// The place in facts().sources of a source that some block has.
-    std::uint32_t numberOf(SourceInfo* source) { return numbers_[sources_.placeOf(source)]; }
+    /// The place in facts().sources of a source that some block had. Throws std::runtime_error for
+    /// another: the file is not what it was.
+    std::uint32_t numberOf(SourceInfo* source);
 
   private:
     class View;
