@@ -5,11 +5,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "zandor/instrument/export.hpp"
+
 namespace instrument::detail {
 
 /// Is first shown all events, and says afterwards which are among the longest so many of their
 /// source; of equally long ones those that come first. Takes 8 bytes for each of these.
-class LongestEvents {
+class ZANDOR_INSTRUMENT_API LongestEvents {
   public:
     /// Without sources it takes all.
     explicit LongestEvents(std::size_t sources = 0, std::size_t most = 0)
