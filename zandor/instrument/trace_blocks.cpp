@@ -95,9 +95,11 @@ void TraceBlocks::findRecords() {
 }
 
 std::span<RecordBlock> TraceBlocks::recordsOf(std::size_t process) noexcept {
-    const auto range = std::ranges::equal_range(
-        records_, process, {}, [](const RecordBlock& block) { return block.entry.process; });
-    return {range.begin(), range.end()};
+    const auto endBefore = [&](std::size_t next) {
+        return std::ranges::partition_point(
+            records_, [&](const RecordBlock& block) { return block.entry.process < next; });
+    };
+    return {endBefore(process), endBefore(process + 1)};
 }
 
 /// A file that is written to meanwhile is damaged.
