@@ -40,7 +40,6 @@ ZANDOR_INSTRUMENT_API void saveTraceFile(const InstrumentRecorder& recorder,
 ZANDOR_INSTRUMENT_API std::uint32_t finishRunFolder(const std::filesystem::path& folder,
                                                     const std::filesystem::path& file);
 
-
 /// What of a trace to look at.
 struct TraceSelection {
     // Nanoseconds from the trace's first event. Events that overlap the time stay whole.
