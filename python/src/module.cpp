@@ -1,11 +1,12 @@
 // The compiled module vantrace._core.
 //
 //   vantrace/*.py -> _core: methods, namespaces and plug-ins   (zandor::runtime, calls by name)
-//                           event, instant, Recorder           (zandor::instrument, its C++
+//                           event, instant, counter, Recorder           (zandor::instrument, its C++
 //                           interface)
 //
 // There is one for the life of the process: what it makes at import is never taken down.
 #include "console.hpp"
+#include "counter.hpp"
 #include "die_with_parent.hpp"
 #include "errors.hpp"
 #include "event.hpp"
@@ -35,6 +36,8 @@ PyObject* suppressedEvents(PyObject*, PyObject*) {
 PyMethodDef functions[] = {
     {"instant", asCFunction(emitInstant), METH_FASTCALL | METH_KEYWORDS,
      "instant(name, /, **context)\n--\n\nAn event without duration."},
+    {"counter", asCFunction(emitCounter), METH_FASTCALL,
+     "counter(name, value, /)\n--\n\nHow large a quantity is from now on: a curve in the trace."},
     {"event_function", newEventFunction, METH_VARARGS, "A function whose calls are events."},
     {"wrapped_function", newWrappedFunction, METH_VARARGS,
      "A function that stands in for a callable, each call of which is an event."},

@@ -21,6 +21,7 @@ GOOD = """\
 {"ph":"X","name":"first","cat":"event","pid":1,"tid":1,"ts":1.000,"dur":49.999},
 {"ph":"X","name":"(unnamed)","cat":"event","pid":1,"tid":1,"ts":51.000,"dur":49.999},
 {"ph":"i","name":"tick","cat":"event","pid":1,"tid":1,"ts":60.000,"s":"t"},
+{"ph":"C","name":"memory","cat":"counter","pid":1,"tid":1,"ts":65.000,"args":{"value":7.5}},
 {"ph":"b","name":"load","cat":"async","id":"0x1","pid":1,"tid":1,"ts":70.000},
 {"ph":"s","name":"load","cat":"flow","id":"0x1","pid":1,"tid":1,"ts":70.000},
 {"ph":"e","name":"load","cat":"async","id":"0x1","pid":1,"tid":2,"ts":80.000},
@@ -61,6 +62,8 @@ BREACHES = [
     ('"n":"3"', '"\\udc00":"3"', "lone surrogate"),
     # members
     ('"ph":"i"', '"ph":"Q"', "unknown phase"),
+    ('"value":7.5', '"value":"7.5"', "without one number"),
+    ('"value":7.5', '"value":7.5,"more":1', "without one number"),
     ('"cat":"event","pid":1,"tid":1,"ts":60', '"pid":1,"tid":1,"ts":60', "has no cat"),
     ('"name":"first",', "", "has no name"),
     ('"name":"first"', '"name":5', "name is 5, not a text"),

@@ -22,6 +22,7 @@ MEMBERS = {
     "M": ({"ph", "name", "pid", "tid", "args"}, set()),
     "X": ({"ph", "name", "cat", "pid", "tid", "ts", "dur"}, {"args"}),
     "i": ({"ph", "name", "cat", "pid", "tid", "ts", "s"}, {"args"}),
+    "C": ({"ph", "name", "cat", "pid", "tid", "ts", "args"}, set()),
     "b": ({"ph", "name", "cat", "pid", "tid", "ts", "id"}, {"args"}),
     "e": ({"ph", "name", "cat", "pid", "tid", "ts", "id"}, {"args"}),
     "s": ({"ph", "name", "cat", "pid", "tid", "ts", "id"}, {"args"}),
@@ -178,10 +179,20 @@ def _has_its_shape(event, violations):
         faults.append("has an empty cat")
     if event["ph"] == "i" and event.get("s") != "t":
         faults.append("is an instant of more than its thread")
+    if event["ph"] == "C" and not _is_counter_value(event.get("args")):
+        faults.append("is a counter without one number as its value")
     if event["ph"] == "f" and event.get("bp") != "e":
         faults.append("does not bind to the event that encloses it")
     violations += [f"{_describe(event)}: {fault}" for fault in faults]
     return not faults
+
+
+def _is_counter_value(args):
+    return (
+        isinstance(args, dict)
+        and args.keys() == {"value"}
+        and type(args["value"]) in (int, float, Decimal)
+    )
 
 
 def _describe(event):

@@ -1,6 +1,7 @@
 #include "zandor/instrument/trace_event_json.hpp"
 
 #include "zandor/instrument/clock.hpp"
+#include "zandor/instrument/counter_point.hpp"
 #include "zandor/instrument/json_args.hpp"
 #include "zandor/instrument/json_text.hpp"
 #include "zandor/instrument/text_buffer.hpp"
@@ -149,7 +150,7 @@ class Writer {
         if (!withInstants_)
             return;
         while (hasPoint() && points_.front().time <= time) {
-            appendInstant(points_.front());
+            appendPoint(points_.front());
             endItem();
             points_ = points_.subspan(1);
         }
@@ -161,6 +162,22 @@ class Writer {
             pointsEnded_ = points_.empty();
         }
         return !points_.empty();
+    }
+
+    void appendPoint(const RecordedPoint& point) {
+        const std::optional<double> value = counterValueOf(point.context);
+        if (point.type == EventPointType::instant && value)
+            appendCounter(point, *value);
+        else
+            appendInstant(point);
+    }
+
+    void appendCounter(const RecordedPoint& point, double value) {
+        appendHead("C", "counter", point.instrument, point.source, time_.at(point.time));
+        JsonArgs args(out_);
+        args.add("value", value);
+        args.close();
+        out_.append('}');
     }
 
     void appendInstant(const RecordedPoint& point) {

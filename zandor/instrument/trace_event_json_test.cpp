@@ -7,6 +7,7 @@
 #include <regex>
 #include <string>
 
+#include "zandor/instrument/counter_point.hpp"
 #include "zandor/instrument/testing/json_reader.hpp"
 #include "zandor/instrument/testing/recording_builder.hpp"
 #include "zandor/instrument/testing/string_sink.hpp"
@@ -233,6 +234,28 @@ TEST(TraceEventJson, ShowsInstantsAndStrayStopsAmongTheEvents) {
             R"({"ph":"i","name":"tick","cat":"instant","pid":1,"tid":1,"ts":1.020,"s":"t","args":{"n":1}})",
             HasSubstr(R"("name":"b")"),
             R"({"ph":"i","name":"a","cat":"stop","pid":1,"tid":1,"ts":1.050,"s":"t"})"));
+}
+
+TEST(TraceEventJson, PointsOfACounterAreACurve) {
+    RecordingBuilder builder;
+    builder.source("main");
+    builder.point("memory", 0, 10, {{counterValueName, 5}});
+    builder.point("memory", 0, 20, {{counterValueName, 0.25}});
+    EXPECT_THAT(
+        exportedLines(builder),
+        ElementsAre(
+            R"({"ph":"C","name":"memory","cat":"counter","pid":1,"tid":1,"ts":1.010,"args":{"value":5}})",
+            R"({"ph":"C","name":"memory","cat":"counter","pid":1,"tid":1,"ts":1.020,"args":{"value":0.25}})"));
+}
+
+TEST(TraceEventJson, WhatNoCurveCanShowIsAnInstant) {
+    RecordingBuilder builder;
+    builder.source("main");
+    builder.point("a", 0, 10, {{counterValueName, std::numeric_limits<double>::quiet_NaN()}});
+    builder.point("b", 0, 20, {{counterValueName, "5"}});
+    builder.point("c", 0, 30, {{counterValueName, 5}, {"more", 1}});
+    builder.point("d", 0, 40, {{"value", 5}});
+    EXPECT_THAT(exportedLines(builder), ::testing::Each(HasSubstr(R"("ph":"i")")));
 }
 
 TEST(TraceEventJson, CountsFromTheFirstEventWhereOneIsEarlierThanTheOrigin) {
