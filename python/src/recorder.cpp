@@ -13,6 +13,7 @@
 #include "errors.hpp"
 #include "export_file.hpp"
 #include "handle_object.hpp"
+#include "recorded_events.hpp"
 #include "results.hpp"
 #include "text.hpp"
 #include "thread_name.hpp"
@@ -172,6 +173,10 @@ std::set<std::string> threadNames(const InstrumentRecorder& recorder) {
     return names;
 }
 
+PyObject* events(PyObject* self, PyObject*) {
+    return guarded([&] { return listEvents(recorderOf(self)).release(); });
+}
+
 PyObject* threads(PyObject* self, PyObject*) {
     return guarded(
         [&] { return namesOf(withoutLock([&] { return threadNames(recorderOf(self)); })); });
@@ -200,6 +205,8 @@ PyMethodDef methods[] = {
     {"summary", summary, METH_NOARGS,
      "(name, count, total, self, minimum, maximum, median, 99th percentile) of complete events, "
      "times in nanoseconds."},
+    {"events", events, METH_NOARGS,
+     "(name, kind, start, duration, thread, context) of all events, by start."},
     {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},

@@ -117,6 +117,23 @@ class record:
         rows = [Summary(*line) for line in self._totals.summary()]
         return sorted(rows, key=lambda row: (-row.self, row.name))
 
+    def stats(self):
+        """The same by name: {name: Summary}."""
+        return {row.name: row for row in self.summary()}
+
+    def events(self, name=None):
+        """What was recorded so far, of one name or all, by start: a list of Event, that is of
+        (name, kind, start, duration, thread, context)."""
+        from ._events import listed
+
+        return listed(self._recorder, name)
+
+    def to_pandas(self, name=None):
+        """The same as a pandas.DataFrame, with a column for each name of a context."""
+        from ._events import data_frame
+
+        return data_frame(self.events(name))
+
     def threads(self):
         """The names of the threads that have complete events."""
         return self._recorder.threads()
