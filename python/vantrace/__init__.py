@@ -5,10 +5,11 @@
     with vantrace.event("solve", n=512):  # a stretch of work
         ...
 
-    @vantrace.event("assemble")  # each call of a function
+    @vantrace.instrumented  # each call of a function
     def assemble(): ...
 
     vantrace.instant("converged", residual=1e-9)
+    vantrace.counter("residual", 1e-9)  # a curve
 
     with vantrace.record("trace.json"):  # records all threads, writes a trace
         ...
@@ -20,7 +21,7 @@ loads and unloads plug-ins. `vantrace.tasks` takes work to be done in small step
 """
 
 try:
-    from ._core import NotLoadedError, PluginError, event, instant
+    from ._core import NotLoadedError, PluginError, counter, event, instant
     from ._core import version as __version__
 except ModuleNotFoundError:
     from ._unsupported import explain
@@ -32,9 +33,11 @@ __all__ = [
     "NotLoadedError",
     "PluginError",
     "StructArray",
+    "counter",
     "event",
     "host",
     "instant",
+    "instrumented",
     "performance",
     "record",
     "tasks",
@@ -48,6 +51,7 @@ __all__ = [
 _LATER = {
     "LoggingHandler": "._logging",
     "StructArray": "._struct_array",
+    "instrumented": "._instrumented",
     "record": "._record",
     "trace_gc": "._collections",
     "wrap": "._wrap",

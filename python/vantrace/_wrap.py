@@ -4,6 +4,7 @@ import functools
 import sys
 
 from ._core import WrappedFunction, event, wrapped_function
+from ._decorate import IS_DISABLED
 
 
 def wrap(function, name=None, /, **context):
@@ -16,6 +17,8 @@ def wrap(function, name=None, /, **context):
     """
     if isinstance(function, type) or not callable(function):
         raise TypeError(f"wrap takes a function, not {_described(function)}")
+    if IS_DISABLED:
+        return function
     wrapper = wrapped_function(event(name or _full_name(function), **context), function)
     # What it lacks it takes from the function.
     return functools.update_wrapper(wrapper, function, updated=())
@@ -120,4 +123,5 @@ def _is_of(module, value):
 
 def _is_wrappable(function):
     is_wrapper = type(function) is WrappedFunction
-    return callable(function) and not isinstance(function, type) and not is_wrapper
+    is_function = callable(function) and not isinstance(function, type)
+    return is_function and not is_wrapper and not IS_DISABLED
