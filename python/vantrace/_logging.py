@@ -13,6 +13,18 @@ class LoggingHandler(logging.Handler):
 
     def emit(self, record):
         try:
-            instant("log", level=record.levelname, logger=record.name, message=self.format(record))
+            instant("log", level=record.levelname, logger=record.name, message=_Message(self, record))
         except Exception:
             self.handleError(record)
+
+
+class _Message:
+    """Text that is made where the instant is delivered."""
+
+    __slots__ = ("_handler", "_record")
+
+    def __init__(self, handler, record):
+        self._handler, self._record = handler, record
+
+    def __str__(self):
+        return self._handler.format(self._record)

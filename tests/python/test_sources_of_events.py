@@ -57,6 +57,14 @@ def test_a_record_that_cannot_be_formatted_is_logging_s_own_matter(recorded, log
     assert "--- Logging error ---" in errors.getvalue()
 
 
+def test_a_record_is_not_formatted_while_nobody_listens(logger):
+    class Never:
+        def __str__(self):
+            raise AssertionError
+
+    logger.error(Never())
+
+
 def make_garbage():
     first, second = [], []
     first.append(second)
