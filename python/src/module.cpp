@@ -1,8 +1,8 @@
 // The compiled module vantrace._core.
 //
 //   vantrace/*.py -> _core: methods, namespaces and plug-ins   (zandor::runtime, calls by name)
-//                           event, instant, counter, Recorder           (zandor::instrument, its C++
-//                           interface)
+//                           event, instant, counter,   (zandor::instrument, its C++
+//                           Recorder                   interface)
 //
 // There is one for the life of the process: what it makes at import is never taken down.
 #include "console.hpp"
