@@ -4,6 +4,7 @@
 #include <cxxabi.h>
 
 #include <exception>
+#include <span>
 
 #include "event_context_access.hpp"
 #include "listener_array.hpp"
@@ -21,21 +22,19 @@ class Inside {
   public:
     [[gnu::always_inline]] Inside() noexcept : state_(ThreadState::ofThisThread()) {
         // Only signal handlers of this thread look, so the compiler's order is enough.
-        if (!state_ || state_->inside.load(std::memory_order_relaxed)) [[unlikely]] {
+        if (!state_ || state_->isInside()) [[unlikely]] {
             state_ = nullptr;
             return;
         }
-        state_->inside.store(true, std::memory_order_relaxed);
+        // Release, as every store of it: whoever waits for a listener may see any later one.
+        state_->calling.store(state_->noListener(), std::memory_order_release);
         std::atomic_signal_fence(std::memory_order_seq_cst);
     }
     [[gnu::always_inline]] ~Inside() {
         if (!state_ || hasForked(*state_)) [[unlikely]]
             return;
-        // Release pairs with the acquire of those who wait for the listener, or free the array.
+        // Release pairs with the acquire of those who wait for the listener.
         state_->calling.store(nullptr, std::memory_order_release);
-        state_->snapshot.store(nullptr, std::memory_order_release);
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        state_->inside.store(false, std::memory_order_relaxed);
     }
     Inside(const Inside&) = delete;
     Inside& operator=(const Inside&) = delete;
@@ -52,17 +51,37 @@ class Inside {
     ThreadState* state_;
 };
 
-/// Calls one operation of every listener, for a thread that is marked as inside. Those after one
-/// that throws still hear the event; then the first exception goes on.
+/// The listeners, for as long as the thread goes through them.
+class ProtectedListeners {
+  public:
+    explicit ProtectedListeners(ThreadState& state) noexcept
+        : state_(state), array_(protectListeners(state)) {}
+    ~ProtectedListeners() {
+        // Release pairs with the acquire of those who free the array.
+        if (!Inside::hasForked(state_)) [[likely]]
+            state_.snapshot.store(nullptr, std::memory_order_release);
+    }
+    ProtectedListeners(const ProtectedListeners&) = delete;
+    ProtectedListeners& operator=(const ProtectedListeners&) = delete;
+
+    std::span<Registration* const> all() const noexcept {
+        return array_ ? std::span(array_->begin(), array_->end())
+                      : std::span<Registration* const>();
+    }
+
+  private:
+    ThreadState& state_;
+    const ListenerArray* array_;
+};
+
+/// Calls one operation of each listener. Those after one that throws still hear the event; then the
+/// first exception goes on.
 template <auto operation, class... Time>
-[[gnu::always_inline]] inline void callListeners(ThreadState& state, const Opaque* handle,
-                                                 const EventContext& context, EventId id,
-                                                 Time... time) {
-    const ListenerArray* array = protectListeners(state);
-    if (!array) [[unlikely]]
-        return;
+[[gnu::noinline]] void callEachListener(ThreadState& state, const Opaque* handle,
+                                        const EventContext& context, EventId id, Time... time) {
+    const ProtectedListeners listeners(state);
     std::exception_ptr first;
-    for (const Registration* registration : *array) {
+    for (const Registration* registration : listeners.all()) {
         InstrumentListener& listener = *registration->listener;
         // Release pairs with the acquire of those who wait for the listener before.
         state.calling.store(&listener, std::memory_order_release);
@@ -83,6 +102,17 @@ template <auto operation, class... Time>
     }
     if (first) [[unlikely]]
         std::rethrow_exception(first);
+}
+
+/// The same for a thread that is marked as inside, with a short way to the only listener.
+template <auto operation, class... Time>
+[[gnu::always_inline]] inline void callListeners(ThreadState& state, const Opaque* handle,
+                                                 const EventContext& context, EventId id,
+                                                 Time... time) {
+    if (InstrumentListener* only = protectOnlyListener(state)) [[likely]]
+        (only->*operation)(handle, context, id, time...);
+    else
+        callEachListener<operation>(state, handle, context, id, time...);
 }
 
 }  // namespace instrument::detail

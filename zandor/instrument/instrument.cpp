@@ -74,6 +74,19 @@ void KeptContext::keep(ContextArgs context) {
     }
 }
 
+EventId openEvent(const Opaque* handle) {
+    if (!handle->enabled.load(std::memory_order_relaxed)) [[unlikely]]
+        return disabledEventId;
+    const Inside inside;
+    if (!inside) [[unlikely]] {
+        countSuppressed();
+        return suppressedEventId;
+    }
+    const EventId id = nextId(inside.state());
+    deliverStart(inside.state(), handle, {}, id);
+    return id;
+}
+
 EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) {
     if (!isOnFor(handle, context))
         return disabledEventId;
@@ -89,10 +102,10 @@ EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) 
     return id;
 }
 
-void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id) {
+void closeEvent(const Opaque* handle, ContextArgs kept, EventId id) {
     const Inside inside;
-    if (inside)
-        deliverStop(inside.state(), handle, kept.args(), id);
+    if (inside) [[likely]]
+        deliverStop(inside.state(), handle, kept, id);
     else
         countSuppressed();
 }
@@ -145,6 +158,16 @@ void Scope::close(detail::OpenScope* ended) noexcept {
         detail::deliverStop(inside.state(), event->handle, event->context.args(), event->id);
     } catch (...) {
         // Nobody can be told in a destructor.
+    }
+}
+
+void Scope::close(const Opaque* handle, EventId id) noexcept {
+    if (!listeners.anyActive())
+        return;
+    try {
+        detail::closeEvent(handle, {}, id);
+    } catch (...) {
+        // As above.
     }
 }
 

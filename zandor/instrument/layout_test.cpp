@@ -35,8 +35,8 @@ TEST(Layout, AHandlesMembersStandWhereTheyDid) {
     EXPECT_EQ(offsetof(Opaque, nameLength), 16u);
 }
 
-TEST(Layout, AScopeIsOnePointer) {
-    EXPECT_EQ(sizeof(Scope), sizeof(void*));
+TEST(Layout, AScopeHoldsAHandleAnIdentityAndAContext) {
+    EXPECT_EQ(sizeof(Scope), 4 * sizeof(void*));
 }
 
 /// The place in an object's table of operations; the destructor takes the first two.

@@ -9,7 +9,7 @@ void leaveListeners() noexcept {
     if (!state)
         return;
     // Release pairs with the acquire of those who wait for the listener, or free the array.
-    state->calling.store(nullptr, std::memory_order_release);
+    state->calling.store(state->noListener(), std::memory_order_release);
     state->snapshot.store(nullptr, std::memory_order_release);
 }
 

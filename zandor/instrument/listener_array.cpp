@@ -50,13 +50,22 @@ void freeRetiredListeners() noexcept {
     }
 }
 
-// Both flags may lag behind the array by a moment, but never for good.
+InstrumentListener* onlyOneOf(const ListenerArray* array) noexcept {
+    if (!array || array->count != 1)
+        return nullptr;
+    const Registration& registration = **array->begin();
+    return registration.removed.load(std::memory_order_relaxed) ? nullptr : registration.listener;
+}
+
+// The flags may lag behind the array by a moment, but never for good.
 void publish(ListenerArray* array) noexcept {
     if (array)
         for (Registration* registration : *array)
             ++registration->arrays;
     // Release pairs with the acquire in protectListeners.
     ListenerArray* old = listenersInForce.exchange(array, std::memory_order_acq_rel);
+    // Release pairs with the acquire in protectOnlyListener.
+    onlyListener.store(onlyOneOf(array), std::memory_order_release);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);
     if (old) {
         ListenerArray*& retired = processState().retiredListeners;
@@ -78,6 +87,7 @@ Registration* makeRegistration(InstrumentListener& listener) noexcept {
 }  // namespace
 
 constinit std::atomic<ListenerArray*> listenersInForce{nullptr};
+constinit std::atomic<InstrumentListener*> onlyListener{nullptr};
 
 Registration* findRegistration(const InstrumentListener& listener) noexcept {
     if (const ListenerArray* array = arrayInForce())

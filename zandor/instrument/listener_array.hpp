@@ -29,6 +29,24 @@ struct ListenerArray {
 
 /// Null when nobody is registered.
 extern constinit std::atomic<ListenerArray*> listenersInForce;
+/// The one that is registered, while it is the only one; else null.
+extern constinit std::atomic<InstrumentListener*> onlyListener;
+
+/// The only listener, for as long as the thread's `calling` shows it. Null when there are none or
+/// several.
+inline InstrumentListener* protectOnlyListener(ThreadState& state) noexcept {
+    // Acquire pairs with the release that published the listener.
+    InstrumentListener* const only = onlyListener.load(std::memory_order_acquire);
+    if (!only)
+        return nullptr;
+    state.calling.store(only, std::memory_order_release);
+    // Pairs with the heavy fence after a removal: one of the two sees the other.
+    lightFence();
+    if (onlyListener.load(std::memory_order_acquire) == only) [[likely]]
+        return only;
+    state.calling.store(state.noListener(), std::memory_order_release);
+    return nullptr;
+}
 
 /// The listeners, which stay until the thread's `snapshot` is reset. Null when there are none.
 inline const ListenerArray* protectListeners(ThreadState& state) noexcept {

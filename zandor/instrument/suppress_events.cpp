@@ -5,15 +5,20 @@
 namespace instrument {
 
 SuppressEvents::SuppressEvents() noexcept : state_(detail::ThreadState::ofThisThread()) {
-    // Relaxed: only this thread and its signal handlers look.
-    if (state_ && state_->inside.exchange(true, std::memory_order_relaxed))
+    if (!state_ || state_->isInside()) {
         state_ = nullptr;
+        return;
+    }
+    state_->calling.store(state_->noListener(), std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
 }
 
 SuppressEvents::~SuppressEvents() {
     // After a fork in the scope the state is not this thread's any more.
-    if (state_ && state_ == detail::ThreadState::find())
-        state_->inside.store(false, std::memory_order_relaxed);
+    if (!state_ || state_ != detail::ThreadState::find())
+        return;
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    state_->calling.store(nullptr, std::memory_order_release);
 }
 
 }  // namespace instrument

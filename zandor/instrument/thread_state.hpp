@@ -67,18 +67,16 @@ struct alignas(64) ThreadState {
 
     /// The locals of the thread whose state it is; another's or none after a fork.
     std::atomic<const ThreadLocals*> owner;
-    /// Whether the thread is delivering an event. Only its own thread and signal handlers there
-    /// look.
-    std::atomic<bool> inside;
-    /// Protects the listeners that the thread is going through.
+    /// Null while the thread delivers no event. Else the listener that it is calling, which this
+    /// protects, or `noListener` before, between and after them.
+    std::atomic<const void*> calling;
+    /// Protects the listeners that the thread is going through, where there are several.
     std::atomic<const ListenerArray*> snapshot;
-    /// Protects the listener that it is calling.
-    std::atomic<const InstrumentListener*> calling;
     /// Odd while the thread is inside a ReadSection.
     std::atomic<std::uint64_t> readSections;
     ThreadSource source;
 
-    std::array<ListenerSlot, listenerSlots> listenerData;
+    alignas(64) std::array<ListenerSlot, listenerSlots> listenerData;
     TaggedSource* tagged;
     ScopePool scopes;
     TextCache texts;
@@ -92,8 +90,13 @@ struct alignas(64) ThreadState {
     /// The calling thread's, or null when it has none.
     static ThreadState* find() noexcept;
 
+    /// No listener's address.
+    const void* noListener() const noexcept { return this; }
+    /// Whether the thread delivers an event. For itself and its signal handlers.
+    bool isInside() const noexcept { return calling.load(std::memory_order_relaxed) != nullptr; }
+
     /// The thread's source for a virtual machine; null when the system gives no memory. To be
-    /// called while `inside` is set.
+    /// called while the thread is inside.
     ThreadSource* sourceFor(std::optional<std::uint64_t> tag) noexcept {
         return tag ? taggedSource(*tag) : &source;
     }
@@ -136,7 +139,7 @@ ZANDOR_INSTRUMENT_API ThreadStateCounts threadStateCounts() noexcept;
 /// Whether the calling thread is inside a listener.
 inline bool isInsideListener() noexcept {
     const ThreadState* state = ThreadState::find();
-    return state && state->inside.load(std::memory_order_relaxed);
+    return state && state->isInside();
 }
 
 /// Returns when no other thread is inside this listener. What happened in it there happened before.

@@ -158,9 +158,10 @@ class KeptContext {
 
 /// Decides by the switch and the context rules, and delivers. Gives a reserved identity when it did
 /// not.
+ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle);
 ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle, ContextArgs context,
                                         KeptContext& kept);
-ZANDOR_INSTRUMENT_API void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id);
+ZANDOR_INSTRUMENT_API void closeEvent(const Opaque* handle, ContextArgs kept, EventId id);
 
 }  // namespace detail
 
@@ -180,25 +181,36 @@ class OpenEvent {
 class Scope {
   public:
     explicit Scope(const Instrument& instrument)
-        : event_(instrument.isOn() ? open(instrument.handle(), {}) : nullptr) {}
+        : handle_(instrument.handle()),
+          id_(instrument.isOn() ? detail::openEvent(instrument.handle()) : noListenerEventId),
+          withContext_(nullptr) {}
     Scope(const Instrument& instrument, std::initializer_list<ContextArg> context)
-        : event_(instrument.mayBeOn() ? open(instrument.handle(), {context.begin(), context.size()})
-                                      : nullptr) {}
+        : handle_(nullptr),
+          id_(noListenerEventId),
+          withContext_(instrument.mayBeOn()
+                           ? open(instrument.handle(), {context.begin(), context.size()})
+                           : nullptr) {}
     /// A scope without event.
-    Scope() noexcept : event_(nullptr) {}
+    Scope() noexcept : handle_(nullptr), id_(noListenerEventId), withContext_(nullptr) {}
     ~Scope() {
-        if (event_) [[unlikely]]
-            close(event_);
+        if (id_.sourceId != 0) [[unlikely]]
+            close(handle_, id_);
+        else if (withContext_) [[unlikely]]
+            close(withContext_);
     }
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
   private:
-    // Not told `this`, so that a scope without event stays in a register.
+    // Not told `this`, so that a scope without event stays in registers.
     ZANDOR_INSTRUMENT_API static detail::OpenScope* open(const Opaque* handle, ContextArgs context);
     ZANDOR_INSTRUMENT_API static void close(detail::OpenScope* event) noexcept;
+    ZANDOR_INSTRUMENT_API static void close(const Opaque* handle, EventId id) noexcept;
 
-    detail::OpenScope* const event_;  // null: no event is open
+    // An event without context, or one with.
+    const Opaque* const handle_;
+    const EventId id_;
+    detail::OpenScope* const withContext_;
 };
 
 /// Names the calling thread in recordings. From any thread, at any time, for itself.
@@ -208,7 +220,7 @@ inline OpenEvent Instrument::start() const {
     OpenEvent event;
     if (!listeners.anyActive()) [[likely]]
         return event;
-    event.id_ = detail::openEvent(handle_, {}, event.context_);
+    event.id_ = detail::openEvent(handle_);
     return event;
 }
 
@@ -222,7 +234,7 @@ inline OpenEvent Instrument::start(std::initializer_list<ContextArg> context) co
 
 inline void Instrument::stop(const OpenEvent& event) const {
     if (event.id_.sourceId != 0 && listeners.anyActive()) [[unlikely]]
-        detail::closeEvent(handle_, event.context_, event.id_);
+        detail::closeEvent(handle_, event.context_.args(), event.id_);
 }
 
 namespace detail {
