@@ -34,10 +34,6 @@ std::uint64_t monotonicTicks() noexcept {
 constexpr ClockSource monotonicSource{monotonicTicks, readMonotonic, false};
 
 #if defined(__x86_64__)
-std::uint64_t readTsc() noexcept {
-    return __rdtsc();
-}
-
 constexpr ClockSource tscSource{readTsc, readMonotonic, true};
 
 bool kernelUsesTsc() noexcept {

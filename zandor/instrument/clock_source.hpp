@@ -109,12 +109,21 @@ enum class ClockKind : std::uint8_t { undecided, tsc, other };
 extern constinit std::atomic<ClockKind> clockKind;
 std::uint64_t readTicksSlowly() noexcept;
 
-inline std::uint64_t readTicks() noexcept {
+/// Whether readTsc reads the clock.
+inline bool ticksAreTsc() noexcept {
+    return clockKind.load(std::memory_order_relaxed) == ClockKind::tsc;
+}
+
+inline std::uint64_t readTsc() noexcept {
 #if defined(__x86_64__)
-    if (clockKind.load(std::memory_order_relaxed) == ClockKind::tsc) [[likely]]
-        return __rdtsc();
-#endif
+    return __rdtsc();
+#else
     return readTicksSlowly();
+#endif
+}
+
+inline std::uint64_t readTicks() noexcept {
+    return ticksAreTsc() ? readTsc() : readTicksSlowly();
 }
 
 inline std::int64_t TickConverter::Line::at(std::uint64_t ticks) const noexcept {

@@ -44,7 +44,7 @@ class Inside {
 
     /// Whether a listener forked and this is the child: the state is not this thread's any more.
     [[gnu::always_inline]] static bool hasForked(const ThreadState& state) noexcept {
-        return state.owner.load(std::memory_order_relaxed) != &threadLocals;
+        return !state.isOfThisThread();
     }
 
   private:
@@ -109,7 +109,7 @@ template <auto operation, class... Time>
 [[gnu::always_inline]] inline void callListeners(ThreadState& state, const Opaque* handle,
                                                  const EventContext& context, EventId id,
                                                  Time... time) {
-    if (InstrumentListener* only = protectOnlyListener(state)) [[likely]]
+    if (InstrumentListener* only = protectOnlyListener(state))
         (only->*operation)(handle, context, id, time...);
     else
         callEachListener<operation>(state, handle, context, id, time...);

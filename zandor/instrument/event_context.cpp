@@ -43,10 +43,6 @@ std::int64_t EventContext::time() const {
     return latest.reader(ticks());
 }
 
-std::uint64_t EventContext::sourceId() const noexcept {
-    return source_->id;
-}
-
 std::string_view EventContext::sourceName() const {
     return source_->name();
 }

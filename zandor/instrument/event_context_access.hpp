@@ -2,20 +2,24 @@
 #pragma once
 
 #include "clock_source.hpp"
+#include "thread_state.hpp"
 #include "zandor/instrument/event_context.hpp"
 
 namespace instrument::detail {
 
 struct EventContextAccess {
-    static EventContext ofSet(const ContextSet& set, SourceInfo* source) noexcept {
-        return {&set, {}, false, source};
+    static EventContext ofSet(ThreadState& thread, const ThreadSource& source,
+                              const ContextSet& set) noexcept {
+        return {thread.listenerData.data(), source.info, source.id, &set, {}, false};
     }
-    static EventContext ofArgs(ContextArgs args, bool kept, SourceInfo* source) noexcept {
-        return {nullptr, args, kept, source};
+    static EventContext ofArgs(ThreadState& thread, const ThreadSource& source, ContextArgs args,
+                               bool kept) noexcept {
+        return {thread.listenerData.data(), source.info, source.id, nullptr, args, kept};
     }
-    static EventContext timed(const ContextSet& set, SourceInfo* source,
-                              std::int64_t time) noexcept {
-        return {&set, source, time};
+    /// The time of `context` is known already.
+    static void giveTime(EventContext& context, std::int64_t time) noexcept {
+        context.time_ = time;
+        context.timeIsGiven_ = true;
     }
     /// EventContext::ticks, inline.
     static std::uint64_t ticks(const EventContext& context) noexcept {

@@ -1,4 +1,4 @@
-#include "fences.hpp"
+#include "zandor/instrument/fences.hpp"
 
 #include <linux/membarrier.h>
 #include <sys/syscall.h>

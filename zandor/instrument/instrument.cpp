@@ -6,6 +6,7 @@
 #include "blocks.hpp"
 #include "control_registry.hpp"
 #include "delivery.hpp"
+#include "only_recorder.hpp"
 #include "zandor/instrument/controls.hpp"
 
 namespace instrument {
@@ -29,10 +30,16 @@ EventId nextId(ThreadState& state) noexcept {
     return {state.source.id, ++state.source.serial};
 }
 
+template <auto operation>
+[[gnu::always_inline]] inline void tellListeners(ThreadState& state, const Opaque* handle,
+                                                 ContextArgs kept, EventId id) {
+    callListeners<operation>(state, handle,
+                             EventContextAccess::ofArgs(state, state.source, kept, true), id);
+}
+
 [[gnu::always_inline]] inline void deliverStart(ThreadState& state, const Opaque* handle,
                                                 ContextArgs kept, EventId id) {
-    callListeners<&InstrumentListener::onStart>(
-        state, handle, EventContextAccess::ofArgs(kept, true, state.source.info), id);
+    tellListeners<&InstrumentListener::onStart>(state, handle, kept, id);
 }
 
 [[gnu::always_inline]] inline void deliverStop(ThreadState& state, const Opaque* handle,
@@ -40,8 +47,27 @@ EventId nextId(ThreadState& state) noexcept {
     // What a parent had open at a fork, it closes itself.
     if (id.sourceId < firstSourceId.load(std::memory_order_relaxed)) [[unlikely]]
         return;
-    callListeners<&InstrumentListener::onStop>(
-        state, handle, EventContextAccess::ofArgs(kept, true, state.source.info), id);
+    tellListeners<&InstrumentListener::onStop>(state, handle, kept, id);
+}
+
+/// Decided already.
+[[gnu::noinline]] EventId openForAll(const Opaque* handle) {
+    const Inside inside;
+    if (!inside) [[unlikely]] {
+        countSuppressed();
+        return suppressedEventId;
+    }
+    const EventId id = nextId(inside.state());
+    deliverStart(inside.state(), handle, {}, id);
+    return id;
+}
+
+[[gnu::noinline]] void closeForAll(const Opaque* handle, ContextArgs kept, EventId id) {
+    const Inside inside;
+    if (inside) [[likely]]
+        deliverStop(inside.state(), handle, kept, id);
+    else
+        countSuppressed();
 }
 
 /// To the calling thread's pool where it has one.
@@ -56,6 +82,42 @@ struct GiveBack {
     }
 };
 using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
+
+/// For a thread that is marked as inside.
+[[gnu::always_inline]] inline OpenScopePtr keepScope(ThreadState& state, const Opaque* handle,
+                                                     ContextArgs context, EventId id) {
+    OpenScopePtr event(state.scopes.take(handle, id));
+    if (!event)
+        throw std::bad_alloc();
+    event->context.keep(context);
+    return event;
+}
+
+[[gnu::noinline]] OpenScope* openForAll(const Opaque* handle, ContextArgs context) {
+    const Inside inside;
+    if (!inside) [[unlikely]] {
+        countSuppressed();
+        return nullptr;
+    }
+    OpenScopePtr event = keepScope(inside.state(), handle, context, nextId(inside.state()));
+    deliverStart(inside.state(), handle, event->context.args(), event->id);
+    return event.release();
+}
+
+[[gnu::noinline]] void closeForAll(OpenScope* ended) noexcept {
+    // Where the thread is in a listener already, or past its end, it has no mark of its own.
+    const Inside inside;
+    const OpenScopePtr event(ended);
+    if (!listeners.anyActive())
+        return;
+    if (!inside) [[unlikely]]
+        return countSuppressed();
+    try {
+        deliverStop(inside.state(), event->handle, event->context.args(), event->id);
+    } catch (...) {
+        // Nobody can be told in a destructor.
+    }
+}
 
 }  // namespace
 
@@ -77,14 +139,11 @@ void KeptContext::keep(ContextArgs context) {
 EventId openEvent(const Opaque* handle) {
     if (!handle->enabled.load(std::memory_order_relaxed)) [[unlikely]]
         return disabledEventId;
-    const Inside inside;
-    if (!inside) [[unlikely]] {
-        countSuppressed();
-        return suppressedEventId;
+    if (const OnlyRecorder only; only) [[likely]] {
+        if (const EventId id = only.nextId(); only.start(handle, {}, id)) [[likely]]
+            return id;
     }
-    const EventId id = nextId(inside.state());
-    deliverStart(inside.state(), handle, {}, id);
-    return id;
+    return openForAll(handle);
 }
 
 EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) {
@@ -103,11 +162,9 @@ EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) 
 }
 
 void closeEvent(const Opaque* handle, ContextArgs kept, EventId id) {
-    const Inside inside;
-    if (inside) [[likely]]
-        deliverStop(inside.state(), handle, kept, id);
-    else
-        countSuppressed();
+    if (const OnlyRecorder only; only && only.stop(handle, !kept.empty(), id)) [[likely]]
+        return;
+    closeForAll(handle, kept, id);
 }
 
 Instrument LazyInstrument::resolve() const {
@@ -131,43 +188,32 @@ void Instrument::emitInstant(const Opaque* handle, ContextArgs context) {
 detail::OpenScope* Scope::open(const Opaque* handle, ContextArgs context) {
     if (!detail::isOnFor(handle, context))
         return nullptr;
-    const detail::Inside inside;
-    if (!inside) [[unlikely]] {
-        detail::countSuppressed();
-        return nullptr;
+    if (const detail::OnlyRecorder only; only) [[likely]] {
+        detail::OpenScopePtr event =
+            detail::keepScope(only.state(), handle, context, only.nextId());
+        if (only.start(handle, event->context.args(), event->id)) [[likely]]
+            return event.release();
     }
-    detail::ThreadState& state = inside.state();
-    detail::OpenScopePtr event(state.scopes.take(handle, detail::nextId(state)));
-    if (!event)
-        throw std::bad_alloc();
-    if (!context.empty())
-        event->context.keep(context);
-    detail::deliverStart(state, handle, event->context.args(), event->id);
-    return event.release();
+    return detail::openForAll(handle, context);
 }
 
 void Scope::close(detail::OpenScope* ended) noexcept {
-    // Where the thread is in a listener already, or past its end, it has no mark of its own.
-    const detail::Inside inside;
-    const detail::OpenScopePtr event(ended);
-    if (!listeners.anyActive())
-        return;
-    if (!inside) [[unlikely]]
-        return detail::countSuppressed();
-    try {
-        detail::deliverStop(inside.state(), event->handle, event->context.args(), event->id);
-    } catch (...) {
-        // Nobody can be told in a destructor.
+    if (const detail::OnlyRecorder only; only) [[likely]] {
+        if (only.stop(ended->handle, !ended->context.args().empty(), ended->id)) [[likely]]
+            return only.state().scopes.giveBack(ended);
     }
+    detail::closeForAll(ended);
 }
 
 void Scope::close(const Opaque* handle, EventId id) noexcept {
     if (!listeners.anyActive())
         return;
+    if (const detail::OnlyRecorder only; only && only.stop(handle, false, id)) [[likely]]
+        return;
     try {
-        detail::closeEvent(handle, {}, id);
+        detail::closeForAll(handle, {}, id);
     } catch (...) {
-        // As above.
+        // Nobody can be told in a destructor.
     }
 }
 

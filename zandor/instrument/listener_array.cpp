@@ -4,6 +4,7 @@
 #include <new>
 
 #include "blocks.hpp"
+#include "listener_class.hpp"
 #include "process_state.hpp"
 
 namespace instrument::detail {
@@ -65,7 +66,9 @@ void publish(ListenerArray* array) noexcept {
     // Release pairs with the acquire in protectListeners.
     ListenerArray* old = listenersInForce.exchange(array, std::memory_order_acq_rel);
     // Release pairs with the acquire in protectOnlyListener.
-    onlyListener.store(onlyOneOf(array), std::memory_order_release);
+    InstrumentListener* const only = onlyOneOf(array);
+    onlyListener.store(only, std::memory_order_release);
+    recorderIsAlone.store(only && recorderIn(*only), std::memory_order_relaxed);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);
     if (old) {
         ListenerArray*& retired = processState().retiredListeners;
@@ -88,6 +91,7 @@ Registration* makeRegistration(InstrumentListener& listener) noexcept {
 
 constinit std::atomic<ListenerArray*> listenersInForce{nullptr};
 constinit std::atomic<InstrumentListener*> onlyListener{nullptr};
+constinit std::atomic<bool> recorderIsAlone{false};
 
 Registration* findRegistration(const InstrumentListener& listener) noexcept {
     if (const ListenerArray* array = arrayInForce())

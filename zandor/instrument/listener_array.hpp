@@ -31,6 +31,8 @@ struct ListenerArray {
 extern constinit std::atomic<ListenerArray*> listenersInForce;
 /// The one that is registered, while it is the only one; else null.
 extern constinit std::atomic<InstrumentListener*> onlyListener;
+/// Whether that is a recorder: a hint, relaxed.
+extern constinit std::atomic<bool> recorderIsAlone;
 
 /// The only listener, for as long as the thread's `calling` shows it. Null when there are none or
 /// several.

@@ -5,7 +5,6 @@
 
 namespace instrument {
 
-using detail::ListenerSlot;
 using detail::ThreadState;
 
 ListenerData::ListenerData() noexcept
@@ -15,16 +14,6 @@ ListenerData::~ListenerData() {
     detail::freeListenerSlot(place_);
 }
 
-// Relaxed: who has the threads forget waits for those inside before it frees anything.
-
-void* ListenerData::get() const noexcept {
-    const ThreadState* const thread = ThreadState::find();
-    if (!thread || place_ == ThreadState::listenerSlots)
-        return nullptr;
-    const ListenerSlot& slot = thread->listenerData[place_];
-    return slot.number == age_.load(std::memory_order_relaxed) ? slot.data : nullptr;
-}
-
 std::uint64_t ListenerData::age() const noexcept {
     // Pairs with the release in forgetAll: in the new age nothing of the old is found.
     return age_.load(std::memory_order_acquire);
@@ -32,7 +21,7 @@ std::uint64_t ListenerData::age() const noexcept {
 
 void ListenerData::set(void* data, std::uint64_t age) noexcept {
     ThreadState* const thread = ThreadState::find();
-    if (thread && place_ != ThreadState::listenerSlots)
+    if (thread && place_ != detail::listenerSlots)
         thread->listenerData[place_] = {age, data};
 }
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <bit>
 
-#include "thread_state.hpp"
+#include "zandor/instrument/listener_slot.hpp"
 
 namespace instrument::detail {
 namespace {
@@ -18,15 +18,15 @@ std::size_t takeListenerSlot() noexcept {
     std::uint32_t taken = takenSlots.load(std::memory_order_relaxed);
     for (;;) {
         const auto slot = static_cast<std::size_t>(std::countr_one(taken));
-        if (slot >= ThreadState::listenerSlots)
-            return ThreadState::listenerSlots;
+        if (slot >= listenerSlots)
+            return listenerSlots;
         if (takenSlots.compare_exchange_weak(taken, taken | 1u << slot, std::memory_order_relaxed))
             return slot;
     }
 }
 
 void freeListenerSlot(std::size_t slot) noexcept {
-    if (slot < ThreadState::listenerSlots)
+    if (slot < listenerSlots)
         takenSlots.fetch_and(~(1u << slot), std::memory_order_relaxed);
 }
 

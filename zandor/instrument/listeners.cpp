@@ -11,12 +11,14 @@ using namespace detail;
 
 namespace {
 
-EventContext makeContext(const ContextSet& context, SourceInfo* source) noexcept {
-    return EventContextAccess::ofSet(context, source);
+EventContext makeContext(ThreadState& thread, const ThreadSource& source,
+                         const ContextSet& context) noexcept {
+    return EventContextAccess::ofSet(thread, source, context);
 }
 
-EventContext makeContext(ContextArgs context, SourceInfo* source) noexcept {
-    return EventContextAccess::ofArgs(context, false, source);
+EventContext makeContext(ThreadState& thread, const ThreadSource& source,
+                         ContextArgs context) noexcept {
+    return EventContextAccess::ofArgs(thread, source, context, false);
 }
 
 /// Delivers an edge that takes a new identity.
@@ -28,7 +30,7 @@ EventId deliverNew(const Opaque* handle, const Context& given, std::optional<std
         countSuppressed();
         return suppressedEventId;
     }
-    const EventContext context = makeContext(given, source->info);
+    const EventContext context = makeContext(inside.state(), *source, given);
     const EventId id{source->id, ++source->serial};
     callListeners<operation>(inside.state(), handle, context, id);
     return id;
@@ -41,7 +43,7 @@ void deliverStop(const Opaque* handle, const Context& given, EventId id,
     const ThreadSource* source = inside ? inside.state().sourceFor(tag) : nullptr;
     if (!source)
         return countSuppressed();
-    const EventContext context = makeContext(given, source->info);
+    const EventContext context = makeContext(inside.state(), *source, given);
     callListeners<&InstrumentListener::onStop>(inside.state(), handle, context, id);
 }
 
@@ -51,8 +53,9 @@ void deliverAt(const Opaque* handle, const ContextSet& given, EventId id, std::i
     const SourcePtr source = inside ? externalSource(id.sourceId) : SourcePtr();
     if (!source)
         return countSuppressed();
-    callListeners<operation>(inside.state(), handle,
-                             EventContextAccess::timed(given, source.get(), time), id, time);
+    EventContext context = makeContext(inside.state(), {source.get(), id.sourceId, 0}, given);
+    EventContextAccess::giveTime(context, time);
+    callListeners<operation>(inside.state(), handle, context, id, time);
 }
 
 }  // namespace

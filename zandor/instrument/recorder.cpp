@@ -1,7 +1,9 @@
 #include "zandor/instrument/recorder.hpp"
 
 #include "event_context_access.hpp"
+#include "listener_class.hpp"
 #include "recorder_core.hpp"
+#include "recorder_hot.hpp"
 #include "source_info.hpp"
 
 namespace instrument {
@@ -11,77 +13,9 @@ using detail::EventContextAccess;
 using detail::RecorderCore;
 using detail::RecordHead;
 using detail::RecordKind;
-using detail::Track;
-using detail::Word;
 
-constexpr std::size_t plainWords = detail::wordsOf(RecordKind::start);
-static_assert(plainWords == detail::wordsOf(RecordKind::stop));
-
-// The frequent cases, each in one piece: the next event of the thread's own source, its context
-// none or kept, and the stop of one. They tell whether they did it; the rest goes the general way.
-
-/// The calling thread's track, if it is in this source.
-[[gnu::always_inline]] inline Track* trackOf(const RecorderCore& core,
-                                             const EventContext& context) noexcept {
-    const detail::ThreadState* thread = detail::ThreadState::find();
-    Track* track = thread ? core.knownTrack(*thread) : nullptr;
-    return track && track->stream.info == context.source() ? track : nullptr;
-}
-
-/// Whether so many words have room behind the tail, which is this thread's own.
-[[gnu::always_inline]] inline bool hasRoom(const Track& track, std::size_t words) noexcept {
-    const Word* const tail = track.tail.load(std::memory_order_relaxed);
-    return track.limit - tail >= static_cast<std::ptrdiff_t>(words);
-}
-
-/// Pairs with the acquire of readers: with the tail come the records before it.
-[[gnu::always_inline]] inline void commit(Track& track, Word* end) noexcept {
-    track.tail.store(end, std::memory_order_release);
-}
-
-[[gnu::always_inline]] inline bool putStart(const RecorderCore& core, const Opaque* instrument,
-                                            const EventContext& context, EventId id) noexcept {
-    const ContextArgs args = context.args();
-    if (!(args.empty() ? context.empty() : context.argsAreKept()))
-        return false;
-    Track* const track = trackOf(core, context);
-    if (!track || id.serialId != track->stream.nextSerial ||
-        !hasRoom(*track, plainWords + detail::mostWords(args))) [[unlikely]]
-        return false;
-    Word* const head = track->tail.load(std::memory_order_relaxed);
-    Word* const entries = head + plainWords;
-    Word* const end = args.empty() ? entries : detail::encodeInterned(args, entries);
-    const auto words = static_cast<std::size_t>(end - entries);
-    if (words >= RecordHead::contextIsCounted) [[unlikely]]
-        return false;
-    head[0] = RecordHead(RecordKind::start, false, words, instrument->id, 0).word();
-    head[1] = EventContextAccess::ticks(context);
-    ++track->stream.nextSerial;
-    ++track->open;
-    commit(*track, end);
-    return true;
-}
-
-[[gnu::always_inline]] inline bool putStop(const RecorderCore& core, const Opaque* instrument,
-                                           const EventContext& context, EventId id) noexcept {
-    const bool hasContext = !context.empty();
-    if (hasContext && !context.argsAreKept())
-        return false;
-    Track* const track = trackOf(core, context);
-    if (!track || id.sourceId != track->stream.source || id.serialId < track->runFirst ||
-        track->hasLost || !hasRoom(*track, plainWords)) [[unlikely]]
-        return false;
-    const std::uint64_t back = track->stream.nextSerial - id.serialId;
-    if (back - 1 >= RecordHead::serialLimit - 1) [[unlikely]]
-        return false;
-    Word* const head = track->tail.load(std::memory_order_relaxed);
-    head[0] = RecordHead(RecordKind::stop, false, hasContext ? RecordHead::contextOfStart : 0,
-                         instrument->id, back)
-                  .word();
-    head[1] = EventContextAccess::ticks(context);
-    --track->open;
-    commit(*track, head + plainWords);
-    return true;
+detail::EdgeOrigin originOf(const EventContext& context) noexcept {
+    return {context.slots(), context.source()};
 }
 
 [[gnu::noinline]] void record(RecorderCore& core, RecordKind kind, const Opaque* instrument,
@@ -112,10 +46,17 @@ void recordAt(RecorderCore& core, RecordKind kind, const Opaque* instrument,
 
 }  // namespace
 
+namespace detail {
+constinit std::atomic<const void*> recorderTable{nullptr};
+}
+
 InstrumentRecorder::InstrumentRecorder() : InstrumentRecorder(RecorderLimits()) {}
 
 InstrumentRecorder::InstrumentRecorder(const RecorderLimits& limits)
-    : core_(new RecorderCore(limits)) {}
+    : core_(new RecorderCore(limits)) {
+    // Here the object is of this class still, whatever derives from it.
+    detail::recorderTable.store(detail::tableOf(*this), std::memory_order_relaxed);
+}
 
 InstrumentRecorder::~InstrumentRecorder() {
     listeners.remove(*this);
@@ -148,13 +89,20 @@ void InstrumentRecorder::onInstant(const Opaque* instrument, const EventContext&
 
 void InstrumentRecorder::onStart(const Opaque* instrument, const EventContext& context,
                                  EventId id) noexcept {
-    if (!putStart(*core_, instrument, context, id)) [[unlikely]]
+    const auto ticks = [&] { return EventContextAccess::ticks(context); };
+    const bool isKept = context.empty() || context.argsAreKept();
+    if (!isKept || !putStart(*core_, originOf(context), instrument, context.args(), id, ticks))
+        [[unlikely]]
         record(*core_, RecordKind::start, instrument, context, id);
 }
 
 void InstrumentRecorder::onStop(const Opaque* instrument, const EventContext& context,
                                 EventId id) noexcept {
-    if (!putStop(*core_, instrument, context, id)) [[unlikely]]
+    const auto ticks = [&] { return EventContextAccess::ticks(context); };
+    const bool hasContext = !context.empty();
+    const bool isKept = !hasContext || context.argsAreKept();
+    if (!isKept || !putStop(*core_, originOf(context), instrument, hasContext, id, ticks))
+        [[unlikely]]
         record(*core_, RecordKind::stop, instrument, context, id);
 }
 

@@ -94,7 +94,7 @@ Track* RecorderCore::enter(ThreadState& thread, const NewRecord& record) noexcep
     }
     if (!track)
         countWithoutTrack(record, denial);
-    else if (slot_ < thread.listenerData.size())
+    else if (slot_ < listenerSlots)
         thread.listenerData[slot_] = {generation->number, track};
     return track;
 }
@@ -170,7 +170,9 @@ void RecorderCore::record(const NewRecord& record) noexcept {
     ThreadState* const thread = ThreadState::find();
     if (!thread)
         return;  // a delivery has a state
-    Track* track = knownTrack(*thread);
+    Track* track = knownTrack(thread->listenerData.data());
+    if (!track && slot_ == listenerSlots)
+        track = findTrack(*thread);
     if (!track)
         track = enter(*thread, record);
     if (track)

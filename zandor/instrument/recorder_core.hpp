@@ -51,11 +51,10 @@ class RecorderCore {
     RecorderCore(const RecorderCore&) = delete;
     RecorderCore& operator=(const RecorderCore&) = delete;
 
-    /// The track of the calling thread, when it is known to have one of the present recording.
-    Track* knownTrack(const ThreadState& thread) const noexcept {
-        if (slot_ == thread.listenerData.size()) [[unlikely]]
-            return findTrack(thread);
-        const ListenerSlot& slot = thread.listenerData[slot_];
+    /// The track of the thread with these slots, when it is known to have one of the present
+    /// recording.
+    Track* knownTrack(const ListenerSlot* slots) const noexcept {
+        const ListenerSlot& slot = slots[slot_];
         // Relaxed: whoever clears waits until no thread is inside the recorder before it frees
         // anything.
         return slot.number == number_.load(std::memory_order_relaxed)

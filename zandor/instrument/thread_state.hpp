@@ -12,10 +12,11 @@
 #include <cstdint>
 #include <optional>
 
-#include "fences.hpp"
 #include "interned_text.hpp"
 #include "scope_pool.hpp"
 #include "source_info.hpp"
+#include "zandor/instrument/fences.hpp"
+#include "zandor/instrument/listener_slot.hpp"
 
 namespace instrument {
 class InstrumentListener;
@@ -37,15 +38,6 @@ struct ThreadLocals {
     const InternedText* givenName() const noexcept { return setName ? setName : defaultName; }
 };
 
-/// What a listener keeps for this thread: of a recorder, the track that it goes on writing to.
-/// All-zero is none. Only the thread itself uses it; a state that goes to another thread comes with
-/// all of them zero.
-struct ListenerSlot {
-    /// The listener's number, never used again; another one, or 0, means that the slot is stale.
-    std::uint64_t number;
-    void* data;
-};
-
 /// A source and its latest serial id.
 struct ThreadSource {
     SourceInfo* info;
@@ -61,8 +53,6 @@ struct TaggedSource {
 };
 
 struct alignas(64) ThreadState {
-    static constexpr std::size_t listenerSlots = 8;
-
     // What every event touches, in one line.
 
     /// The locals of the thread whose state it is; another's or none after a fork.
@@ -76,7 +66,7 @@ struct alignas(64) ThreadState {
     std::atomic<std::uint64_t> readSections;
     ThreadSource source;
 
-    alignas(64) std::array<ListenerSlot, listenerSlots> listenerData;
+    alignas(64) std::array<ListenerSlot, listenerSlots + 1> listenerData;
     TaggedSource* tagged;
     ScopePool scopes;
     TextCache texts;
@@ -90,6 +80,8 @@ struct alignas(64) ThreadState {
     /// The calling thread's, or null when it has none.
     static ThreadState* find() noexcept;
 
+    /// False where the thread has no state, and after a fork.
+    bool isOfThisThread() const noexcept;
     /// No listener's address.
     const void* noListener() const noexcept { return this; }
     /// Whether the thread delivers an event. For itself and its signal handlers.
@@ -109,10 +101,14 @@ static_assert(offsetof(ThreadState, listenerData) == 64);
 
 extern constinit thread_local ThreadLocals threadLocals;
 
-inline ThreadState* ThreadState::find() noexcept {
+inline bool ThreadState::isOfThisThread() const noexcept {
     // Relaxed: a thread's own store, or one that can only make it differ.
+    return owner.load(std::memory_order_relaxed) == &threadLocals;
+}
+
+inline ThreadState* ThreadState::find() noexcept {
     ThreadState* state = threadLocals.state;
-    return state->owner.load(std::memory_order_relaxed) == &threadLocals ? state : nullptr;
+    return state->isOfThisThread() ? state : nullptr;
 }
 
 inline ThreadState* ThreadState::ofThisThread() noexcept {

@@ -1,22 +1,15 @@
 #include "unloading.hpp"
 
 #include <atomic>
-#include <cstring>
 
 #include "listener_array.hpp"
+#include "listener_class.hpp"
 #include "process_state.hpp"
 #include "zandor/instrument/listeners.hpp"
 #include "zandor/runtime/zandor.hpp"
 
 namespace instrument::detail {
 namespace {
-
-// Where the object's class keeps its operations.
-const void* tableOf(const InstrumentListener& listener) noexcept {
-    const void* table;
-    std::memcpy(&table, static_cast<const void*>(&listener), sizeof table);
-    return table;
-}
 
 InstrumentListener* anyListenerIn(const zandor::LibraryRange& range) noexcept {
     const Locked locked(processState().listeners);

@@ -17,7 +17,7 @@ class CounterCore {
     explicit CounterCore(const InstrumentCounter& counter) : counter_(counter) {}
 
     void count(const Opaque* instrument, const EventContext& context) noexcept {
-        CountTable* table = tables_.known();
+        CountTable* table = tables_.known(context);
         if (!table) [[unlikely]]
             table = tables_.enter(ListenerData::thread());
         if (!table || !table->count(instrument, context, tables_.lock())) [[unlikely]]

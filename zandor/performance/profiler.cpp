@@ -122,7 +122,7 @@ class ProfilerCore {
 
     /// The tree of the calling thread, if the event is of its own source.
     CallingContextTree* ownTree(const EventContext& context) noexcept {
-        CallingContextTree* const known = trees_.known();
+        CallingContextTree* const known = trees_.known(context);
         if (known && known->source() == context.sourceId()) [[likely]]
             return known;
         return ListenerData::isOfThread(context) ? enter(context.sourceId()) : nullptr;

@@ -33,8 +33,10 @@ class ThreadShards {
     ThreadShards(const ThreadShards&) = delete;
     ThreadShards& operator=(const ThreadShards&) = delete;
 
-    /// The shard that this thread found last; null when it found none yet.
-    Shard* known() const noexcept { return static_cast<Shard*>(data_.get()); }
+    /// The shard that the thread found last which delivers the event; null when it found none yet.
+    Shard* known(const EventContext& context) const noexcept {
+        return static_cast<Shard*>(data_.get(context));
+    }
     /// The shard of the key, which this thread finds from now on; made where there is none. Null
     /// when the system gives no memory.
     template <class Key>

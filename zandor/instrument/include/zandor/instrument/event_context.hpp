@@ -14,7 +14,10 @@ namespace instrument {
 
 namespace detail {
 struct EventContextAccess;
+struct ListenerSlot;
 struct SourceInfo;
+struct ThreadSource;
+struct ThreadState;
 }  // namespace detail
 
 /// Made once an edge on the stack of the thread that delivers it, shared by all listeners, and gone
@@ -33,10 +36,12 @@ class ZANDOR_INSTRUMENT_API EventContext {
 
     /// Who produced it: the delivering thread, or for an event whose time was given the source of
     /// its id. The name stays for the life of the process.
-    std::uint64_t sourceId() const noexcept;
+    std::uint64_t sourceId() const noexcept { return sourceId_; }
     std::string_view sourceName() const;
     /// The library's own view of the source.
     detail::SourceInfo* source() const noexcept { return source_; }
+    /// What the delivering thread keeps for listeners: see ListenerData.
+    detail::ListenerSlot* slots() const noexcept { return slots_; }
 
     bool empty() const noexcept { return set_ ? set_->empty() : args_.empty(); }
     /// The context as it was given, where it was given as arguments; else empty.
@@ -49,15 +54,20 @@ class ZANDOR_INSTRUMENT_API EventContext {
 
   private:
     friend struct detail::EventContextAccess;
-    EventContext(const ContextSet* set, ContextArgs args, bool argsAreKept,
-                 detail::SourceInfo* source) noexcept
-        : set_(set), args_(args), source_(source), argsAreKept_(argsAreKept) {}
-    EventContext(const ContextSet* set, detail::SourceInfo* source, std::int64_t time) noexcept
-        : set_(set), source_(source), time_(time), timeIsGiven_(true) {}
+    EventContext(detail::ListenerSlot* slots, detail::SourceInfo* source, std::uint64_t sourceId,
+                 const ContextSet* set, ContextArgs args, bool argsAreKept) noexcept
+        : set_(set),
+          args_(args),
+          source_(source),
+          sourceId_(sourceId),
+          slots_(slots),
+          argsAreKept_(argsAreKept) {}
 
     mutable const ContextSet* set_;
     ContextArgs args_;
     detail::SourceInfo* source_;
+    std::uint64_t sourceId_;
+    detail::ListenerSlot* slots_;
     mutable std::uint64_t ticks_ = 0;
     std::int64_t time_ = 0;
     bool argsAreKept_ = false;

@@ -1,7 +1,7 @@
 // For those who write listeners: what a listener keeps for each thread that produces events.
 //
 //   void onStart(const Opaque* instrument, const EventContext& context, EventId) override {
-//       auto* mine = static_cast<Counts*>(data_.get());
+//       auto* mine = static_cast<Counts*>(data_.get(context));
 //       if (!mine) {
 //           const std::uint64_t age = data_.age();
 //           mine = find(data_.thread()) or a new one;
@@ -21,6 +21,7 @@
 
 #include "zandor/instrument/event_context.hpp"
 #include "zandor/instrument/export.hpp"
+#include "zandor/instrument/listener_slot.hpp"
 
 namespace instrument {
 
@@ -33,9 +34,13 @@ class ZANDOR_INSTRUMENT_API ListenerData {
 
     // For callbacks, on the delivering thread.
 
-    /// What this thread keeps; null when it keeps nothing. Always null for a listener that came
-    /// when all places were taken: it goes by thread() each time.
-    void* get() const noexcept;
+    /// What the thread keeps that delivers the event; null when it keeps nothing. Always null for a
+    /// listener that came when all places were taken: it goes by thread() each time.
+    void* get(const EventContext& context) const noexcept {
+        // Relaxed: who has the threads forget waits for those inside before it frees anything.
+        const detail::ListenerSlot& slot = context.slots()[place_];
+        return slot.number == age_.load(std::memory_order_relaxed) ? slot.data : nullptr;
+    }
     /// Changes when all threads are to forget: to be asked before the data are looked for, so that
     /// those of an earlier age are not kept in a later one.
     std::uint64_t age() const noexcept;

@@ -7,11 +7,13 @@
 
 #include <atomic>
 
+#include "zandor/instrument/export.hpp"
+
 namespace instrument::detail {
 
 /// Whether heavyFence fences every thread. Goes up once and stays, before a heavyFence relies on
 /// it; read relaxed, since whoever still sees it down fences for itself.
-extern constinit std::atomic<bool> heavyFenceReachesAll;
+extern ZANDOR_INSTRUMENT_API constinit std::atomic<bool> heavyFenceReachesAll;
 
 inline void lightFence() noexcept {
     if (heavyFenceReachesAll.load(std::memory_order_relaxed)) [[likely]]
@@ -20,6 +22,6 @@ inline void lightFence() noexcept {
         std::atomic_thread_fence(std::memory_order_seq_cst);
 }
 
-void heavyFence() noexcept;
+ZANDOR_INSTRUMENT_API void heavyFence() noexcept;
 
 }  // namespace instrument::detail

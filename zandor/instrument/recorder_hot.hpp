@@ -1,0 +1,75 @@
+// The frequent cases of recording, each in one piece: the next event of the thread's own source,
+// its context none or kept, and the stop of one. They tell whether they did it; the rest goes the
+// general way.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "clock_source.hpp"
+#include "recorder_context.hpp"
+#include "recorder_core.hpp"
+
+namespace instrument::detail {
+
+/// Who delivers an edge, and whose it is.
+struct EdgeOrigin {
+    const ListenerSlot* slots;
+    const SourceInfo* source;
+};
+
+/// Pairs with the acquire of readers: with the tail come the records before it.
+[[gnu::always_inline]] inline void commit(Track& track, Word* end) noexcept {
+    track.tail.store(end, std::memory_order_release);
+}
+
+/// `ticks()` reads the clock, if the record is written.
+template <class Ticks>
+[[gnu::always_inline]] inline bool putStart(const RecorderCore& core, EdgeOrigin origin,
+                                            const Opaque* instrument, ContextArgs kept, EventId id,
+                                            Ticks ticks) noexcept {
+    constexpr std::size_t plainWords = wordsOf(RecordKind::start);
+    Track* const track = core.knownTrack(origin.slots);
+    if (!track || track->stream.info != origin.source || track->stream.nextSerial != id.serialId)
+        [[unlikely]]
+        return false;
+    Word* const head = track->tail.load(std::memory_order_relaxed);  // this thread's own
+    Word* end = head + plainWords;
+    if (end + mostWords(kept) > track->limit) [[unlikely]]
+        return false;
+    if (!kept.empty())
+        end = encodeInterned(kept, end);
+    const auto words = static_cast<std::size_t>(end - head) - plainWords;
+    if (words >= RecordHead::contextIsCounted) [[unlikely]]
+        return false;
+    head[0] = RecordHead(RecordKind::start, false, words, instrument->id, 0).word();
+    head[1] = ticks();
+    track->stream.nextSerial = id.serialId + 1;
+    ++track->open;
+    commit(*track, end);
+    return true;
+}
+
+template <class Ticks>
+[[gnu::always_inline]] inline bool putStop(const RecorderCore& core, EdgeOrigin origin,
+                                           const Opaque* instrument, bool hasContext, EventId id,
+                                           Ticks ticks) noexcept {
+    Track* const track = core.knownTrack(origin.slots);
+    if (!track || track->stream.info != origin.source || track->stream.source != id.sourceId ||
+        id.serialId < track->runFirst || track->hasLost) [[unlikely]]
+        return false;
+    Word* const head = track->tail.load(std::memory_order_relaxed);  // this thread's own
+    Word* const end = head + wordsOf(RecordKind::stop);
+    const std::uint64_t back = track->stream.nextSerial - id.serialId;
+    if (end > track->limit || back - 1 >= RecordHead::serialLimit - 1) [[unlikely]]
+        return false;
+    head[0] = RecordHead(RecordKind::stop, false, hasContext ? RecordHead::contextOfStart : 0,
+                         instrument->id, back)
+                  .word();
+    head[1] = ticks();
+    --track->open;
+    commit(*track, end);
+    return true;
+}
+
+}  // namespace instrument::detail
