@@ -265,6 +265,7 @@ void Growth::append(Track& track, Chunk& chunk, Purpose purpose) noexcept {
     SourcePtr::retain(chunk.first.info);
     chunk.sourceRecords = 0;
     chunk.foreignStops.store(0, std::memory_order_relaxed);
+    chunk.hasGaps = false;
     track.recent = {};
     track.current = &chunk;
     track.limit = purpose == Purpose::begin ? chunk.limit() : chunk.begin();
@@ -319,25 +320,38 @@ bool Growth::dropOldest() noexcept {
         generation_.newestSealed = nullptr;
     Track& track = *chunk->track;
     track.oldest.store(chunk->next.load(std::memory_order_relaxed), std::memory_order_relaxed);
-    RecordReader reader(chunk->begin(), chunk->sealedEnd.load(std::memory_order_relaxed),
-                        chunk->first);
-    for (Record record; reader.next(record);)
-        if (record.kind == RecordKind::start || record.kind == RecordKind::instant)
-            noteDropped(track, record.id);
-    releaseSources(*chunk, reader.position());
+    noteDropped(track, *chunk);
+    releaseSources(*chunk, chunk->sealedEnd.load(std::memory_order_relaxed));
     freeChunk(generation_, *chunk);
     return true;
 }
 
-void Growth::noteDropped(Track& track, EventId id) noexcept {
-    ++generation_.droppedOldest;
-    LostRange& range = track.dropped;
-    if (range.source != id.sourceId) {
-        remember(*generation_.lost, range);
-        range = {id.sourceId, id.serialId, id.serialId};
+/// The starts and instants of a sealed chunk.
+void Growth::noteDropped(Track& track, const Chunk& chunk) noexcept {
+    const StreamState& first = chunk.first;
+    if (chunk.sourceRecords == 0 && !chunk.hasGaps) {
+        // All of one source and one after the other: nothing needs to be read.
+        const Chunk& newer = *chunk.next.load(std::memory_order_relaxed);
+        if (newer.first.nextSerial > first.nextSerial)
+            noteDropped(track, {first.source, first.nextSerial, newer.first.nextSerial - 1});
+        return;
     }
-    range.first = std::min(range.first, id.serialId);
-    range.last = std::max(range.last, id.serialId);
+    RecordReader reader(chunk.begin(), chunk.sealedEnd.load(std::memory_order_relaxed), first);
+    for (Record record; reader.next(record);)
+        if (record.kind == RecordKind::start || record.kind == RecordKind::instant)
+            noteDropped(track, {record.id.sourceId, record.id.serialId, record.id.serialId});
+}
+
+/// So many events as there are serials.
+void Growth::noteDropped(Track& track, const LostRange& gone) noexcept {
+    generation_.droppedOldest += gone.last - gone.first + 1;
+    LostRange& range = track.dropped;
+    if (range.source != gone.source) {
+        remember(*generation_.lost, range);
+        range = gone;
+    }
+    range.first = std::min(range.first, gone.first);
+    range.last = std::max(range.last, gone.last);
 }
 
 void remember(LostRing& ring, const LostRange& range) noexcept {

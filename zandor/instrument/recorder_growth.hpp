@@ -59,7 +59,8 @@ class Growth {
     void noteSealed(Chunk& chunk) noexcept;
     bool reclaim() noexcept;
     bool dropOldest() noexcept;
-    void noteDropped(Track& track, EventId id) noexcept;
+    void noteDropped(Track& track, const Chunk& chunk) noexcept;
+    void noteDropped(Track& track, const LostRange& gone) noexcept;
     std::byte* cut(std::size_t bytes) noexcept;
 
     Generation& generation_;

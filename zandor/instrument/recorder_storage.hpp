@@ -36,6 +36,8 @@ struct Chunk {
     std::size_t bytes;          ///< of header and records
     std::size_t sourceRecords;  ///< how many of its records keep a source
     std::atomic<std::uint32_t> foreignStops;
+    /// Whether serials are missing between its starts and instants.
+    bool hasGaps;
 
     Word* begin() noexcept { return reinterpret_cast<Word*>(this + 1); }
     const Word* begin() const noexcept { return reinterpret_cast<const Word*>(this + 1); }

@@ -164,6 +164,8 @@ void RecordWriter::note(const Word* head, RecordKind kind, bool hasContext) noex
                 recentStart(track_, record_.id.serialId) = {record_.id.serialId, head};
             [[fallthrough]];
         case RecordKind::instant:
+            if (record_.id.serialId != track_.stream.nextSerial)
+                track_.current->hasGaps = true;
             track_.stream.nextSerial = record_.id.serialId + 1;
             break;
         case RecordKind::stop:
