@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 #include "zandor/instrument/export.hpp"
@@ -20,12 +21,39 @@ struct InternedText {
     std::string_view view() const noexcept { return {text(), length}; }
     std::string_view key() const noexcept { return view(); }
 
+    /// Without a call for the short texts that most names are.
+    bool isSame(std::string_view other) const noexcept {
+        const std::size_t size = other.size();
+        if (size != length)
+            return false;
+        if (size > 16)
+            return view() == other;
+        // Two words that overlap where the text is shorter than both.
+        if (size >= 8)
+            return isSameWord<std::uint64_t>(other, 0) &&
+                   isSameWord<std::uint64_t>(other, size - 8);
+        if (size >= 4)
+            return isSameWord<std::uint32_t>(other, 0) &&
+                   isSameWord<std::uint32_t>(other, size - 4);
+        return size == 0 || (text()[0] == other[0] && text()[size / 2] == other[size / 2] &&
+                             text()[size - 1] == other[size - 1]);
+    }
     /// The text whose characters a view from view() shows.
     static const InternedText& of(std::string_view view) noexcept {
         return reinterpret_cast<const InternedText*>(view.data())[-1];
     }
     /// The text of this id, which intern gave.
     ZANDOR_INSTRUMENT_API static const InternedText& fromId(std::uint32_t id) noexcept;
+
+  private:
+    template <class Word>
+    bool isSameWord(std::string_view other, std::size_t at) const noexcept {
+        Word own;
+        Word others;
+        std::memcpy(&own, text() + at, sizeof(Word));
+        std::memcpy(&others, other.data() + at, sizeof(Word));
+        return own == others;
+    }
 };
 
 /// The one copy of a text; null when the system gives no memory. A known one is found without a
@@ -42,7 +70,7 @@ class TextCache {
   public:
     const InternedText* intern(std::string_view text) noexcept {
         Entry& entry = entries_[place(text)];
-        if (entry.address == text.data() && entry.text && entry.text->view() == text) [[likely]]
+        if (entry.address == text.data() && entry.text && entry.text->isSame(text)) [[likely]]
             return entry.text;
         return lookUp(text, entry);
     }
