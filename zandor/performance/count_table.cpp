@@ -12,13 +12,6 @@ namespace {
 constexpr std::size_t firstCapacity = 64;
 constexpr std::size_t wordsPerBlock = 4096;
 
-std::uint32_t hashOf(const Opaque* instrument, ContextWords words) noexcept {
-    std::uint64_t hash = instrument->id + 1;
-    for (const std::uint64_t word : words)
-        hash = ((hash ^ hash >> 32) * 0x9e37'79b9'7f4a'7c15) ^ word;
-    return static_cast<std::uint32_t>(hash * 0x9e37'79b9'7f4a'7c15 >> 32);
-}
-
 }  // namespace
 
 CountTable::~CountTable() {
@@ -32,7 +25,8 @@ CountTable::~CountTable() {
     }
 }
 
-bool CountTable::count(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept {
+bool CountTable::countAny(const Opaque* instrument, const EventContext& context,
+                          Lock& lock) noexcept {
     // The words go where they would stay, and stay there if they are new.
     const std::size_t wordCount = keptContextWords(context);
     if (wordCount > 0 && !(reserveWords(wordCount) && keepContext(context, freeWords_)))
@@ -59,7 +53,7 @@ bool CountTable::count(const Opaque* instrument, const EventContext& context, Lo
         freeWords_ += wordCount;
         ++used_;
     }
-    entry->count.store(entry->count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    countIn(*entry);
     return true;
 }
 

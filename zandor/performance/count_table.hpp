@@ -46,7 +46,13 @@ class CountTable {
 
     /// Counts one event. On the table's thread. False when the system gives no memory. The lock is
     /// taken where the table grows.
-    bool count(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept;
+    bool count(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept {
+        Entry* const known = context.empty() ? find(instrument) : nullptr;
+        if (!known) [[unlikely]]
+            return countAny(instrument, context, lock);
+        countIn(*known);
+        return true;
+    }
 
     /// Calls visit(Entry&) for each entry. From any thread.
     template <class Visit>
@@ -73,6 +79,31 @@ class CountTable {
         Block* before;
     };
 
+    static void countIn(Entry& entry) noexcept {
+        entry.count.store(entry.count.load(std::memory_order_relaxed) + 1,
+                          std::memory_order_relaxed);
+    }
+    static std::uint32_t hashOf(const Opaque* instrument, ContextWords words) noexcept {
+        std::uint64_t hash = instrument->id + 1;
+        for (const std::uint64_t word : words)
+            hash = ((hash ^ hash >> 32) * 0x9e37'79b9'7f4a'7c15) ^ word;
+        return static_cast<std::uint32_t>(hash * 0x9e37'79b9'7f4a'7c15 >> 32);
+    }
+
+    /// The entry of the instrument without context, where there is one.
+    Entry* find(const Opaque* instrument) const noexcept {
+        Slots* const slots = slots_.load(std::memory_order_relaxed);
+        for (std::size_t i = hashOf(instrument, {}); slots; ++i) {
+            Entry& entry = slots->entries()[i & (slots->capacity - 1)];
+            const Opaque* const known = entry.instrument.load(std::memory_order_relaxed);
+            if (known == instrument && entry.wordCount == 0) [[likely]]
+                return &entry;
+            if (!known)
+                return nullptr;
+        }
+        return nullptr;
+    }
+    bool countAny(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept;
     static Entry& place(Slots& slots, const Opaque* instrument, ContextWords words,
                         std::uint32_t hash) noexcept;
     bool grow(Lock& lock) noexcept;
