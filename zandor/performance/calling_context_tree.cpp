@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "zandor/instrument/fences.hpp"
+
 namespace instrument::detail {
 
 namespace {
@@ -53,6 +55,7 @@ bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
     frame.isNested = node.isNested || (node.depth > deepest && node.open > 0);
     ++node.open;
     frame.inside = 0;
+    frame.takenSerial.store(0, std::memory_order_relaxed);
     frame.start.store(time, std::memory_order_relaxed);
     frame.node.store(number, std::memory_order_relaxed);
     // Pairs with the acquire of those who take the call: with the word come start and node.
@@ -64,7 +67,7 @@ bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
 bool CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
     note(time);
     const std::uint32_t index = frameOf(serial);
-    if (index == none || !take(frames_[index], serial))
+    if (index == none || !takeOwn(frames_[index], serial)) [[unlikely]]
         return false;
     end(index, time);
     popEnded();
@@ -72,7 +75,8 @@ bool CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept 
 }
 
 /// Of the open calls the one of this serial; none where there is none.
-std::uint32_t CallingContextTree::frameOf(std::uint64_t serial) const noexcept {
+[[gnu::always_inline]] inline std::uint32_t CallingContextTree::frameOf(
+    std::uint64_t serial) const noexcept {
     const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
     const auto serialAt = [this](std::uint32_t index) {
         return frames_[index].word.load(std::memory_order_acquire) >> 1;
@@ -93,9 +97,40 @@ std::uint32_t CallingContextTree::frameOf(std::uint64_t serial) const noexcept {
 }
 
 /// Whoever takes a call counts it: its own thread or another one.
-bool CallingContextTree::take(Frame& frame, std::uint64_t serial) noexcept {
+[[gnu::always_inline]] inline bool CallingContextTree::takeOwn(Frame& frame,
+                                                               std::uint64_t serial) noexcept {
+    // Pairs with the release at the end of a take: then its mark is seen.
+    const std::uint64_t takes = takes_.load(std::memory_order_acquire);
+    const std::uint64_t open = serial << 1;
+    if (frame.word.load(std::memory_order_relaxed) != open) [[unlikely]]
+        return false;
+    frame.word.store(open | takenBit, std::memory_order_relaxed);
+    // Pairs with the heavy fence in take: one of the two sees the other.
+    lightFence();
+    const bool isAlone = (takes & 1) == 0 && takes_.load(std::memory_order_relaxed) == takes;
+    return isAlone || !wasTaken(frame, serial);
+}
+
+bool CallingContextTree::takeForeign(Frame& frame, std::uint64_t serial) noexcept {
+    const Locked locked(takeLock_);
+    takes_.fetch_add(1, std::memory_order_relaxed);
+    // Pairs with the light fence in takeOwn.
+    heavyFence();
+    frame.takenSerial.store(serial, std::memory_order_relaxed);
     std::uint64_t open = serial << 1;
-    return frame.word.compare_exchange_strong(open, open | takenBit, std::memory_order_acq_rel);
+    const bool taken =
+        frame.word.compare_exchange_strong(open, open | takenBit, std::memory_order_acq_rel);
+    if (!taken)
+        frame.takenSerial.store(0, std::memory_order_relaxed);
+    // Pairs with the acquire in takeOwn.
+    takes_.fetch_add(1, std::memory_order_release);
+    return taken;
+}
+
+/// Known once no take is under way.
+bool CallingContextTree::wasTaken(const Frame& frame, std::uint64_t serial) noexcept {
+    const Locked locked(takeLock_);
+    return frame.takenSerial.load(std::memory_order_relaxed) == serial;
 }
 
 std::optional<TakenCall> CallingContextTree::take(std::uint64_t serial) noexcept {
@@ -107,7 +142,7 @@ std::optional<TakenCall> CallingContextTree::take(std::uint64_t serial) noexcept
     // already, what was read is of no use, and nothing is taken.
     const std::int64_t start = frame.start.load(std::memory_order_relaxed);
     const std::uint32_t number = frame.node.load(std::memory_order_relaxed);
-    if (!take(frame, serial))
+    if (!takeForeign(frame, serial))
         return std::nullopt;
     const CallNode& node = nodes_[number];
     return TakenCall{node.instrument, start, node.isNested};
@@ -121,7 +156,8 @@ bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noex
     return true;
 }
 
-void CallingContextTree::end(std::uint32_t index, std::int64_t time) noexcept {
+[[gnu::always_inline]] inline void CallingContextTree::end(std::uint32_t index,
+                                                           std::int64_t time) noexcept {
     const Frame& frame = frames_[index];
     const std::int64_t duration = time - frame.start.load(std::memory_order_relaxed);
     if (index > 0)
@@ -131,7 +167,7 @@ void CallingContextTree::end(std::uint32_t index, std::int64_t time) noexcept {
 }
 
 /// Takes those that were stopped off the stack, down to the first that is open.
-void CallingContextTree::popEnded() noexcept {
+[[gnu::always_inline]] inline void CallingContextTree::popEnded() noexcept {
     std::uint32_t depth = depth_.load(std::memory_order_relaxed);
     while (depth > 0 && (frames_[depth - 1].word.load(std::memory_order_relaxed) & takenBit)) {
         --depth;
@@ -140,7 +176,8 @@ void CallingContextTree::popEnded() noexcept {
     depth_.store(depth, std::memory_order_relaxed);
 }
 
-void CallingContextTree::count(CallNode& node, const EndedCall& call) noexcept {
+[[gnu::always_inline]] inline void CallingContextTree::count(CallNode& node,
+                                                             const EndedCall& call) noexcept {
     const std::uint64_t calls = node.calls.load(std::memory_order_relaxed);
     const std::int64_t duration = call.duration;
     if (calls == 0 || duration < node.min.load(std::memory_order_relaxed))
@@ -154,8 +191,8 @@ void CallingContextTree::count(CallNode& node, const EndedCall& call) noexcept {
     node.calls.store(calls + 1, std::memory_order_relaxed);
 }
 
-std::uint32_t CallingContextTree::childOf(std::uint32_t parent, const Opaque* instrument,
-                                          std::int64_t start) noexcept {
+[[gnu::always_inline]] inline std::uint32_t CallingContextTree::childOf(
+    std::uint32_t parent, const Opaque* instrument, std::int64_t start) noexcept {
     if (slotCount_ > 0) [[likely]] {
         // Beyond the deepest level all are children of the path up to there.
         if (nodes_[parent].depth > deepest) [[unlikely]]

@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "zandor/instrument/control_element.hpp"
+#include "zandor/instrument/lock.hpp"
 #include "zandor/performance/duration_histogram.hpp"
 #include "zandor/performance/mapped_chunks.hpp"
 
@@ -132,6 +133,8 @@ class CallingContextTree {
     struct Frame {
         /// The serial, and in the lowest bit whether the call was taken or ended.
         std::atomic<std::uint64_t> word;
+        /// That of the call if another thread takes it. Relaxed: looked at under the lock.
+        std::atomic<std::uint64_t> takenSerial;
         std::atomic<std::int64_t> start;
         std::atomic<std::uint32_t> node;
         bool isNested;
@@ -149,7 +152,9 @@ class CallingContextTree {
     bool growSlots() noexcept;
 
     std::uint32_t frameOf(std::uint64_t serial) const noexcept;
-    static bool take(Frame& frame, std::uint64_t serial) noexcept;
+    bool takeOwn(Frame& frame, std::uint64_t serial) noexcept;
+    bool takeForeign(Frame& frame, std::uint64_t serial) noexcept;
+    bool wasTaken(const Frame& frame, std::uint64_t serial) noexcept;
     void end(std::uint32_t index, std::int64_t time) noexcept;
     void popEnded() noexcept;
     static void count(CallNode& node, const EndedCall& call) noexcept;
@@ -158,6 +163,10 @@ class CallingContextTree {
     std::atomic<std::uint64_t> source_;
     std::atomic<bool> hasFirstEvent_{false};
     std::atomic<std::int64_t> firstEvent_{0};
+
+    Lock takeLock_;
+    /// Odd while another thread takes a call. Changed under the lock.
+    std::atomic<std::uint64_t> takes_{0};
 
     std::atomic<std::uint32_t> depth_{0};  // relaxed: whoever takes a call checks its word
     std::atomic<std::uint32_t> nodeCount_{0};
