@@ -7,6 +7,7 @@
 #include <string>
 
 #include "recorder_memory.hpp"
+#include "testing/event_log.hpp"
 #include "testing/recorder_support.hpp"
 #include "zandor/instrument/source.hpp"
 #include "zandor/runtime/console.hpp"
@@ -188,6 +189,23 @@ TEST_F(RecorderLimitsTest, KeepTheLast) {
     EXPECT_GT(events.size() * 32, mebi / 2);
     EXPECT_EQ(recorder.drops().total(), recorder.drops().oldest);
     expectWithinBound(recorder);
+}
+
+TEST_F(RecorderLimitsTest, KeepingTheLastCountOnlyWhatTheyHeard) {
+    CountingListener other;
+    listeners.add(other);
+    InstrumentRecorder recorder({.maxBytes = 256 * kibi, .keep = Keep::last});
+    const Listening listening(recorder);
+    for (int i = 0; i < 20'000; ++i) {
+        if (i % 100 == 0) {
+            listeners.remove(recorder);
+            work_.instant();
+            listeners.add(recorder);
+        }
+        const Scope scope{work_};
+    }
+    EXPECT_GT(recorder.drops().oldest, 0u);
+    EXPECT_EQ(accounted(recorder), 20'000u);
 }
 
 TEST_F(RecorderLimitsTest, KeepingTheLastAccountForEveryEventWhileTheyAreRead) {
