@@ -5,9 +5,7 @@ from collections import namedtuple
 
 from ._core import Recorder
 
-Summary = namedtuple(
-    "Summary", "name count total self minimum maximum p50 p99"
-)
+Summary = namedtuple("Summary", "name count total self minimum maximum p50 p99")
 Summary.__doc__ = """Complete events of one name; times in nanoseconds.
 
 Half of them keep to p50, 99 of 100 to p99, within an eighth."""
