@@ -130,6 +130,29 @@ PyObject* summary(PyObject* self, PyObject*) {
     return guarded([&] { return listOf(withoutLock([&] { return traceOf(self).summarize(); })); });
 }
 
+PyObject* stacks(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const auto stacks = withoutLock([&] { return traceOf(self).stacks(); });
+        Ref list = Ref::take(PyList_New(0));
+        for (const instrument::TraceStack& stack : stacks) {
+            const bool isThread = stack.parent == instrument::TraceStack::noParent;
+            const Ref entry = Ref::take(Py_BuildValue(
+                "(LNLL)", isThread ? -1LL : static_cast<long long>(stack.parent),
+                strOf(std::string_view(stack.name)).release(), static_cast<long long>(stack.calls),
+                static_cast<long long>(stack.self)));
+            check(PyList_Append(list.get(), entry.get()));
+        }
+        return list.release();
+    });
+}
+
+PyObject* reportData(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const std::string text = withoutLock([&] { return traceOf(self).reportData(); });
+        return strOf(std::string_view(text)).release();
+    });
+}
+
 PyObject* threads(PyObject* self, PyObject*) {
     return guarded(
         [&] { return namesOf(withoutLock([&] { return traceOf(self).threadNames(); })); });
@@ -170,6 +193,9 @@ PyMethodDef methods[] = {
     {"summary", summary, METH_NOARGS,
      "(name, count, total, self, minimum, maximum, median, 99th percentile) of complete events, "
      "times in nanoseconds."},
+    {"stacks", stacks, METH_NOARGS,
+     "(parent, name, calls, self) of each distinct stack, behind its parent; threads have -1."},
+    {"report_data", reportData, METH_NOARGS, "What a report shows, as JSON of bounded size."},
     {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},

@@ -87,7 +87,9 @@ class StackTree {
 StackTree stackTree(EventStream& stream, const std::vector<std::string>& roots) {
     StackTree tree(roots);
     SelfTime<StackTree::Node> selfTime(roots.size());
-    const auto give = [&](StackTree::Node node, std::int64_t time) { tree.give(node, time); };
+    const auto give = [&](StackTree::Node node, std::int64_t, std::int64_t time) {
+        tree.give(node, time);
+    };
     forEachEnclosingFirst(stream, [&](const RecordedEvent& event) {
         const std::int64_t end = closingTime(stream.facts(), event);
         if (end < event.start)

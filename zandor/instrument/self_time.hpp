@@ -19,7 +19,7 @@ class SelfTime {
     explicit SelfTime(std::size_t sources) : open_(sources) {}
 
     /// The owner of the innermost event that is open when an event of `source` starts; null for
-    /// none. Calls `give(owner, nanoseconds)` for the time that passed until then.
+    /// none. Calls `give(owner, from, nanoseconds)` for the time that passed until then.
     template <typename Give>
     const Owner* advance(std::uint32_t source, std::int64_t start, Give give) {
         auto open = open_.of(source);
@@ -28,7 +28,8 @@ class SelfTime {
         if (open.empty())
             return nullptr;
         Open& innermost = open.top();
-        give(innermost.owner, saturatingSubtract(start, innermost.givenUntil));
+        give(innermost.owner, innermost.givenUntil,
+             saturatingSubtract(start, innermost.givenUntil));
         innermost.givenUntil = start;
         return &innermost.owner;
     }
@@ -57,7 +58,8 @@ class SelfTime {
         const Open closed = open.top();
         open.pop();
         if (closed.end > closed.givenUntil)
-            give(closed.owner, saturatingSubtract(closed.end, closed.givenUntil));
+            give(closed.owner, closed.givenUntil,
+                 saturatingSubtract(closed.end, closed.givenUntil));
         if (!open.empty())
             open.top().givenUntil =
                 std::max({open.top().givenUntil, closed.givenUntil, closed.end});

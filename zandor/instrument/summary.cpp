@@ -79,7 +79,9 @@ std::vector<EventSummary> summarize(EventStream& stream) {
     const std::size_t sources = stream.facts().sources.size();
     Summaries summaries;
     SelfTime<std::uint32_t> selfTime(sources);
-    const auto give = [&](std::uint32_t which, std::int64_t time) { summaries.give(which, time); };
+    const auto give = [&](std::uint32_t which, std::int64_t, std::int64_t time) {
+        summaries.give(which, time);
+    };
     forEachEnclosingFirst(stream, [&](const RecordedEvent& event) {
         if (!event.finished || event.stop < event.start)
             return;

@@ -4,8 +4,10 @@
 #include <set>
 #include <string>
 
+#include "call_tree.hpp"
 #include "collapsed_stacks.hpp"
 #include "compressed_file.hpp"
+#include "report_data.hpp"
 #include "saturating.hpp"
 #include "speedscope.hpp"
 #include "summary.hpp"
@@ -29,6 +31,15 @@ void saveWith(const fs::path& file, Write write) {
     sink.close();
     sink.commit();
 }
+
+class TextInto : public TextSink {
+  public:
+    explicit TextInto(std::string& text) : text_(text) {}
+    void write(std::string_view text) override { text_.append(text); }
+
+  private:
+    std::string& text_;
+};
 
 std::string rootFrameOf(const RecordedSource& source, bool isOneOfSeveral) {
     if (!isOneOfSeveral)
@@ -98,6 +109,30 @@ void TraceFile::saveSpeedscope(const fs::path& file) const {
 
 std::vector<EventSummary> TraceFile::summarize() const {
     return detail::summarize(stream_->events);
+}
+
+std::vector<TraceStack> TraceFile::stacks() const {
+    std::vector<TraceStack> stacks;
+    const auto& sources = stream_->events.facts().sources;
+    for (const detail::CallNode& node : detail::callTree(stream_->events)) {
+        TraceStack& stack = stacks.emplace_back();
+        stack.parent = node.parent;
+        stack.name = node.instrument
+                         ? std::string_view(node.instrument->name, node.instrument->nameLength)
+                         : sources[stacks.size() - 1].name;
+        for (const auto& [bin, cell] : node.cells.entries()) {
+            stack.calls += cell.calls;
+            stack.self += cell.self;
+        }
+    }
+    return stacks;
+}
+
+std::string TraceFile::reportData() const {
+    std::string text;
+    TextInto sink(text);
+    detail::writeReportData(stream_->events, processCount(), sink);
+    return text;
 }
 
 RecorderDrops TraceFile::drops() const noexcept {

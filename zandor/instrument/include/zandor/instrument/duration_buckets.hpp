@@ -25,13 +25,18 @@ class DurationBuckets {
         const std::uint64_t sub = value >> (power - subBits) & ((1u << subBits) - 1);
         return (std::size_t{power - subBits + 1} << subBits) + sub;
     }
-    /// The middle of a bucket.
-    static constexpr std::int64_t middle(std::size_t bucket) noexcept {
+    /// The shortest duration of a bucket.
+    static constexpr std::int64_t lowest(std::size_t bucket) noexcept {
         if (bucket >> subBits == 0)
             return static_cast<std::int64_t>(bucket);
         const std::size_t shift = (bucket >> subBits) - 1;
-        const std::size_t lowest = ((bucket & ((1u << subBits) - 1)) + (1u << subBits)) << shift;
-        return static_cast<std::int64_t>(lowest + ((std::size_t{1} << shift) >> 1));
+        return static_cast<std::int64_t>(((bucket & ((1u << subBits) - 1)) + (1u << subBits))
+                                         << shift);
+    }
+    static constexpr std::int64_t middle(std::size_t bucket) noexcept {
+        const std::size_t width =
+            bucket >> subBits == 0 ? 0 : std::size_t{1} << ((bucket >> subBits) - 1);
+        return lowest(bucket) + static_cast<std::int64_t>(width >> 1);
     }
 };
 static_assert(DurationBuckets::of(INT64_MAX) == DurationBuckets::count - 1);

@@ -61,6 +61,16 @@ ZANDOR_INSTRUMENT_API void combineTraceFiles(const std::vector<std::filesystem::
                                              const std::filesystem::path& file,
                                              const TraceProgress& progress = {});
 
+/// Calls from one stack: of an event inside those that its parents stand for.
+struct TraceStack {
+    static constexpr std::uint32_t noParent = 0xffffffff;
+
+    std::uint32_t parent = noParent;
+    std::string name;
+    std::int64_t calls = 0;
+    std::int64_t self = 0;  ///< nanoseconds
+};
+
 /// A trace file, read as it is needed. In memory are its names, a block of records of each thread
 /// that was active at once, a bit an event, and some 30 bytes for each event that began in one
 /// block and ended in another, or on another thread. For one thread at a time.
@@ -88,6 +98,11 @@ class ZANDOR_INSTRUMENT_API TraceFile {
     void saveSpeedscope(const std::filesystem::path& file) const;
 
     std::vector<EventSummary> summarize() const;
+    /// Who called whom. A stack stands behind the one that it was called from; the first are the
+    /// threads.
+    std::vector<TraceStack> stacks() const;
+    /// What `vantrace report` shows, as JSON: summed up by time, so that its size is bounded.
+    std::string reportData() const;
     RecorderDrops drops() const noexcept;
     /// Nanoseconds from the first event to the latest time of all.
     std::int64_t duration() const noexcept;
