@@ -10,6 +10,7 @@ usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace stats [--json] [FILE]
        vantrace snap [--seconds T] [-o FILE] PID ...
        vantrace stacks PID ...
+       vantrace report FILE [-o OUTPUT]
        vantrace export FILE -o OUTPUT [OPTIONS]
        vantrace combine FILE ... -o OUTPUT
        vantrace table [--sort KEY] [--top N] FILE
@@ -21,6 +22,7 @@ commands:
   stats    product statistics: what programs logged, from all processes of this user
   snap     record programs that run dormant for a while; vantrace snap --help tells more
   stacks   what the threads of programs that run dormant do now
+  report   a trace file as one HTML page that needs no network
   export   a trace file in another form; vantrace export --help tells more
   combine  several trace files as one
   table    where the time of a trace file went
@@ -110,6 +112,10 @@ def _command(arguments):
             from . import _file_table
 
             return _file_table.table(rest)
+        case ["report", *rest]:
+            from . import _report
+
+            return _report.report(rest)
     kind = "option" if arguments[0].startswith("-") else "command"
     raise UsageError(f"there is no {kind} {arguments[0]!r}; see vantrace --help")
 

@@ -1,0 +1,147 @@
+"""`vantrace report`: a trace file as one page that needs no network."""
+
+import base64
+import hashlib
+import html
+import os
+import re
+import sys
+import time
+
+from ._cli import UsageError
+from ._core import Trace, version
+from ._record import check_writable
+from ._whole_file import write_whole
+
+USAGE = """\
+usage: vantrace report FILE [-o OUTPUT]
+
+Writes a .vtrace file as one HTML page that opens in any browser, without a network: threads over
+time, flame graph, time by name, by context, counters. Without -o the page lies beside the file.
+
+  -o, --output OUTPUT   the page to write, .html
+"""
+
+# In the order in which they need each other.
+_MODULES = (
+    "format",
+    "dom",
+    "data",
+    "state",
+    "durations",
+    "timeline",
+    "flame",
+    "contexts",
+    "names",
+    "counters",
+    "main",
+)
+_FOLDER = os.path.join(os.path.dirname(__file__), "report")
+
+
+def report(arguments):
+    """Runs `vantrace report`; gives the exit status."""
+    options = _Options(arguments)
+    if options.wants_help:
+        sys.stdout.write(USAGE)
+        return 0
+    file, output = options.needed()
+    try:
+        check_writable(output)
+        data = _read(file).report_data()
+        write_whole(output, page(data, os.path.basename(file)).encode())
+    except OSError as error:
+        raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+    print(f"vantrace: the report is {output}", file=sys.stderr)
+    return 0
+
+
+def page(data, title):
+    """The page for a trace's report data."""
+    style, script = _asset("style.css"), bundle()
+    begin = int(re.search(r'"originUtc":"(-?\d+)"', data)[1])
+    parts = {
+        "TITLE": html.escape(title),
+        "SUBTITLE": f"recorded {_date(begin)}" if begin else "",
+        "FOOTER": f"vantrace {version} · the address of this page keeps what you look at",
+        "POLICY": _policy(style, script),
+        "STYLE": style,
+        "SCRIPT": script,
+        # Inside a script element no text ends it, and none begins a comment.
+        "DATA": data.replace("<", "\\u003c"),
+    }
+    return re.sub("@([A-Z]+)@", lambda match: parts[match[1]], _asset("page.html"))
+
+
+def bundle():
+    """The page's modules as one: they share a scope, so imports and exports fall away."""
+    return "".join(_without_links(_asset(f"{name}.js")) for name in _MODULES)
+
+
+def _without_links(module):
+    return re.sub(r"^import [^;]*;\n|^export (?=\w)", "", module, flags=re.MULTILINE)
+
+
+def _asset(name):
+    with open(os.path.join(_FOLDER, name), encoding="utf-8") as file:
+        return file.read()
+
+
+def _policy(style, script):
+    """Nothing may be loaded, and nothing runs but the page's own script."""
+    allowed = f"script-src {_hash(script)}; style-src {_hash(style)}"
+    return f"default-src 'none'; {allowed}; base-uri 'none'; form-action 'none'"
+
+
+def _hash(text):
+    digest = base64.b64encode(hashlib.sha256(text.encode()).digest())
+    return f"'sha256-{digest.decode()}'"
+
+
+def _date(nanoseconds):
+    return time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(nanoseconds // 10**9))
+
+
+def _read(file):
+    try:
+        trace = Trace(file)
+    except OSError as error:
+        raise UsageError(f"cannot read {file!r}: {error.strerror}") from None
+    except RuntimeError as error:
+        raise UsageError(error) from None
+    if trace.damaged_blocks:
+        print(f"vantrace: parts of {file!r} are damaged and left out", file=sys.stderr)
+    elif not trace.is_complete:
+        print(f"vantrace: the end of {file!r} is missing", file=sys.stderr)
+    return trace
+
+
+class _Options:
+    def __init__(self, arguments):
+        self._files, self._output, self.wants_help = [], None, False
+        arguments = list(arguments)
+        while arguments:
+            self._take(arguments.pop(0), arguments)
+
+    def needed(self):
+        """The file to read and the page to write."""
+        if len(self._files) != 1:
+            raise UsageError(f"report takes one file, not {len(self._files)}")
+        [file] = self._files
+        output = self._output or f"{file.removesuffix('.vtrace')}.html"
+        if not output.endswith((".html", ".htm")):
+            raise UsageError(f"a report ends in .html, not {output!r}")
+        return file, output
+
+    def _take(self, argument, others):
+        name, equals, value = argument.partition("=")
+        if argument in ("-h", "--help"):
+            self.wants_help = True
+        elif name in ("-o", "--output"):
+            if not equals and not others:
+                raise UsageError(f"{name} takes a file")
+            self._output = value if equals else others.pop(0)
+        elif argument.startswith("-"):
+            raise UsageError(f"report has no option {argument!r}; see vantrace report --help")
+        else:
+            self._files.append(argument)

@@ -1,0 +1,97 @@
+// node drive_page.mjs [--browser PATH]
+//
+// Drives a page in a headless browser, as told by lines of JSON on standard input, and answers each
+// with a line: {"value": ..} or {"error": ".."}. A line is [action, ...arguments]:
+//   open PATH OPTIONS   opens a file in a fresh page; OPTIONS: width, height, dark, hash
+//   click SELECTOR, press KEY, type TEXT, fill SELECTOR TEXT, select SELECTOR VALUE
+//   drag SELECTOR FROM TO    drags the pointer over an element, by shares of its width
+//   ask EXPRESSION      what the expression is in the page
+//   screenshot PATH [SELECTOR]
+//   seen                errors, console messages and requests that were sent beyond the page since it was opened
+
+import { createInterface } from 'node:readline';
+import { parseArgs } from 'node:util';
+import { pathToFileURL } from 'node:url';
+
+import { chromium } from 'playwright-core';
+
+const flags = [
+  '--headless',
+  '--no-sandbox',
+  '--disable-gpu',
+  '--no-proxy-server',
+  '--host-resolver-rules=MAP * ~NOTFOUND',
+];
+
+let browser;
+let page;
+let seen;
+
+const actions = {
+  async open(path, { width = 1280, height = 900, dark = false, hash = '' } = {}) {
+    await page?.context().close();
+    const context = await browser.newContext({
+      viewport: { width, height },
+      colorScheme: dark ? 'dark' : 'light',
+    });
+    page = await context.newPage();
+    listen(pathToFileURL(path).href);
+    await page.goto(pathToFileURL(path).href + hash);
+    await page.waitForSelector('html[data-ready]', { timeout: 20_000 });
+  },
+  click: (selector) => page.click(selector, { timeout: 5000 }),
+  press: (key) => page.keyboard.press(key),
+  type: (text) => page.keyboard.type(text),
+  fill: (selector, text) => page.fill(selector, text),
+  select: (selector, value) => page.selectOption(selector, value),
+  async drag(selector, from, to) {
+    await page.locator(selector).scrollIntoViewIfNeeded();
+    const box = await page.locator(selector).boundingBox();
+    const y = box.y + box.height / 2;
+    await page.mouse.move(box.x + from * box.width, y);
+    await page.mouse.down();
+    await page.mouse.move(box.x + to * box.width, y, { steps: 4 });
+    await page.mouse.up();
+  },
+  ask: (expression) => page.evaluate(expression),
+  screenshot: (path, selector) =>
+    selector ? page.locator(selector).screenshot({ path }) : page.screenshot({ path, fullPage: true }),
+  seen: () => seen,
+};
+
+function listen(own) {
+  seen = { errors: [], messages: [], requests: [] };
+  page.on('pageerror', (error) => seen.errors.push(String(error)));
+  page.on('dialog', (dialog) => {
+    seen.errors.push(`dialog: ${dialog.message()}`);
+    dialog.dismiss();
+  });
+  page.on('console', (message) => seen.messages.push(message.text()));
+  page.on('requestfinished', (request) => {
+    if (!request.url().startsWith(own)) seen.requests.push(request.url());
+  });
+  // What the page's policy refused was not sent.
+  page.on('requestfailed', (request) => {
+    if (request.failure().errorText !== 'csp') seen.requests.push(request.url());
+  });
+}
+
+async function answer(line) {
+  const [action, ...given] = JSON.parse(line);
+  try {
+    const value = await actions[action](...given);
+    return { value: action === 'ask' || action === 'seen' ? (value ?? null) : null };
+  } catch (error) {
+    return { error: error.message };
+  }
+}
+
+const { values } = parseArgs({ options: { browser: { type: 'string', default: '/usr/bin/chromium' } } });
+browser = await chromium.launch({ executablePath: values.browser, args: flags });
+try {
+  for await (const line of createInterface({ input: process.stdin })) {
+    process.stdout.write(`${JSON.stringify(await answer(line))}\n`);
+  }
+} finally {
+  await browser.close();
+}
