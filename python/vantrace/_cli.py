@@ -11,6 +11,7 @@ usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace snap [--seconds T] [-o FILE] PID ...
        vantrace stacks PID ...
        vantrace report FILE [-o OUTPUT]
+       vantrace diff [OPTIONS] A B
        vantrace export FILE -o OUTPUT [OPTIONS]
        vantrace combine FILE ... -o OUTPUT
        vantrace table [--sort KEY] [--top N] FILE
@@ -23,6 +24,7 @@ commands:
   snap     record programs that run dormant for a while; vantrace snap --help tells more
   stacks   what the threads of programs that run dormant do now
   report   a trace file as one HTML page that needs no network
+  diff     what changed from one trace file to another; vantrace diff --help tells more
   export   a trace file in another form; vantrace export --help tells more
   combine  several trace files as one
   table    where the time of a trace file went
@@ -116,6 +118,10 @@ def _command(arguments):
             from . import _report
 
             return _report.report(rest)
+        case ["diff", *rest]:
+            from . import _diff
+
+            return _diff.diff(rest)
     kind = "option" if arguments[0].startswith("-") else "command"
     raise UsageError(f"there is no {kind} {arguments[0]!r}; see vantrace --help")
 

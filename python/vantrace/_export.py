@@ -60,7 +60,7 @@ def export(arguments):
     if options.split and write is not Trace.save_json:
         raise UsageError("only .json and .json.gz are split")
     with _Interruptible(), Progress("exporting", _bytes_to_read(options)) as progress:
-        trace = _read(options.files[0], progress)
+        trace = read_trace(options.files[0], progress)
         trace.select(*options.selection())
         try:
             if options.split:
@@ -112,7 +112,7 @@ def combine(arguments):
     with _Interruptible():
         for file in options.files:
             with Progress(f"reading {file}", _size_of(file)) as progress:
-                _read(file, progress)
+                read_trace(file, progress)
         with Progress("combining", sum(map(_size_of, options.files))) as progress:
             try:
                 combine_traces(options.files, output, progress)
@@ -123,7 +123,8 @@ def combine(arguments):
     return 0
 
 
-def _read(file, progress):
+def read_trace(file, progress=None):
+    """Opens a trace file, and says what is not whole; UsageError where it cannot be read."""
     try:
         trace = Trace(file, progress)
     except OSError as error:

@@ -9,7 +9,8 @@ import sys
 import time
 
 from ._cli import UsageError
-from ._core import Trace, version
+from ._core import version
+from ._export import read_trace
 from ._record import check_writable
 from ._whole_file import write_whole
 
@@ -48,7 +49,7 @@ def report(arguments):
     file, output = options.needed()
     try:
         check_writable(output)
-        data = _read(file).report_data()
+        data = read_trace(file).report_data()
         write_whole(output, page(data, os.path.basename(file)).encode())
     except OSError as error:
         raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
@@ -100,20 +101,6 @@ def _hash(text):
 
 def _date(nanoseconds):
     return time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(nanoseconds // 10**9))
-
-
-def _read(file):
-    try:
-        trace = Trace(file)
-    except OSError as error:
-        raise UsageError(f"cannot read {file!r}: {error.strerror}") from None
-    except RuntimeError as error:
-        raise UsageError(error) from None
-    if trace.damaged_blocks:
-        print(f"vantrace: parts of {file!r} are damaged and left out", file=sys.stderr)
-    elif not trace.is_complete:
-        print(f"vantrace: the end of {file!r} is missing", file=sys.stderr)
-    return trace
 
 
 class _Options:

@@ -68,7 +68,7 @@ def lines(recording, duration, cpu_time, options, style):
     yield from _widest(rows)
     shown = rows[: options.top or None]
     if rows:
-        yield from _aligned(list(_table(recording, shown, duration)), style)
+        yield from aligned(list(_table(recording, shown, duration)), style)
     if len(rows) > len(shown):
         yield f"... and {_counted(len(rows) - len(shown), 'more name')}"
     if functions:
@@ -184,7 +184,7 @@ def printable(name):
     return "".join(c if c.isprintable() else "\N{REPLACEMENT CHARACTER}" for c in name)
 
 
-def _aligned(rows, style):
+def aligned(rows, style):
     """Names to the left, cut to what the width leaves them; numbers to the right.
 
     Where there is no room for them, places are left out, then the typical durations.
@@ -193,7 +193,7 @@ def _aligned(rows, style):
     room = style.width - sum(widths[1:]) - 2 * (len(widths) - 1)
     if room < min(widths[0], _LEAST_NAME) and len(widths) > _FEWEST_COLUMNS:
         fewer = _NUMBERS if len(widths) > _NUMBERS else _FEWEST_COLUMNS
-        yield from _aligned([row[:fewer] for row in rows], style)
+        yield from aligned([row[:fewer] for row in rows], style)
         return
     widths[0] = min(widths[0], max(room, _LEAST_NAME))
     for number, (name, *cells) in enumerate(rows):
