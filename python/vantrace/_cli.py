@@ -31,7 +31,7 @@ commands:
 
 options of run (those after SCRIPT are the script's):
   -o, --output FILE   write the trace there: .vtrace, or what vantrace export makes of one, .json,
-                      .json.gz, .folded or .speedscope.json; by default
+                      .json.gz, .folded, .prof or .speedscope.json; by default
                       vantrace-SCRIPT-TIME.vtrace in the current folder
   --events-only       no functions, only the events that the code itself produces
   --include PATTERN   only functions whose name, module.qualname, matches; may be repeated

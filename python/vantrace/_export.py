@@ -8,6 +8,7 @@ import sys
 from ._cli import UsageError
 from ._core import Trace, combine_traces
 from ._progress import Progress
+from ._pstats import save_pstats
 from ._record import check_writable
 from ._table import dropped
 
@@ -15,8 +16,8 @@ USAGE = """\
 usage: vantrace export FILE -o OUTPUT [OPTIONS]
        vantrace combine FILE ... -o OUTPUT
 
-export writes a .vtrace file as .json (trace events), .json.gz, .folded (collapsed stacks) or
-.speedscope.json. combine joins .vtrace files into one, by their clocks.
+export writes a .vtrace file as .json (trace events), .json.gz, .folded (collapsed stacks),
+.prof (for pstats) or .speedscope.json. combine joins .vtrace files into one, by their clocks.
 
 options of export:
   -o, --output OUTPUT   the file to write
@@ -30,12 +31,13 @@ options of export:
 _UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
 _SIZES = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
 # How often a file is read for an export, without what depends on its content.
-_READINGS = {".speedscope.json": 3, ".json": 3, ".json.gz": 3, ".folded": 2}
+_READINGS = {".speedscope.json": 3, ".json": 3, ".json.gz": 3, ".folded": 2, ".prof": 2}
 _WRITERS = {
     ".speedscope.json": Trace.save_speedscope,
     ".json": Trace.save_json,
     ".json.gz": Trace.save_json,
     ".folded": Trace.save_stacks,
+    ".prof": save_pstats,
 }
 
 
