@@ -46,6 +46,8 @@ options of run (those after SCRIPT are the script's):
   --sort KEY          the table's order: self (default), total, calls or name
   --top N             at most N rows (default 40; 0: all)
   --no-table          no table
+  --repeat N          run it N times, each in a new process, and tell medians and spread; the traces
+                      are FILE-1.vtrace, FILE-2.vtrace, ..., which diff takes as FILE.vtrace
   --count             say in the end how often each function and event began
   --profile           print the profiler's table in the end: exact however long the run
   --log               print a line for each start, stop and instant as they happen
@@ -130,6 +132,7 @@ def _run(arguments):
     from ._run_options import RunOptions
 
     output, table, options = None, True, RunOptions()
+    given = list(arguments)
     while arguments and arguments[0].startswith("-"):
         option = arguments.pop(0)
         if option in ("-h", "--help"):
@@ -149,6 +152,11 @@ def _run(arguments):
             raise UsageError(f"run has no option {option!r}; see vantrace --help")
     if not arguments:
         raise UsageError("run takes a script; see vantrace --help")
+    if options.repeat > 1:
+        from . import _repeat
+
+        given = given[: len(given) - len(arguments)]
+        return _repeat.run(arguments[0], arguments[1:], given, output, table, options)
     from . import _run as runner
 
     return runner.run(arguments[0], arguments[1:], output, table, options)

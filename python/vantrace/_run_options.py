@@ -29,6 +29,7 @@ class RunOptions:
         self.log = False
         self.dormant = False
         self.gc = False
+        self.repeat = 1
 
     def take(self, option, arguments):
         """Takes an option, and its value from the option itself or the arguments.
@@ -92,6 +93,11 @@ class RunOptions:
             raise UsageError(f"--top takes a number of rows, not {value!r}")
         self.top = int(value)
 
+    def _take_repeat(self, value):
+        if not re.fullmatch(r"[1-9]\d{0,2}", value, re.ASCII):
+            raise UsageError(f"--repeat takes a number of runs from 1 to 999, not {value!r}")
+        self.repeat = int(value)
+
 
 _FLAGS = {
     "--events-only": "events_only",
@@ -111,4 +117,5 @@ _VALUES = {
     "--keep": RunOptions._take_keep,
     "--sort": RunOptions._take_sort,
     "--top": RunOptions._take_top,
+    "--repeat": RunOptions._take_repeat,
 }

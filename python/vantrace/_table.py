@@ -8,7 +8,7 @@ _FEWEST_COLUMNS = 5
 _MOST_PLACE = 32
 _WIDEST = 3
 
-_SORT = {
+ORDERS = {
     "self": lambda row: (-row.self, row.name),
     "total": lambda row: (-row.total, row.name),
     "calls": lambda row: (-row.count, row.name),
@@ -55,7 +55,7 @@ def lines(recording, duration, cpu_time, options, style):
 
     `recording` is a vantrace.record, or tells the same; without a CPU time that is left out.
     """
-    rows = sorted(recording.summary(), key=_SORT[options.sort])
+    rows = sorted(recording.summary(), key=ORDERS[options.sort])
     threads = len(recording.threads())
     calls = sum(row.count for row in rows)
     yield (
