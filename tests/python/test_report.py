@@ -331,10 +331,10 @@ def test_what_had_not_ended_or_did_not_fit_is_said(browser, tmp_path):
 
 def test_the_page_does_not_grow_with_the_events(tmp_path):
     sizes = []
-    for rounds in (2_000, 40_000):
+    for rounds in (20_000, 200_000):
         with vantrace.record(tmp_path / "own.vtrace"):
             for number in range(rounds):
-                with vantrace.event(f"n{number % 50}", i=number):
+                with vantrace.event(f"n{number % 5}", i=number):
                     pass
         sizes.append(make_report(tmp_path).stat().st_size)
     assert sizes[1] < 2 * sizes[0]

@@ -80,6 +80,8 @@ async function answer(line) {
   const [action, ...given] = JSON.parse(line);
   try {
     const value = await actions[action](...given);
+    // What it changed is drawn with the next frame.
+    await page.evaluate(() => new Promise(requestAnimationFrame));
     return { value: action === 'ask' || action === 'seen' ? (value ?? null) : null };
   } catch (error) {
     return { error: error.message };

@@ -70,6 +70,20 @@ function listenToKeys(state) {
   });
 }
 
+/** However often it is asked for before the next frame: dragging asks very often. */
+function oncePerFrame(draw) {
+  let isAsked = false;
+  return () => {
+    if (!isAsked) {
+      requestAnimationFrame(() => {
+        isAsked = false;
+        draw();
+      });
+    }
+    isAsked = true;
+  };
+}
+
 /** The address is for the state, so links to sections only scroll. */
 function listenToLinks() {
   for (const link of document.querySelectorAll('[data-to]')) {
@@ -93,7 +107,7 @@ function main() {
   showHead(report, state);
   listenToKeys(state);
   listenToLinks();
-  state.onChange(drawAll);
+  state.onChange(oncePerFrame(drawAll));
   drawAll();
   let { innerWidth } = window;
   window.addEventListener('resize', () => {

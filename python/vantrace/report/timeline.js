@@ -94,15 +94,19 @@ export class Timeline {
 
   draw() {
     this.drawRange();
-    this.drawAxis();
     const { clientWidth } = this.plot;
-    const height = this.lane * this.lanes.length;
+    const colours = getComputedStyle(this.box);
     const ratio = window.devicePixelRatio || 1;
+    // A range changes nothing in the lanes.
+    const look = [clientWidth, ratio, this.state.q, colours.getPropertyValue('--fill-l')].join(' ');
+    if (look === this.painted) return;
+    this.painted = look;
+    this.drawAxis();
+    const height = this.lane * this.lanes.length;
     Object.assign(this.canvas, { width: clientWidth * ratio, height: height * ratio });
     this.canvas.style.height = `${height}px`;
     const context = this.canvas.getContext('2d');
     context.scale(ratio, ratio);
-    const colours = getComputedStyle(this.box);
     this.paint(context, clientWidth / this.state.bins, {
       lightness: colours.getPropertyValue('--fill-l'),
       chroma: colours.getPropertyValue('--fill-c'),
