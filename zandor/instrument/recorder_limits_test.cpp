@@ -15,6 +15,7 @@
 namespace instrument {
 namespace {
 
+using test_support::CountingListener;
 using test_support::Listening;
 using test_support::onThreads;
 using testing::HasSubstr;
