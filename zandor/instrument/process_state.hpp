@@ -9,6 +9,7 @@
 
 namespace instrument::detail {
 
+struct ExternalAccountTable;
 struct ListenerArray;
 struct RuleList;
 struct RunFile;
@@ -41,6 +42,9 @@ struct ProcessState {
     Lock sources;
     std::atomic<SourceInfo*> externalSources[externalBuckets]{};
     SourceInfo* retiredSources = nullptr;
+
+    Lock externalAccounts;
+    ExternalAccountTable* externalAccountTable = nullptr;
 
     Lock texts;
     RunFile* runFiles = nullptr;  ///< that are written to; under the texts' lock

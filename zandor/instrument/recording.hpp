@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "zandor/instrument/event_id.hpp"
+#include "zandor/instrument/external_accounts.hpp"
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/recorder.hpp"
 
@@ -57,6 +58,7 @@ struct Recording {
     std::vector<ContextArg>
         contextArgs;  ///< names distinct within a context, sorted; texts immortal
     RecorderDrops drops;
+    std::vector<ExternalAccount> externalAccounts;
     std::int64_t originMonotonic = 0;  ///< first event after construction or clear; 0: none yet
     std::int64_t originUtc = 0;        ///< the same instant in nanoseconds since the epoch
     std::int64_t lastTime = 0;         ///< the latest time of all

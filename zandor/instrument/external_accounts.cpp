@@ -1,0 +1,63 @@
+#include "zandor/instrument/external_accounts.hpp"
+
+#include <memory>
+#include <utility>
+
+#include "process_state.hpp"
+
+namespace instrument {
+namespace detail {
+
+struct ExternalAccountTable {
+    std::map<std::uint64_t, ExternalAccount> accounts;
+};
+
+namespace {
+
+constexpr std::size_t mostAccounts = 1024;
+
+/// With the lock held. It stays, since accounts are given while static objects are destroyed.
+ExternalAccountTable& table() {
+    ExternalAccountTable*& known = processState().externalAccountTable;
+    if (!known)
+        known = std::make_unique<ExternalAccountTable>().release();
+    return *known;
+}
+
+void add(ExternalAccount& sum, const ExternalAccount& account) {
+    sum.published += account.published;
+    sum.delivered += account.delivered;
+    for (const auto& [cause, count] : account.drops)
+        sum.drops[cause] += count;
+}
+
+void mergeOldest(std::map<std::uint64_t, ExternalAccount>& accounts) {
+    ExternalAccount& sum = accounts[0];
+    sum.name = "earlier clients";
+    const auto oldest = accounts.upper_bound(0);
+    add(sum, oldest->second);
+    accounts.erase(oldest);
+}
+
+}  // namespace
+}  // namespace detail
+
+using namespace detail;
+
+void setExternalAccount(ExternalAccount account) {
+    const Locked locked(processState().externalAccounts);
+    auto& accounts = table().accounts;
+    accounts[account.client] = std::move(account);
+    if (accounts.size() > mostAccounts)
+        mergeOldest(accounts);
+}
+
+std::vector<ExternalAccount> externalAccounts() {
+    const Locked locked(processState().externalAccounts);
+    std::vector<ExternalAccount> all;
+    for (const auto& [client, account] : table().accounts)
+        all.push_back(account);
+    return all;
+}
+
+}  // namespace instrument
