@@ -82,7 +82,7 @@ function(vantrace_programs_in folder)
     set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name}
       RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder})
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
-    target_link_libraries(${target} PRIVATE zandor::runtime zandor::instrument
+    target_link_libraries(${target} PRIVATE zandor::runtime zandor::instrument zandor::client
       $<TARGET_NAME_IF_EXISTS:zandor::performance> Threads::Threads)
     if(folder STREQUAL "bench")
       set_target_properties(${target} PROPERTIES EXCLUDE_FROM_ALL ON)

@@ -86,17 +86,21 @@ template <class Put>
     return isTaken;
 }
 
+/// An event that cannot be put: the thread has no rings, or a handler interrupted their use.
+[[gnu::cold]] void countLost(Client& client, std::uint32_t hosts, ThreadRings* thread) noexcept {
+    if (thread)
+        countNested(client, hosts, *thread);
+    else
+        countWithoutRing(client, hosts, wire::Drop::ended);
+}
+
 /// The calling thread's rings, marked as in use; null, and the event counted, where they are so
 /// already or there are none.
-ThreadRings* enter(Client& client, std::uint32_t hosts) noexcept {
+[[gnu::always_inline]] inline ThreadRings* enter(Client& client, std::uint32_t hosts) noexcept {
     ThreadRings* const thread = ThreadRings::find();
-    if (!thread) [[unlikely]] {
-        countWithoutRing(client, hosts, wire::Drop::ended);
-        return nullptr;
-    }
     // Only handlers on this thread look, so the compiler's order is enough.
-    if (thread->isBusy.load(std::memory_order_relaxed)) [[unlikely]] {
-        countNested(client, hosts, *thread);
+    if (!thread || thread->isBusy.load(std::memory_order_relaxed)) [[unlikely]] {
+        countLost(client, hosts, thread);
         return nullptr;
     }
     thread->isBusy.store(true, std::memory_order_relaxed);

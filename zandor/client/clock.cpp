@@ -10,6 +10,10 @@
 
 namespace zandor::client {
 
+std::uint64_t monotonicTicks() noexcept {
+    return static_cast<std::uint64_t>(monotonicNow());
+}
+
 #if defined(__x86_64__)
 namespace {
 

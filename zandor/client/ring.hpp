@@ -58,7 +58,7 @@ class Ring {
                        static_cast<std::uint16_t>(wire::RecordKind::stop), 0});
         return true;
     }
-    bool drop(wire::Drop cause) noexcept;
+    [[gnu::cold]] bool drop(wire::Drop cause) noexcept;
 
   private:
     struct Sizes {
@@ -86,7 +86,7 @@ class Ring {
             return reserveSlowly(bytes, left);
         return data_ + round;
     }
-    char* reserveSlowly(std::uint64_t bytes, std::uint64_t left) noexcept;
+    [[gnu::cold]] char* reserveSlowly(std::uint64_t bytes, std::uint64_t left) noexcept;
     bool hasRoom(std::uint64_t bytes) noexcept;
     void pad(std::uint64_t bytes) noexcept;
 

@@ -8,7 +8,6 @@ namespace zandor::client {
 
 namespace {
 
-constinit thread_local ThreadRings* mine = nullptr;
 constinit thread_local bool hasEnded = false;
 constinit thread_local char givenName[wire::nameBytes] = {};
 constinit std::atomic<std::uint32_t> threads{0};
@@ -39,36 +38,34 @@ void endThread(void* memory) noexcept {
         return;
     }
     hasEnded = true;
-    mine = nullptr;
+    ownRings = nullptr;
     closeAll(*all);
     Mapping mapping{memory, sizeof(ThreadRings)};
     unmap(mapping);
 }
 
-ThreadRings* make() noexcept {
+}  // namespace
+
+constinit thread_local ThreadRings* ownRings = nullptr;
+
+ThreadRings* ThreadRings::make() noexcept {
     if (hasEnded)
         return nullptr;
     const Mapping mapping = mapPrivate(sizeof(ThreadRings));
     if (!mapping)
         return nullptr;
-    mine = mapping.as<ThreadRings>();
-    pthread_setspecific(atThreadEnd, mine);
-    return mine;
-}
-
-}  // namespace
-
-ThreadRings* ThreadRings::find() noexcept {
-    return mine ? mine : make();
+    ownRings = mapping.as<ThreadRings>();
+    pthread_setspecific(atThreadEnd, ownRings);
+    return ownRings;
 }
 
 void ThreadRings::forget() noexcept {
-    if (!mine)
+    if (!ownRings)
         return;
     pthread_setspecific(atThreadEnd, nullptr);
-    Mapping mapping{mine, sizeof(ThreadRings)};
+    Mapping mapping{ownRings, sizeof(ThreadRings)};
     unmap(mapping);
-    mine = nullptr;
+    ownRings = nullptr;
 }
 
 Ring* ThreadRings::makeRing(Ring& ring, Session& session, std::uint64_t epoch) noexcept {

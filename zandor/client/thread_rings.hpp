@@ -37,8 +37,17 @@ struct ThreadRings {
     static void forget() noexcept;
 
   private:
-    Ring* makeRing(Ring& ring, Session& session, std::uint64_t epoch) noexcept;
+    static ThreadRings* make() noexcept;
+    [[gnu::cold]] Ring* makeRing(Ring& ring, Session& session, std::uint64_t epoch) noexcept;
 };
+
+/// The calling thread's rings, where it has some.
+extern constinit thread_local ThreadRings* ownRings;
+
+inline ThreadRings* ThreadRings::find() noexcept {
+    ThreadRings* const own = ownRings;
+    return own ? own : make();
+}
 
 void nameThisThread(const char* name) noexcept;
 
