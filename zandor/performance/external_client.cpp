@@ -83,6 +83,11 @@ ExternalClient::ExternalClient(FileDescriptor socket, FileDescriptor counters,
     checkSealed(counters_.get(), sizeof(wire::Counters));
 }
 
+ExternalClient::~ExternalClient() {
+    // Closing alone would not end it while another thread polls it.
+    shutdown(socket_.get(), SHUT_RDWR);
+}
+
 void ExternalClient::welcome() noexcept {
     const wire::Welcome welcome{
         wire::magic,       wire::version,    static_cast<std::uint32_t>(wire::Outcome::welcome),
@@ -162,8 +167,8 @@ void ExternalClient::collectFrom(Ring& ring, ExternalRing::Buffer& buffer) {
         const std::uint64_t before = ring.ring.head();
         ring.times.takeNow();
         while (ring.ring.next(buffer, event)) {
-            ++ring.taken;
             delivery_.deliver(ring.ring, ring.times, event);
+            ++ring.taken;
         }
         control_.setHead(ring.slot, ring.ring.head());
         ZANDOR_TEST_POINT("host.ring.head");

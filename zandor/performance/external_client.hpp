@@ -60,6 +60,9 @@ class ExternalClient {
     /// Throws BrokenRules, std::system_error.
     ExternalClient(FileDescriptor socket, FileDescriptor counters, const wire::Hello& untrusted,
                    pid_t processId, std::uint64_t session, const ExternalTerms& terms);
+    ~ExternalClient();
+    ExternalClient(const ExternalClient&) = delete;
+    ExternalClient& operator=(const ExternalClient&) = delete;
 
     int socket() const noexcept { return socket_.get(); }
     const std::string& name() const noexcept { return delivery_.name(); }

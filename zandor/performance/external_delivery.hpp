@@ -23,7 +23,7 @@ struct DeliveryAccount {
 };
 
 /// Ticks of a client's clock as this process's times.
-class ExternalTimes {
+class ZANDOR_PERFORMANCE_API ExternalTimes {
   public:
     /// Throws BrokenRules for a clock that this machine does not have.
     explicit ExternalTimes(wire::Clock clock);
@@ -74,7 +74,7 @@ class ExternalThread {
     std::size_t openCount_ = 0;            ///< those that are not over
 };
 
-class ExternalDelivery {
+class ZANDOR_PERFORMANCE_API ExternalDelivery {
   public:
     ExternalDelivery(std::string name, std::uint64_t processId)
         : name_(std::move(name)), processId_(processId) {}

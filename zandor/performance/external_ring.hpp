@@ -15,6 +15,7 @@
 
 #include "zandor/client/wire.hpp"
 #include "zandor/instrument/control_element.hpp"
+#include "zandor/performance/export.hpp"
 #include "zandor/performance/file_descriptor.hpp"
 
 namespace instrument::detail {
@@ -22,7 +23,7 @@ namespace instrument::detail {
 namespace wire = zandor::client::wire;
 
 /// A client did what the rules do not allow; says what.
-class BrokenRules : public std::runtime_error {
+class ZANDOR_PERFORMANCE_API BrokenRules : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
@@ -60,7 +61,7 @@ struct RingTerms {
     std::uint32_t dataBytes = 0;
 };
 
-class ExternalRing {
+class ZANDOR_PERFORMANCE_API ExternalRing {
   public:
     using Buffer = std::vector<char>;
 
