@@ -27,6 +27,7 @@ class RunOptions:
         self.count = False
         self.profile = False
         self.log = False
+        self.clients = False
         self.dormant = False
 
     def take(self, option, arguments):
@@ -99,6 +100,7 @@ _FLAGS = {
     "--count": "count",
     "--profile": "profile",
     "--log": "log",
+    "--clients": "clients",
     "--dormant": "dormant",
 }
 _VALUES = {

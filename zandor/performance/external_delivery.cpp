@@ -96,6 +96,11 @@ void ExternalThread::close(OpenExternalEvent& event) noexcept {
         open_.pop_back();
 }
 
+ExternalDelivery::ExternalDelivery(std::string name, std::uint64_t processId)
+    : name_(std::move(name)), processId_(processId) {}
+
+ExternalDelivery::~ExternalDelivery() = default;
+
 void ExternalDelivery::begin(const ExternalRing& ring) {
     const auto [place, isNew] =
         threads_.try_emplace(ring.thread(), std::string_view(name_), processId_, ring);

@@ -76,8 +76,10 @@ class ExternalThread {
 
 class ZANDOR_PERFORMANCE_API ExternalDelivery {
   public:
-    ExternalDelivery(std::string name, std::uint64_t processId)
-        : name_(std::move(name)), processId_(processId) {}
+    ExternalDelivery(std::string name, std::uint64_t processId);
+    ~ExternalDelivery();
+    ExternalDelivery(const ExternalDelivery&) = delete;
+    ExternalDelivery& operator=(const ExternalDelivery&) = delete;
 
     /// Throws BrokenRules where a ring of that thread is there already.
     void begin(const ExternalRing& ring);
