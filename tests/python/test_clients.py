@@ -204,6 +204,8 @@ def test_run_collects_from_clients(tmp_path):
     assert len(steps) == 100
     processes = {e["args"]["name"] for e in trace["traceEvents"] if e["name"] == "process_name"}
     assert "worker" in processes
+    account = {key: trace["metadata"][f"client_1_{key}"] for key in ("name", "published", "delivered")}
+    assert account == {"name": "worker", "published": "200", "delivered": "200"}
 
 
 def test_clients_are_listed(tmp_path):

@@ -3,7 +3,9 @@
 #include <memory>
 #include <utility>
 
+#include "account_text.hpp"
 #include "process_state.hpp"
+#include "run_file.hpp"
 
 namespace instrument {
 namespace detail {
@@ -50,6 +52,11 @@ void setExternalAccount(ExternalAccount account) {
     accounts[account.client] = std::move(account);
     if (accounts.size() > mostAccounts)
         mergeOldest(accounts);
+}
+
+void endExternalAccount(const ExternalAccount& account) {
+    setExternalAccount(account);
+    journalAccount(account.client, textOf(account));
 }
 
 std::vector<ExternalAccount> externalAccounts() {

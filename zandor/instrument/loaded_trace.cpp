@@ -85,6 +85,11 @@ void LoadedTrace::match(const Processes& loaded) {
         recording.drops.failed += facts.failed;
         recording.drops.minimumDuration =
             std::max(recording.drops.minimumDuration, facts.minimumDuration);
+        for (const ExternalAccount& account : process->externalAccounts()) {
+            recording.externalAccounts.push_back(account);
+            // Several processes may have counted theirs from 1.
+            recording.externalAccounts.back().client = recording.externalAccounts.size();
+        }
         const std::int64_t begin = process->begin();
         if (begin != 0 && (recording.originMonotonic == 0 || begin < recording.originMonotonic))
             recording.originMonotonic = begin;

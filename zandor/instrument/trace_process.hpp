@@ -15,6 +15,7 @@
 #include "trace_clock.hpp"
 #include "trace_format.hpp"
 #include "trace_names.hpp"
+#include "zandor/instrument/external_accounts.hpp"
 
 namespace instrument::detail {
 
@@ -40,6 +41,9 @@ class LoadedProcess {
     const EventIdSet& foreignStops() const noexcept { return foreignStops_; }
     bool isLost(EventId id) const noexcept { return lost_.has(id); }
     const TraceProcess& facts() const noexcept { return facts_; }
+    const std::vector<ExternalAccount>& externalAccounts() const noexcept {
+        return externalAccounts_;
+    }
     /// Of its first event; 0: none.
     std::int64_t begin();
 
@@ -65,6 +69,7 @@ class LoadedProcess {
     std::unordered_map<std::uint64_t, SourceEntry> sourceEntries_;
     std::unordered_map<std::uint64_t, SourceInfo*> sources_;
     std::deque<SourceInfo> sourceMemory_;
+    std::vector<ExternalAccount> externalAccounts_;
     TraceClock clock_;
     bool clockIsPrepared_ = false;
     std::deque<std::vector<Word>> words_;

@@ -60,6 +60,12 @@ std::uint64_t newSession() noexcept {
     return ++latest;
 }
 
+ExternalAccount accountOf(const ExternalClient& client) {
+    ClientAccount account = client.account();
+    return {client.session(),  client.name(),     client.processId(),
+            account.published, account.delivered, std::move(account.drops)};
+}
+
 std::string describe(const ExternalClient& client) {
     return "client " + client.name() + " (process " + std::to_string(client.processId()) + ")";
 }
@@ -92,6 +98,8 @@ std::exception_ptr ExternalHost::finish() noexcept {
     std::exception_ptr failure = collectLocked();
     // Once more: a stop may wait for a start that only the second round finds.
     const std::exception_ptr later = collectLocked();
+    for (const ExternalClient& client : clients_)
+        endExternalAccount(accountOf(client));
     clients_.clear();
     newcomers_.clear();
     return failure ? failure : later;
@@ -271,7 +279,8 @@ std::exception_ptr ExternalHost::collectLocked() {
         }
         std::exception_ptr latest = client.takeFailure();
         failure = failure ? failure : latest;
-        report(client);
+        if (!client.isGone())
+            setExternalAccount(accountOf(client));
     }
     letGoOfGone();
     ZANDOR_TEST_POINT("host.collected");
@@ -281,17 +290,14 @@ std::exception_ptr ExternalHost::collectLocked() {
 void ExternalHost::giveUp(ExternalClient& client, const std::exception& error) {
     say("external events: " + describe(client) + " is not heard any more: " + error.what());
     client.giveUp();
-    report(client);
 }
 
 void ExternalHost::letGoOfGone() {
-    clients_.remove_if([](const ExternalClient& client) { return client.isGone(); });
-}
-
-void ExternalHost::report(const ExternalClient& client) {
-    ClientAccount account = client.account();
-    setExternalAccount({client.session(), client.name(), client.processId(), account.published,
-                        account.delivered, std::move(account.drops)});
+    clients_.remove_if([](const ExternalClient& client) {
+        if (client.isGone())
+            endExternalAccount(accountOf(client));
+        return client.isGone();
+    });
 }
 
 void ExternalHost::say(std::string line) {

@@ -61,7 +61,6 @@ class ExternalHost {
     void receiveFrom(ExternalClient& client);
     void giveUp(ExternalClient& client, const std::exception& error);
     void letGoOfGone();
-    void report(const ExternalClient& client);
     void say(std::string line);
 
     const std::chrono::milliseconds collectPeriod_;

@@ -24,6 +24,8 @@ struct ExternalAccount {
 /// Puts the account in the place of an earlier one of the same client. Of many clients the oldest
 /// accounts become one, whose client number is 0.
 ZANDOR_INSTRUMENT_API void setExternalAccount(ExternalAccount account);
+/// The same for a client that is gone: recordings that lie in files are told of it.
+ZANDOR_INSTRUMENT_API void endExternalAccount(const ExternalAccount& account);
 /// All of this process's, by client.
 ZANDOR_INSTRUMENT_API std::vector<ExternalAccount> externalAccounts();
 
