@@ -166,10 +166,8 @@ void continueInChild() noexcept {
     }
 }
 
-void followForks() noexcept {
-    static const int once = pthread_atfork(nullptr, nullptr, continueInChild);
-    static_cast<void>(once);
-}
+// When the library is loaded: once.
+[[maybe_unused]] const int followsForks = pthread_atfork(nullptr, nullptr, continueInChild);
 
 bool begin(Client& client, const char* name) noexcept {
     memset(client.name, 0, sizeof client.name);
@@ -198,10 +196,7 @@ zandor_client* open(const char* name) noexcept {
 
 class Opening {
   public:
-    Opening() noexcept {
-        followForks();
-        pthread_mutex_lock(&opening);
-    }
+    Opening() noexcept { pthread_mutex_lock(&opening); }
     ~Opening() { pthread_mutex_unlock(&opening); }
     Opening(const Opening&) = delete;
     Opening& operator=(const Opening&) = delete;
