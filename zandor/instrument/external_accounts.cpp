@@ -10,19 +10,19 @@
 namespace instrument {
 namespace detail {
 
-struct ExternalAccountTable {
-    std::map<std::uint64_t, ExternalAccount> accounts;
-};
-
 namespace {
+
+using Accounts = std::map<std::uint64_t, ExternalAccount>;
 
 constexpr std::size_t mostAccounts = 1024;
 
-/// With the lock held. It stays, since accounts are given while static objects are destroyed.
-ExternalAccountTable& table() {
-    ExternalAccountTable*& known = processState().externalAccountTable;
-    if (!known)
-        known = std::make_unique<ExternalAccountTable>().release();
+constinit Accounts* known = nullptr;
+
+/// With the lock held. They stay, since accounts are given while static objects are destroyed; a
+/// child leaves its parent's as they are, which may be half changed.
+Accounts& accountsOfProcess() {
+    if (!std::exchange(processState().hasExternalAccounts, true))
+        known = std::make_unique<Accounts>().release();
     return *known;
 }
 
@@ -33,7 +33,7 @@ void add(ExternalAccount& sum, const ExternalAccount& account) {
         sum.drops[cause] += count;
 }
 
-void mergeOldest(std::map<std::uint64_t, ExternalAccount>& accounts) {
+void mergeOldest(Accounts& accounts) {
     ExternalAccount& sum = accounts[0];
     sum.name = "earlier clients";
     const auto oldest = accounts.upper_bound(0);
@@ -48,7 +48,7 @@ using namespace detail;
 
 void setExternalAccount(ExternalAccount account) {
     const Locked locked(processState().externalAccounts);
-    auto& accounts = table().accounts;
+    Accounts& accounts = accountsOfProcess();
     accounts[account.client] = std::move(account);
     if (accounts.size() > mostAccounts)
         mergeOldest(accounts);
@@ -62,7 +62,7 @@ void endExternalAccount(const ExternalAccount& account) {
 std::vector<ExternalAccount> externalAccounts() {
     const Locked locked(processState().externalAccounts);
     std::vector<ExternalAccount> all;
-    for (const auto& [client, account] : table().accounts)
+    for (const auto& [client, account] : accountsOfProcess())
         all.push_back(account);
     return all;
 }

@@ -9,7 +9,6 @@
 
 namespace instrument::detail {
 
-struct ExternalAccountTable;
 struct ListenerArray;
 struct RuleList;
 struct RunFile;
@@ -44,7 +43,7 @@ struct ProcessState {
     SourceInfo* retiredSources = nullptr;
 
     Lock externalAccounts;
-    ExternalAccountTable* externalAccountTable = nullptr;
+    bool hasExternalAccounts = false;
 
     Lock texts;
     RunFile* runFiles = nullptr;  ///< that are written to; under the texts' lock
