@@ -85,7 +85,8 @@ function(vantrace_programs_in folder)
       return()
     endif()
   endif()
-  file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp)
+  file(GLOB sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${folder}/*.cpp
+    ${PROJECT_SOURCE_DIR}/${folder}/*.c)
   foreach(source IN LISTS sources)
     get_filename_component(name ${source} NAME_WE)
     set(target ${folder}_${name})
@@ -93,7 +94,7 @@ function(vantrace_programs_in folder)
     set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name}
       RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/${folder})
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
-    target_link_libraries(${target} PRIVATE zandor::runtime zandor::instrument
+    target_link_libraries(${target} PRIVATE zandor::runtime zandor::instrument zandor::client
       $<TARGET_NAME_IF_EXISTS:zandor::performance> Threads::Threads)
     if(folder STREQUAL "bench")
       set_target_properties(${target} PROPERTIES EXCLUDE_FROM_ALL ON)

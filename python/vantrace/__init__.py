@@ -18,6 +18,7 @@
 
 `python -m vantrace run script.py` records a whole script with all of its functions. `vantrace.host`
 loads and unloads plug-ins. `vantrace.tasks` takes work to be done in small steps.
+`vantrace.client` sends events to another process that records.
 """
 
 try:
@@ -33,6 +34,7 @@ __all__ = [
     "NotLoadedError",
     "PluginError",
     "StructArray",
+    "client",
     "counter",
     "event",
     "host",
@@ -65,7 +67,7 @@ def __getattr__(name):
     if name == "performance":
         # Not kept: there is another one after unloading and loading.
         return import_module(".host", __name__).root("performance")
-    if name in ("host", "tasks"):
+    if name in ("client", "host", "tasks"):
         return import_module(f".{name}", __name__)
     if name not in _LATER:
         raise AttributeError(f"module {__name__!r} has no attribute {name!r}")
@@ -75,3 +77,15 @@ def __getattr__(name):
 
 def __dir__():
     return sorted(set(globals()) | set(__all__))
+
+
+def _join_as_environment_says():
+    from os import environ
+
+    if name := environ.get("VANTRACE_CLIENT"):
+        from .client import join
+
+        join(name)
+
+
+_join_as_environment_says()

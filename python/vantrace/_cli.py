@@ -8,6 +8,7 @@ USAGE = """\
 usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace tree [--json] [--all]
        vantrace stats [--json] [FILE]
+       vantrace clients [--json]
        vantrace snap [--seconds T] [-o FILE] PID ...
        vantrace stacks PID ...
        vantrace report FILE [-o OUTPUT]
@@ -21,6 +22,7 @@ commands:
            a trace
   tree     the published namespaces and methods
   stats    product statistics: what programs logged, from all processes of this user
+  clients  which processes send their events to which recording now, how many, and what was dropped
   snap     record programs that run dormant for a while; vantrace snap --help tells more
   stacks   what the threads of programs that run dormant do now
   report   a trace file as one HTML page that needs no network
@@ -51,11 +53,15 @@ options of run (those after SCRIPT are the script's):
   --count             say in the end how often each function and event began
   --profile           print the profiler's table in the end: exact however long the run
   --log               print a line for each start, stop and instant as they happen
+  --clients           collect the events of other processes, too, those that are clients
   --dormant           record nothing until vantrace snap asks for it; no table, and no other option
 
 options of tree:
   --json              as JSON
   --all               hidden methods too
+
+options of clients:
+  --json              as JSON
 
 options of stats:
   --json              as JSON
@@ -104,6 +110,8 @@ def _command(arguments):
             return _tree(rest)
         case ["stats", *rest]:
             return _stats(rest)
+        case ["clients", *rest]:
+            return _clients(rest)
         case ["export" | "combine" as name, *rest]:
             from . import _export
 
@@ -174,6 +182,18 @@ def _tree(arguments):
     text = _describe.as_json if "--json" in arguments else _describe.as_text
     sys.stdout.write(text(with_hidden="--all" in arguments))
     return 0
+
+
+def _clients(arguments):
+    if any(argument in ("-h", "--help") for argument in arguments):
+        sys.stdout.write(USAGE)
+        return 0
+    for argument in arguments:
+        if argument != "--json":
+            raise UsageError(f"clients has no option {argument!r}; see vantrace --help")
+    from . import _list_clients
+
+    return _list_clients.show(as_json="--json" in arguments)
 
 
 def _stats(arguments):

@@ -11,6 +11,7 @@ from types import ModuleType
 
 from . import _children, _frames
 from ._cli import UsageError
+from ._collect import Clients
 from ._core import Trace, finish_run_folder
 from ._export import trace_writer
 from ._listeners import Listeners
@@ -152,6 +153,7 @@ class _Report:
         self._recording = record(folder=folder, **options.recording())
         self._listeners = Listeners(options)
         self._collections = None
+        self._clients = Clients(options.clients)
 
     def begin(self):
         # Registered before any of the script's own, it runs after them.
@@ -162,6 +164,7 @@ class _Report:
 
             self._collections = trace_gc()
         self._listeners.start()
+        self._clients.start()
         self._begin = time.perf_counter_ns()
         self._begin_cpu = time.process_time_ns()
 
@@ -170,6 +173,7 @@ class _Report:
             return  # a fork of the script that came to its own end
         duration = time.perf_counter_ns() - self._begin
         cpu_time = time.process_time_ns() - self._begin_cpu
+        self._clients.stop()
         self._listeners.stop()
         if self._collections:
             self._collections.stop()
@@ -182,6 +186,7 @@ class _Report:
         try:
             _say(self._stderr, *self._result_lines(duration, cpu_time))
             _say(self._stderr, *self._listeners.lines())
+            _say(self._stderr, *self._clients.lines())
         finally:
             sys.stdout = stdout
 

@@ -27,6 +27,7 @@ class RunOptions:
         self.count = False
         self.profile = False
         self.log = False
+        self.clients = False
         self.dormant = False
         self.gc = False
         self.repeat = 1
@@ -106,6 +107,7 @@ _FLAGS = {
     "--count": "count",
     "--profile": "profile",
     "--log": "log",
+    "--clients": "clients",
     "--dormant": "dormant",
     "--gc": "gc",
 }

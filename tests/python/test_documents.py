@@ -37,8 +37,9 @@ def whole_programs():
 @pytest.mark.parametrize("code", whole_programs())
 def test_whole_cpp_programs_compile_and_run(code, tmp_path):
     (tmp_path / "program.cpp").write_text(code)
-    includes = [f"-I{ROOT}/zandor/{name}/include" for name in ("runtime", "instrument")]
-    linked = [f"-L{BUILD}/lib", "-lzandor_instrument", "-lzandor_runtime"]
+    libraries = ("performance", "instrument", "runtime", "client")
+    includes = [f"-I{ROOT}/zandor/{name}/include" for name in libraries]
+    linked = [f"-L{BUILD}/lib", "-Wl,--as-needed", *(f"-lzandor_{name}" for name in libraries)]
     if "address" in BUILD.name:
         linked.append("-fsanitize=address,undefined")
     command = ["g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", *includes, "program.cpp"]

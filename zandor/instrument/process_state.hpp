@@ -42,6 +42,9 @@ struct ProcessState {
     std::atomic<SourceInfo*> externalSources[externalBuckets]{};
     SourceInfo* retiredSources = nullptr;
 
+    Lock externalAccounts;
+    bool hasExternalAccounts = false;
+
     Lock texts;
     RunFile* runFiles = nullptr;  ///< that are written to; under the texts' lock
     Lock clock;

@@ -26,6 +26,7 @@ Recording takeRecording(const InstrumentRecorder& recorder) {
     const SnapshotFacts facts = readEvents(recorder.core(), sink);
     Recording recording = sink.take();
     recording.drops = facts.drops;
+    recording.externalAccounts = externalAccounts();
     recording.originMonotonic = beginOf(facts.origin);
     if (recording.originMonotonic != 0)
         recording.originUtc = recording.originMonotonic + facts.origin.utcOffset;

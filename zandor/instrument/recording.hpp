@@ -9,6 +9,7 @@
 
 #include "context_arena.hpp"
 #include "zandor/instrument/event_id.hpp"
+#include "zandor/instrument/external_accounts.hpp"
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/recorder.hpp"
 
@@ -49,6 +50,7 @@ struct RecordedPoint {
 struct RecordingFacts {
     std::vector<RecordedSource> sources;  ///< by id
     RecorderDrops drops;
+    std::vector<ExternalAccount> externalAccounts;
     std::int64_t originMonotonic = 0;  ///< first event after construction or clear; 0: none yet
     std::int64_t originUtc = 0;        ///< the same instant in nanoseconds since the epoch
     std::int64_t lastTime = 0;         ///< the latest time of all

@@ -138,7 +138,7 @@ Mapping* Entry::partWithRoom(RunFile& file, std::size_t size) noexcept {
     return made;
 }
 
-void putText(RunFile& file, JournalEntry kind, std::uint32_t number,
+void putText(RunFile& file, JournalEntry kind, std::uint64_t number,
              std::string_view text) noexcept {
     Entry entry(file, kind, sizeof(std::uint64_t) + text.size());
     entry.put(number);
@@ -264,6 +264,12 @@ void removeRunFile(RunFile& file) noexcept {
 void journalText(const InternedText& text) noexcept {
     for (RunFile* file = processState().runFiles; file; file = file->next)
         putText(*file, JournalEntry::text, text.id, text.view());
+}
+
+void journalAccount(std::uint64_t client, std::string_view text) noexcept {
+    const Locked texts(processState().texts);
+    for (RunFile* file = processState().runFiles; file; file = file->next)
+        putText(*file, JournalEntry::account, client, text);
 }
 
 void journalInstrument(const Opaque& instrument) noexcept {

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "zandor/instrument/control_element.hpp"
 
@@ -80,6 +81,7 @@ enum class JournalEntry : std::uint8_t {
     instrument = 2,  ///< number, characters
     source = 3,      ///< SourceEntry; a later one of the same id replaces an earlier one
     clock = 4,       ///< ticks, nanoseconds of the monotonic clock
+    account = 5,     ///< number of an external client, text as in account_text.hpp
 };
 /// An entry's first word: its kind in 8 bits, above them the bytes that follow. Entries begin at
 /// multiples of eight bytes.
@@ -117,6 +119,8 @@ void removeRunFile(RunFile& file) noexcept;
 /// Tells every open journal; with the texts' lock held.
 void journalText(const InternedText& text) noexcept;
 void journalInstrument(const Opaque& instrument) noexcept;
+/// Tells every open journal of an external client's account.
+void journalAccount(std::uint64_t client, std::string_view text) noexcept;
 /// Tells of a source that the file's records are about to name.
 void journalSource(RunFile& file, SourceInfo& source) noexcept;
 /// Tells every open journal that a source which some journal has is called something else.

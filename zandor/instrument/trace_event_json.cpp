@@ -1,5 +1,7 @@
 #include "zandor/instrument/trace_event_json.hpp"
 
+#include <string>
+
 #include "zandor/instrument/clock.hpp"
 #include "zandor/instrument/counter_point.hpp"
 #include "zandor/instrument/json_args.hpp"
@@ -66,6 +68,8 @@ class Writer {
         appendMetadata("left_out_negative_duration", layout_.leftOutNegative());
         appendMetadata("left_out_shorter_than_asked",
                        layout_.leftOutShort() + stream_.leftOutShort());
+        for (const ExternalAccount& account : stream_.facts().externalAccounts)
+            appendAccount(account);
         out_.append("\"clock\":\"");
         out_.append(clock::name());
         out_.append(timeSystem_ == TimeSystem::utc ? "\",\"time_system\":\"utc\","
@@ -80,6 +84,20 @@ class Writer {
         out_.append("\":\"");
         out_.appendNumber(number);
         out_.append("\",");
+    }
+
+    void appendAccount(const ExternalAccount& account) {
+        const std::string prefix = "client_" + std::to_string(account.client) + "_";
+        out_.append('"');
+        out_.append(prefix);
+        out_.append("name\":\"");
+        appendJsonName(out_, account.name);
+        out_.append("\",");
+        appendMetadata(prefix + "process", account.processId);
+        appendMetadata(prefix + "published", account.published);
+        appendMetadata(prefix + "delivered", account.delivered);
+        for (const auto& [cause, count] : account.drops)
+            appendMetadata(prefix + "dropped_" + cause, count);
     }
 
     void appendPlaced(const PlacedEvent& placed) {

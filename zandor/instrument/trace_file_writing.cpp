@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <stdexcept>
 
+#include "account_text.hpp"
 #include "clock_source.hpp"
 #include "control_registry.hpp"
 #include "recorder_core.hpp"
@@ -14,6 +15,7 @@
 #include "trace_reader.hpp"
 #include "trace_writer.hpp"
 #include "zandor/instrument/clock.hpp"
+#include "zandor/instrument/external_accounts.hpp"
 #include "zandor/instrument/trace_file.hpp"
 
 namespace instrument {
@@ -100,6 +102,8 @@ void writeNames(TraceWriter& writer, std::uint64_t& nextText) {
         entries.add(JournalEntry::instrument, i, {instrument->name, instrument->nameLength});
         entries.writeTo(writer);
     }
+    for (const ExternalAccount& account : externalAccounts())
+        entries.add(JournalEntry::account, account.client, textOf(account));
     // With a knot behind every event of the snapshot, so that the file has them all.
     clock::toNanoseconds(clock::ticks());
     const TickConverter& clock = tickConverter();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "account_text.hpp"
 #include "untrusted_records.hpp"
 
 namespace instrument::detail {
@@ -61,6 +62,10 @@ void LoadedProcess::addEntry(JournalEntry kind, std::span<const std::byte> paylo
             return;
         case JournalEntry::clock:
             return clock_.add(first, valueAt<std::int64_t>(rest));
+        case JournalEntry::account:
+            if (auto account = accountFrom(first, textOf(rest)))
+                externalAccounts_.push_back(std::move(*account));
+            return;
     }
 }
 

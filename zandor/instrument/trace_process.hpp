@@ -15,6 +15,7 @@
 #include "trace_clock.hpp"
 #include "trace_format.hpp"
 #include "trace_names.hpp"
+#include "zandor/instrument/external_accounts.hpp"
 
 namespace instrument::detail {
 
@@ -59,6 +60,9 @@ class LoadedProcess {
     const EventIdSet& foreignStops() const noexcept { return foreignStops_; }
     bool isLost(EventId id) const noexcept { return lost_.has(id); }
     const TraceProcess& facts() const noexcept { return facts_; }
+    const std::vector<ExternalAccount>& externalAccounts() const noexcept {
+        return externalAccounts_;
+    }
     /// Of its first event; 0: none.
     std::int64_t begin() noexcept;
 
@@ -86,6 +90,7 @@ class LoadedProcess {
     std::unordered_map<std::uint64_t, SourceEntry> sourceEntries_;
     std::unordered_map<std::uint64_t, SourceInfo*> sources_;
     std::deque<SourceInfo> sourceMemory_;
+    std::vector<ExternalAccount> externalAccounts_;
     TraceClock clock_;
     EventIdSet notedStops_;
     EventIdSet foreignStops_;

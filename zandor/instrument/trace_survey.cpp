@@ -172,6 +172,11 @@ void TraceSurvey::addFacts() {
         facts_.drops.failed += facts.failed;
         facts_.drops.minimumDuration =
             std::max(facts_.drops.minimumDuration, facts.minimumDuration);
+        for (const ExternalAccount& account : process->externalAccounts()) {
+            facts_.externalAccounts.push_back(account);
+            // Several processes may have counted theirs from 1.
+            facts_.externalAccounts.back().client = facts_.externalAccounts.size();
+        }
         const std::int64_t begin = process->begin();
         if (begin != 0 && (facts_.originMonotonic == 0 || begin < facts_.originMonotonic))
             facts_.originMonotonic = begin;
