@@ -26,7 +26,9 @@ def lines_of_trace(path, options, style):
     Of `options` it needs `sort` and `top`.
     """
     trace = Trace(path)
-    return list(lines(_Traced(trace), trace.duration, None, options, style))
+    found = list(lines(_Traced(trace), trace.duration, None, options, style))
+    processes = f"{trace.processes} process{'' if trace.processes == 1 else 'es'}"
+    return [f"vantrace: what is in the trace, of {processes}:", *found]
 
 
 class _Traced:
