@@ -259,7 +259,11 @@ class Output:
         except OSError as error:
             _say(sys.stderr, f"vantrace: cannot write {error.filename!r}: {error.strerror}")
             if os.path.isdir(self.run_folder):
-                _say(sys.stderr, f"vantrace: what was recorded is in {self.run_folder}")
+                _say(
+                    sys.stderr,
+                    f"vantrace: what was recorded is in {self.run_folder}; "
+                    "vantrace export FOLDER -o FILE.vtrace makes the trace of it",
+                )
             return False
         _say(sys.stderr, f"vantrace: the trace is {path}")
         return True
