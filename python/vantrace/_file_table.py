@@ -26,9 +26,7 @@ def lines_of_trace(path, options, style):
     Of `options` it needs `sort` and `top`.
     """
     trace = Trace(path)
-    found = list(lines(_Traced(trace), trace.duration, None, options, style))
-    processes = f"{trace.processes} process{'' if trace.processes == 1 else 'es'}"
-    return [f"vantrace: what is in the trace, of {processes}:", *found]
+    return list(lines(_Traced(trace), trace.duration, None, options, style))
 
 
 class _Traced:

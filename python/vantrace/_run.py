@@ -274,6 +274,9 @@ class Output:
         from ._file_table import lines_of_trace
         from ._table import style_of
 
+        count = Trace(whole).processes
+        processes = f"{count} process{'' if count == 1 else 'es'}"
+        _say(sys.stderr, f"vantrace: what is in the trace, of {processes}:")
         _say(sys.stderr, *lines_of_trace(whole, self._options, style_of(sys.stderr)))
 
     def _write(self, path):
