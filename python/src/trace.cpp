@@ -170,7 +170,7 @@ PyMethodDef methods[] = {
     {"summary", summary, METH_NOARGS,
      "(name, count, total, self, minimum, maximum, median, 99th percentile) of complete events, "
      "times in nanoseconds."},
-    {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
+    {"threads", threads, METH_NOARGS, "The name of each thread that has complete events."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},
 };

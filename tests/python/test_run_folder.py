@@ -17,7 +17,7 @@ MANY = "def work():\n    pass\nfor _ in range(200_000):\n    work()\nprint('unha
 def names(folder, file):
     """Of the events of a trace file."""
     done = run_python("-m", "vantrace", "export", file, "-o", "out.json", cwd=folder)
-    assert (done.returncode, done.stderr) == (0, "")
+    assert done.returncode == 0, done.stderr
     text = (folder / "out.json").read_text(encoding="utf-8")
     assert check_trace(text) == []
     return [event["name"] for event in events_of(text) if event["ph"] in "XBi"]

@@ -54,6 +54,7 @@ for _ in range(2):
 """
     )
     assert f"{OF_TRACE} 3 processes:\n" in text
+    assert ", 3 threads, " in text
     assert calls(text)["__main__.work"] == 7
 
 
