@@ -5,7 +5,6 @@
 #include <filesystem>
 #include <iterator>
 #include <memory>
-#include <set>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -166,20 +165,14 @@ PyObject* summary(PyObject* self, PyObject*) {
     });
 }
 
-std::set<std::string> threadNames(const InstrumentRecorder& recorder) {
-    std::set<std::string> names;
-    for (const std::string& stack : instrument::getAllEventsCollapsedStacks(recorder))
-        names.insert(stack.substr(0, stack.find(';')));
-    return names;
-}
-
 PyObject* events(PyObject* self, PyObject*) {
     return guarded([&] { return listEvents(recorderOf(self)).release(); });
 }
 
 PyObject* threads(PyObject* self, PyObject*) {
-    return guarded(
-        [&] { return namesOf(withoutLock([&] { return threadNames(recorderOf(self)); })); });
+    return guarded([&] {
+        return namesOf(withoutLock([&] { return instrument::threadNames(recorderOf(self)); }));
+    });
 }
 
 PyObject* drops(PyObject* self, PyObject*) {
@@ -207,7 +200,7 @@ PyMethodDef methods[] = {
      "times in nanoseconds."},
     {"events", events, METH_NOARGS,
      "(name, kind, start, duration, thread, context) of all events, by start."},
-    {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
+    {"threads", threads, METH_NOARGS, "The name of each thread that has complete events."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},
 };

@@ -196,7 +196,7 @@ PyMethodDef methods[] = {
     {"stacks", stacks, METH_NOARGS,
      "(parent, name, calls, self) of each distinct stack, behind its parent; threads have -1."},
     {"report_data", reportData, METH_NOARGS, "What a report shows, as JSON of bounded size."},
-    {"threads", threads, METH_NOARGS, "The names of the threads that have events."},
+    {"threads", threads, METH_NOARGS, "The name of each thread that has complete events."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},
 };

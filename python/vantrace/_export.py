@@ -6,7 +6,7 @@ import re
 import sys
 
 from ._cli import UsageError
-from ._core import Trace, combine_traces
+from ._core import Trace, combine_traces, finish_run_folder
 from ._progress import Progress
 from ._pstats import save_pstats
 from ._record import check_writable
@@ -14,10 +14,12 @@ from ._table import dropped
 
 USAGE = """\
 usage: vantrace export FILE -o OUTPUT [OPTIONS]
+       vantrace export FOLDER -o OUTPUT.vtrace
        vantrace combine FILE ... -o OUTPUT
 
 export writes a .vtrace file as .json (trace events), .json.gz, .folded (collapsed stacks),
-.prof (for pstats) or .speedscope.json. combine joins .vtrace files into one, by their clocks.
+.prof (for pstats) or .speedscope.json. Of the folder that a run left which could not finish, it makes
+the .vtrace file; the folder stays. combine joins .vtrace files into one, by their clocks.
 
 options of export:
   -o, --output OUTPUT   the file to write
@@ -58,6 +60,8 @@ def export(arguments):
     if len(options.files) != 1:
         raise UsageError("export takes one file; see vantrace export --help")
     output = options.needed_output()
+    if os.path.isdir(options.files[0]):
+        return _finish(options.files[0], output)
     write = trace_writer(output)
     if options.split and write is not Trace.save_json:
         raise UsageError("only .json and .json.gz are split")
@@ -98,6 +102,18 @@ class _Interruptible:
         if kind is KeyboardInterrupt:
             _signal.signal(_signal.SIGINT, _signal.SIG_DFL)
             os.kill(os.getpid(), _signal.SIGINT)
+
+
+def _finish(folder, output):
+    if not output.endswith(".vtrace"):
+        raise UsageError(f"of a folder comes a .vtrace file, not {output!r}")
+    if not any(name.endswith(".run") for name in os.listdir(folder)):
+        raise UsageError(f"there is no recording in {folder!r}")
+    try:
+        finish_run_folder(folder, output)
+    except OSError as error:
+        raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
+    return 0
 
 
 def combine(arguments):

@@ -133,7 +133,7 @@ class record:
         return data_frame(self.events(name))
 
     def threads(self):
-        """The names of the threads that have complete events."""
+        """The name of each thread that has complete events; sorted, and one name a thread."""
         return self._recorder.threads()
 
     def functions(self):

@@ -20,6 +20,8 @@ from ._supervise import Child, RunFolder, end_like
 from ._table import printable
 
 _LONGEST_COMMAND = 100
+_RESERVE = 4 << 20
+_UNSAID = "unsaid"
 
 
 def run(script, arguments, output, table, options):
@@ -32,7 +34,7 @@ def run(script, arguments, output, table, options):
         if output is not None or not table or options.has_others_than("dormant"):
             raise UsageError("--dormant goes without other options: vantrace snap takes them")
         return _run_dormant(script, arguments, source)
-    output = Output(script, output, options)
+    output = Output(script, output, options, table)
     child = Child()
     if not child.is_here:
         status = child.wait()
@@ -103,12 +105,14 @@ class _OwnFramesHidden:
     """The traceback of an exception that leaves the block begins where the script does."""
 
     def __enter__(self):
-        pass
+        # Untouched, it is no memory, but room: for what is done here when the script found none.
+        self._reserve = bytearray(_RESERVE)
 
     def __exit__(self, kind, error, traceback):
+        del self._reserve
         if error is None or kind is SystemExit:
             return
-        hook, scripts_own = sys.excepthook, traceback.tb_next
+        hook, scripts_own = sys.excepthook, traceback and traceback.tb_next
 
         def show(*_):
             error.__traceback__ = scripts_own
@@ -146,6 +150,7 @@ class _Report:
     """What the script's process says of its recording in the end."""
 
     def __init__(self, folder, table, options):
+        self._folder = folder
         self._table = table
         self._options = options
         self._process = os.getpid()
@@ -187,22 +192,38 @@ class _Report:
             _say(self._stderr, *self._result_lines(duration, cpu_time))
             _say(self._stderr, *self._listeners.lines())
             _say(self._stderr, *self._clients.lines())
+        except MemoryError:
+            return  # as if the script had been killed
         finally:
             sys.stdout = stdout
 
     def _result_lines(self, duration, cpu_time):
         from ._table import lines, losses, style_of
 
-        if not self._table:
+        if not self._table or self._is_part():
             return losses(self._recording)
         style = style_of(self._stderr)
-        return lines(self._recording, duration, cpu_time, self._options, style)
+        found = list(lines(self._recording, duration, cpu_time, self._options, style))
+        try:
+            os.unlink(os.path.join(self._folder, _UNSAID))
+        except FileNotFoundError:
+            pass  # the script tidied up
+        return found
+
+    def _is_part(self):
+        """Whether other processes recorded, too: the table is of all of them then."""
+        try:
+            files = [name for name in os.listdir(self._folder) if name.endswith(".run")]
+        except OSError:
+            return False
+        return any(not name.startswith(f"{self._process}-") for name in files)
 
 
 class Output:
     """Where the trace goes, and the folder that it is made from."""
 
-    def __init__(self, script, output, options):
+    def __init__(self, script, output, options, table=False):
+        """With `table` it is said, too, unless the script's process did that itself."""
         self._script = script
         self._options = options
         self._path = None if output is None else os.path.abspath(output)
@@ -212,12 +233,20 @@ class Output:
                 trace_writer(self._path, "a trace", [".vtrace"])
             check_writable(self._path or os.path.join(self._folder, "vantrace.vtrace"))
             self._run_folder = RunFolder(self._folder)
+            if table:
+                # Removing it needs no room on the disk.
+                with open(self._unsaid, "x", encoding="ascii"):
+                    pass
         except OSError as error:
             raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
 
     @property
     def run_folder(self):
         return self._run_folder.path
+
+    @property
+    def _unsaid(self):
+        return os.path.join(self.run_folder, _UNSAID)
 
     def discard(self):
         """Nothing is to be made of the folder."""
@@ -229,26 +258,44 @@ class Output:
             for command, reason in _children.untraced(self.run_folder):
                 _say(sys.stderr, f"vantrace: not traced, for {reason}: {_shortened(command)}")
             path = self._path or self._fresh_path()
-            self._write(path)
+            whole = self._write(path)
+            self._say_table(whole)
             self._run_folder.remove()
         except OSError as error:
             _say(sys.stderr, f"vantrace: cannot write {error.filename!r}: {error.strerror}")
             if os.path.isdir(self.run_folder):
-                _say(sys.stderr, f"vantrace: what was recorded is in {self.run_folder}")
+                _say(
+                    sys.stderr,
+                    f"vantrace: what was recorded is in {self.run_folder}; "
+                    "vantrace export FOLDER -o FILE.vtrace makes the trace of it",
+                )
             return False
         _say(sys.stderr, f"vantrace: the trace is {path}")
         return True
 
+    def _say_table(self, whole):
+        if not os.path.exists(self._unsaid):
+            return
+        from ._file_table import lines_of_trace
+        from ._table import style_of
+
+        count = Trace(whole).processes
+        processes = f"{count} process{'' if count == 1 else 'es'}"
+        _say(sys.stderr, f"vantrace: what is in the trace, of {processes}:")
+        _say(sys.stderr, *lines_of_trace(whole, self._options, style_of(sys.stderr)))
+
     def _write(self, path):
+        """Gives the trace file that it made of the folder."""
         if path.endswith(".vtrace"):
             finish_run_folder(self.run_folder, path)
-            return
+            return path
         whole = os.path.join(self.run_folder, "whole.vtrace")
         finish_run_folder(self.run_folder, whole)
         trace = Trace(whole)
         if self._options.min_duration is not None and not path.endswith(".folded"):
             trace.select(None, None, self._options.min_duration, 0, True)
         trace_writer(path)(trace, path)
+        return whole
 
     def _fresh_path(self):
         """A name that no file had; there is one now."""

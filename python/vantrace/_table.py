@@ -135,9 +135,13 @@ def dropped(drops, counting=""):
         shortest = f", the shortest, up to {time_text(drops['minimum_duration'])}"
         which = shortest if count == drops["shortest"] else ""
         yield (
-            f"vantrace: for want of memory {_counted(count, 'event')}{which}, "
+            f"vantrace: for want of {_wanting(drops)} {_counted(count, 'event')}{which}, "
             f"{'is' if count == 1 else 'are'} not in the trace{counting}"
         )
+
+
+def _wanting(drops):
+    return "memory or room on the disk" if drops["failed"] else "memory"
 
 
 def _unseen(functions):

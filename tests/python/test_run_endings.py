@@ -1,6 +1,7 @@
 """`vantrace run`: nothing that was recorded is lost, however the script ends."""
 
 import os
+import re
 import signal
 import subprocess
 import sys
@@ -17,14 +18,20 @@ WORK = "import vantrace\nwith vantrace.event('work'):\n    pass\n"
 def fixture_traced(tmp_path):
     """Runs code under us; gives the finished process and how often each event is in the trace."""
 
-    def run(code):
+    def run(code, *options):
         script = tmp_path / "script.py"
         script.write_text(code, encoding="utf-8")
-        done = run_python("-m", "vantrace", "run", "--events-only", "-o", "t.json", script, cwd=tmp_path)
+        done = run_python("-m", "vantrace", "run", *options, "-o", "t.json", script, cwd=tmp_path)
         assert sorted(os.listdir(tmp_path)) == ["script.py", "t.json"]
         return done, counts(tmp_path / "t.json")
 
     return run
+
+
+@pytest.fixture(name="events")
+def fixture_events(traced):
+    """The same without functions."""
+    return lambda code: traced(code, "--events-only")
 
 
 def counts(path):
@@ -37,35 +44,84 @@ def counts(path):
     return found
 
 
-@pytest.mark.parametrize(
-    "ending, status",
-    [
-        ("import sys; sys.exit(5)", 5),
-        ("raise ValueError('gone')", 1),
-        ("import os; os._exit(7)", 7),
-        ("import os; os.kill(os.getpid(), 9)", -signal.SIGKILL),
-        ("import os, signal; os.kill(os.getpid(), signal.SIGTERM)", -signal.SIGTERM),
-        ("raise KeyboardInterrupt", -signal.SIGINT),
-        ("import ctypes; ctypes.string_at(0)", -signal.SIGSEGV),
-        ("import os; os.abort()", -signal.SIGABRT),
-    ],
-)
-def test_whatever_ends_the_script(traced, tmp_path, ending, status):
-    done, found = traced(WORK + ending)
-    assert found == {"work": 1}
+ENDINGS = {
+    "import sys; sys.exit(5)": 5,
+    "import sys; sys.exit('that is all')": 1,
+    "import sys; sys.exit(None)": 0,
+    "raise ValueError('gone')": 1,
+    "import os; os._exit(7)": 7,
+    "import os; os.kill(os.getpid(), 9)": -signal.SIGKILL,
+    "import os, signal; os.kill(os.getpid(), signal.SIGTERM)": -signal.SIGTERM,
+    "raise KeyboardInterrupt": -signal.SIGINT,
+    "import ctypes; ctypes.string_at(0)": -signal.SIGSEGV,
+    "import os; os.abort()": -signal.SIGABRT,
+    """
+import resource
+resource.setrlimit(resource.RLIMIT_AS, (1 << 30, 1 << 30))
+kept = []
+def keep(size):
+    kept.append(bytearray(size))
+while True:
+    keep(64 << 20)
+""": 1,
+    """
+from concurrent.futures import ProcessPoolExecutor
+def fail(number):
+    raise ValueError(number)
+with ProcessPoolExecutor(1) as pool:
+    print(pool.submit(abs, -1).result(), flush=True)
+    pool.submit(fail, 2).result()
+""": 1,
+}
+
+
+@pytest.mark.parametrize("functions", [True, False], ids=["functions", "events"])
+@pytest.mark.parametrize("ending, status", ENDINGS.items())
+def test_whatever_ends_the_script(traced, tmp_path, ending, status, functions):
+    options = [] if functions else ["--events-only"]
+    done, found = traced(WORK + "print('worked', flush=True)\n" + ending, *options)
+    assert found["work"] == 1
     alone = run_python(tmp_path / "script.py", cwd=tmp_path)
     assert done.returncode == alone.returncode == status
     assert done.stdout == alone.stdout
     assert done.stderr.startswith(alone.stderr)
+    assert not has_others_than_ours(done.stderr[len(alone.stderr) :])
 
 
-def test_an_event_that_is_open_then_is_shown(traced):
-    _, found = traced("import os, vantrace\nwith vantrace.event('open'):\n    os._exit(0)\n")
+def test_the_last_byte_of_memory(traced):
+    """The interpreter itself stammers then; what we add must not."""
+    done, found = traced(
+        WORK
+        + """
+import resource
+with open("/proc/self/statm") as sizes:
+    limit = int(sizes.read().split()[0]) * resource.getpagesize() + (16 << 20)
+resource.setrlimit(resource.RLIMIT_AS, (limit, limit))
+def keep(kept):
+    return [kept]
+kept = []
+while True:
+    kept = keep(kept)
+"""
+    )
+    assert done.returncode == 1
+    assert "MemoryError" in done.stderr
+    assert "_run.py" not in done.stderr and "Exception ignored" not in done.stderr
+    assert found["work"] == 1
+
+
+def has_others_than_ours(text):
+    """Whether there is more than a table and notices."""
+    return bool(re.search("Traceback|Error|Exception|Fatal|Warning", text))
+
+
+def test_an_event_that_is_open_then_is_shown(events):
+    _, found = events("import os, vantrace\nwith vantrace.event('open'):\n    os._exit(0)\n")
     assert found == {"open": 1}
 
 
-def test_children_of_children_that_are_killed(traced):
-    done, found = traced(
+def test_children_of_children_that_are_killed(events):
+    done, found = events(
         """
 import os, vantrace
 for level in range(3):
@@ -83,8 +139,8 @@ with vantrace.event("last"):
     assert found == {"level 0": 1, "level 1": 1, "level 2": 1, "last": 1}
 
 
-def test_a_pool_that_is_terminated(traced):
-    done, found = traced(
+def test_a_pool_that_is_terminated(events):
+    done, found = events(
         """
 import multiprocessing, vantrace
 

@@ -98,3 +98,28 @@ def test_functions_are_heard_too(tmp_path):
     said = run_python(*command, cwd=tmp_path).stderr
     assert counted(said)["__main__.f"] == 5
     assert profiled(said)["__main__.f"] == 5
+
+
+LAST = """
+import os, vantrace
+from vantrace import performance
+controls = performance.instrument.controls
+
+class Last:  # goes after every exit handler
+    def __del__(self, write=os.write, controls=controls):
+        write(1, f"{controls.wereAllEnabled()}\\n".encode())
+
+last = Last()
+print(controls.wereAllEnabled(), flush=True)
+"""
+
+
+@pytest.mark.parametrize(
+    "options", [["--log"], ["--profile"], ["--count"], ["--log", "--profile", "--count"]]
+)
+def test_the_switches_are_given_back(tmp_path, options):
+    (tmp_path / "last.py").write_text(LAST, encoding="utf-8")
+    alone = run_python("last.py", cwd=tmp_path)
+    assert alone.stdout == "False\nFalse\n"
+    done = run_python("-m", "vantrace", "run", "--events-only", *options, "last.py", cwd=tmp_path)
+    assert (done.returncode, done.stdout) == (0, "True\nFalse\n")

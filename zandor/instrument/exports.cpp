@@ -1,5 +1,7 @@
 #include "zandor/instrument/exports.hpp"
 
+#include <algorithm>
+
 #include "zandor/instrument/collapsed_stacks.hpp"
 #include "zandor/instrument/file_sink.hpp"
 #include "zandor/instrument/recording.hpp"
@@ -70,6 +72,19 @@ void saveCollapsedStacks(const InstrumentRecorder& recorder, const std::filesyst
 
 std::vector<EventSummary> summarize(const InstrumentRecorder& recorder) {
     return detail::summarize(detail::takeRecording(recorder));
+}
+
+std::vector<std::string> threadNames(const InstrumentRecorder& recorder) {
+    const detail::Recording recording = detail::takeRecording(recorder);
+    std::vector<bool> hasEvents(recording.sources.size());
+    for (const detail::RecordedEvent& event : recording.events)
+        hasEvents[event.source] = true;
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < hasEvents.size(); ++i)
+        if (hasEvents[i])
+            names.emplace_back(recording.sources[i].name);
+    std::ranges::sort(names);
+    return names;
 }
 
 }  // namespace instrument

@@ -1,7 +1,6 @@
 #include "zandor/instrument/trace_file.hpp"
 
 #include <algorithm>
-#include <set>
 #include <string>
 
 #include "call_tree.hpp"
@@ -156,11 +155,12 @@ std::vector<std::string> TraceFile::threadNames() const {
         for (const RecordedEvent& event : events)
             hasEvents[event.source] = true;
     });
-    std::set<std::string> names;
+    std::vector<std::string> names;
     for (std::size_t i = 0; i < sources.size(); ++i)
         if (hasEvents[i])
-            names.emplace(sources[i].name);
-    return {names.begin(), names.end()};
+            names.emplace_back(sources[i].name);
+    std::ranges::sort(names);
+    return names;
 }
 
 std::uint64_t TraceFile::eventCount() const {

@@ -64,5 +64,7 @@ struct EventSummary {
 };
 /// Of complete events, widest self time first.
 ZANDOR_INSTRUMENT_API std::vector<EventSummary> summarize(const InstrumentRecorder& recorder);
+/// Of each thread that has complete events, sorted; two threads may have the same name.
+ZANDOR_INSTRUMENT_API std::vector<std::string> threadNames(const InstrumentRecorder& recorder);
 
 }  // namespace instrument

@@ -107,7 +107,7 @@ class ZANDOR_INSTRUMENT_API TraceFile {
     /// Nanoseconds from the first event to the latest time of all.
     std::int64_t duration() const noexcept;
     std::uint32_t processCount() const noexcept;
-    /// Of threads that have events, without repetition, sorted.
+    /// Of each thread that has complete events, sorted; two threads may have the same name.
     std::vector<std::string> threadNames() const;
     std::uint64_t eventCount() const;
     /// Of all records; what `progress` is told grows by it each time that all are read.
