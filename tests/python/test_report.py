@@ -280,6 +280,14 @@ def brightness(colour):
     return sum(map(int, re.findall(r"\d+", colour)[:3])) / 3
 
 
+def test_counters_go_by_their_names(browser, tmp_path):
+    with vantrace.record(tmp_path / "own.vtrace"):
+        for value in (3, 1, 2):
+            vantrace.counter("queue", value)
+    browser.open(str(make_report(tmp_path)))
+    assert browser.texts(".counter") == ["queue\n3 values · last 2 · 1 to 3"]
+
+
 def test_names_are_never_markup(browser, tmp_path):
     with vantrace.record(tmp_path / "own.vtrace"):
         for text in (EVIL, "<!--", *ODD_TEXTS):
@@ -375,3 +383,18 @@ def test_the_page_s_modules_share_a_scope_without_clashes():
         defined += re.findall(r"^(?:export )?(?:const|let|function|class) (\w+)", text, re.MULTILINE)
     assert len(defined) > 40
     assert sorted(set(defined)) == sorted(defined)
+
+
+def test_the_commands_of_the_page_about_it_run(tmp_path):
+    """In their order; only --fail-if may find that something grew."""
+    text = (Path(__file__).parents[2] / "docs/report.md").read_text(encoding="utf-8")
+    commands = re.findall(r"^\$ vantrace (.*)$", text, re.MULTILINE)
+    assert len(commands) == 10
+    (tmp_path / "script.py").write_text("print(sum(map(abs, range(1000))))\n")
+    for file in ("run.vtrace", "other.vtrace"):
+        run_python("-m", "vantrace", "run", "-o", file, "script.py", cwd=tmp_path, check=True)
+    for command in commands:
+        done = run_python("-m", "vantrace", *command.split(), cwd=tmp_path)
+        assert done.returncode in ((0, 1) if "--fail-if" in command else (0,)), done.stderr
+    made = {path.name for path in tmp_path.iterdir()}
+    assert made >= {"run.html", "report.html", "before-3.vtrace", "after-1.vtrace", "run.prof"}

@@ -69,8 +69,11 @@ export class Counters {
   }
 }
 
+// What the one value of a counter is called in the recording.
+const plainKeys = [null, 'value', 'counter value'];
+
 function titleOf({ name, key }) {
-  return key === null || key === 'value' ? name : `${name}: ${key}`;
+  return plainKeys.includes(key) ? name : `${name}: ${key}`;
 }
 
 /** The range of each bin, and a line through the last values. */
