@@ -128,9 +128,14 @@ bool isRecorded(PyFrameObject* frame) {
     return function && function->kind == FunctionKind::recorded;
 }
 
+OpenCall& push(ThreadCalls& calls, const void* callee) {
+    calls.open.push_back({callee, nullptr, {}, Ref(), calls.isImporting});
+    return calls.open.back();
+}
+
 void enterFunction(ThreadCalls& calls, PyFrameObject* frame) {
     const Function& function = functionOf(frame);
-    OpenCall& call = calls.open.emplace_back(frame, nullptr, EventId{}, Ref(), calls.isImporting);
+    OpenCall& call = push(calls, frame);
     call.instrument = eventOf(function, calls);
     if (function.isCoroutine && function.kind == FunctionKind::recorded)
         call.task = currentTaskName();
@@ -139,7 +144,7 @@ void enterFunction(ThreadCalls& calls, PyFrameObject* frame) {
 }
 
 void enterCFunction(ThreadCalls& calls, PyFrameObject* frame, PyObject* callee) {
-    OpenCall& call = calls.open.emplace_back(callee, nullptr, EventId{}, Ref(), calls.isImporting);
+    OpenCall& call = push(calls, callee);
     if (isRecorded(frame) && PyCFunction_Check(callee))
         call.instrument = instrumentOf(reinterpret_cast<PyCFunctionObject*>(callee));
     if (call.instrument)

@@ -295,6 +295,25 @@ def test_frames_that_run_already_are_unfinished_from_then_on(tmp_path):
     assert names == ["test_frames_that_run_already_are_unfinished_from_then_on", "inside"]
 
 
+def test_frames_of_other_threads_are_unfinished_from_their_next_call_on(tmp_path):
+    file = tmp_path / "t.json"
+    runs, go = threading.Event(), threading.Event()
+
+    def waiting():
+        runs.set()
+        go.wait()
+        plain(1)
+
+    thread = threading.Thread(target=waiting)
+    thread.start()
+    runs.wait()
+    with vantrace.record(file, functions=True, include=["*.waiting", "*.plain"]) as recording:
+        go.set()
+        thread.join()
+    assert calls(recording) == {"plain": 1}
+    assert [name.rpartition(".")[2] for name in unfinished(file)] == ["waiting"]
+
+
 class Squares:
     def __getitem__(self, number):
         return number * number
