@@ -79,7 +79,11 @@ FunctionKind kindOf(EnteredCode entered, const std::string& name, const Function
 }
 
 void notePlace(const Opaque* instrument, PyCodeObject* code) {
-    places().try_emplace(instrument, SourcePlace{textOf(code->co_filename), code->co_firstlineno});
+    const auto [place, isNew] = places().try_emplace(
+        instrument, SourcePlace{textOf(code->co_filename), code->co_firstlineno});
+    if (isNew)
+        instrument::controls.setPlace(instrument, place->second.file,
+                                      static_cast<std::uint32_t>(place->second.line));
 }
 
 }  // namespace

@@ -90,6 +90,18 @@ def test_file_and_line_of_a_function_are_known():
     assert _functions.places()[f"{__name__}.plain"] == (__file__, plain.__code__.co_firstlineno)
 
 
+def test_traces_tell_where_functions_stand(tmp_path):
+    file = tmp_path / "t.json"
+    with vantrace.record(file, functions=True, include=["*.outer", "*.plain"]):
+        outer(1)
+    places = {e["name"]: e["args"]["src"] for e in events_of(file.read_text()) if e["ph"] == "X"}
+    lines = {"outer": outer, "plain": plain}
+    assert places == {
+        f"{__name__}.{name}": f"{__file__}:{function.__code__.co_firstlineno}"
+        for name, function in lines.items()
+    }
+
+
 def test_without_asking_for_them_functions_are_no_events():
     with vantrace.record() as recording:
         outer(3)

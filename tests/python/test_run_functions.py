@@ -67,6 +67,14 @@ def test_functions_have_file_and_line_events_have_none(run):
     assert not found["solve"][-1].startswith("script")
 
 
+def test_the_trace_tells_file_and_line_of_functions(run, tmp_path):
+    run()
+    events = [e for e in events_of((tmp_path / "trace.json").read_text()) if e["ph"] == "X"]
+    places = {event["name"]: event.get("args", {}).get("src") for event in events}
+    assert places["__main__.busy"] == f"{tmp_path / 'script.py'}:4"
+    assert places["solve"] is None
+
+
 def test_self_times_add_up_to_the_script_s_time(run, tmp_path):
     run()
     events = [e for e in events_of((tmp_path / "trace.json").read_text()) if e["ph"] == "X"]

@@ -80,6 +80,7 @@ enum class JournalEntry : std::uint8_t {
     instrument = 2,  ///< number, characters
     source = 3,      ///< SourceEntry; a later one of the same id replaces an earlier one
     clock = 4,       ///< ticks, nanoseconds of the monotonic clock
+    place = 5,       ///< number of an instrument, number of the text that is its place
 };
 /// An entry's first word: its kind in 8 bits, above them the bytes that follow. Entries begin at
 /// multiples of eight bytes.
@@ -117,6 +118,7 @@ void removeRunFile(RunFile& file) noexcept;
 /// Tells every open journal; with the texts' lock held.
 void journalText(const InternedText& text) noexcept;
 void journalInstrument(const Opaque& instrument) noexcept;
+void journalPlace(const Opaque& instrument, const InternedText& place) noexcept;
 /// Tells of a source that the file's records are about to name.
 void journalSource(RunFile& file, SourceInfo& source) noexcept;
 /// Tells every open journal that a source which some journal has is called something else.
