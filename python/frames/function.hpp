@@ -1,16 +1,13 @@
-// What is known of Python functions, kept in the extra slot of their code objects.
+// What is known of Python functions. Guarded by the interpreter's lock.
 //
-//   code object -> extra slot -> Function -> instrument
-//
-// A Function is made when its code is first entered and freed with the code: another code object at
-// the same address begins with an empty slot. All of it is guarded by the interpreter's lock.
+//   code object -> function_slot or function_map -> Function -> instrument
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <string>
 
-#include "frame.hpp"
+#include "../src/python_api.hpp"
 #include "zandor/instrument/control_element.hpp"
 
 namespace vantrace {
@@ -31,30 +28,17 @@ struct Function {
     const instrument::Opaque* resume;  ///< of a generator or coroutine; else as call
 };
 
-/// Takes the extra slot. Once; throws PythonError.
-void requestFunctionSlot();
-
-/// The slot that requestFunctionSlot took.
-extern constinit Py_ssize_t functionSlot;
-
-/// What code objects point to, as CPython 3.11 lays it out.
-struct CodeExtras {
-    Py_ssize_t count;
-    void* values[1];
+/// Code that is entered, and the names of the module that it runs in.
+struct EnteredCode {
+    PyCodeObject* code;
+    PyObject* globals;
 };
 
-/// The function of a code object; null where it is not known yet.
-inline Function* knownFunction(PyCodeObject* code) noexcept {
-    const auto* extras = static_cast<const CodeExtras*>(code->co_extra);
-    if (!extras || extras->count <= functionSlot)
-        return nullptr;
-    return static_cast<Function*>(extras->values[functionSlot]);
-}
+/// A function that no session decided about yet.
+Function newFunction(const PyCodeObject* code) noexcept;
 
-/// Makes the function of a frame's code, or decides about it anew for the present session. The
-/// caller, or null, is the frame below. Null, which is counted, when there is no memory,
-/// and for the code that is awaited.
-Function* learnFunction(const Frame* frame, const Frame* caller) noexcept;
+/// Decides about it for the present session. The caller, where it is known, is the function below.
+void decide(Function& function, EnteredCode entered, const Function* caller);
 
 /// Where a function stands.
 struct SourcePlace {

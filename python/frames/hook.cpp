@@ -8,23 +8,20 @@
 
 #include "../src/errors.hpp"
 #include "../src/text.hpp"
-#include "c_calls.hpp"
 #include "call_event.hpp"
-#include "function.hpp"
+#include "function_slot.hpp"
+#include "profile.hpp"
 #include "stack.hpp"
 #include "subscript.hpp"
 #include "task_name.hpp"
 #include "tracing.hpp"
 #include "zandor/instrument/clock.hpp"
-#include "zandor/instrument/controls.hpp"
 
 namespace vantrace {
 
 using instrument::ContextArgs;
 using instrument::EventId;
 using instrument::Opaque;
-
-constinit Tracing tracing;
 
 namespace {
 
@@ -169,7 +166,7 @@ void adoptRunningFrames(const Frame* innermost) {
 
 /// Looks at the calling thread for the first time in the session.
 void lookAtThread(PyThreadState* thread) noexcept {
-    if (tracedThread.session == 0)
+    if (!tracedThread.limit)
         tracedThread.limit = stackLimit();
     tracedThread.session = tracing.session;
     tracedThread.isImporting = false;
@@ -178,7 +175,7 @@ void lookAtThread(PyThreadState* thread) noexcept {
     } catch (const std::bad_alloc&) {
         ++tracing.failedCalls;
     }
-    if (tracing.withCCalls && guardedStatus([&] { watchCCalls(thread); }) < 0)
+    if (tracing.withCCalls && guardedStatus([&] { watchCalls(thread); }) < 0)
         PyErr_Clear();  // the program's audit hook refused, which it knows
 }
 
@@ -198,21 +195,56 @@ bool isReached() {
     const Ref code = Ref::take(Py_CompileString("None", "<frame>", Py_eval_input));
     const Ref names = Ref::take(PyDict_New());
     tracing.awaited = reinterpret_cast<PyCodeObject*>(code.get());
-    Ref::take(PyEval_EvalCode(code.get(), names.get(), names.get()));
+    // Not to be looked at: whether the session is the hook's is what we ask.
+    const std::uint32_t session = std::exchange(tracedThread.session, tracing.session);
+    const Ref result = Ref::steal(PyEval_EvalCode(code.get(), names.get(), names.get()));
+    tracedThread.session = session;
+    check(result ? 0 : -1);
     return !std::exchange(tracing.awaited, nullptr);
 }
 
 /// Another tool may have set its hook over ours since, and will call it: ours twice in one chain
-/// would never come to the end of it.
-void joinChain() {
+/// would never come to the end of it. False where another tool does not let ours be.
+bool joinChain() {
     if (latestHook() == evaluateFrame || (tracing.isInChain && isReached()))
-        return;
+        return true;
     tracing.next = latestHook();
     setHook(evaluateFrame);
-    tracing.isInChain = true;
+    tracing.isInChain = isReached() && latestHook() == evaluateFrame;
+    return tracing.isInChain;
 }
 
-void leaveChain() {
+/// Instructions that run already, in any thread, may be specialised.
+void observeRunningFrames() {
+    for (PyThreadState* thread = PyInterpreterState_ThreadHead(PyInterpreterState_Main()); thread;
+         thread = PyThreadState_Next(thread)) {
+        for (const Frame* frame = thread->cframe->current_frame; frame; frame = frame->previous)
+            observeSubscripts(frame->f_code);
+    }
+}
+
+void watchForks() {
+    static const int registered = pthread_atfork(nullptr, nullptr, recountDeepThreads);
+    static_cast<void>(registered);
+}
+
+}  // namespace
+
+const char* putHookIn() {
+    if (!requestFunctionSlot())
+        return "other tools took all extra slots of code objects";
+    watchForks();
+    tracing.isOn = true;
+    if (!joinChain()) {
+        tracing.isOn = false;
+        return "another tool lets no other frame-evaluation hook be";
+    }
+    observeRunningFrames();
+    lookAtThread(PyThreadState_Get());
+    return nullptr;
+}
+
+void takeHookOut() {
     if (latestHook() == evaluateFrame) {
         setHook(tracing.next);
         tracing.isInChain = false;
@@ -222,69 +254,11 @@ void leaveChain() {
         tracing.wasTakenOut = true;
         tracing.isInChain = false;
     }
-}
-
-template <typename Visit>
-void forEachThread(Visit visit) {
-    for (PyThreadState* thread = PyInterpreterState_ThreadHead(PyInterpreterState_Main()); thread;
-         thread = PyThreadState_Next(thread))
-        visit(thread);
-}
-
-/// Instructions that run already, in any thread, may be specialised.
-void observeRunningFrames() {
-    forEachThread([](PyThreadState* thread) {
-        for (const Frame* frame = thread->cframe->current_frame; frame; frame = frame->previous)
-            observeSubscripts(frame->f_code);
-    });
-}
-
-void beginSession(bool withCCalls) {
-    const std::uint32_t session = tracing.session + 1;
-    tracing = {.isOn = true,
-               .withCCalls = withCCalls,
-               .isInChain = tracing.isInChain,
-               .session = session,
-               .users = tracing.users,
-               .deepThreads = tracing.deepThreads,
-               .next = tracing.next,
-               .selection = tracing.selection,
-               .import = instrument::controls.getHandle("import"),
-               .tooDeep = instrument::controls.getHandle("(too deep to trace)")};
-}
-
-void prepareOnce() {
-    if (functionSlot >= 0)
-        return;
-    requestFunctionSlot();
-    pthread_atfork(nullptr, nullptr, recountDeepThreads);
-}
-
-}  // namespace
-
-void startTracing(Selection selection, bool withCCalls) {
-    if (PyInterpreterState_Get() != PyInterpreterState_Main())
-        raise(PyExc_RuntimeError, "functions are traced in the main interpreter only");
-    if (tracing.users == 0) {
-        prepareOnce();
-        setSelection(std::move(selection));
-        beginSession(withCCalls);
-        joinChain();
-        observeRunningFrames();
-        lookAtThread(PyThreadState_Get());
-        if (withCCalls)
-            forEachThread(watchCCalls);
-    }
-    ++tracing.users;
-}
-
-void stopTracing() {
-    if (tracing.users == 0 || --tracing.users > 0)
-        return;
-    leaveChain();
     tracing.isOn = false;
-    if (tracing.withCCalls)
-        tracing.hadOtherProfile = !unwatchCCalls();
+}
+
+const Function* functionOfHook(PyCodeObject* code) noexcept {
+    return knownFunction(code);
 }
 
 }  // namespace vantrace

@@ -10,15 +10,18 @@
 // and is an event of its own. An interpreter has one hook: those of sub-interpreters are not set.
 #pragma once
 
-#include "selection.hpp"
+#include "function.hpp"
 
 namespace vantrace {
 
-/// Begins a session, or joins the one there is. With C calls, these are events too. Throws
-/// PythonError.
-void startTracing(Selection selection, bool withCCalls);
-/// Leaves it; the last one takes the hook out where it is the latest. Behind another tool's hook it
-/// stays and passes frames through.
-void stopTracing();
+/// Puts the hook in, for the session that begins, and looks at what runs already. Null, or why it
+/// cannot be had. Throws PythonError.
+const char* putHookIn();
+/// Takes it out where it is the latest. Behind another tool's hook it stays and passes frames
+/// through.
+void takeHookOut();
+
+/// What the hook knows of a code object, or null.
+const Function* functionOfHook(PyCodeObject* code) noexcept;
 
 }  // namespace vantrace

@@ -1,17 +1,17 @@
 // The compiled module vantrace._frames: tracing of Python functions.
 //
-//   vantrace/_functions.py -> _frames: hook -> function, subscript, stack, task_name
+//   vantrace/_functions.py -> _frames: tracing -> hook, profile -> function
 //
-// It knows one version of the interpreter. There is one for the life of the process.
+// The hook knows one version of the interpreter; there the profile hook takes its place only where
+// it has to. There is one module for the life of the process.
 #include <string>
 #include <vector>
 
 #include "../src/errors.hpp"
 #include "../src/python_api.hpp"
 #include "../src/text.hpp"
-#include "c_calls.hpp"
 #include "function.hpp"
-#include "hook.hpp"
+#include "profile.hpp"
 #include "tracing.hpp"
 
 namespace vantrace {
@@ -65,13 +65,14 @@ PyObject* stop(PyObject*, PyObject*) {
 }
 
 PyObject* report(PyObject*, PyObject*) {
-    return Py_BuildValue("{sKsKsKsLsOsO}", "collapsed_calls",
+    return Py_BuildValue("{sKsKsKsLsOsOsz}", "collapsed_calls",
                          static_cast<unsigned long long>(tracing.collapsedCalls), "failed_calls",
                          static_cast<unsigned long long>(tracing.failedCalls), "deep_stretches",
                          static_cast<unsigned long long>(tracing.deepStretches), "deep_time",
                          static_cast<long long>(tracing.deepTime), "was_taken_out",
                          tracing.wasTakenOut ? Py_True : Py_False, "had_other_profile",
-                         tracing.hadOtherProfile ? Py_True : Py_False);
+                         tracing.hadOtherProfile ? Py_True : Py_False, "without_hook",
+                         tracing.withoutHook);
 }
 
 PyObject* places(PyObject*, PyObject*) {
@@ -87,18 +88,26 @@ PyObject* places(PyObject*, PyObject*) {
     });
 }
 
-/// CPython 3.11 counts down from the limit; the frames that are there already were counted.
+#if PY_VERSION_HEX < 0x030c0000
+constexpr auto recursionLimit = &PyThreadState::recursion_limit;
+constexpr auto recursionRemaining = &PyThreadState::recursion_remaining;
+#else
+constexpr auto recursionLimit = &PyThreadState::py_recursion_limit;
+constexpr auto recursionRemaining = &PyThreadState::py_recursion_remaining;
+#endif
+
+/// The interpreter counts down from the limit; the frames that are there already were counted.
 PyObject* addRecursions(PyObject*, PyObject* number) {
     const int count = _PyLong_AsInt(number);
     if (count == -1 && PyErr_Occurred())
         return nullptr;
-    PyThreadState_Get()->recursion_remaining += count;
+    PyThreadState_Get()->*recursionRemaining += count;
     return Py_NewRef(Py_None);
 }
 
 PyObject* recursions(PyObject*, PyObject*) {
     const PyThreadState* thread = PyThreadState_Get();
-    return PyLong_FromLong(thread->recursion_limit - thread->recursion_remaining);
+    return PyLong_FromLong(thread->*recursionLimit - thread->*recursionRemaining);
 }
 
 PyMethodDef functions[] = {
@@ -118,7 +127,7 @@ PyModuleDef definition = {
 PyObject* makeModule() {
     Ref module = Ref::take(PyModule_Create(&definition));
     shareSections();
-    addCCalls(module.get());
+    addProfile(module.get());
     return module.release();
 }
 

@@ -1,6 +1,7 @@
 #include "task_name.hpp"
 
 #include "../src/errors.hpp"
+#include "../src/kept_error.hpp"
 
 namespace vantrace {
 
@@ -47,13 +48,9 @@ Ref findName() {
 }  // namespace
 
 Ref currentTaskName() noexcept {
-    PyObject* type = nullptr;
-    PyObject* value = nullptr;
-    PyObject* traceback = nullptr;
-    PyErr_Fetch(&type, &value, &traceback);
+    const KeptError error;
     Ref name;
     guardedStatus([&] { name = findName(); });
-    PyErr_Restore(type, value, traceback);
     return name;
 }
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "frame.hpp"
+#include "../src/python_api.hpp"
 #include "selection.hpp"
 #include "zandor/instrument/control_element.hpp"
 
@@ -11,7 +11,9 @@ namespace vantrace {
 
 /// Trivially destroyed: frames run until the very end of the process.
 struct Tracing {
-    bool isOn = false;
+    bool isOn = false;  ///< the frame-evaluation hook makes events
+    /// Why the profile hook stands in for that one; null where it does not.
+    const char* withoutHook = nullptr;
     bool withCCalls = false;
     /// Whether our hook is in the interpreter's chain of hooks: the latest, or behind others.
     bool isInChain = false;
@@ -34,5 +36,11 @@ struct Tracing {
 };
 
 extern constinit Tracing tracing;
+
+/// Begins a session, or joins the one there is. With C calls, these are events too. Throws
+/// PythonError.
+void startTracing(Selection selection, bool withCCalls);
+/// Leaves it; the last one ends it.
+void stopTracing();
 
 }  // namespace vantrace

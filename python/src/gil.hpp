@@ -24,7 +24,7 @@ void shareSections();
 
 /// Calls into the interpreter where other threads may get its lock.
 template <typename Call>
-auto intoPython(Call call) -> decltype(call()) {
+[[gnu::always_inline]] inline auto intoPython(Call call) -> decltype(call()) {
     try {
         return call();
     } catch (abi::__forced_unwind&) {

@@ -27,7 +27,6 @@ class Functions:
             "with_libraries": libraries,
             "c_calls": c_calls,
         }
-
         self._last_report = None
 
     def begin(self):

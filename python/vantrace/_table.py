@@ -145,6 +145,9 @@ def _wanting(drops):
 
 
 def _unseen(functions):
+    reason = functions["without_hook"]
+    if reason:
+        yield f"vantrace: functions were seen by the profile hook, which slows them more: {reason}"
     stretches = functions["deep_stretches"]
     if stretches:
         yield (
@@ -154,7 +157,8 @@ def _unseen(functions):
     if functions["failed_calls"]:
         yield f"vantrace: {_counted(functions['failed_calls'], 'call')} not seen, for want of memory"
     if functions["had_other_profile"]:
-        yield "vantrace: the program has a profile function of its own: some C calls are missing"
+        calls = "calls" if reason else "C calls"
+        yield f"vantrace: the program has a profile function of its own: some {calls} are missing"
     if functions["was_taken_out"]:
         yield "vantrace: another tool took out the hook that sees functions: some are missing"
 

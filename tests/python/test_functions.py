@@ -90,6 +90,18 @@ def test_file_and_line_of_a_function_are_known():
     assert _functions.places()[f"{__name__}.plain"] == (__file__, plain.__code__.co_firstlineno)
 
 
+def test_traces_tell_where_functions_stand(tmp_path):
+    file = tmp_path / "t.json"
+    with vantrace.record(file, functions=True, include=["*.outer", "*.plain"]):
+        outer(1)
+    places = {e["name"]: e["args"]["src"] for e in events_of(file.read_text()) if e["ph"] == "X"}
+    lines = {"outer": outer, "plain": plain}
+    assert places == {
+        f"{__name__}.{name}": f"{__file__}:{function.__code__.co_firstlineno}"
+        for name, function in lines.items()
+    }
+
+
 def test_without_asking_for_them_functions_are_no_events():
     with vantrace.record() as recording:
         outer(3)
@@ -293,6 +305,25 @@ def test_frames_that_run_already_are_unfinished_from_then_on(tmp_path):
     assert calls(recording) == {"plain": 1}
     names = [name.rpartition(".")[2] for name in unfinished(file)]
     assert names == ["test_frames_that_run_already_are_unfinished_from_then_on", "inside"]
+
+
+def test_frames_of_other_threads_are_unfinished_from_their_next_call_on(tmp_path):
+    file = tmp_path / "t.json"
+    runs, go = threading.Event(), threading.Event()
+
+    def waiting():
+        runs.set()
+        go.wait()
+        plain(1)
+
+    thread = threading.Thread(target=waiting)
+    thread.start()
+    runs.wait()
+    with vantrace.record(file, functions=True, include=["*.waiting", "*.plain"]) as recording:
+        go.set()
+        thread.join()
+    assert calls(recording) == {"plain": 1}
+    assert [name.rpartition(".")[2] for name in unfinished(file)] == ["waiting"]
 
 
 class Squares:

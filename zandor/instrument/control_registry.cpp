@@ -204,6 +204,23 @@ const Opaque* Controls::getHandle(std::string_view name) {
     return element;
 }
 
+void Controls::setPlace(const Opaque* handle, std::string_view file, std::uint32_t line) {
+    enterProcess();
+    const InternedText* place = intern(std::string(file) + ':' + std::to_string(line));
+    if (!place)
+        throw std::bad_alloc();
+    const Locked locked(processState().controls);
+    auto& element = const_cast<Element&>(Element::of(handle));
+    if (element.place.load(std::memory_order_relaxed))
+        return;
+    {
+        const Locked journals(processState().texts);
+        journalPlace(element, *place);
+    }
+    // Pairs with the acquire of those who read it.
+    element.place.store(place->text(), std::memory_order_release);
+}
+
 bool Controls::has(std::string_view name) const {
     const Element* element = findElement(name);
     return element && element->registered.load(std::memory_order_relaxed);

@@ -58,6 +58,13 @@ Element* findElement(std::string_view name) noexcept;
 /// The instrument of this number; null for one that was never given.
 ZANDOR_INSTRUMENT_API const Opaque* instrumentFromId(std::uint32_t id) noexcept;
 
+/// Where the instrument stands; null where nobody said.
+inline const InternedText* placeOf(const Opaque& instrument) noexcept {
+    // Pairs with the release in Controls::setPlace.
+    const char* const place = instrument.place.load(std::memory_order_acquire);
+    return place ? &InternedText::of(place) : nullptr;
+}
+
 bool isOnByRules(const Opaque* handle, ContextArgs context) noexcept;
 /// Whether an event of this instrument with this context is on. Takes no lock.
 inline bool isOnFor(const Opaque* handle, ContextArgs context) noexcept {

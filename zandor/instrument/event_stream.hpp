@@ -24,6 +24,8 @@ class ZANDOR_INSTRUMENT_API EventStream {
     /// The same of points, by time, source, order in the source.
     virtual std::span<const RecordedPoint> nextPoints() = 0;
 
+    /// Whether exports tell more of an event than its name and times.
+    virtual bool hasArgs() const noexcept { return true; }
     /// Events that were left out since it began because they are shorter than was asked for.
     virtual std::uint64_t leftOutShort() const noexcept { return 0; }
 };

@@ -13,7 +13,7 @@ namespace instrument::detail {
 
 namespace {
 
-constexpr std::array<std::string_view, 3> ownNames{"unfinished", "duration_ns", "start_ns"};
+constexpr std::array<std::string_view, 4> ownNames{"unfinished", "src", "duration_ns", "start_ns"};
 
 /// Whether no other name of the context can become this one, nor it one of ours.
 bool isOrdinary(const ContextArg& entry) {

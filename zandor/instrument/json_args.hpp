@@ -13,7 +13,8 @@ class ZANDOR_INSTRUMENT_API JsonArgs {
   public:
     explicit JsonArgs(TextBuffer& out) noexcept : out_(out) {}
 
-    /// A member of our own: "unfinished", "duration_ns" or "start_ns", or a counter's "value".
+    /// A member of our own: "unfinished", "src", "duration_ns" or "start_ns", or a counter's
+    /// "value".
     void add(std::string_view name, const ContextValue& value);
     /// A member an entry. Names that are ours, or that only differ in ill-formed parts, get a
     /// number: "unfinished_2".

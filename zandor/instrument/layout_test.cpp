@@ -33,6 +33,7 @@ TEST(Layout, AHandlesMembersStandWhereTheyDid) {
     EXPECT_EQ(offsetof(Opaque, hasContextRules), 9u);
     EXPECT_EQ(offsetof(Opaque, id), 12u);
     EXPECT_EQ(offsetof(Opaque, nameLength), 16u);
+    EXPECT_EQ(offsetof(Opaque, place), 24u);
 }
 
 TEST(Layout, AScopeHoldsAHandleAnIdentityAndAContext) {

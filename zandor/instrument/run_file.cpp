@@ -152,9 +152,17 @@ void putClock(RunFile& file) noexcept {
     entry.put(static_cast<std::uint64_t>(now.nanoseconds));
 }
 
+void putPlace(RunFile& file, const Opaque& instrument, const InternedText& place) noexcept {
+    Entry entry(file, JournalEntry::place, 2 * sizeof(std::uint64_t));
+    entry.put(instrument.id);
+    entry.put(place.id);
+}
+
 void putInstrument(RunFile& file, const Opaque& instrument) noexcept {
     putText(file, JournalEntry::instrument, instrument.id,
             {instrument.name, instrument.nameLength});
+    if (const InternedText* const place = placeOf(instrument))
+        putPlace(file, instrument, *place);
 }
 
 void putSource(RunFile& file, const SourceEntry& source) noexcept {
@@ -275,6 +283,11 @@ void journalAccount(std::uint64_t client, std::string_view text) noexcept {
 void journalInstrument(const Opaque& instrument) noexcept {
     for (RunFile* file = processState().runFiles; file; file = file->next)
         putInstrument(*file, instrument);
+}
+
+void journalPlace(const Opaque& instrument, const InternedText& place) noexcept {
+    for (RunFile* file = processState().runFiles; file; file = file->next)
+        putPlace(*file, instrument, place);
 }
 
 void journalSource(RunFile& file, SourceInfo& source) noexcept {

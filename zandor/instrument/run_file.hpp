@@ -82,6 +82,7 @@ enum class JournalEntry : std::uint8_t {
     source = 3,      ///< SourceEntry; a later one of the same id replaces an earlier one
     clock = 4,       ///< ticks, nanoseconds of the monotonic clock
     account = 5,     ///< number of an external client, text as in account_text.hpp
+    place = 6,       ///< number of an instrument, number of the text that is its place
 };
 /// An entry's first word: its kind in 8 bits, above them the bytes that follow. Entries begin at
 /// multiples of eight bytes.
@@ -121,6 +122,7 @@ void journalText(const InternedText& text) noexcept;
 void journalInstrument(const Opaque& instrument) noexcept;
 /// Tells every open journal of an external client's account.
 void journalAccount(std::uint64_t client, std::string_view text) noexcept;
+void journalPlace(const Opaque& instrument, const InternedText& place) noexcept;
 /// Tells of a source that the file's records are about to name.
 void journalSource(RunFile& file, SourceInfo& source) noexcept;
 /// Tells every open journal that a source which some journal has is called something else.

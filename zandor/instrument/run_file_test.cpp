@@ -8,6 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
 #include <system_error>
@@ -16,6 +17,8 @@
 #include "testing/recorder_support.hpp"
 #include "testing/temporary_folder.hpp"
 #include "zandor/instrument/clock.hpp"
+#include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/exports.hpp"
 #include "zandor/instrument/source.hpp"
 #include "zandor/instrument/trace_file.hpp"
 
@@ -26,6 +29,8 @@ namespace fs = std::filesystem;
 using test_support::Listening;
 using test_support::onThreads;
 using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
 using testing::SizeIs;
 
 /// Counts of events that children are sure to have committed.
@@ -57,6 +62,11 @@ class RunFileTest : public test_support::RecorderTest {
             if (summary.name == name)
                 return summary.count;
         return 0;
+    }
+    std::string jsonOf(const TraceFile& trace) const {
+        trace.saveTraceEventJson(results_ / "run.json");
+        std::ifstream stream(results_ / "run.json");
+        return {std::istreambuf_iterator<char>(stream), {}};
     }
     std::size_t filesInFolder() const {
         return static_cast<std::size_t>(
@@ -240,6 +250,29 @@ TEST_F(RunFileTest, CallsAThreadWhatItWasCalledLast) {
         setThreadName("named later");
     }).join();
     EXPECT_THAT(finished().threadNames(), testing::ElementsAre("named later"));
+}
+
+TEST_F(RunFileTest, KnowsWhereInstrumentsStandAndWasToldFirst) {
+    const auto* before = controls.getHandle("before");
+    controls.setPlace(before, "/a/file.py", 3);
+    InstrumentRecorder recorder({.folder = folder_.path()});
+    const Listening listening(recorder);
+    const auto* later = controls.getHandle("later");
+    for (const Opaque* handle : {before, later})
+        listeners.onEventStop(handle, ContextArgs(), listeners.onEventStart(handle, ContextArgs()));
+    controls.setPlace(later, "/b/file.py", 4);
+    controls.setPlace(later, "/b/file.py", 5);
+    const std::string direct = getAllCompleteEventsTraceEventJson(recorder, TimeSystem::monotonic,
+                                                                  std::chrono::nanoseconds(-1));
+    saveTraceFile(recorder, results_ / "saved.vtrace");
+    for (const std::string& json :
+         {direct, jsonOf(finished()), jsonOf(TraceFile(results_ / "saved.vtrace"))}) {
+        EXPECT_THAT(json, HasSubstr(R"("args":{"src":"/a/file.py:3"})"));
+        EXPECT_THAT(json, HasSubstr(R"("args":{"src":"/b/file.py:4"})"));
+    }
+    TraceFile shorter(file_);
+    shorter.select({.contexts = false});
+    EXPECT_THAT(jsonOf(shorter), Not(HasSubstr("src")));
 }
 
 TEST_F(RunFileTest, GoesWhenTheRecordingIsCleared) {

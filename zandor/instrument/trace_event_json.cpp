@@ -22,6 +22,7 @@ class Writer {
         : stream_(stream),
           timeSystem_(timeSystem),
           withInstants_(minimumDuration < 0),
+          withArgs_(stream.hasArgs()),
           time_(stream, timeSystem),
           tracks_(stream.facts()),
           layout_(stream, time_, minimumDuration),
@@ -210,15 +211,23 @@ class Writer {
 
     /// Ends an event with what its args hold of the event itself.
     void appendArgs(const RecordedEvent& event) {
-        if (event.finished && event.context.empty())
+        if (event.finished && event.context.empty() && !shownPlace(event))
             return out_.append('}');
         JsonArgs args(out_);
         closeWith(args, event);
     }
 
+    /// Where its instrument stands in a program; null where that is not known or not asked for.
+    const char* shownPlace(const RecordedEvent& event) const noexcept {
+        // Pairs with the release in Controls::setPlace.
+        return withArgs_ ? event.instrument->place.load(std::memory_order_acquire) : nullptr;
+    }
+
     void closeWith(JsonArgs& args, const RecordedEvent& event) {
         if (!event.finished)
             args.add("unfinished", true);
+        if (const char* place = shownPlace(event))
+            args.add("src", std::string_view(place));
         args.addContext(event.context);
         args.close();
         out_.append('}');
@@ -253,6 +262,7 @@ class Writer {
     EventStream& stream_;
     const TimeSystem timeSystem_;
     const bool withInstants_;
+    const bool withArgs_;
     const TraceTime time_;
     const TraceTracks tracks_;
     TraceLayout layout_;

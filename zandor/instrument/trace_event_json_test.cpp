@@ -318,6 +318,16 @@ TEST(TraceEventJson, EscapesContextTextsSoThatTheyReadBackAsTheyWere) {
     EXPECT_EQ(argsOf(builder)[odd].text, odd);
 }
 
+TEST(TraceEventJson, TellsWhereInstrumentsStand) {
+    RecordingBuilder builder;
+    builder.source("main");
+    builder.event("a", 0, 0, 1000, {{"src", "the context's"}});
+    builder.place("a", "/home/a \"b\".py:12");
+    const Json args = argsOf(builder);
+    EXPECT_EQ(args["src"].text, "/home/a \"b\".py:12");
+    EXPECT_EQ(args["src_2"].text, "the context's");
+}
+
 TEST(TraceEventJson, TellsContextNamesApartThatWouldMeet) {
     RecordingBuilder builder;
     builder.source("main");

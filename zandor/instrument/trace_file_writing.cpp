@@ -33,6 +33,11 @@ class EntryList {
         put(text.data(), text.size());
         bytes_.resize((bytes_.size() + sizeof(Word) - 1) / sizeof(Word) * sizeof(Word));
     }
+    void addPlace(std::uint64_t instrument, std::uint64_t text) {
+        begin(JournalEntry::place, 2 * sizeof(Word));
+        put(&instrument, sizeof instrument);
+        put(&text, sizeof text);
+    }
     void add(const SourceEntry& source) {
         begin(JournalEntry::source, sizeof source);
         put(&source, sizeof source);
@@ -100,6 +105,9 @@ void writeNames(TraceWriter& writer, std::uint64_t& nextText) {
     }
     for (std::uint32_t i = 0; const Opaque* instrument = instrumentFromId(i); ++i) {
         entries.add(JournalEntry::instrument, i, {instrument->name, instrument->nameLength});
+        // One that was told of since we looked at the texts is left out, as later events are.
+        if (const InternedText* place = placeOf(*instrument); place && place->id < nextText)
+            entries.addPlace(i, place->id);
         entries.writeTo(writer);
     }
     for (const ExternalAccount& account : externalAccounts())

@@ -41,6 +41,12 @@ class TraceNames : public RecordNames {
         return known->second;
     }
 
+    /// What was said first stays.
+    void setPlace(std::uint32_t instrument, const InternedText& place) noexcept {
+        const char* none = nullptr;
+        instruments_[instrument].place.compare_exchange_strong(none, place.text());
+    }
+
     std::string_view text(std::uint32_t number) const noexcept override {
         return texts_[number]->view();
     }

@@ -45,9 +45,10 @@ void LoadedProcess::addJournal(std::span<const std::uint64_t> untrusted) {
 }
 
 void LoadedProcess::addEntry(JournalEntry kind, std::span<const std::byte> payload) {
-    const std::size_t least = kind == JournalEntry::source  ? sizeof(SourceEntry)
-                              : kind == JournalEntry::clock ? 2 * sizeof(Word)
-                                                            : sizeof(Word);
+    const std::size_t least = kind == JournalEntry::source ? sizeof(SourceEntry)
+                              : kind == JournalEntry::clock || kind == JournalEntry::place
+                                  ? 2 * sizeof(Word)
+                                  : sizeof(Word);
     if (payload.size() < least)
         return;
     const auto first = valueAt<std::uint64_t>(payload);
@@ -60,6 +61,8 @@ void LoadedProcess::addEntry(JournalEntry kind, std::span<const std::byte> paylo
         case JournalEntry::source:
             sourceEntries_[first] = valueAt<SourceEntry>(payload);
             return;
+        case JournalEntry::place:
+            return addPlace(first, valueAt<std::uint64_t>(rest));
         case JournalEntry::clock:
             return clock_.add(first, valueAt<std::int64_t>(rest));
         case JournalEntry::account:
@@ -77,6 +80,12 @@ void LoadedProcess::addName(std::vector<std::uint32_t>& numbers, std::uint64_t n
     if (number >= numbers.size())
         numbers.resize(number + 1, notTold);
     numbers[number] = own;
+}
+
+void LoadedProcess::addPlace(std::uint64_t instrument, std::uint64_t text) {
+    const InternedText* const place = textAt(text);
+    if (place && instrument < instruments_.size() && instruments_[instrument] != notTold)
+        names_.setPlace(instruments_[instrument], *place);
 }
 
 void LoadedProcess::adapt(std::span<Word> records, bool notes) {

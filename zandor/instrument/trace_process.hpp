@@ -70,6 +70,7 @@ class LoadedProcess {
     static constexpr std::uint32_t notTold = 0xffffffff;
 
     void addEntry(JournalEntry kind, std::span<const std::byte> payload);
+    void addPlace(std::uint64_t instrument, std::uint64_t text);
     void addName(std::vector<std::uint32_t>& numbers, std::uint64_t number, std::uint32_t own);
     void adaptRecord(std::span<Word> record);
     const InternedText* textAt(std::uint64_t number) const noexcept;

@@ -27,6 +27,7 @@ class ZANDOR_INSTRUMENT_API TraceStream : public EventStream {
     void rewind(std::optional<std::uint32_t> onlySource = {}) override;
     std::span<const RecordedEvent> nextEvents() override;
     std::span<const RecordedPoint> nextPoints() override;
+    bool hasArgs() const noexcept override { return withContexts_; }
     std::uint64_t leftOutShort() const noexcept override { return leftOutShort_; }
 
     TraceBlocks& blocks() noexcept { return blocks_; }

@@ -54,6 +54,12 @@ class RecordingBuilder {
         return *this;
     }
 
+    /// Says where an instrument stands.
+    RecordingBuilder& place(const std::string& name, const std::string& place) {
+        made(name).place = texts_.emplace_back(place).c_str();
+        return *this;
+    }
+
     /// Lets the event made last stop on another thread.
     RecordingBuilder& stoppedBy(std::uint32_t source) {
         recording_.events.back().stopSource = source;
@@ -91,7 +97,9 @@ class RecordingBuilder {
         return recording_.contextArgs.keep(context.size());
     }
 
-    const Opaque* instrument(const std::string& name) {
+    const Opaque* instrument(const std::string& name) { return &made(name); }
+
+    Opaque& made(const std::string& name) {
         auto& known = instruments_[name];
         if (!known) {
             Opaque& made = opaques_.emplace_back();
@@ -100,13 +108,13 @@ class RecordingBuilder {
             made.nameLength = static_cast<std::uint32_t>(name.size());
             known = &made;
         }
-        return known;
+        return *known;
     }
 
     detail::Recording recording_;
     std::deque<std::string> texts_;
     std::deque<Opaque> opaques_;
-    std::map<std::string, const Opaque*> instruments_;
+    std::map<std::string, Opaque*> instruments_;
     std::uint64_t serial_ = 0;
 };
 

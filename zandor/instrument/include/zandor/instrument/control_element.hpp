@@ -41,7 +41,10 @@ struct Opaque {
     std::uint32_t id;
     /// Bytes of the name without the NUL.
     std::uint32_t nameLength;
-    std::uint8_t reserved1[12];
+    std::uint8_t reserved1[4];
+    /// Where in a program it stands, as "file:line", NUL-terminated and alive as long as the
+    /// process; null where nobody said. Acquire pairs with the release in Controls::setPlace.
+    std::atomic<const char*> place;
 };
 static_assert(sizeof(Opaque) == 32);
 static_assert(offsetof(Opaque, name) == 0);
@@ -49,6 +52,7 @@ static_assert(offsetof(Opaque, enabled) == 8);
 static_assert(offsetof(Opaque, hasContextRules) == 9);
 static_assert(offsetof(Opaque, id) == 12);
 static_assert(offsetof(Opaque, nameLength) == 16);
+static_assert(offsetof(Opaque, place) == 24);
 
 /// The control element behind a handle.
 class ZANDOR_INSTRUMENT_API ControlElement : public Opaque {

@@ -34,6 +34,9 @@ class ZANDOR_INSTRUMENT_API Controls {
     /// The instrument of this name, registered if it was not. Throws std::invalid_argument for a
     /// name with a NUL inside. A known name is found without a lock.
     const Opaque* getHandle(std::string_view name);
+    /// Says where in a program the instrument stands; what was said first stays. Throws
+    /// std::bad_alloc.
+    void setPlace(const Opaque* handle, std::string_view file, std::uint32_t line);
     /// Whether some code asked for the handle.
     bool has(std::string_view name) const;
 
