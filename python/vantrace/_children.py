@@ -11,12 +11,16 @@ import sys
 _VARIABLE = "VANTRACE_RUN"
 _SITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "_site")
 _UNTRACED = "untraced-"
+_COLLECTS = "collects"
 
 
-def announce(folder, options):
-    """Has the Python processes that this one starts from now on record into the folder."""
+def announce(folder, options, collects):
+    """Has the Python processes that this one starts from now on record into the folder.
+
+    Where it collects from clients, those that are clients do not.
+    """
     # Not as JSON, whose module the script may not want.
-    os.environ[_VARIABLE] = f"{folder}\n{options!r}"
+    os.environ[_VARIABLE] = f"{folder}\n{options | {_COLLECTS: collects}!r}"
     paths = os.environ.get("PYTHONPATH", "").split(os.pathsep)
     others = [path for path in paths if path != _SITE]
     os.environ["PYTHONPATH"] = os.pathsep.join([_SITE, *others] if others != [""] else [_SITE])
@@ -33,7 +37,10 @@ def begin():
     try:
         from ._record import record
 
-        recording = record(folder=folder, **literal_eval(options))
+        options = literal_eval(options)
+        if options.pop(_COLLECTS) and os.environ.get("VANTRACE_CLIENT"):
+            return  # its events are in the recording as a client's
+        recording = record(folder=folder, **options)
         recording.__enter__()
     except Exception as error:
         tell_untraced(folder, sys.orig_argv, f"{type(error).__name__}: {error}")

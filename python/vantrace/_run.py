@@ -41,7 +41,7 @@ def run(script, arguments, output, table, options):
         output.finish()
         end_like(status)
     report = _Report(output.run_folder, table, options)
-    _children.announce(output.run_folder, options.recording() | {"exact": False})
+    _children.announce(output.run_folder, options.recording() | {"exact": False}, options.clients)
     code = _main_code(script, arguments, source)
     report.begin()
     _execute(code)

@@ -7,7 +7,9 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DEV = ROOT / "dev"
-VERBS = "setup run test native python vantrace install package bench check sanitize fuzz help".split()
+VERBS = (
+    "setup run test native python vantrace install package bench bench check sanitize fuzz help"
+).split()
 
 pytestmark = pytest.mark.unsanitized
 
@@ -26,7 +28,7 @@ def fixture_script(tmp_path):
     return write
 
 
-def test_help_gives_each_verb_one_line():
+def test_help_gives_each_form_one_line():
     lines = dev("help").stdout.decode().splitlines()[1:]
     assert [line.split()[0] for line in lines] == VERBS
 

@@ -91,7 +91,7 @@ def test_context_and_instants_are_in_the_trace(recorded):
 
 def test_the_table_tells_where_the_time_went(recorded):
     lines = recorded[0].stderr.splitlines()
-    assert ", 2 threads, " in lines[0]
+    assert ", 4 threads, " in lines[0]
     table = [line for line in lines if not line.startswith("vantrace: ")][1:]
     cells = [re.split(r"  +", line) for line in table]
     assert {"iteration", "__main__.conjugate_gradients"} < {name for name, *_ in cells}
