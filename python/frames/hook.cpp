@@ -155,7 +155,8 @@ PyObject* evaluateDeep(PyThreadState* thread, Frame* frame, int throws) {
 /// these frames end past the hook.
 void adoptRunningFrames(const Frame* innermost) {
     std::vector<const Frame*> frames;
-    for (const Frame* frame = innermost; frame; frame = frame->previous)
+    for (const Frame* frame = innermost; frame && frame->f_code != tracing.base;
+         frame = frame->previous)
         frames.push_back(frame);
     for (; !frames.empty(); frames.pop_back()) {
         const Function* function = functionOf(frames.back(), frames.back()->previous);

@@ -57,6 +57,15 @@ PyObject* start(PyObject*, PyObject* arguments, PyObject* named) {
     });
 }
 
+PyObject* setBase(PyObject*, PyObject* code) {
+    return guarded([&] {
+        if (!PyCode_Check(code))
+            raise(PyExc_TypeError, "set_base takes a code object, not %s", Py_TYPE(code)->tp_name);
+        tracing.base = reinterpret_cast<const PyCodeObject*>(Py_NewRef(code));
+        return Py_NewRef(Py_None);
+    });
+}
+
 PyObject* stop(PyObject*, PyObject*) {
     return guarded([&] {
         stopTracing();
@@ -115,6 +124,7 @@ PyMethodDef functions[] = {
     {"add_recursions", addRecursions, METH_O,
      "Has the calling thread go so many calls deeper than its limit would let it."},
     {"start", asCFunction(start), METH_VARARGS | METH_KEYWORDS, "Begins to trace functions."},
+    {"set_base", setBase, METH_O, "Has the program begin above the frames of this code."},
     {"stop", stop, METH_NOARGS, "Ends it."},
     {"report", report, METH_NOARGS, "What was collapsed or not seen since the latest start."},
     {"places", places, METH_NOARGS, "{name: (file, line)} of the functions recorded so far."},

@@ -162,12 +162,18 @@ void leave(ThreadCalls& calls, const void* callee) {
         stopOpen(call);
 }
 
+bool isBase(PyFrameObject* frame) noexcept {
+    return codeOf(frame).get() == reinterpret_cast<const PyObject*>(tracing.base);
+}
+
 /// Starts events for the frames that the thread runs already, outermost first. Nothing stops them,
 /// whatever hook sees the calls.
 void adoptRunningFrames(ThreadCalls& calls, PyFrameObject* innermost) {
     calls.hasRunningFrames = true;
     std::vector<Ref> frames;
     for (Ref frame = Ref::share(reinterpret_cast<PyObject*>(innermost)); frame;) {
+        if (isBase(asFrame(frame)))
+            break;
         Ref caller = callerOf(asFrame(frame));
         frames.push_back(std::move(frame));
         frame = std::move(caller);

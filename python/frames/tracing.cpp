@@ -23,7 +23,8 @@ void beginSession(bool withCCalls) {
                .next = tracing.next,
                .selection = tracing.selection,
                .import = instrument::controls.getHandle("import"),
-               .tooDeep = instrument::controls.getHandle("(too deep to trace)")};
+               .tooDeep = instrument::controls.getHandle("(too deep to trace)"),
+               .base = tracing.base};
 }
 
 /// Where the program's audit hooks refuse, an exception comes out.

@@ -25,6 +25,8 @@ struct Tracing {
     const instrument::Opaque* import = nullptr;
     const instrument::Opaque* tooDeep = nullptr;
     const PyCodeObject* awaited = nullptr;  ///< is set to null when the hook sees it
+    /// The program begins above the frame of this code, where it has one; owned for good.
+    const PyCodeObject* base = nullptr;
 
     // Of the present session.
     std::uint64_t collapsedCalls = 0;  ///< calls whose time is their callers'

@@ -43,6 +43,7 @@ def run(script, arguments, output, table, options):
     report = _Report(output.run_folder, table, options)
     _children.announce(output.run_folder, options.recording() | {"exact": False}, options.clients)
     code = _main_code(script, arguments, source)
+    _frames.set_base(run.__code__)  # what called that is not the script's
     report.begin()
     _execute(code)
     return 0

@@ -235,3 +235,18 @@ def test_colours_are_for_terminals(run, tmp_path, settings, coloured):
     text = on_terminal(command, environment, tmp_path)
     assert b"__main__.busy" in text
     assert (b"\x1b[1m" in text) == coloured
+
+
+def test_what_calls_the_command_is_no_part_of_the_script(tmp_path):
+    (tmp_path / "command.py").write_text(
+        "import sys\nfrom vantrace._cli import console\n"
+        "if __name__ == '__main__':\n    sys.exit(console())\n"
+    )
+    (tmp_path / "script.py").write_text("def f(): pass\nf()\n")
+    wide = os.environ | {"COLUMNS": "200"}
+    done = run_python("command.py", "run", "-o", "t.json", "script.py", cwd=tmp_path, env=wide)
+    assert done.returncode == 0, done.stderr
+    [line] = [line for line in done.stderr.splitlines() if line.startswith("__main__.<module>")]
+    assert line.split()[1] == "1"
+    assert line.split()[2] != "0"
+    assert line.split()[-1] == "script.py:1"
