@@ -8,12 +8,7 @@
 #include "zandor/instrument/source.hpp"
 #include "zandor/instrument/testing/event_log.hpp"
 #include "zandor/instrument/thread_state.hpp"
-
-#if defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-#define WITH_THREAD_SANITIZER
-#endif
-#endif
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace instrument {
 namespace {
@@ -140,7 +135,7 @@ TEST_F(ThreadKeyTest, EventsOfThreadSpecificDestructorsHaveTheThreadsSource) {
 }
 
 // The thread sanitizer's own part of a thread ends before the last round of destructors.
-#if !defined(__SANITIZE_THREAD__) && !defined(WITH_THREAD_SANITIZER)
+#if !ZANDOR_THREAD_SANITIZED
 
 TEST_F(ThreadKeyTest, AThreadWhoseFirstEventComesAtItsEndLeavesNoState) {
     EventLog log;

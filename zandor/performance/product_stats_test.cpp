@@ -22,6 +22,7 @@
 #include "zandor/performance/product_stats_queue.hpp"
 #include "zandor/performance/product_stats_store.hpp"
 #include "zandor/runtime/console.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace performance::productStats {
 namespace {
@@ -199,6 +200,8 @@ TEST_F(ProductStats, AreOpenedByAForkedChildForItself) {
                             "end|parent|x|" + std::to_string(::getpid())));
 }
 
+// The thread sanitizer takes a mutex that a forked child makes anew for one that is still held.
+#if !ZANDOR_THREAD_SANITIZED
 TEST_F(ProductStats, AreKeptByChildrenThatAreForkedWhileAnotherThreadLogsForTheFirstTime) {
     constexpr int processes = 200;
     int good = 0;
@@ -228,6 +231,7 @@ TEST_F(ProductStats, AreKeptByChildrenThatAreForkedWhileAnotherThreadLogsForTheF
     }
     EXPECT_EQ(good, processes);
 }
+#endif
 
 TEST_F(ProductStats, AreKeptByManyChildrenThatAreForkedWhileRowsAreWritten) {
     constexpr int children = 20;
