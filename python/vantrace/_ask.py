@@ -23,11 +23,11 @@ options of snap:
   --seconds T          how long to record (default 5); an interrupt ends it earlier
   -o, --output FILE    as of vantrace run; by default vantrace-snap-PID-TIME.vtrace
   and of vantrace run those that say what is recorded: --events-only, --include, --exclude, --all,
-  --c-calls, --min-duration, --max-memory, --keep
+  --c-calls, --min-duration, --max-memory, --keep; and --sort, --top, --no-table
 """
 
 _PATIENCE = 5  # seconds until a process that does not answer is given up
-_RECORDING = (
+_OF_RUN = (
     "--events-only",
     "--include",
     "--exclude",
@@ -36,6 +36,8 @@ _RECORDING = (
     "--min-duration",
     "--max-memory",
     "--keep",
+    "--sort",
+    "--top",
 )
 
 
@@ -46,7 +48,7 @@ def snap(arguments):
         sys.stdout.write(USAGE)
         return 0
     processes = _process_ids("snap", request.processes)
-    output = Output(f"snap-{processes[0]}", request.output, request.options)
+    output = Output(f"snap-{processes[0]}", request.output, request.options, request.table)
     peers = {}
     try:
         _record(processes, request, output, peers)
@@ -100,6 +102,7 @@ class _SnapRequest:
         self.output = None
         self.seconds = 5.0
         self.processes = []
+        self.table = True
         self.wants_help = False
         arguments = list(arguments)
         while arguments:
@@ -111,6 +114,8 @@ class _SnapRequest:
             self.processes.append(argument)
         elif argument in ("-h", "--help"):
             self.wants_help = True
+        elif argument == "--no-table":
+            self.table = False
         elif name in ("-o", "--output", "--seconds"):
             if not equals and not others:
                 raise UsageError(f"{name} takes a value; see vantrace snap --help")
@@ -119,7 +124,7 @@ class _SnapRequest:
                 self.seconds = _seconds(value)
             else:
                 self.output = value
-        elif name not in _RECORDING or not self.options.take(argument, others):
+        elif name not in _OF_RUN or not self.options.take(argument, others):
             raise UsageError(f"snap has no option {argument!r}; see vantrace snap --help")
 
 

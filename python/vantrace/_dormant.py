@@ -25,10 +25,15 @@ class _Waiting:
         self._server = None
         self._peers = set()
         self._recordings = set()
+        self._entering = _thread.allocate_lock()  # a fork finds no recording half begun
 
     def begin(self):
         atexit.register(self._end)
-        os.register_at_fork(after_in_child=self._begin_in_child)
+        os.register_at_fork(
+            before=self._entering.acquire,
+            after_in_parent=self._entering.release,
+            after_in_child=self._begin_in_child,
+        )
         self._listen()
 
     def _listen(self):
@@ -58,6 +63,7 @@ class _Waiting:
 
     def _begin_in_child(self):
         """What is recorded is the parent's; who has asked for it must see it end with the parent."""
+        self._entering.release()
         self._stop_recordings()
         for descriptor in [self._server, *self._peers]:
             if descriptor:
@@ -108,8 +114,9 @@ class _Waiting:
         from ._record import record
 
         recording = record(folder=folder, **options)
-        recording.__enter__()
-        self._recordings.add(recording)
+        with self._entering:
+            recording.__enter__()
+            self._recordings.add(recording)
         try:
             _channel.send(peer, {"records": True})
             peer.recv(1)

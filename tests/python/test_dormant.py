@@ -128,6 +128,7 @@ def test_a_snap_records_functions_and_events_of_a_running_program(dormant, vantr
     assert done.returncode == 0, done.stderr
     assert done.stderr.splitlines()[-1] == f"vantrace: the trace is {tmp_path / 't.json'}"
     assert {"step", "__main__.step"} <= set(named(tmp_path / "t.json"))
+    assert {"step", "__main__.step"} <= {line.split()[0] for line in done.stderr.splitlines()}
     assert program.end() == (0, "whole\n", "")
     assert sorted(os.listdir(tmp_path)) == ["script.py", "t.json"]
 
@@ -199,7 +200,7 @@ print(sorted({"json", "select", "socket", "signal"} & sys.modules.keys()))
 
 def test_a_snap_ends_early_on_an_interrupt(dormant, tmp_path, environment):
     program = dormant()
-    command = [sys.executable, "-m", "vantrace", "snap", "--seconds", "600", "-o", "t.json"]
+    command = [sys.executable, "-m", "vantrace", "snap", "--no-table", "--seconds", "600", "-o", "t.json"]
     snap = subprocess.Popen(
         [*command, str(program.pid)], cwd=tmp_path, env=environment, stderr=subprocess.PIPE, text=True
     )
@@ -223,7 +224,7 @@ def test_what_a_process_recorded_before_it_ended_is_in_the_trace(
     dormant, tmp_path, environment, ending
 ):
     program = dormant(TELLING)
-    command = [sys.executable, "-m", "vantrace", "snap", "--seconds", "600", "-o", "t.json"]
+    command = [sys.executable, "-m", "vantrace", "snap", "--no-table", "--seconds", "600", "-o", "t.json"]
     snap = subprocess.Popen(
         [*command, str(program.pid)], cwd=tmp_path, env=environment, stderr=subprocess.PIPE, text=True
     )
@@ -244,7 +245,7 @@ def test_what_a_process_recorded_before_it_ended_is_in_the_trace(
 
 def test_a_program_whose_snap_was_killed_stops_recording(dormant, tmp_path, environment, vantrace):
     program = dormant()
-    command = [sys.executable, "-m", "vantrace", "snap", "--seconds", "600", "-o", "t.json"]
+    command = [sys.executable, "-m", "vantrace", "snap", "--no-table", "--seconds", "600", "-o", "t.json"]
     snap = subprocess.Popen([*command, str(program.pid)], cwd=tmp_path, env=environment)
     wait_for_run_file(tmp_path)
     snap.kill()
@@ -280,7 +281,7 @@ if child:
     print(os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]))
 """
     )
-    command = [sys.executable, "-m", "vantrace", "snap", "--seconds", "600", "-o", "t.json"]
+    command = [sys.executable, "-m", "vantrace", "snap", "--no-table", "--seconds", "600", "-o", "t.json"]
     snap = subprocess.Popen(
         [*command, str(program.pid)], cwd=tmp_path, env=environment, stderr=subprocess.PIPE, text=True
     )
