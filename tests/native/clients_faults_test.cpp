@@ -11,6 +11,7 @@
 #include "client_faults_support.hpp"
 #include "zandor/client/test_point.h"
 #include "zandor/performance/external_socket.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 extern "C" void zandor_test_point(const char* label) {
     using client_tests::fault;
@@ -236,6 +237,8 @@ TEST_F(FaultyClients, ClientsThatOpenWithoutDescriptorsAreInertOrRetry) {
     EXPECT_EQ(child.wait(), 0);
 }
 
+// The sanitizer of undefined behaviour needs descriptors to look at an object's type.
+#if !ZANDOR_SANITIZED
 TEST_F(FaultyClients, AHostWithoutDescriptorsLosesNothing) {
     aggregator_.start();
     const OpenClient client("queued");
@@ -257,6 +260,7 @@ TEST_F(FaultyClients, AHostWithoutDescriptorsLosesNothing) {
     aggregator_.collectEvents();
     EXPECT_THAT(recorder_.getEventPoints("kept"), SizeIs(100));
 }
+#endif
 
 // The folder.
 

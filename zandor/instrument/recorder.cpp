@@ -11,7 +11,6 @@ namespace {
 
 using detail::EventContextAccess;
 using detail::RecorderCore;
-using detail::RecordHead;
 using detail::RecordKind;
 
 detail::EdgeOrigin originOf(const EventContext& context) noexcept {

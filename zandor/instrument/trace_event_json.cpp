@@ -98,7 +98,7 @@ class Writer {
         appendMetadata(prefix + "published", account.published);
         appendMetadata(prefix + "delivered", account.delivered);
         for (const auto& [cause, count] : account.drops)
-            appendMetadata(prefix + "dropped_" + cause, count);
+            appendMetadata(std::string(prefix).append("dropped_").append(cause), count);
     }
 
     void appendPlaced(const PlacedEvent& placed) {
