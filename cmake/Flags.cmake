@@ -20,7 +20,7 @@ set(CMAKE_INSTALL_RPATH "$ORIGIN;$ORIGIN/../lib")
 
 foreach(language C CXX)
   set(CMAKE_${language}_FLAGS_RELEASE "-O2 -g1 -DNDEBUG")
-  set(CMAKE_${language}_FLAGS_DEBUG "-O1 -g -fno-omit-frame-pointer")
+  set(CMAKE_${language}_FLAGS_DEBUG "-O1 -g1 -fno-omit-frame-pointer")
 endforeach()
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -fno-semantic-interposition)

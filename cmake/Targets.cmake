@@ -11,14 +11,35 @@ function(vantrace_sources folder sources tests)
   set(${tests} ${found_tests} PARENT_SCOPE)
 endfunction()
 
+# Tests run for less long than it takes to optimise them: with sanitizers by far.
+function(vantrace_optimise_as_test target)
+  target_compile_options(${target} PRIVATE $<IF:$<CONFIG:Debug>,-O0,-O1> -g1)
+endfunction()
+
 # What a test may need to know about the tree that it runs in.
 function(vantrace_test_settings target)
   target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR})
+  vantrace_optimise_as_test(${target})
   target_compile_definitions(${target} PRIVATE
     VANTRACE_PLUGIN_PATH="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}/libvantrace.so"
     VANTRACE_TEST_PLUGIN_DIR="${PROJECT_BINARY_DIR}/tests/plugins"
     VANTRACE_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
   add_dependencies(${target} vantrace_test_needs)
+endfunction()
+
+# What nearly every test includes, compiled once for them all.
+function(vantrace_share_test_headers)
+  if(NOT GTest_FOUND OR NOT BUILD_TESTING)
+    return()
+  endif()
+  set(source ${PROJECT_BINARY_DIR}/test_headers.cpp)
+  file(CONFIGURE OUTPUT ${source} CONTENT "int main() {}\n")
+  add_executable(vantrace_test_headers EXCLUDE_FROM_ALL ${source})
+  target_link_libraries(vantrace_test_headers PRIVATE GTest::gmock Threads::Threads)
+  vantrace_optimise_as_test(vantrace_test_headers)
+  target_precompile_headers(vantrace_test_headers PRIVATE <gmock/gmock.h> <gtest/gtest.h>
+    <algorithm> <atomic> <chrono> <filesystem> <fstream> <functional> <map> <memory> <mutex>
+    <optional> <string> <string_view> <thread> <vector>)
 endfunction()
 
 # A GoogleTest executable whose tests ctest lists as "TARGET.Suite.Name".
@@ -30,6 +51,7 @@ function(vantrace_gtest target)
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LIBRARIES} GTest::gmock_main Threads::Threads)
   vantrace_test_settings(${target})
+  target_precompile_headers(${target} REUSE_FROM vantrace_test_headers)
   include(GoogleTest)
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
     TEST_PREFIX ${target}. PROPERTIES TIMEOUT 300)

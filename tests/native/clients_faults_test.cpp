@@ -2,6 +2,7 @@
 //
 // Built of copies of the two sides whose test points act.
 #include <gmock/gmock.h>
+#include <sys/eventfd.h>
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -55,6 +56,18 @@ class FaultyClients : public ClientTest {
 };
 
 // Producers that die.
+
+/// Takes what descriptors this process may have; few, for where there is no limit.
+std::vector<int> takeAllDescriptors() {
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_cur, 256);
+    setrlimit(RLIMIT_NOFILE, &limit);
+    std::vector<int> files;
+    for (int file = 0; (file = eventfd(0, EFD_CLOEXEC)) >= 0;)
+        files.push_back(file);
+    return files;
+}
 
 class ProducersKilledAt : public FaultyClients, public testing::WithParamInterface<Fault> {};
 
@@ -205,9 +218,7 @@ TEST_F(FaultyClients, WithoutDescriptorsEventsAreDroppedAndLaterTaken) {
     Child child([] {
         const OpenClient client("full house");
         client.waitUntilWanted();
-        std::vector<int> files;
-        for (int file = 0; (file = dup(0)) >= 0;)
-            files.push_back(file);
+        const std::vector<int> files = takeAllDescriptors();
         for (int i = 0; i < 1000; ++i)
             client.instant("dropped");
         for (const int file : files)
@@ -225,11 +236,8 @@ TEST_F(FaultyClients, WithoutDescriptorsEventsAreDroppedAndLaterTaken) {
 }
 
 TEST_F(FaultyClients, ClientsThatOpenWithoutDescriptorsAreInertOrRetry) {
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
     Child child([] {
-        while (dup(0) >= 0) {
-        }
+        takeAllDescriptors();
         zandor_client* const client = zandor_client_open("none left");
         zandor_client_instant(client, "x", nullptr, nullptr, 0);
         zandor_client_close(client);
@@ -249,14 +257,15 @@ TEST_F(FaultyClients, AHostWithoutDescriptorsLosesNothing) {
         for (int i = 0; i < 100; ++i)
             other.instant("kept");
     });
-    std::vector<int> files;
     ASSERT_TRUE(waitUntil([] { return accountOf("other").client == 0; }));
     ASSERT_EQ(child.wait(), 0);
-    for (int file = 0; (file = dup(0)) >= 0;)
-        files.push_back(file);
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    const std::vector<int> files = takeAllDescriptors();
     aggregator_.collectEvents();
     for (const int file : files)
         close(file);
+    setrlimit(RLIMIT_NOFILE, &before);
     aggregator_.collectEvents();
     EXPECT_THAT(recorder_.getEventPoints("kept"), SizeIs(100));
 }
