@@ -1,5 +1,7 @@
 """The command line: which command, and its options."""
 
+import os
+import signal
 import sys
 
 from ._core import version
@@ -89,6 +91,20 @@ def console():
 
 def main(arguments):
     """Runs a command; gives the exit status."""
+    if arguments[:1] == ["run"]:  # what a script does with its own output is the script's
+        return _told(arguments)
+    try:
+        status = _told(arguments)
+        sys.stdout.flush()
+        return status
+    except BrokenPipeError:
+        # Whoever read has seen enough; the interpreter is not to try the rest again at its end.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 128 + signal.SIGPIPE
+
+
+def _told(arguments):
+    """Runs a command; says what was wrong with its arguments."""
     try:
         return _command(list(arguments))
     except UsageError as error:

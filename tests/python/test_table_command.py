@@ -1,6 +1,9 @@
 """`vantrace table`: where the time of a trace file went."""
 
+import os
 import re
+import signal
+import subprocess
 
 import pytest
 
@@ -84,3 +87,13 @@ def test_what_is_asked_wrongly_is_said(command, trace, arguments, complaint):
     done = command(*arguments)
     assert (done.returncode, done.stdout) == (2, "")
     assert done.stderr.startswith("vantrace: ") and complaint in done.stderr
+
+
+@pytest.mark.parametrize("command", [("table", "own.vtrace"), ("tree",), ("diff", *2 * ["own.vtrace"])])
+def test_a_reader_that_has_seen_enough_is_no_error(trace, tmp_path, command):
+    reading, writing = os.pipe()
+    os.close(reading)
+    with open(writing, "wb") as output:
+        pipes = {"capture_output": False, "stdout": output, "stderr": subprocess.PIPE}
+        done = run_python("-m", "vantrace", *command, cwd=tmp_path, **pipes)
+    assert (done.returncode, done.stderr) == (128 + signal.SIGPIPE, "")
