@@ -44,6 +44,7 @@ struct Requests {
 };
 
 inline thread_local Requests* ofThisThread = nullptr;
+inline thread_local Requests* atGate = nullptr;
 inline std::atomic<Requests*> ofOtherThreads{nullptr};
 
 inline bool refuses() noexcept {
@@ -54,13 +55,18 @@ inline bool refuses() noexcept {
 /// While it lives, this thread's requests fail as planned.
 class Failure {
   public:
-    explicit Failure(Plan plan) : requests_{plan} {
-        ofThisThread = &requests_;
-        gate_ = kobs::internal::setAllocationGate([](std::size_t) noexcept { return !refuses(); });
+    /// Whose requests are meant.
+    enum class Of { everything, hostsOperators };
+
+    explicit Failure(Plan plan, Of of = Of::everything) : requests_{plan} {
+        (of == Of::everything ? ofThisThread : atGate) = &requests_;
+        gate_ = kobs::internal::setAllocationGate(
+            [](std::size_t) noexcept { return !(atGate && atGate->refuses()); });
     }
     ~Failure() {
         kobs::internal::setAllocationGate(gate_);
         ofThisThread = nullptr;
+        atGate = nullptr;
     }
     Failure(const Failure&) = delete;
     Failure& operator=(const Failure&) = delete;

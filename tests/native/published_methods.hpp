@@ -94,6 +94,8 @@ struct OpenEvent {
     std::uint64_t source = 0;
     std::uint64_t serial = 0;
 
+    OpenEvent(std::uint64_t itsSource, std::uint64_t itsSerial)
+        : source(itsSource), serial(itsSerial) {}
     explicit OpenEvent(const zandor::Value& result)
         : source(number(result, "sourceId")), serial(number(result, "serialId")) {}
 
