@@ -1,6 +1,7 @@
 #include "vantrace/performance/release.hpp"
 
 #include <memory>
+#include <new>
 
 #include "zandor/performance/xml.hpp"
 #include "zandor/runtime/path.hpp"
@@ -33,6 +34,8 @@ xmlNode* childElement(xmlNode* parent, const xmlChar* name) {
 
 fl::ustring releaseInXmlFile(const fl::ustring& path) {
     const Name name(xmlCharStrdup("release"));
+    if (!name)
+        throw std::bad_alloc();
     const auto document = LibXML2Utils::readDOMDocumentFromFile(nativePath(path));
     xmlNode* release = childElement(xmlDocGetRootElement(document.get()), name.get());
     return release ? LibXML2Utils::getElemTextValue(document.get(), release) : fl::ustring();

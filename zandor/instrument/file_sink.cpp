@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <new>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -31,6 +32,8 @@ bool isWrittenInPlace(const fs::path& target) {
 fs::path withoutLink(const fs::path& target) {
     std::error_code error;
     fs::path real = fs::canonical(target, error);
+    if (error == std::errc::not_enough_memory)
+        throw std::bad_alloc();  // a link would be replaced, not what it names
     return error ? target : real;
 }
 

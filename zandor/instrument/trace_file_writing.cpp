@@ -1,9 +1,12 @@
 // How trace files come about: from a recorder, from a run folder, from other trace files.
+#include <dirent.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <stdexcept>
+#include <system_error>
 
 #include "account_text.hpp"
 #include "clock_source.hpp"
@@ -153,11 +156,20 @@ void writeSnapshot(TraceWriter& writer, const Snapshot& snapshot) {
     writer.lost(snapshot.lost().ranges());
 }
 
+struct FolderCloser {
+    void operator()(DIR* folder) const noexcept { closedir(folder); }
+};
+
+/// Not by the standard library's iterator, which ends the process where memory runs out.
 std::vector<fs::path> runFilesIn(const fs::path& folder) {
+    const std::unique_ptr<DIR, FolderCloser> open(opendir(folder.c_str()));
+    if (!open)
+        throw fs::filesystem_error("cannot read the folder", folder,
+                                   std::error_code(errno, std::generic_category()));
     std::vector<fs::path> files;
-    for (const fs::directory_entry& entry : fs::directory_iterator(folder))
-        if (entry.path().extension() == ".run")
-            files.push_back(entry.path());
+    while (const dirent* entry = readdir(open.get()))
+        if (fs::path name(entry->d_name); name.extension() == ".run")
+            files.push_back(folder / name);
     // Their names end with when they were made.
     std::ranges::sort(files, {}, [](const fs::path& file) {
         const std::string name = file.stem();

@@ -1,6 +1,5 @@
 #include "zandor/performance/external_host.hpp"
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -8,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -66,6 +66,15 @@ ExternalAccount accountOf(const ExternalClient& client) {
             account.published, account.delivered, std::move(account.drops)};
 }
 
+/// Without memory for it the account stays as it was told of last.
+template <class Account>
+void tell(const ExternalClient& client, void (*account)(Account)) noexcept {
+    try {
+        account(accountOf(client));
+    } catch (const std::bad_alloc&) {
+    }
+}
+
 std::string describe(const ExternalClient& client) {
     return "client " + client.name() + " (process " + std::to_string(client.processId()) + ")";
 }
@@ -83,6 +92,17 @@ ExternalHost::~ExternalHost() {
     finish();
 }
 
+template <class Compose>
+void ExternalHost::say(Compose compose) noexcept {
+    if (lines_.size() >= mostLines)
+        return;
+    try {
+        lines_.push_back(compose());
+    } catch (const std::bad_alloc&) {
+        // The line is lost, rather than what it tells of undone.
+    }
+}
+
 std::exception_ptr ExternalHost::finish() noexcept {
     {
         const std::lock_guard locked(lock_);
@@ -92,17 +112,24 @@ std::exception_ptr ExternalHost::finish() noexcept {
     eventfd_write(wakeUp_.get(), 1);
     keeper_.join();
     const std::lock_guard locked(lock_);
-    refreshLocked();
+    std::exception_ptr failure;
+    try {
+        refreshLocked();
+    } catch (const std::bad_alloc&) {
+        failure = std::current_exception();
+    }
     for (ExternalClient& client : clients_)
         client.grantUntil(0);
-    std::exception_ptr failure = collectLocked();
-    // Once more: a stop may wait for a start that only the second round finds.
-    const std::exception_ptr later = collectLocked();
+    // Twice: a stop may wait for a start that only the second round finds.
+    for (int i = 0; i < 2; ++i) {
+        const std::exception_ptr latest = collectLocked();
+        failure = failure ? failure : latest;
+    }
     for (const ExternalClient& client : clients_)
-        endExternalAccount(accountOf(client));
+        tell(client, endExternalAccount);
     clients_.clear();
     newcomers_.clear();
-    return failure ? failure : later;
+    return failure;
 }
 
 void ExternalHost::refresh() {
@@ -123,39 +150,55 @@ std::vector<std::string> ExternalHost::takeLines() {
 
 void ExternalHost::run() noexcept {
     pthread_setname_np(pthread_self(), "zandor-host");
-    while (true) {
-        {
-            const std::lock_guard locked(lock_);
-            if (isClosing_)
-                return;
-            keepLeases();
-            refreshLocked();
-            // Nobody is there to hear of a listener's exception.
-            if (collectPeriod_.count() > 0)
-                collectLocked();
-        }
+    while (round()) {
         ZANDOR_TEST_POINT("host.round");
         wait();
     }
 }
 
-void ExternalHost::wait() {
+/// False when there is to be none any more.
+bool ExternalHost::round() noexcept {
+    const std::lock_guard locked(lock_);
+    if (isClosing_)
+        return false;
+    try {
+        keepLeases();
+        refreshLocked();
+        // Nobody is there to hear of a listener's exception.
+        if (collectPeriod_.count() > 0)
+            collectLocked();
+    } catch (const std::bad_alloc&) {
+        isStarved_ = true;  // what was not done is done in a later round
+    }
+    return true;
+}
+
+void ExternalHost::wait() noexcept {
     const auto period =
         collectPeriod_.count() > 0 ? std::min(collectPeriod_, renewalPeriod) : renewalPeriod;
-    std::vector<pollfd> files{{wakeUp_.get(), POLLIN, 0}};
-    {
-        const std::lock_guard locked(lock_);
-        // What waits for descriptors would be ready at once, again and again.
-        if (!isStarved_) {
-            files.push_back({socket_.get(), POLLIN, 0});
-            for (const Newcomer& newcomer : newcomers_)
-                files.push_back({newcomer.socket.get(), POLLIN, 0});
-            for (const ExternalClient& client : clients_)
-                if (!client.isGone())
-                    files.push_back({client.socket(), POLLIN, 0});
-        }
+    const auto time = static_cast<int>(period.count());
+    try {
+        std::vector<pollfd> files = waitedFor();
+        poll(files.data(), files.size(), time);
+    } catch (const std::bad_alloc&) {
+        pollfd wakeUp{wakeUp_.get(), POLLIN, 0};
+        poll(&wakeUp, 1, time);
     }
-    poll(files.data(), files.size(), static_cast<int>(period.count()));
+}
+
+std::vector<pollfd> ExternalHost::waitedFor() {
+    std::vector<pollfd> files{{wakeUp_.get(), POLLIN, 0}};
+    const std::lock_guard locked(lock_);
+    // What waits for descriptors or memory would be ready at once, again and again.
+    if (isStarved_)
+        return files;
+    files.push_back({socket_.get(), POLLIN, 0});
+    for (const Newcomer& newcomer : newcomers_)
+        files.push_back({newcomer.socket.get(), POLLIN, 0});
+    for (const ExternalClient& client : clients_)
+        if (!client.isGone())
+            files.push_back({client.socket(), POLLIN, 0});
+    return files;
 }
 
 void ExternalHost::keepLeases() {
@@ -209,8 +252,10 @@ bool ExternalHost::hear(Newcomer& newcomer) {
     }
     if (!isOfOurVersion(untrusted)) {
         refuse(newcomer, wire::Outcome::otherVersion);
-        say("external events: process " + std::to_string(newcomer.processId) +
-            " has a client library of another version and is not heard");
+        say([&] {
+            return "external events: process " + std::to_string(newcomer.processId) +
+                   " has a client library of another version and is not heard";
+        });
     } else if (untrusted.request == static_cast<std::uint32_t>(wire::Request::list)) {
         answerList(newcomer);
     } else if (clients_.size() >= mostClients) {
@@ -238,8 +283,10 @@ void ExternalHost::admit(Newcomer& newcomer, FileDescriptor counters,
         clients_.back().welcome();
         ZANDOR_TEST_POINT("host.welcomed");
     } catch (const std::exception& error) {
-        say("external events: process " + std::to_string(newcomer.processId) +
-            " is not heard: " + error.what());
+        say([&] {
+            return "external events: process " + std::to_string(newcomer.processId) +
+                   " is not heard: " + error.what();
+        });
     }
 }
 
@@ -280,7 +327,7 @@ std::exception_ptr ExternalHost::collectLocked() {
         std::exception_ptr latest = client.takeFailure();
         failure = failure ? failure : latest;
         if (!client.isGone())
-            setExternalAccount(accountOf(client));
+            tell(client, setExternalAccount);
     }
     letGoOfGone();
     ZANDOR_TEST_POINT("host.collected");
@@ -288,21 +335,18 @@ std::exception_ptr ExternalHost::collectLocked() {
 }
 
 void ExternalHost::giveUp(ExternalClient& client, const std::exception& error) {
-    say("external events: " + describe(client) + " is not heard any more: " + error.what());
+    say([&] {
+        return "external events: " + describe(client) + " is not heard any more: " + error.what();
+    });
     client.giveUp();
 }
 
 void ExternalHost::letGoOfGone() {
     clients_.remove_if([](const ExternalClient& client) {
         if (client.isGone())
-            endExternalAccount(accountOf(client));
+            tell(client, endExternalAccount);
         return client.isGone();
     });
-}
-
-void ExternalHost::say(std::string line) {
-    if (lines_.size() < mostLines)
-        lines_.push_back(std::move(line));
 }
 
 }  // namespace instrument::detail

@@ -2,6 +2,7 @@
 // collecting of what they publish.
 #pragma once
 
+#include <poll.h>
 #include <sys/types.h>
 
 #include <chrono>
@@ -47,7 +48,9 @@ class ExternalHost {
     };
 
     void run() noexcept;
-    void wait();
+    bool round() noexcept;
+    void wait() noexcept;
+    std::vector<pollfd> waitedFor();
     void keepLeases();
     // All below with the lock held.
     void refreshLocked();
@@ -61,7 +64,9 @@ class ExternalHost {
     void receiveFrom(ExternalClient& client);
     void giveUp(ExternalClient& client, const std::exception& error);
     void letGoOfGone();
-    void say(std::string line);
+    /// The line that `compose` gives.
+    template <class Compose>
+    void say(Compose compose) noexcept;
 
     const std::chrono::milliseconds collectPeriod_;
     const ExternalTerms terms_;

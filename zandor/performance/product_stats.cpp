@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <vector>
 
@@ -69,8 +70,13 @@ const int ProcessQueue::watchesForks_ =
 
 void log(Kind kind, const std::string& name, const std::string& detail) {
     const auto utc = std::chrono::system_clock::now().time_since_epoch();
-    ProcessQueue::get().add({std::chrono::duration_cast<std::chrono::nanoseconds>(utc).count(),
-                             kind, name, detail, ::getpid()});
+    Queue& queue = ProcessQueue::get();
+    try {
+        queue.add({std::chrono::duration_cast<std::chrono::nanoseconds>(utc).count(), kind, name,
+                   detail, ::getpid()});
+    } catch (const std::bad_alloc&) {
+        queue.drop();
+    }
 }
 
 std::filesystem::path home() {

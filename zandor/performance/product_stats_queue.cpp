@@ -4,12 +4,25 @@
 #include <signal.h>
 
 #include <exception>
+#include <new>
 #include <utility>
 
 #include "zandor/performance/product_stats.hpp"
 #include "zandor/runtime/console.hpp"
 
 namespace performance::productStats {
+
+namespace {
+
+std::string wordsOf(const std::exception& error) noexcept {
+    try {
+        return error.what();
+    } catch (const std::bad_alloc&) {
+        return "no memory";  // which is short enough to need none
+    }
+}
+
+}  // namespace
 
 void Queue::add(Row row) {
     std::unique_lock held(lock_);
@@ -56,6 +69,11 @@ void Queue::close() {
         writer.join();
 }
 
+void Queue::drop() noexcept {
+    const std::lock_guard guard(lock_);
+    ++dropped_;
+}
+
 std::uint64_t Queue::dropped() const {
     const std::lock_guard guard(lock_);
     return dropped_;
@@ -97,7 +115,7 @@ std::string Queue::write(const std::vector<Row>& rows) {
         return {};
     } catch (const std::exception& error) {
         store_.reset();  // the next rows try anew
-        return error.what();
+        return wordsOf(error);
     }
 }
 

@@ -33,6 +33,8 @@ class ZANDOR_PERFORMANCE_API Queue {
     void flush();
     /// Writes what is left and ends the thread; later rows are dropped.
     void close();
+    /// Counts a row that there was no memory for.
+    void drop() noexcept;
     std::uint64_t dropped() const;
 
     // A fork waits for the rows that are being written and closes the database, since SQLite's

@@ -141,17 +141,24 @@ void TaskSession::removeAll() {
 void TaskSession::cleanup() {
     Queue finished;  // destroyed after the lock is open
     const std::lock_guard guard(TaskManagerState::get().lock);
-    takeFinished(finished);
+    addFinished(finished);
+    dropFinished();
 }
 
-void TaskSession::takeFinished(Queue& finished) {
-    Queue left;
-    for (auto& task : tasks_) {
-        if (auto* session = const_cast<TaskSession*>(task->asSession()))
-            session->takeFinished(finished);
-        (task->state_ == State::finished ? finished : left).push_back(std::move(task));
+void TaskSession::addFinished(Queue& finished) const {
+    for (const auto& task : tasks_) {
+        if (const TaskSession* session = task->asSession())
+            session->addFinished(finished);
+        if (task->state_ == State::finished)
+            finished.push_back(task);
     }
-    tasks_.swap(left);
+}
+
+void TaskSession::dropFinished() noexcept {
+    for (const auto& task : tasks_)
+        if (auto* session = const_cast<TaskSession*>(task->asSession()))
+            session->dropFinished();
+    std::erase_if(tasks_, [](const auto& task) { return task->state_ == State::finished; });
 }
 
 bool TaskSession::isProcessing() const noexcept {

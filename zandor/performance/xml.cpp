@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <system_error>
@@ -74,11 +75,24 @@ std::string parserWords(xmlParserCtxt& context) {
     return "line " + std::to_string(error->line) + ": " + words;
 }
 
+/// Without memory the library leaves parts of a document or of a text out, and tells only of an
+/// error of the thread.
+class MemoryWatch {
+  public:
+    MemoryWatch() noexcept { xmlResetLastError(); }
+    void check() const {
+        const xmlError* error = xmlGetLastError();
+        if (error && error->code == XML_ERR_NO_MEMORY)
+            throw std::bad_alloc();
+    }
+};
+
 struct ContextReleaser {
     void operator()(xmlParserCtxt* context) const noexcept { xmlFreeParserCtxt(context); }
 };
 
 LibXML2Utils::DOMDocument parse(const std::string& path, const std::string& content) {
+    const MemoryWatch memory;
     const std::unique_ptr<xmlParserCtxt, ContextReleaser> context(xmlNewParserCtxt());
     if (!context)
         throw std::bad_alloc();
@@ -87,6 +101,7 @@ LibXML2Utils::DOMDocument parse(const std::string& path, const std::string& cont
     LibXML2Utils::DOMDocument document(xmlCtxtReadMemory(
         context.get(), content.data(), static_cast<int>(content.size()), path.c_str(), nullptr,
         XML_PARSE_NONET | XML_PARSE_NOENT | XML_PARSE_NOERROR | XML_PARSE_NOWARNING));
+    memory.check();
     if (!document || !xmlDocGetRootElement(document.get()))
         throwBadDocument(path, parserWords(*context));
     return document;
@@ -104,7 +119,9 @@ fl::ustring LibXML2Utils::getElemTextValue(xmlDoc* /*document*/, xmlNode* elemen
     struct TextReleaser {
         void operator()(xmlChar* text) const noexcept { xmlFree(text); }
     };
+    const MemoryWatch memory;
     const std::unique_ptr<xmlChar, TextReleaser> text(xmlNodeGetContent(element));
+    memory.check();
     if (!text)
         return {};
     return fl::i18n::utf8_to_ustring(reinterpret_cast<const char*>(text.get()));

@@ -137,11 +137,12 @@ class ZANDOR_PERFORMANCE_API TaskSession : public Task, public Pauseable {
     const TaskSession* asSession() const noexcept override { return this; }
 
     std::shared_ptr<Task> nextWithWork(std::size_t& position) const;
-    std::shared_ptr<Task> find(std::string_view name) const;  // locked, as the next two
+    std::shared_ptr<Task> find(std::string_view name) const;  // locked, as the next five
     int count(bool nested) const noexcept;
     bool holds(const Task& task) const noexcept;
     void list(std::vector<std::string>& lines, int depth) const;
-    void takeFinished(Queue& finished);
+    void addFinished(Queue& finished) const;
+    void dropFinished() noexcept;
     void release(const Task& task);
 
     Queue tasks_;  // guarded by the manager's lock
