@@ -21,7 +21,8 @@ function(vantrace_test_settings target)
   add_dependencies(${target} vantrace_test_needs)
 endfunction()
 
-# A GoogleTest executable whose tests ctest lists as "TARGET.Suite.Name".
+# A GoogleTest executable whose tests ctest lists as "TARGET.Suite.Name". Those that are
+# instantiated as "Soak" take minutes; they have a label of their own.
 function(vantrace_gtest target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
   if(NOT arg_SOURCES OR NOT GTest_FOUND OR NOT BUILD_TESTING)
@@ -32,7 +33,10 @@ function(vantrace_gtest target)
   vantrace_test_settings(${target})
   include(GoogleTest)
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
-    TEST_PREFIX ${target}. PROPERTIES TIMEOUT 300)
+    TEST_PREFIX ${target}. TEST_FILTER -Soak/* PROPERTIES TIMEOUT 300)
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+    TEST_PREFIX ${target}. TEST_FILTER Soak/* TEST_LIST ${target}_soak_tests
+    PROPERTIES TIMEOUT 3600 LABELS soak)
 endfunction()
 
 # zandor-NAME.pc, for builds without CMake; PUBLIC is what the library's own users need.
