@@ -42,7 +42,8 @@ function(vantrace_share_test_headers)
     <optional> <string> <string_view> <thread> <vector>)
 endfunction()
 
-# A GoogleTest executable whose tests ctest lists as "TARGET.Suite.Name".
+# A GoogleTest executable whose tests ctest lists as "TARGET.Suite.Name". Those that are
+# instantiated as "Soak" take minutes; they have a label of their own.
 function(vantrace_gtest target)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LIBRARIES")
   if(NOT arg_SOURCES OR NOT GTest_FOUND OR NOT BUILD_TESTING)
@@ -54,7 +55,10 @@ function(vantrace_gtest target)
   target_precompile_headers(${target} REUSE_FROM vantrace_test_headers)
   include(GoogleTest)
   gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
-    TEST_PREFIX ${target}. PROPERTIES TIMEOUT 300)
+    TEST_PREFIX ${target}. TEST_FILTER -Soak/* PROPERTIES TIMEOUT 300)
+  gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+    TEST_PREFIX ${target}. TEST_FILTER Soak/* TEST_LIST ${target}_soak_tests
+    PROPERTIES TIMEOUT 3600 LABELS soak)
 endfunction()
 
 # zandor-NAME.pc, for builds without CMake; PUBLIC is what the library's own users need.

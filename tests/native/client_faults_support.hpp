@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 #include <atomic>
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <string>
 
 #include "client_support.hpp"
+#include "process_support.hpp"
 #include "zandor/client/packets.hpp"
 #include "zandor/client/runtime_folder.hpp"
 #include "zandor/client/wire.hpp"
@@ -20,6 +20,8 @@
 namespace client_tests {
 
 namespace wire = zandor::client::wire;
+using process_tests::Child;
+using process_tests::Shared;
 
 /// What happens to this process at which label.
 struct Fault {
@@ -28,64 +30,6 @@ struct Fault {
     int passes = 0;  ///< how often the label is passed before
 };
 inline Fault fault;
-
-/// Memory that a child and its parent share.
-template <class T>
-class Shared {
-  public:
-    Shared()
-        : value_(new (mmap(nullptr, sizeof(T), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS,
-                           -1, 0)) T()) {}
-    ~Shared() { munmap(value_, sizeof(T)); }
-    Shared(const Shared&) = delete;
-    Shared& operator=(const Shared&) = delete;
-    T& operator*() const { return *value_; }
-    T* operator->() const { return value_; }
-
-  private:
-    T* value_;
-};
-
-/// A child process that runs a function and exits with 0; killed with its owner.
-class Child {
-  public:
-    explicit Child(const std::function<void()>& run) : process_(fork()) {
-        if (process_ == 0) {
-            run();
-            _exit(0);
-        }
-    }
-    ~Child() {
-        if (process_ > 0) {
-            kill(process_, SIGKILL);
-            wait();
-        }
-    }
-    Child(const Child&) = delete;
-    Child& operator=(const Child&) = delete;
-
-    pid_t process() const { return process_; }
-    void signal(int number) const { kill(process_, number); }
-    /// The status that it ended with.
-    int wait() {
-        int status = 0;
-        waitpid(process_, &status, 0);
-        process_ = -1;
-        return status;
-    }
-    void waitUntilStopped() const {
-        int status = 0;
-        waitpid(process_, &status, WUNTRACED);
-        ASSERT_TRUE(WIFSTOPPED(status));
-    }
-    int waitUntilKilled() {
-        const int status = wait();
-        return WIFSIGNALED(status) ? WTERMSIG(status) : -1;
-    }
-
-  private:
-    pid_t process_;
-};
 
 /// Speaks to a host by the bytes alone.
 class RogueClient {

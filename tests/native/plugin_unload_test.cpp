@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "soak_support.hpp"
 #include "vantrace/testing/console.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/instrument.hpp"
@@ -107,20 +108,31 @@ TEST_F(PluginUnload, HandlesThatStayBehindSayThatItIsNotLoaded) {
     EXPECT_THROW(method(), zandor::NotLoadedError);
 }
 
-TEST_F(PluginUnload, WhileThreadsEmitIntoItsRecorder) {
+class PluginUnloadRounds : public Counted<PluginUnload> {};
+
+TEST_P(PluginUnloadRounds, WhileThreadsEmitIntoItsListenersAndOthersEndAfterwards) {
+    const vantrace_testing::KeptConsole console;
     const Emitters emitters(3);
-    for (int round = 0; round < 50; ++round) {
+    for (int round = 0; round < count(); ++round) {
         zandor::Plugin plugin = load();
-        zandor::resolve(start)();
+        {
+            const Emitters endAfterwards(1);
+            for (const char* service : {"recorder", "counter", "profiler", "logger"})
+                zandor::resolve("performance.instrument." + std::string(service) + ".start")();
+            emitters.await();
+            endAfterwards.await();
+            const zandor::Value stats = zandor::resolve(getAllEventStats)();
+            ASSERT_EQ(matrix::hx::hxGetColumns(stats.asArray()), 1u);
+            plugin.unload();
+        }
+        ASSERT_FALSE(isMapped()) << "round " << round;
+        ASSERT_FALSE(instrument::listeners.anyActive());
         emitters.await();
-        const zandor::Value stats = zandor::resolve(getAllEventStats)();
-        EXPECT_EQ(matrix::hx::hxGetColumns(stats.asArray()), 1u);
-        plugin.unload();
-        EXPECT_FALSE(isMapped()) << "round " << round;
-        EXPECT_FALSE(instrument::listeners.anyActive());
-        emitters.await();
+        console.take();
     }
 }
+
+SHORT_AND_SOAK(PluginUnloadRounds, 50, 2000);
 
 TEST_F(PluginUnload, ThreadsThatEmittedMayEndAfterwards) {
     zandor::Plugin plugin = load();

@@ -160,8 +160,10 @@ if child:
     )
 
 
-def test_after_fork_while_threads_emit(ends_in_silence):
+@pytest.mark.parametrize("forks", [30, pytest.param(3000, marks=pytest.mark.soak)])
+def test_after_fork_while_threads_emit(ends_in_silence, forks):
     ends_in_silence(
+        f"forks = {forks}"
         """
 stop = threading.Event()
 def work():
@@ -173,7 +175,7 @@ def work():
         recorder.clearAllEventData()
 threads = [threading.Thread(target=work) for _ in range(3)]
 for thread in threads: thread.start()
-for _ in range(30):
+for _ in range(forks):
     child = os.fork()
     if child == 0:
         with vantrace.event("child"):
@@ -199,3 +201,19 @@ def test_after_unloading(ends_in_silence):
 
 def test_while_another_thread_unloads(ends_in_silence):
     ends_in_silence("threading.Thread(target=vantrace.host.unload).start()")
+
+
+WAYS_TO_END = {
+    "threads": DAEMON.format(body="with vantrace.event('busy', n=1): pass"),
+    "functions": "vantrace.record(functions=True).__enter__()\n"
+    + DAEMON.format(body="sorted(range(9), key=lambda n: -n)"),
+    "unloading": "threading.Thread(target=vantrace.host.unload).start()",
+    "fork": "os.fork()\n" + DAEMON.format(body="vantrace.instant('busy')"),
+}
+
+
+@pytest.mark.parametrize("rounds", [2, pytest.param(200, marks=pytest.mark.soak)])
+@pytest.mark.parametrize("way", WAYS_TO_END)
+def test_again_and_again(ends_in_silence, way, rounds):
+    for _ in range(rounds):
+        ends_in_silence(WAYS_TO_END[way])

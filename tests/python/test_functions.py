@@ -407,7 +407,8 @@ def test_functions_that_come_and_go_have_their_right_names():
     }
 
 
-def test_memory_stays_flat_while_functions_come_and_go():
+@pytest.mark.parametrize("functions", [50_000, pytest.param(2_000_000, marks=pytest.mark.soak)])
+def test_memory_stays_flat_while_functions_come_and_go(functions):
     def work(count):
         for number in range(count):
             exec(f"def f{number % 100}(): pass\nf{number % 100}()", {"__name__": "made"})
@@ -416,7 +417,7 @@ def test_memory_stays_flat_while_functions_come_and_go():
         work(20_000)
         gc.collect()
         before = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss
-        work(50_000)
+        work(functions)
         assert resource.getrusage(resource.RUSAGE_SELF).ru_maxrss - before < 1024
 
 

@@ -1,0 +1,19 @@
+// Tests at two counts: a short form among all other tests, and a long one, which takes minutes and
+// is for ./dev test --soak.
+//
+//   using ShortThreads = Counted<ThreadTest>;
+//   TEST_P(ShortThreads, LeaveNothing) { for (int i = 0; i < count(); ++i) ... }
+//   SHORT_AND_SOAK(ShortThreads, 1'000, 100'000);
+#pragma once
+
+#include <gtest/gtest.h>
+
+template <typename Fixture>
+class Counted : public Fixture, public testing::WithParamInterface<int> {
+  protected:
+    static int count() { return testing::WithParamInterface<int>::GetParam(); }
+};
+
+#define SHORT_AND_SOAK(suite, few, many)                          \
+    INSTANTIATE_TEST_SUITE_P(Short, suite, testing::Values(few)); \
+    INSTANTIATE_TEST_SUITE_P(Soak, suite, testing::Values(many))
