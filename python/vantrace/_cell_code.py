@@ -78,5 +78,5 @@ def place_names(shell):
 
 def _cell_name(shell, file):
     """"Cell In[3]", or the file as it is."""
-    number = shell.compile._filename_map.get(file)
+    number = getattr(shell.compile, "_filename_map", {}).get(file)
     return file if number is None else f"Cell In[{number}]"

@@ -42,8 +42,7 @@ class Interrupts:
             self._before(number, frame)
 
     def _is_held(self, frame):
-        holding = Interrupts.hold_during.__code__
-        while frame and not (frame.f_code is holding and frame.f_locals["self"] is self):
+        while frame and not (frame.f_code in _HOLDING and frame.f_locals["self"] is self):
             frame = frame.f_back
         return frame is not None
 
@@ -51,3 +50,9 @@ class Interrupts:
         if self._came:
             self._came = False
             self._before(signal.SIGINT, sys._getframe())
+
+
+_HOLDING = {
+    function.__code__
+    for function in (Interrupts.__enter__, Interrupts.__exit__, Interrupts.hold_during)
+}

@@ -82,9 +82,13 @@ def _run(shell, line, cell, local_names):
 
 def _recorded(interrupts, recording, code, names):
     try:
-        interrupts.hold_during(recording.begin)
-        return code.run(*names)
+        try:
+            interrupts.hold_during(recording.begin)
+            return code.run(*names)
+        finally:
+            interrupts.hold_during(recording.end)
     finally:
+        # Once more, where an interrupt came on the way to the first time.
         interrupts.hold_during(recording.end)
 
 
@@ -177,21 +181,21 @@ class _Recording:
         self.save = self._recording.save
 
     def begin(self):
-        self._recording.__enter__()
         if self._wants_gc:
             from ._collections import trace_gc
 
             self._collections = trace_gc()
         self._began = time.perf_counter_ns()
+        self._recording.__enter__()
 
     def end(self):
-        """Also of one that did not begin."""
+        """Also of one that did not begin, or has ended."""
         ended = time.perf_counter_ns()
         if self._collections:
             self._collections.stop()
         if self._recording.is_active:
-            self._recording.__exit__(None, None, None)
             self.duration = ended - self._began
+            self._recording.__exit__(None, None, None)
 
     def places(self):
         return self._place_names(self._recording.places())

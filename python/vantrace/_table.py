@@ -145,10 +145,10 @@ def dropped(drops, counting=""):
     """The line that says what the recorder dropped, where it did."""
     count = sum(drops[cause] for cause in ("refused", "oldest", "shortest", "failed"))
     if count:
-        shortest = f", the shortest, up to {time_text(drops['minimum_duration'])}"
+        shortest = f", the shortest, up to {time_text(drops['minimum_duration'])},"
         which = shortest if count == drops["shortest"] else ""
         yield (
-            f"vantrace: for want of {_wanting(drops)} {counted(count, 'event')}{which}, "
+            f"vantrace: for want of {_wanting(drops)} {counted(count, 'event')}{which} "
             f"{'is' if count == 1 else 'are'} not in the trace{counting}"
         )
 

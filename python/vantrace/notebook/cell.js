@@ -17,15 +17,18 @@
 
   function fillWith(chosen) {
     const scale = 100 / (chosen.right - chosen.left);
+    let lowest = 0;
     for (const frame of frames) {
       const holds = frame.left <= chosen.left + rounding && frame.right >= chosen.right - rounding;
       const isAbove = frame.row < chosen.row && holds;
       const isInside =
         frame.row >= chosen.row && frame.left >= chosen.left - rounding && frame.right <= chosen.right + rounding;
       frame.element.style.display = isAbove || isInside ? '' : 'none';
+      if (isAbove || isInside) lowest = Math.max(lowest, frame.row);
       frame.element.setAttribute('x', isAbove ? '0%' : `${(frame.left - chosen.left) * scale}%`);
       frame.element.setAttribute('width', isAbove ? '100%' : `${(frame.right - frame.left) * scale}%`);
     }
+    picture.setAttribute('height', lowest + number(chosen.element, 'height'));
   }
 
   function mark(text) {
