@@ -6,6 +6,7 @@ import xml.etree.ElementTree as ElementTree
 import pytest
 
 from conftest import run_python
+from documents import all_blocks
 from notebook_kernel import Kernel
 
 pytestmark = pytest.mark.unsanitized
@@ -278,3 +279,12 @@ def test_unloading_takes_the_magic_away(kernel):
 def test_importing_vantrace_does_not_import_ipython():
     code = "import vantrace, sys; vantrace.record; print('IPython' in sys.modules)"
     assert run_python("-c", code).stdout == "False\n"
+
+
+def test_the_cells_of_the_guide_run(run):
+    shown = [run(block.code) for block in all_blocks() if block.language == "ipython"]
+    assert [cell.status for cell in shown] == ["ok"] * 4
+    assert [len(cell.data) for cell in shown] == [0, 1, 1, 1]
+    assert shown[1].table["__main__.area"][0] == "100,000"
+    assert list(shown[2].table)[1:] == ["__main__.area"]
+    assert shown[3].recording[0].endswith("vantrace: the trace is cell.vtrace")
