@@ -78,8 +78,10 @@ FunctionKind kindOf(EnteredCode entered, const std::string& name, const Function
     return isImport(entered) ? FunctionKind::import : FunctionKind::collapsed;
 }
 
+/// Of several functions of a name the latest counts, as of a notebook's cell that was run again; a
+/// trace keeps the place of the first.
 void notePlace(const Opaque* instrument, PyCodeObject* code) {
-    const auto [place, isNew] = places().try_emplace(
+    const auto [place, isNew] = places().insert_or_assign(
         instrument, SourcePlace{textOf(code->co_filename), code->co_firstlineno});
     if (isNew)
         instrument::controls.setPlace(instrument, place->second.file,

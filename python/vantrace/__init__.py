@@ -16,9 +16,10 @@
 
     from vantrace import performance  # the tree of published methods
 
-`python -m vantrace run script.py` records a whole script with all of its functions. `vantrace.host`
-loads and unloads plug-ins. `vantrace.tasks` takes work to be done in small steps.
-`vantrace.client` sends events to another process that records.
+`python -m vantrace run script.py` records a whole script with all of its functions; in a notebook,
+after `%load_ext vantrace`, `%%vantrace` records a cell. `vantrace.host` loads and unloads plug-ins.
+`vantrace.tasks` takes work to be done in small steps. `vantrace.client` sends events to another
+process that records.
 """
 
 try:
@@ -54,8 +55,10 @@ _LATER = {
     "LoggingHandler": "._logging",
     "StructArray": "._struct_array",
     "instrumented": "._instrumented",
+    "load_ipython_extension": "._notebook",
     "record": "._record",
     "trace_gc": "._collections",
+    "unload_ipython_extension": "._notebook",
     "wrap": "._wrap",
     "wrap_module": "._wrap",
 }

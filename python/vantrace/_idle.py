@@ -18,11 +18,13 @@ def run_tasks(context):
 def install():
     """Where IPython's terminal runs: makes `%gui vantrace` known, and in force unless another is."""
     terminal = sys.modules.get("IPython.terminal.interactiveshell")
-    if not terminal or not terminal.TerminalInteractiveShell.initialized():
+    if not terminal:
         return
+    shell = sys.modules["IPython"].get_ipython()
+    if not isinstance(shell, terminal.TerminalInteractiveShell):
+        return  # none, or that of a notebook
     from IPython.terminal import pt_inputhooks
 
     pt_inputhooks.register(NAME, run_tasks)
-    shell = terminal.TerminalInteractiveShell.instance()
     if not shell.active_eventloop:
         shell.enable_gui(NAME)

@@ -140,6 +140,12 @@ class record:
         """What tracing functions collapsed and did not see; None where it was not asked for."""
         return self._functions and self._functions.report()
 
+    def places(self):
+        """Where functions stand: {name: (file, line)}."""
+        from ._functions import places
+
+        return places()
+
     @property
     def counts_all(self):
         """Whether the summary counts what is not in the trace, too."""

@@ -55,22 +55,37 @@ def lines(recording, duration, cpu_time, options, style):
 
     `recording` is a vantrace.record, or tells the same; without a CPU time that is left out.
     """
-    rows = sorted(recording.summary(), key=ORDERS[options.sort])
+    rows = sorted_rows(recording, options)
+    yield from head(recording, rows, duration, cpu_time)
+    shown = rows[: options.top or None]
+    if rows:
+        yield from aligned(list(cells(recording, shown, duration)), style)
+    yield from tail(recording, len(rows) - len(shown))
+
+
+def sorted_rows(recording, options):
+    """What the recording sums up, in the order of the table."""
+    return sorted(recording.summary(), key=ORDERS[options.sort])
+
+
+def head(recording, rows, duration, cpu_time):
+    """The lines above the table."""
     threads = len(recording.threads())
     calls = sum(row.count for row in rows)
     yield (
-        f"vantrace: {time_text(duration)} wall time, {_counted(threads, 'thread')}, "
-        f"{_counted(calls, 'event')}"
+        f"vantrace: {time_text(duration)} wall time, {counted(threads, 'thread')}, "
+        f"{counted(calls, 'event')}"
     )
-    functions = recording.functions()
     if cpu_time is not None:
-        yield _cost_text(cpu_time, calls, functions)
+        yield _cost_text(cpu_time, calls, recording.functions())
     yield from _widest(rows)
-    shown = rows[: options.top or None]
-    if rows:
-        yield from aligned(list(_table(recording, shown, duration)), style)
-    if len(rows) > len(shown):
-        yield f"... and {_counted(len(rows) - len(shown), 'more name')}"
+
+
+def tail(recording, left_out):
+    """The lines below a table that leaves out so many rows."""
+    if left_out:
+        yield f"... and {counted(left_out, 'more name')}"
+    functions = recording.functions()
     if functions:
         yield from _collapsed(functions)
     yield from losses(recording)
@@ -94,16 +109,14 @@ def _widest(rows):
         yield f"vantrace: {share:.0f} % of it is in the widest {_WIDEST} of {len(times):,} names"
 
 
-def _table(recording, rows, duration):
-    """Head and rows; with a column of places where functions were traced."""
+def cells(recording, rows, duration):
+    """The texts of the table's head and rows; with places where functions were traced."""
     head = ("event", "calls", "total", "self", "self %", "p50", "p99")
     if recording.functions() is None:
         yield head
         yield from (_cells(row, duration) for row in rows)
         return
-    from ._functions import places
-
-    known = places()
+    known = recording.places()
     yield ("function or event", *head[1:], "place")
     for row in rows:
         yield (*_cells(row, duration), _place_text(known.get(row.name)))
@@ -114,7 +127,7 @@ def _collapsed(functions):
     calls = functions["collapsed_calls"]
     if calls:
         yield (
-            f"vantrace: {_counted(calls, 'call')} of library functions "
+            f"vantrace: {counted(calls, 'call')} of library functions "
             f"{'is' if calls == 1 else 'are'} part of the callers; --all tells them apart"
         )
 
@@ -132,10 +145,10 @@ def dropped(drops, counting=""):
     """The line that says what the recorder dropped, where it did."""
     count = sum(drops[cause] for cause in ("refused", "oldest", "shortest", "failed"))
     if count:
-        shortest = f", the shortest, up to {time_text(drops['minimum_duration'])}"
+        shortest = f", the shortest, up to {time_text(drops['minimum_duration'])},"
         which = shortest if count == drops["shortest"] else ""
         yield (
-            f"vantrace: for want of {_wanting(drops)} {_counted(count, 'event')}{which}, "
+            f"vantrace: for want of {_wanting(drops)} {counted(count, 'event')}{which} "
             f"{'is' if count == 1 else 'are'} not in the trace{counting}"
         )
 
@@ -151,11 +164,11 @@ def _unseen(functions):
     stretches = functions["deep_stretches"]
     if stretches:
         yield (
-            f"vantrace: recursion too deep to trace, {_counted(stretches, 'time')} for "
+            f"vantrace: recursion too deep to trace, {counted(stretches, 'time')} for "
             f"{time_text(functions['deep_time'])}: functions of no thread are known then"
         )
     if functions["failed_calls"]:
-        yield f"vantrace: {_counted(functions['failed_calls'], 'call')} not seen, for want of memory"
+        yield f"vantrace: {counted(functions['failed_calls'], 'call')} not seen, for want of memory"
     if functions["had_other_profile"]:
         calls = "calls" if reason else "C calls"
         yield f"vantrace: the program has a profile function of its own: some {calls} are missing"
@@ -213,5 +226,5 @@ def aligned(rows, style):
         yield f"\x1b[1m{line}\x1b[0m" if number == 0 and style.has_colours else line
 
 
-def _counted(count, noun):
+def counted(count, noun):
     return f"{count:,} {noun}{'' if count == 1 else 's'}"
