@@ -73,6 +73,11 @@ def lines(recording, duration, cpu_time, options, style):
         yield f"... and {_counted(len(rows) - len(shown), 'more name')}"
     if functions:
         yield from _collapsed(functions)
+    times = recording.line_times()
+    if times:
+        from ._line_table import line_rows
+
+        yield from line_rows(times, style)
     yield from losses(recording)
 
 
@@ -126,6 +131,8 @@ def losses(recording):
     functions = recording.functions()
     if functions:
         yield from _unseen(functions)
+    if not recording.has_all_lines:
+        yield "vantrace: samples of lines are missing, for want of memory or room on the disk"
 
 
 def dropped(drops, counting=""):
