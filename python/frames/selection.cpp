@@ -3,10 +3,6 @@
 #include <fnmatch.h>
 
 #include <algorithm>
-#include <memory>
-#include <utility>
-
-#include "tracing.hpp"
 
 namespace vantrace {
 
@@ -34,13 +30,6 @@ bool Selection::isRecorded(const std::string& name, bool ofLibrary) const noexce
     if (!include.empty())
         return matches(include, name);
     return withLibraries || !ofLibrary;
-}
-
-void setSelection(Selection selection) {
-    // Never destroyed: frames are entered until the very end of the process.
-    static auto& kept = *std::make_unique<Selection>().release();
-    kept = std::move(selection);
-    tracing.selection = &kept;
 }
 
 }  // namespace vantrace

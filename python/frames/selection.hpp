@@ -7,7 +7,7 @@
 
 namespace vantrace {
 
-/// Set when tracing starts. Patterns are those of the shell, for whole names.
+/// Patterns are those of the shell, for whole names.
 struct Selection {
     std::vector<std::string> include;    ///< where there are any, only matching names are recorded
     std::vector<std::string> exclude;    ///< matching names are not
@@ -21,8 +21,5 @@ struct Selection {
     /// Whether the function of that name is an event of its own.
     bool isRecorded(const std::string& name, bool ofLibrary) const noexcept;
 };
-
-/// Has the tracing use it from now on.
-void setSelection(Selection selection);
 
 }  // namespace vantrace

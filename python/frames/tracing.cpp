@@ -1,5 +1,6 @@
 #include "tracing.hpp"
 
+#include <memory>
 #include <utility>
 
 #include "../src/errors.hpp"
@@ -14,6 +15,14 @@ namespace vantrace {
 constinit Tracing tracing;
 
 namespace {
+
+/// The tracing uses it from now on.
+void setSelection(Selection selection) {
+    // Never destroyed: frames are entered until the very end of the process.
+    static auto& kept = *std::make_unique<Selection>().release();
+    kept = std::move(selection);
+    tracing.selection = &kept;
+}
 
 void beginSession(bool withCCalls) {
     tracing = {.withCCalls = withCCalls,

@@ -12,6 +12,7 @@
 #include "event.hpp"
 #include "event_function.hpp"
 #include "gil.hpp"
+#include "line_lists.hpp"
 #include "method.hpp"
 #include "plugin.hpp"
 #include "python_api.hpp"
@@ -50,6 +51,8 @@ PyMethodDef functions[] = {
      "finish_run_folder(folder, path): makes a trace file of what processes recorded there."},
     {"combine_traces", combineTraces, METH_VARARGS,
      "combine_traces(files, path): joins trace files."},
+    {"line_samples", lineSamples, METH_O,
+     "What a stream of samples tells: (threads, lines, periods, times)."},
     {"die_with_parent", dieWithParent, METH_O,
      "Has this process be killed when its parent, of that id, ends."},
     {"set_struct_array", setStructArray, METH_O, "Names the class of struct arrays."},

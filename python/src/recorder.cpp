@@ -147,9 +147,16 @@ PyObject* saveJson(PyObject* self, PyObject* arguments) {
     });
 }
 
-PyObject* saveTrace(PyObject* self, PyObject* path) {
+PyObject* saveTrace(PyObject* self, PyObject* arguments) {
+    PyObject* path = nullptr;
+    const char* lines = nullptr;
+    Py_ssize_t size = 0;
+    if (!PyArg_ParseTuple(arguments, "O|y#:save_trace", &path, &lines, &size))
+        return nullptr;
     return save(path, [&](const std::filesystem::path& file) {
-        instrument::saveTraceFile(recorderOf(self), file);
+        instrument::saveTraceFile(
+            recorderOf(self), file,
+            {reinterpret_cast<const std::byte*>(lines), static_cast<std::size_t>(size)});
     });
 }
 
@@ -193,7 +200,8 @@ PyMethodDef methods[] = {
     {"clear", clear, METH_NOARGS, "Forgets what was recorded."},
     {"save_json", saveJson, METH_VARARGS,
      "save_json(path, minimum_duration=-1): writes trace-event JSON."},
-    {"save_trace", saveTrace, METH_O, "Writes a trace file."},
+    {"save_trace", saveTrace, METH_VARARGS,
+     "save_trace(path, lines=b''): writes a trace file, with a stream of samples."},
     {"save_stacks", saveStacks, METH_O, "Writes collapsed stacks."},
     {"summary", summary, METH_NOARGS,
      "(name, count, total, self, minimum, maximum, median, 99th percentile) of complete events, "

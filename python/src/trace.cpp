@@ -8,6 +8,7 @@
 
 #include "export_file.hpp"
 #include "handle_object.hpp"
+#include "line_lists.hpp"
 #include "results.hpp"
 #include "text.hpp"
 #include "zandor/instrument/trace_file.hpp"
@@ -153,6 +154,11 @@ PyObject* reportData(PyObject* self, PyObject*) {
     });
 }
 
+PyObject* lines(PyObject* self, PyObject*) {
+    return guarded(
+        [&] { return listsOf(withoutLock([&] { return traceOf(self).lineSamples(); })); });
+}
+
 PyObject* threads(PyObject* self, PyObject*) {
     return guarded(
         [&] { return namesOf(withoutLock([&] { return traceOf(self).threadNames(); })); });
@@ -196,6 +202,8 @@ PyMethodDef methods[] = {
     {"stacks", stacks, METH_NOARGS,
      "(parent, name, calls, self) of each distinct stack, behind its parent; threads have -1."},
     {"report_data", reportData, METH_NOARGS, "What a report shows, as JSON of bounded size."},
+    {"lines", lines, METH_NOARGS,
+     "Samples of lines: (threads, lines, periods, times), as line_samples gives them."},
     {"threads", threads, METH_NOARGS, "The name of each thread that has complete events."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},

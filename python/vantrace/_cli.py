@@ -43,6 +43,7 @@ options of run (those after SCRIPT are the script's):
   --all               functions of the standard library and of installed packages by their own
                       names; else their time is part of their callers'
   --c-calls           the C functions that functions call too, which slows all Python code
+  --lines             which lines the time passed in, too, by samples
   --gc                garbage collections as events
   --min-duration T    leave shorter ones out of an export; T is a time such as 10us
   --max-memory SIZE   bounds the memory for the trace, such as 64M; by default a quarter of all

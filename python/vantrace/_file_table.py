@@ -33,6 +33,7 @@ class _Traced:
     """A trace file, as the table sees a recording: it counts what is in the trace."""
 
     counts_all = False
+    has_all_lines = True
 
     def __init__(self, trace):
         self._trace = trace
@@ -44,6 +45,14 @@ class _Traced:
 
     def functions(self):
         return None
+
+    def line_times(self):
+        samples = self._trace.lines()
+        if not samples[0]:
+            return None
+        from ._lines import LineTimes
+
+        return LineTimes(samples)
 
 
 def table(arguments):

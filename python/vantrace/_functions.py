@@ -4,9 +4,9 @@ import os
 
 from . import _frames
 
-_OWN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "")
+OWN = os.path.join(os.path.dirname(os.path.abspath(__file__)), "")
 # What is installed is told by its folder's name; the standard library stands where os does.
-_LIBRARIES = (os.path.join(os.path.dirname(os.path.abspath(os.__file__)), ""),)
+LIBRARIES = (os.path.join(os.path.dirname(os.path.abspath(os.__file__)), ""),)
 
 
 class Functions:
@@ -20,8 +20,8 @@ class Functions:
 
     def __init__(self, include=(), exclude=(), libraries=False, c_calls=False):
         self._selection = {
-            "own": _OWN,
-            "libraries": _LIBRARIES,
+            "own": OWN,
+            "libraries": LIBRARIES,
             "include": _patterns(include),
             "exclude": _patterns(exclude),
             "with_libraries": libraries,

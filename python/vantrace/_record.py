@@ -13,7 +13,7 @@ Half of them keep to p50, 99 of 100 to p99, within an eighth."""
 
 class record:
     """record(path=None, *, max_bytes=0, keep="first", exact=False, functions=False, include=(),
-    exclude=(), libraries=False, c_calls=False, folder=None): records the events of all threads.
+    exclude=(), libraries=False, c_calls=False, lines=False, folder=None): records the events of all threads.
 
         with vantrace.record("trace.json") as recording:
             ...
@@ -33,7 +33,8 @@ class record:
     `exclude` are patterns of the shell for their names, `module.qualname`. The time of functions
     outside the user's own code, those of the standard library and of installed packages, is their
     callers', unless `libraries` is true. With `c_calls` the C functions that functions call are
-    events too; that slows all Python code of the program.
+    events too; that slows all Python code of the program. With `lines` samples tell, besides, which
+    lines of the same functions the time passed in.
     """
 
     def __init__(
@@ -48,6 +49,7 @@ class record:
         exclude=(),
         libraries=False,
         c_calls=False,
+        lines=False,
         folder=None,
     ):
         self.path = None if path is None else os.fspath(path)
@@ -64,6 +66,11 @@ class record:
             from ._functions import Functions
 
             self._functions = Functions(include, exclude, libraries, c_calls)
+        self._lines = None
+        if lines:
+            from ._lines import Lines
+
+            self._lines = Lines(libraries, folder)
 
     def __enter__(self):
         if self.path is not None:
@@ -72,6 +79,8 @@ class record:
         try:
             if self._totals:
                 self._totals.start()
+            if self._lines:
+                self._lines.begin()
             if self._functions:
                 self._functions.begin()
         except BaseException:
@@ -96,6 +105,8 @@ class record:
             error.add_note(f"vantrace: the trace was not written: {failure}")
 
     def _stop_listening(self):
+        if self._lines:
+            self._lines.end()
         if self._totals:
             self._totals.stop()
         self._recorder.stop()
@@ -106,6 +117,9 @@ class record:
         With `min_duration`, in nanoseconds, shorter events and instants are left out of .json.
         """
         path = os.fspath(path)
+        if self._lines and writer(path) is _save_trace:
+            self._recorder.save_trace(path, self._lines.stream())
+            return
         writer(path)(self._recorder, path, -1 if min_duration is None else min_duration)
 
     def summary(self):
@@ -118,6 +132,25 @@ class record:
     def stats(self):
         """The same by name: {name: Summary}."""
         return {row.name: row for row in self.summary()}
+
+    def lines(self):
+        """Which lines the time passed in: a list of Line, widest first, that is of (file, line,
+        function, self, cpu, held, text); None where it was not asked for."""
+        times = self.line_times()
+        return times and times.lines
+
+    def line_times(self):
+        """The same with what is known of threads, as LineTimes; or None."""
+        if not self._lines:
+            return None
+        from ._lines import times_of_stream
+
+        return times_of_stream(self._lines.stream())
+
+    @property
+    def has_all_lines(self):
+        """Whether there was room for all samples."""
+        return not self._lines or self._lines.is_whole
 
     def events(self, name=None):
         """What was recorded so far, of one name or all, by start: a list of Event, that is of
@@ -160,6 +193,8 @@ class record:
         self._recorder.clear()
         if self._totals:
             self._totals.clear()
+        if self._lines:
+            self._lines.clear()
 
     @property
     def is_active(self):

@@ -30,6 +30,7 @@ class RunOptions:
         self.clients = False
         self.dormant = False
         self.gc = False
+        self.lines = False
         self.repeat = 1
 
     def take(self, option, arguments):
@@ -65,6 +66,7 @@ class RunOptions:
             "exclude": self.exclude,
             "libraries": self.libraries,
             "c_calls": self.c_calls,
+            "lines": self.lines,
         }
 
     def _take_min_duration(self, value):
@@ -110,6 +112,7 @@ _FLAGS = {
     "--clients": "clients",
     "--dormant": "dormant",
     "--gc": "gc",
+    "--lines": "lines",
 }
 _VALUES = {
     "--include": lambda options, value: options.include.append(value),

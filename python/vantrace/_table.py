@@ -88,6 +88,11 @@ def tail(recording, left_out):
     functions = recording.functions()
     if functions:
         yield from _collapsed(functions)
+    times = recording.line_times()
+    if times:
+        from ._line_table import line_rows
+
+        yield from line_rows(times, style)
     yield from losses(recording)
 
 
@@ -139,6 +144,8 @@ def losses(recording):
     functions = recording.functions()
     if functions:
         yield from _unseen(functions)
+    if not recording.has_all_lines:
+        yield "vantrace: samples of lines are missing, for want of memory or room on the disk"
 
 
 def dropped(drops, counting=""):

@@ -108,6 +108,8 @@ def test_pip_installs_without_network(tmp_path, outside):
     assert re.fullmatch(r"vantrace \d+\.\d+\.\d+\n", version)
     check(command, "run", "-o", "trace.vtrace", script, cwd=empty, env=outside)
     assert (empty / "trace.vtrace").stat().st_size > 0
+    typed = ["-m", "mypy", "--python-executable", environment / "bin/python", "--strict"]
+    assert "no issues" in check(sys.executable, *typed, script, cwd=empty, env=outside)
     check(environment / "bin/python", "-m", "pip", "uninstall", "-y", "vantrace", env=outside)
     assert not list((environment / "lib").glob("lib*.so*"))
 
@@ -127,6 +129,8 @@ def test_the_debian_package_runs_where_it_is_unpacked(tmp_path, outside):
         env=outside | {"PYTHONPATH": str(root / "usr/lib/python3/dist-packages")},
     )
     assert found.startswith(str(root))
+    types = {path.name for path in Path(found.strip()).parent.glob("*.pyi")}
+    assert {"__init__.pyi", "_published.pyi"} <= types
     assert check(root / "usr/bin/vantrace", "--version", env=outside).startswith("vantrace ")
 
 

@@ -132,4 +132,19 @@ std::optional<Stretch> TraceBlocks::load(RecordBlock& block) {
                    process.stateAt(block.stretch), nullptr};
 }
 
+LineSamples TraceBlocks::lineSamples() {
+    LineSamples samples;
+    for (const TraceIndexEntry& entry : reader_.blocks()) {
+        if (entry.kind != TraceBlock::lines || entry.process >= processes_.size())
+            continue;
+        const auto payload = reader_.payload(entry);
+        if (payload)
+            addLineSamples(std::as_bytes(std::span(*payload)).first(entry.bytes),
+                           {entry.process, processes_[entry.process]->timeShift()}, samples);
+        else
+            ++damaged_;
+    }
+    return samples;
+}
+
 }  // namespace instrument::detail

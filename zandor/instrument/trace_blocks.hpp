@@ -15,6 +15,7 @@
 #include "trace_names.hpp"
 #include "trace_process.hpp"
 #include "trace_reader.hpp"
+#include "zandor/instrument/line_samples.hpp"
 
 namespace instrument::detail {
 
@@ -75,6 +76,9 @@ class ZANDOR_INSTRUMENT_API TraceBlocks {
     std::optional<Stretch> load(RecordBlock& block);
     /// The same as the file has them, but whole.
     std::optional<std::span<Word>> loadAsTheyAre(RecordBlock& block);
+
+    /// Samples of lines, of all processes, with times as those of the records.
+    LineSamples lineSamples();
 
     bool hasIndex() const noexcept { return reader_.hasIndex(); }
     std::uint64_t damaged() const noexcept { return damaged_; }

@@ -134,6 +134,23 @@ std::string TraceFile::reportData() const {
     return text;
 }
 
+LineSamples TraceFile::lineSamples() const {
+    LineSamples samples = stream_->events.blocks().lineSamples();
+    const detail::RecordingFacts& facts = stream_->events.facts();
+    for (LinePeriod& period : samples.periods) {
+        period.begin = detail::saturatingSubtract(period.begin, facts.originMonotonic);
+        period.end = detail::saturatingSubtract(period.end, facts.originMonotonic);
+    }
+    const auto& processes = stream_->events.blocks().processes();
+    for (LineSamples::Thread& thread : samples.threads) {
+        const std::uint64_t process = processes[thread.process]->facts().processId;
+        for (const RecordedSource& source : facts.sources)
+            if (source.threadId == thread.id && source.processId == process)
+                thread.name = source.name;
+    }
+    return samples;
+}
+
 RecorderDrops TraceFile::drops() const noexcept {
     return stream_->events.facts().drops;
 }

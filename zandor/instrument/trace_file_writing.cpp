@@ -4,6 +4,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
+#include <fstream>
+#include <map>
 #include <memory>
 #include <stdexcept>
 #include <system_error>
@@ -161,14 +164,14 @@ struct FolderCloser {
 };
 
 /// Not by the standard library's iterator, which ends the process where memory runs out.
-std::vector<fs::path> runFilesIn(const fs::path& folder) {
+std::vector<fs::path> filesIn(const fs::path& folder, std::string_view ending) {
     const std::unique_ptr<DIR, FolderCloser> open(opendir(folder.c_str()));
     if (!open)
         throw fs::filesystem_error("cannot read the folder", folder,
                                    std::error_code(errno, std::generic_category()));
     std::vector<fs::path> files;
     while (const dirent* entry = readdir(open.get()))
-        if (fs::path name(entry->d_name); name.extension() == ".run")
+        if (fs::path name(entry->d_name); name.extension() == ending)
             files.push_back(folder / name);
     // Their names end with when they were made.
     std::ranges::sort(files, {}, [](const fs::path& file) {
@@ -177,6 +180,49 @@ std::vector<fs::path> runFilesIn(const fs::path& folder) {
         return std::pair(creation.size(), creation);
     });
     return files;
+}
+
+/// A process and a moment, which files of a run folder are named by: PROCESS-NANOSECONDS.
+struct RunName {
+    std::uint64_t process = 0;
+    std::uint64_t moment = 0;
+};
+
+RunName runNameOf(const fs::path& file) {
+    const std::string name = file.stem();
+    RunName found;
+    const char* const end = name.data() + name.size();
+    const auto process = std::from_chars(name.data(), end, found.process);
+    if (process.ptr != end)
+        std::from_chars(process.ptr + 1, end, found.moment);
+    return found;
+}
+
+/// Streams of samples by the run file that they join: of the processes that had the id, the one
+/// that began when they did.
+std::multimap<fs::path, fs::path> streamsOf(const std::vector<fs::path>& runs,
+                                            const std::vector<fs::path>& streams) {
+    std::multimap<fs::path, fs::path> found;
+    for (const fs::path& stream : streams) {
+        const RunName name = runNameOf(stream);
+        const auto distance = [&](const fs::path& run) {
+            const RunName other = runNameOf(run);
+            const std::uint64_t apart = other.moment > name.moment ? other.moment - name.moment
+                                                                   : name.moment - other.moment;
+            return std::pair(other.process != name.process, apart);
+        };
+        const auto nearest = std::ranges::min_element(runs, {}, distance);
+        if (nearest != runs.end() && !distance(*nearest).first)
+            found.emplace(*nearest, stream);
+    }
+    return found;
+}
+
+/// What of a stream was written whole is what its reader takes.
+void copyStream(const fs::path& file, TraceWriter& writer) {
+    std::ifstream stream(file, std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(stream), {}};
+    writer.lines(std::as_bytes(std::span(bytes)));
 }
 
 /// Copies the blocks of a file as they are, but for what tells which process they are of.
@@ -208,21 +254,30 @@ void copyBlocks(const fs::path& file, TraceWriter& writer,
 
 using namespace detail;
 
-void saveTraceFile(const InstrumentRecorder& recorder, const std::filesystem::path& file) {
+void saveTraceFile(const InstrumentRecorder& recorder, const std::filesystem::path& file,
+                   std::span<const std::byte> lines) {
     TraceWriter writer(file);
     {
         const Snapshot snapshot(recorder.core());
         writeSnapshot(writer, snapshot);
     }
+    writer.lines(lines);
     writer.commit();
 }
 
 std::uint32_t finishRunFolder(const std::filesystem::path& folder,
                               const std::filesystem::path& file) {
     TraceWriter writer(file);
-    for (const fs::path& run : runFilesIn(folder))
-        if (std::optional<RunFileReader> reader = RunFileReader::open(run))
-            reader->copyTo(writer);
+    const std::vector<fs::path> runs = filesIn(folder, ".run");
+    const auto streams = streamsOf(runs, filesIn(folder, ".lines"));
+    for (const fs::path& run : runs) {
+        std::optional<RunFileReader> reader = RunFileReader::open(run);
+        if (!reader)
+            continue;
+        reader->copyTo(writer);
+        const auto [first, last] = streams.equal_range(run);
+        std::for_each(first, last, [&](const auto& pair) { copyStream(pair.second, writer); });
+    }
     writer.commit();
     return writer.processes();
 }

@@ -6,6 +6,7 @@
 //     journal     entries as in run files (see run_file.hpp)
 //     records     TraceStretch, then records as in chunks (see recorder_record.hpp)
 //     lost        LostRange, of starts and instants that were dropped
+//     lines       a stream of samples (see line_samples.hpp)
 //     index       TraceIndexEntry for each block before it
 //   TraceFileTail
 //
@@ -37,6 +38,7 @@ enum class TraceBlock : std::uint32_t {
     records = 3,
     lost = 4,
     index = 5,
+    lines = 6,
 };
 
 struct TraceBlockHead {

@@ -63,6 +63,8 @@ class LoadedProcess {
     const std::vector<ExternalAccount>& externalAccounts() const noexcept {
         return externalAccounts_;
     }
+    /// What its times had added.
+    std::int64_t timeShift() const noexcept { return timeShift_; }
     /// Of its first event; 0: none.
     std::int64_t begin() noexcept;
 

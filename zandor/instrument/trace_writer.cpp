@@ -47,6 +47,11 @@ void TraceWriter::lost(std::span<const LostRange> ranges) {
         block(TraceBlock::lost, std::as_bytes(ranges));
 }
 
+void TraceWriter::lines(Bytes stream) {
+    if (!stream.empty())
+        block(TraceBlock::lines, stream);
+}
+
 void TraceWriter::block(TraceBlock kind, Bytes first, Bytes second) {
     TraceBlockHead head;
     head.kind = kind;

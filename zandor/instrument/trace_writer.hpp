@@ -15,6 +15,8 @@ namespace instrument::detail {
 
 /// The file takes its place at commit. Errors are std::system_error. Keeps one index entry a block.
 class TraceWriter {
+    using Bytes = std::span<const std::byte>;
+
   public:
     explicit TraceWriter(const std::filesystem::path& file);
 
@@ -24,6 +26,8 @@ class TraceWriter {
     /// Records; what source records have of this process's memory is left out.
     void records(const TraceStretch& stretch, std::span<const Word> records);
     void lost(std::span<const LostRange> ranges);
+    /// A stream of samples of the process, if there are any.
+    void lines(Bytes stream);
     /// A block of another trace file.
     void copy(TraceBlock kind, std::span<const std::byte> payload) { block(kind, payload); }
     void commit();
@@ -31,7 +35,6 @@ class TraceWriter {
     std::uint32_t processes() const noexcept { return processes_; }
 
   private:
-    using Bytes = std::span<const std::byte>;
     void block(TraceBlock kind, Bytes first, Bytes second = {});
     void put(Bytes bytes);
 

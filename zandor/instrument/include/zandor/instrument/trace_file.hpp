@@ -21,22 +21,27 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
 #include "zandor/instrument/export.hpp"
 #include "zandor/instrument/exports.hpp"
+#include "zandor/instrument/line_samples.hpp"
 #include "zandor/instrument/recorder.hpp"
 
 namespace instrument {
 
-/// What the recorder holds now, as a trace of one process.
+/// What the recorder holds now, as a trace of one process; with a stream of samples (LineStream) if
+/// there is one.
 ZANDOR_INSTRUMENT_API void saveTraceFile(const InstrumentRecorder& recorder,
-                                         const std::filesystem::path& file);
+                                         const std::filesystem::path& file,
+                                         std::span<const std::byte> lines = {});
 
 /// Puts what processes recorded in a folder (RecorderLimits::folder) into one file, each as its own
 /// process, those with the earlier first event before the others. They may have ended in any way,
-/// or still run. The folder stays as it is. Gives the number of processes.
+/// or still run. Streams of samples in it, `PROCESS-TIME.lines`, join the process of that id. The
+/// folder stays as it is. Gives the number of processes.
 ZANDOR_INSTRUMENT_API std::uint32_t finishRunFolder(const std::filesystem::path& folder,
                                                     const std::filesystem::path& file);
 
@@ -103,6 +108,9 @@ class ZANDOR_INSTRUMENT_API TraceFile {
     std::vector<TraceStack> stacks() const;
     /// What `vantrace report` shows, as JSON: summed up by time, so that its size is bounded.
     std::string reportData() const;
+    /// Samples of lines, with periods in nanoseconds since the trace's first event and the names that
+    /// the recording has for threads.
+    LineSamples lineSamples() const;
     RecorderDrops drops() const noexcept;
     /// Nanoseconds from the first event to the latest time of all.
     std::int64_t duration() const noexcept;

@@ -1,0 +1,13 @@
+from types import TracebackType
+from typing import Self
+
+class trace_gc:
+    def __init__(self) -> None: ...
+    def stop(self) -> None: ...
+    def __enter__(self) -> Self: ...
+    def __exit__(
+        self,
+        kind: type[BaseException] | None,
+        error: BaseException | None,
+        traceback: TracebackType | None,
+    ) -> None: ...
