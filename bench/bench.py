@@ -3,9 +3,9 @@
 
     bench.py BUILD [--missing] [--pages] [FILTER]
 
-Rows are measured whose name has FILTER in it; with --missing only those without figures in the file of
-figures, so that a run that was interrupted goes on. With --pages the tables of the pages are written from
-the figures.
+Rows are measured whose name, or section, has FILTER in it; with --missing only those without
+figures in the file of figures, so that a run that was interrupted goes on. With --pages the tables
+of the pages are written from the figures.
 """
 
 import argparse
@@ -51,7 +51,8 @@ class Runner:
 
     def medians(self, row):
         """Of the row, its floor and its peers, measured in turn; None for what is absent."""
-        needed = dict.fromkeys([row.value, *([row.floor] if row.floor else []), *row.peers.values()])
+        floor = [row.floor] if row.floor else []
+        needed = dict.fromkeys([row.value, *floor, *row.peers.values()])
         taken = {text: [] for text in needed}
         for _ in range(ROUNDS):
             for text, samples in self._round(needed).items():
@@ -90,7 +91,7 @@ def parse(arguments):
     parser.add_argument("filter", nargs="?", default="")
     parser.add_argument("--missing", action="store_true")
     parser.add_argument("--pages", action="store_true")
-    return parser.parse_args(arguments)
+    return parser.parse_intermixed_args(arguments)
 
 
 def selected(options, kept):

@@ -33,9 +33,8 @@ def number(value):
     """With three figures or so."""
     if value is None:
         return "absent"
-    if abs(value) >= 1000:
-        return f"{value:,.0f}"
-    return f"{value:.0f}" if abs(value) >= 100 else f"{value:.1f}" if abs(value) >= 10 else f"{value:.2f}"
+    decimals = 0 if abs(value) >= 100 else 1 if abs(value) >= 10 else 2
+    return f"{value:,.{decimals}f}"
 
 
 def met(figure):

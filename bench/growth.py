@@ -42,8 +42,9 @@ def measured(program, subject, most):
     scale = 10 if subject == "struct-arrays" else 1
     points = []
     for size in sizes(LEAST // scale, most // scale):
-        name = f"{subject} {size}:each"
-        points.append((size, statistics.median(program.samples([name], REPEATS)[name])))
+        name = f"{subject} {size}#each"
+        times = [program.samples([name], 1)[name][0] for _ in range(REPEATS)]
+        points.append((size, statistics.median(times)))
         print(f"{subject:14} {size:>11,} {points[-1][1]:8.1f} ns each", flush=True)
     return points
 
@@ -66,7 +67,8 @@ class Picture:
         return place(time, LOWEST, HIGHEST, HEIGHT - MARGIN, MARGIN / 2)
 
     def text(self, x, y, text, anchor="middle", color="#333"):
-        self.parts.append(f'<text x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}" fill="{color}">{text}</text>')
+        where = f'x="{x:.1f}" y="{y:.1f}" text-anchor="{anchor}"'
+        self.parts.append(f'<text {where} fill="{color}">{text}</text>')
 
     def axes(self):
         for power in range(round(math.log10(self.least)), round(math.log10(self.most)) + 1):

@@ -3,8 +3,8 @@
 
     instructions.py PROGRAM [--check | --update]
 
-With --check it ends badly where a row takes more than was kept, beyond the margin; with --update what
-was counted is kept.
+With --check it ends badly where a row takes more than was kept, beyond the margin; with --update
+what was counted is kept.
 """
 
 import json
@@ -47,7 +47,7 @@ def main():
         counted[row] = count(program, row)
         complaint = verdict(counted[row], kept.get(row))
         complaints += bool(complaint)
-        print(f"{row:32} {counted[row]:8.1f} instructions a pair" + (f": {complaint}" if complaint else ""))
+        print(f"{row:32} {counted[row]:8.1f} instructions a pair {complaint or ''}".rstrip())
     if "--update" in options:
         KEPT.write_text(json.dumps(counted, indent=1) + "\n")
     return 1 if "--check" in options and complaints else 0

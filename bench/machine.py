@@ -35,7 +35,8 @@ def _chosen(path):
 
 
 def _compiler():
-    return subprocess.run(["g++", "--version"], capture_output=True, text=True, check=False).stdout.split("\n")[0]
+    done = subprocess.run(["g++", "--version"], capture_output=True, text=True, check=False)
+    return done.stdout.partition("\n")[0]
 
 
 def topology():

@@ -43,6 +43,10 @@ def _table(columns, lines):
     return "\n".join([f"| {' | '.join(columns)} |", rule, *lines]) + "\n"
 
 
+def _value(figure):
+    return f"{figures.number(figure['value'])} {figure['unit']}"
+
+
 def _beside(figure):
     """The floor and the peers, each by name."""
     parts = []
@@ -54,8 +58,8 @@ def _beside(figure):
 
 def section_table(measured):
     lines = (
-        f"| {figure['row']} | {figures.number(figure['value'])} {figure['unit']} | {_beside(figure)} "
-        f"| {figures.ratio(figure)} | {figure['target'] or ''} | {figures.met(figure)} |"
+        f"| {figure['row']} | {_value(figure)} | {_beside(figure)} | {figures.ratio(figure)} "
+        f"| {figure['target'] or ''} | {figures.met(figure)} |"
         for figure in measured
     )
     return _table(["row", "figure", "beside", "ratio", "target", "met"], lines)
@@ -72,7 +76,7 @@ def all_tables(measured):
 def foremost_table(measured):
     by_name = {figure["row"]: figure for figure in measured}
     lines = (
-        f"| {name} | {figures.number(by_name[name]['value'])} {by_name[name]['unit']} | {_beside(by_name[name])} |"
+        f"| {name} | {_value(by_name[name])} | {_beside(by_name[name])} |"
         for name in FOREMOST
         if name in by_name
     )

@@ -1,7 +1,7 @@
 """What is measured: one table of rows, from which the command, the files and the pages are made.
 
 A row is measured in turn with its floor and its peers. What is measured is named "PROGRAM NAME", or
-"PROGRAM NAME:FIELD" where it is not the time of an iteration; programs.py knows the programs.
+"PROGRAM NAME#FIELD" where it is not the time of an iteration; programs.py knows the programs.
 """
 
 from dataclasses import dataclass, field
@@ -70,6 +70,8 @@ NATIVE = [
     Row("inactive scope", "native inactiveScope", "native floorTwoLoads",
         "two relaxed loads and predicted branches", Times(1.6),
         peers={"LTTng-UST": "lttng inactivePair"}),
+    Row("inactive scope, while others are recorded", "native inactiveScopeBesideOthers",
+        "native floorTwoLoads", "two relaxed loads and predicted branches", Times(1.6)),
     Row("inactive scope, two context entries", "native inactiveScopeWithContext",
         "native floorTwoLoads", "two relaxed loads and predicted branches"),
     Row("inactive pair by the C interface", "native unwantedPair", "native floorTwoCalls",
@@ -90,27 +92,27 @@ NATIVE = [
     Row("recorded pair, each of two threads", "native recordedPairOfThreads/threads:2",
         "native recordedPairOfThreads/threads:1", "one thread alone", Times(1.05)),
     Row("counted pair", "native countedPair", "native floorCounted",
-        "two virtual calls, one of which adds one", Times(1.4)),
+        "two calls into a library and of a listener that adds one", Times(1.4)),
     Row("counted pair, by context", "native countedPairByContext", "native floorCountedByContext",
         "the same, in a table by name and text", Times(2.2)),
     Row("counted pair, 1,000 names, depth 50", "native countedPairNested", target=AtMost(6)),
     ticks("profiled pair", "profiledPair", 1.5),
     Row("profiled pair, 1,000 names, depth 50", "native profiledPairNested",
         "native floorTwoTicksNested", TICKS, Times(1.5)),
-    Row("memory of a recorded pair", "native recordedPairGrowing:bytes", target=AtMost(32),
+    Row("memory of a recorded pair", "growth recording 10000000#bytes", target=AtMost(32),
         unit="bytes"),
-    Row("memory of a recorded pair with two literal texts", "native recordedTextsGrowing:bytes",
+    Row("memory of a recorded pair with two literal texts", "native recordedTextsGrowing#bytes",
         target=AtMost(48), unit="bytes"),
     Row("trace-event JSON to memory, an event", "native jsonToMemory", "native floorJsonToMemory",
         "a writer by hand", Times(1.4)),
     Row("trace-event JSON to a file, an event", "native jsonToFile", "native floorJsonToFile",
         "a writer by hand, in pieces of 256 KiB", Times(1.4)),
     Row("trace-event JSON to a file, memory beyond the recording",
-        "native jsonToFile:megabytes", target=AtMost(4), unit="MB"),
+        "native jsonToFile#megabytes", target=AtMost(4), unit="MB"),
     Row("record of seven fields in a struct array", "native structRecord",
         "native floorStructRecord", "seven blocks and a copy into each", AtMost(400)),
     Row("the same, destroyed", "native structRecordDestroyed", target=AtMost(100)),
-    Row("the same, memory", "growth struct-arrays 1000000:bytes", target=AtMost(500),
+    Row("the same, memory", "growth struct-arrays 1000000#bytes", target=AtMost(500),
         unit="bytes"),
     Row("statistics by name, an event of 10^7", "native statisticsByName",
         "native floorStatistics", "one pass that adds up by name", AtMost(10)),
@@ -159,17 +161,17 @@ PYTHON = [
         "a C function that reads the clock", Times(50 / 34)),
     Row("published method with a text", "events method_text", "events floor_method_text",
         "a C function that looks a text up", AtMost(150)),
-    Row("Python function traced, a call of fib(27)", "functions fib.warm:call",
-        "functions fib.floor_frame:call", "a frame hook that stores 16 bytes", Times(1.35),
-        peers={"cProfile": "functions fib.cprofile:call", "yappi": "functions fib.yappi:call"}),
-    Row("the same with exact totals", "functions fib.totals:call",
-        "functions fib.floor_frame:call", "a frame hook that stores 16 bytes", Times(1.35)),
-    Row("the same on memory touched first", "functions fib.cold:call",
-        "functions fib.floor_frame_growing:call", "the same hook in memory that grows",
+    Row("Python function traced, a call of fib(27)", "functions fib.warm#call",
+        "functions fib.floor_frame#call", "a frame hook that stores 16 bytes", Times(1.35),
+        peers={"cProfile": "functions fib.cprofile#call", "yappi": "functions fib.yappi#call"}),
+    Row("the same with exact totals", "functions fib.totals#call",
+        "functions fib.floor_frame#call", "a frame hook that stores 16 bytes", Times(1.35)),
+    Row("the same on memory touched first", "functions fib.cold#call",
+        "functions fib.floor_frame_growing#call", "the same hook in memory that grows",
         Times(1.4)),
-    Row("the same with C calls", "functions fib.c_calls:call",
-        "functions fib.floor_profile:call", "an empty profile hook", Times(95 / 80),
-        peers={"cProfile": "functions fib.cprofile:call"}),
+    Row("the same with C calls", "functions fib.c_calls#call",
+        "functions fib.floor_profile#call", "an empty profile hook", Times(95 / 80),
+        peers={"cProfile": "functions fib.cprofile#call"}),
     Row("fib(27), traced", "functions fib.warm", "functions fib.untraced", "untraced",
         Times(1.75), unit="ms", peers={"cProfile": "functions fib.cprofile"}),
     Row("pure-Python JSON coder, traced", "functions json.warm", "functions json.untraced",
@@ -190,18 +192,18 @@ PYTHON = [
 ]
 
 GROWTH = [
-    Row("recording, 10^7 events over 10^5", "growth recording 10000000:each",
-        "growth recording 100000:each", "an event of 10^5", Times(1.25)),
-    Row("statistics by name, 10^7 over 10^5", "growth statistics 10000000:each",
-        "growth statistics 100000:each", "an event of 10^5", Times(1.25)),
-    Row("trace-event JSON, 10^7 over 10^5", "growth json 10000000:each",
-        "growth json 100000:each", "an event of 10^5", Times(1.25)),
-    Row("trace file, 10^7 over 10^5", "growth trace-file 10000000:each",
-        "growth trace-file 100000:each", "an event of 10^5", Times(1.25)),
-    Row("struct array, 10^6 over 10^4", "growth struct-arrays 1000000:each",
-        "growth struct-arrays 10000:each", "a record of 10^4", Times(1.25)),
-    Row("query for a name in 1 % of the events, an event of all", "growth rare-name 10000000:each",
-        "growth statistics 10000000:each", "statistics of all names"),
+    Row("recording, 10^7 events over 10^5", "growth recording 10000000#each",
+        "growth recording 100000#each", "an event of 10^5", Times(1.25)),
+    Row("statistics by name, 10^7 over 10^5", "growth statistics 10000000#each",
+        "growth statistics 100000#each", "an event of 10^5", Times(1.25)),
+    Row("trace-event JSON, 10^7 over 10^5", "growth json 10000000#each",
+        "growth json 100000#each", "an event of 10^5", Times(1.25)),
+    Row("trace file, 10^7 over 10^5", "growth trace-file 10000000#each",
+        "growth trace-file 100000#each", "an event of 10^5", Times(1.25)),
+    Row("struct array, 10^6 over 10^4", "growth struct-arrays 1000000#each",
+        "growth struct-arrays 10000#each", "a record of 10^4", Times(1.25)),
+    Row("query for a name in 1 % of the events, an event of all", "growth rare-name 10000000#each",
+        "growth statistics 10000000#each", "statistics of all names"),
 ]
 
 # Of the pairs of eight threads. The longest ones waited for the turn of another thread.
@@ -212,12 +214,12 @@ DELAYS = [
 ]
 
 SWITCHING = [
-    Row(f"an instrument switched: {what}", f"switching instrument:{field}",
-        f"switching nothing:{field}", "nothing switched", target, unit="us")
+    Row(f"an instrument switched: {what}", f"switching instrument#{field}",
+        f"switching nothing#{field}", "nothing switched", target, unit="us")
     for what, field, target in DELAYS
 ] + [
-    Row(f"a listener added and removed: {what}", f"switching listener:{field}",
-        f"switching nothing:{field}", "nothing switched", target, unit="us")
+    Row(f"a listener added and removed: {what}", f"switching listener#{field}",
+        f"switching nothing#{field}", "nothing switched", target, unit="us")
     for what, field, target in DELAYS
 ]
 

@@ -20,11 +20,13 @@ using instrument::Scope;
 
 const instrument::Instrument solve{"bench.solve"};
 
+/// The first flag is up, as when somebody listens to something else: both are looked at.
 void floorTwoLoads(benchmark::State& state) {
     static std::atomic<bool> flags[2];
+    flags[0] = true;
     for (auto _ : state) {
         if (flags[0].load(std::memory_order_relaxed) && flags[1].load(std::memory_order_relaxed))
-            state.SkipWithError("the flags are down");
+            state.SkipWithError("the second flag is down");
         benchmark::ClobberMemory();
     }
 }
@@ -37,6 +39,18 @@ void inactiveScope(benchmark::State& state) {
     }
 }
 BENCHMARK(inactiveScope);
+
+void inactiveScopeBesideOthers(benchmark::State& state) {
+    InstrumentRecorder recorder;
+    instrument::listeners.add(recorder);
+    for (auto _ : state) {
+        const Scope scope{solve};
+        benchmark::ClobberMemory();
+    }
+    if (recorder.bytesInUse() != 0)
+        state.SkipWithError("the instrument is on");
+}
+BENCHMARK(inactiveScopeBesideOthers);
 
 void inactiveScopeWithContext(benchmark::State& state) {
     int n = 0;

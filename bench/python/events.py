@@ -38,8 +38,8 @@ class Timer:
 
 
 def loop(body, setup):
-    names = dict(setup)
-    exec(f"def run():\n for name in NAMES * {ROUNDS // len(NAMES)}:\n  {body}", {"NAMES": NAMES, **names}, names)
+    names = {"NAMES": NAMES * (ROUNDS // len(NAMES)), **setup}
+    exec(f"def run():\n for name in NAMES:\n  {body}", names)
     return names["run"]
 
 

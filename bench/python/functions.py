@@ -1,7 +1,7 @@
 """What tracing every Python function costs, in milliseconds of whole programs.
 
-A measurement is named WORK.CONTEXT: what runs, and under what. Warm: events go where older ones were;
-cold: to memory that is touched for the first time. With totals: as `vantrace run` does it.
+A measurement is named WORK.CONTEXT: what runs, and under what. Warm: events go where older ones
+were; cold: to memory that is touched for the first time. With totals: as `vantrace run` does it.
 """
 
 import ast
@@ -166,7 +166,7 @@ def bytes_of_a_call():
 def measurements():
     yield "fib.memory", bytes_of_a_call
     for name, prepare in CONTEXTS.items():
-        yield f"fib.{name}:call", lambda prepare=prepare: per_call(prepare)
+        yield f"fib.{name}#call", lambda prepare=prepare: per_call(prepare)
         for work, run in WORK.items():
             yield f"{work}.{name}", lambda run=run, prepare=prepare: prepared(run, prepare)
 

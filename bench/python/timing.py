@@ -1,7 +1,8 @@
 """What the programs of Python rows share.
 
-Each is called with names of what to measure, and writes {name: [sample, ..]} as JSON; every sample is
-taken in turn with one of each other name. Times are CPU time of the process, with that of helper threads.
+Each is called with names of what to measure, and writes {name: [sample, ..]} as JSON; every sample
+is taken in turn with one of each other name. Times are CPU time of the process, with that of helper
+threads.
 """
 
 import gc
