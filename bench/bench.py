@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """Measures rows, tells how they stand to their floors, and keeps the figures.
 
-    bench.py BUILD [--missing] [--pages] [FILTER]
+    bench.py BUILD [--missing] [--rounds N] [--pages] [FILTER]
 
 Rows are measured whose name, or section, has FILTER in it; with --missing only those without
 figures in the file of figures, so that a run that was interrupted goes on. With --pages the tables
@@ -19,7 +19,6 @@ import pages
 from programs import Absent, programs
 from rows import SECTIONS
 
-ROUNDS = 3
 REPETITIONS = 5
 
 
@@ -28,8 +27,9 @@ def spec(text):
 
 
 class Runner:
-    def __init__(self, build):
+    def __init__(self, build, rounds=3):
         self.programs = programs(build)
+        self.rounds = rounds
 
     def _round(self, measurements):
         """One round of what a row needs, a program after the other."""
@@ -54,7 +54,7 @@ class Runner:
         floor = [row.floor] if row.floor else []
         needed = dict.fromkeys([row.value, *floor, *row.peers.values()])
         taken = {text: [] for text in needed}
-        for _ in range(ROUNDS):
+        for _ in range(self.rounds):
             for text, samples in self._round(needed).items():
                 taken[text] += samples
         return {text: statistics.median(all_) if all_ else None for text, all_ in taken.items()}
@@ -89,6 +89,7 @@ def parse(arguments):
     parser = argparse.ArgumentParser()
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("filter", nargs="?", default="")
+    parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--missing", action="store_true")
     parser.add_argument("--pages", action="store_true")
     return parser.parse_intermixed_args(arguments)
@@ -109,7 +110,7 @@ def main():
     for what, value in topology:
         print(f"{what}: {value}")
     kept = figures.load(path)
-    runner = Runner(options.build)
+    runner = Runner(options.build, options.rounds)
     print(figures.HEADING)
     failed = False
     for section, row in selected(options, kept):

@@ -14,7 +14,7 @@ class Times:
     ratio: float
 
     def __str__(self):
-        return f"<= {self.ratio:g} x"
+        return f"<= {self.ratio:.3g} x"
 
     def is_met(self, value, floor):
         return value <= self.ratio * floor
@@ -129,7 +129,7 @@ NATIVE = [
 ]
 
 COLD = [
-    Row("cold: inactive scope", "native coldInactivePair", "native coldTicks", TICKS),
+    Row("cold: inactive scope", "native coldInactivePair"),
     Row("cold: recorded pair", "native coldRecordedPair", "native coldPrototypePair", PROTOTYPE,
         Times(1.2)),
     Row("cold: counted pair", "native coldCountedPair", "native coldPrototypePair", PROTOTYPE),

@@ -40,7 +40,7 @@ double nanoseconds(std::uint64_t ticks) {
 /// Each pair is one of another name, all of which were there before.
 template <class Guard>
 void coldPairs(benchmark::State& state) {
-    constexpr int pairs = 101;
+    constexpr int pairs = 51;
     std::vector<char> memory(std::size_t{48} << 20);
     const auto& names = bench::thousandNames();
     for (const instrument::Instrument& name : names)
