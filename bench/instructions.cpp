@@ -5,6 +5,8 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -35,6 +37,28 @@ void textsPair() {
     const Scope scope{solve, {{"method", "cg"}, {"preconditioner", "ilu"}}};
 }
 
+const std::vector<instrument::Instrument>& eightNames() {
+    static const std::vector<instrument::Instrument> names = [] {
+        std::vector<instrument::Instrument> made;
+        for (int i = 0; i < 8; ++i)
+            made.emplace_back("bench.nested." + std::to_string(i));
+        return made;
+    }();
+    return names;
+}
+
+/// The next of eight pairs, each inside the one before: all eight are made with the last.
+void nestedPair() {
+    static std::size_t made = 0;
+    if (++made % eightNames().size() != 0)
+        return;
+    std::optional<Scope> open[8];
+    for (std::size_t i = 0; i < eightNames().size(); ++i)
+        open[i].emplace(eightNames()[i]);
+    for (std::size_t i = eightNames().size(); i-- > 0;)
+        open[i].reset();
+}
+
 void clockPair() {
     static_cast<void>(instrument::clock::ticks());
     static_cast<void>(instrument::clock::ticks());
@@ -48,7 +72,24 @@ struct Listeners {
     instrument::InstrumentProfiler profiler;
 };
 
+/// Who hears a row; none where it is inactive.
 using Heard = std::vector<InstrumentListener*> (*)(Listeners&);
+
+std::vector<InstrumentListener*> nobody(Listeners&) {
+    return {};
+}
+std::vector<InstrumentListener*> recorder(Listeners& all) {
+    return {&all.recorder};
+}
+std::vector<InstrumentListener*> counter(Listeners& all) {
+    return {&all.counter};
+}
+std::vector<InstrumentListener*> profiler(Listeners& all) {
+    return {&all.profiler};
+}
+std::vector<InstrumentListener*> everybody(Listeners& all) {
+    return {&all.recorder, &all.counter, &all.profiler};
+}
 
 struct Row {
     const char* name;
@@ -57,23 +98,12 @@ struct Row {
 };
 
 const Row rows[] = {
-    {"two-clock-readings", clockPair,
-     [](Listeners&) { return std::vector<InstrumentListener*>(); }},
-    {"inactive", plainPair, [](Listeners&) { return std::vector<InstrumentListener*>(); }},
-    {"recorded", plainPair,
-     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.recorder}; }},
-    {"recorded-number", numberPair,
-     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.recorder}; }},
-    {"recorded-two-texts", textsPair,
-     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.recorder}; }},
-    {"counted", plainPair,
-     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.counter}; }},
-    {"profiled", plainPair,
-     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.profiler}; }},
-    {"recorded-counted-profiled", plainPair,
-     [](Listeners& all) {
-         return std::vector<InstrumentListener*>{&all.recorder, &all.counter, &all.profiler};
-     }},
+    {"two-clock-readings", clockPair, nobody}, {"inactive", plainPair, nobody},
+    {"inactive-two-texts", textsPair, nobody}, {"recorded", plainPair, recorder},
+    {"recorded-number", numberPair, recorder}, {"recorded-two-texts", textsPair, recorder},
+    {"recorded-nested", nestedPair, recorder}, {"counted", plainPair, counter},
+    {"counted-two-texts", textsPair, counter}, {"profiled", plainPair, profiler},
+    {"profiled-nested", nestedPair, profiler}, {"recorded-counted-profiled", plainPair, everybody},
 };
 
 [[gnu::noinline]] void repeat(void (*pair)(), long pairs) {

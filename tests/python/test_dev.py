@@ -8,7 +8,7 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DEV = ROOT / "dev"
 VERBS = (
-    "setup run test native python vantrace install package bench bench check sanitize fuzz help"
+    "setup run test native python vantrace install package bench bench bench check sanitize fuzz help"
 ).split()
 
 pytestmark = pytest.mark.unsanitized

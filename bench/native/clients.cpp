@@ -3,38 +3,25 @@
 //
 // Producing is measured a batch at a time, which the ring has room for; reading it is not part of
 // that, nor is producing part of reading.
-#include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <time.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "measuring.hpp"
 #include "zandor/client/client.h"
-#include "zandor/instrument/clock.hpp"
-#include "zandor/instrument/controls.hpp"
-#include "zandor/instrument/listeners.hpp"
-#include "zandor/instrument/recorder.hpp"
 #include "zandor/performance/aggregator.hpp"
-
-#if defined(__x86_64__)
-#include <x86intrin.h>
-#endif
 
 namespace {
 
-constexpr int batch = 8192;  // pairs
+using bench::tick;
 
-std::uint64_t tick() {
-#if defined(__x86_64__)
-    return __rdtsc();
-#else
-    return instrument::clock::ticks();
-#endif
-}
+constexpr int batch = 8192;  // pairs
 
 /// Of the calling thread, in seconds: what others do on the machine does not count.
 double processorTime() {
@@ -43,10 +30,10 @@ double processorTime() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) * 1e-9;
 }
 
-/// Runs `work` once an iteration and counts its time alone.
+/// Runs `work`, which does `count` of what is measured, and counts its time alone.
 template <class Prepare, class Work>
-void measure(benchmark::State& state, Prepare prepare, Work work) {
-    for (auto _ : state) {
+void measure(benchmark::State& state, int count, Prepare prepare, Work work) {
+    while (state.KeepRunningBatch(count)) {
         prepare();
         const double begin = processorTime();
         work();
@@ -87,18 +74,11 @@ class Connection {
     zandor_client* client_;
 };
 
-/// Events of a batch, each start and each stop one.
-void countEvents(benchmark::State& state) {
-    state.counters["event"] =
-        benchmark::Counter(2.0 * batch * static_cast<double>(state.iterations()),
-                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
-}
-
 void floorTwoTicksAndACopy(benchmark::State& state) {
     std::vector<char> ring(std::size_t{batch} * 64);
     char event[64] = {};
     measure(
-        state, [] {},
+        state, batch, [] {},
         [&] {
             for (int i = 0; i < batch; ++i) {
                 const std::uint64_t times[2] = {tick(), tick()};
@@ -107,15 +87,14 @@ void floorTwoTicksAndACopy(benchmark::State& state) {
                 benchmark::ClobberMemory();
             }
         });
-    countEvents(state);
 }
 BENCHMARK(floorTwoTicksAndACopy)->UseManualTime();
 
 void producedPair(benchmark::State& state) {
     Connection connection;
     measure(
-        state, [&] { connection.collect(); }, [&] { connection.produce(nullptr, nullptr, 0); });
-    countEvents(state);
+        state, batch, [&] { connection.collect(); },
+        [&] { connection.produce(nullptr, nullptr, 0); });
 }
 BENCHMARK(producedPair)->UseManualTime();
 
@@ -124,10 +103,27 @@ void producedPairWithContext(benchmark::State& state) {
     const char* keys[] = {"n", "method"};
     const char* values[] = {"3", "cg"};
     measure(
-        state, [&] { connection.collect(); }, [&] { connection.produce(keys, values, 2); });
-    countEvents(state);
+        state, batch, [&] { connection.collect(); }, [&] { connection.produce(keys, values, 2); });
 }
 BENCHMARK(producedPairWithContext)->UseManualTime();
+
+/// Asks whether anybody wants events, as each function of the interface has to.
+std::atomic<bool> isWanted;
+std::uint64_t produced;
+void produceIfWanted() {
+    if (isWanted.load(std::memory_order_relaxed)) [[unlikely]]
+        ++produced;
+}
+
+void floorTwoCalls(benchmark::State& state) {
+    void (*volatile begin)() = produceIfWanted;
+    void (*volatile end)() = produceIfWanted;
+    for (auto _ : state) {
+        begin();
+        end();
+    }
+}
+BENCHMARK(floorTwoCalls);
 
 void unwantedPair(benchmark::State& state) {
     zandor_client* const client = zandor_client_open("bench");
@@ -140,19 +136,16 @@ BENCHMARK(unwantedPair);
 void collectedIntoTheRecorder(benchmark::State& state) {
     Connection connection;
     instrument::InstrumentRecorder recorder;
-    instrument::listeners.add(recorder);
-    instrument::controls.enableAll(true);
+    const bench::Listening listening({&recorder});
     measure(
-        state,
+        state, 2 * batch,
         [&] {
             recorder.clearAllEventData();
             connection.produce(nullptr, nullptr, 0);
         },
         [&] { connection.collect(); });
-    instrument::controls.enableAll(false);
     if (recorder.getAllEvents().size() != batch)
         state.SkipWithError("events were not recorded");
-    countEvents(state);
 }
 BENCHMARK(collectedIntoTheRecorder)->UseManualTime();
 

@@ -1,0 +1,205 @@
+// How costs grow with the number of events, each in a process of its own.
+//
+//   growth recording|statistics|json|trace-file|rare-name EVENTS
+//   growth struct-arrays RECORDS
+//
+// Prints {"each": nanoseconds of CPU time, "bytes": memory} for one event or record. A query for a
+// rare name tells nanoseconds for each event of the recording.
+#include <stdlib.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/exports.hpp"
+#include "zandor/instrument/instrument.hpp"
+#include "zandor/instrument/recorder.hpp"
+#include "zandor/instrument/trace_file.hpp"
+#include "zandor/runtime/array.hpp"
+
+namespace {
+
+using instrument::InstrumentRecorder;
+using instrument::Scope;
+
+struct Cost {
+    double each;
+    double bytes;
+};
+
+double processorNanoseconds() {
+    timespec time{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
+}
+
+double timed(const std::function<void()>& work) {
+    const double begin = processorNanoseconds();
+    work();
+    return processorNanoseconds() - begin;
+}
+
+constexpr std::size_t names = 1000;
+constexpr std::size_t depth = 50;
+
+/// Calls of all names that nest. One of a hundred events, in one stretch, is of the rare name.
+class Program {
+  public:
+    explicit Program(std::size_t events) : events_(events) {
+        for (std::size_t i = 0; i < names; ++i)
+            instruments_.emplace_back("growth." + std::to_string(i));
+    }
+
+    void run() const {
+        for (std::size_t made = 0; made < events_; made += depth)
+            descend(made, depth, made >= events_ / 2 && made < events_ / 2 + events_ / 100);
+    }
+
+  private:
+    void descend(std::size_t first, std::size_t levels, bool isRare) const {
+        if (levels == 0)
+            return;
+        const Scope scope{isRare ? rare_ : instruments_[(first + levels) % names]};
+        descend(first, levels - 1, isRare);
+    }
+
+    std::size_t events_;
+    instrument::Instrument rare_{"growth.rare"};
+    std::vector<instrument::Instrument> instruments_;
+};
+
+class Recording {
+  public:
+    explicit Recording(std::size_t events) {
+        const Program program(events);
+        instrument::listeners.add(recorder);
+        instrument::controls.enableAll(true);
+        time = timed([&] { program.run(); });
+        instrument::controls.enableAll(false);
+        instrument::listeners.remove(recorder);
+        if (recorder.drops().total() != 0)
+            throw std::runtime_error("events were dropped");
+    }
+
+    InstrumentRecorder recorder{{.maxBytes = std::size_t{16} << 30}};
+    double time = 0;
+};
+
+class Folder {
+  public:
+    Folder() {
+        char path[] = "/tmp/zandor-bench-XXXXXX";
+        path_ = mkdtemp(path);
+    }
+    ~Folder() { std::filesystem::remove_all(path_); }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    std::string file() const { return path_ + "/file"; }
+
+  private:
+    std::string path_;
+};
+
+Cost costOf(double time, double bytes, std::size_t count) {
+    return {time / static_cast<double>(count), bytes / static_cast<double>(count)};
+}
+
+Cost recording(std::size_t events) {
+    const Recording recorded(events);
+    return costOf(recorded.time, static_cast<double>(recorded.recorder.bytesInUse()), events);
+}
+
+Cost statistics(std::size_t events) {
+    const Recording recorded(events);
+    const double time = timed([&] { recorded.recorder.getAllEventStats(); });
+    return costOf(time, 0, events);
+}
+
+Cost rareName(std::size_t events) {
+    const Recording recorded(events);
+    const double time = timed([&] {
+        if (recorded.recorder.getEventStats("growth.rare").count == 0)
+            throw std::runtime_error("the rare name is missing");
+    });
+    return costOf(time, 0, events);
+}
+
+/// The bytes are those of the file.
+template <class Save>
+Cost saved(std::size_t events, Save save) {
+    const Recording recorded(events);
+    const Folder folder;
+    const double time = timed([&] { save(recorded.recorder, folder.file()); });
+    return costOf(time, static_cast<double>(std::filesystem::file_size(folder.file())), events);
+}
+
+Cost json(std::size_t events) {
+    return saved(events, [](const InstrumentRecorder& recorder, const std::string& file) {
+        saveTraceEventJson(recorder, instrument::TimeSystem::monotonic,
+                           std::chrono::nanoseconds(-1), file);
+    });
+}
+
+Cost traceFile(std::size_t events) {
+    return saved(events, [](const InstrumentRecorder& recorder, const std::string& file) {
+        saveTraceFile(recorder, file);
+    });
+}
+
+/// Of the whole process, in bytes.
+double residentMemory() {
+    std::ifstream file("/proc/self/statm");
+    double total = 0, resident = 0;
+    file >> total >> resident;
+    return resident * 4096;
+}
+
+Cost structArrays(std::size_t records) {
+    namespace hx = matrix::hx;
+    constexpr const char* fields[] = {"name",     "context",  "startTime", "duration",
+                                      "sourceId", "serialId", "sourceName"};
+    const double before = residentMemory();
+    matrix::Array array;
+    const double time = timed([&] {
+        array = matrix::detail::do_create_struct(1, records, fields);
+        for (std::size_t record = 0; record < records; ++record) {
+            for (std::size_t field = 0; field < std::size(fields); ++field) {
+                const bool isText = field < 2 || field == 6;
+                matrix::Array value =
+                    isText ? matrix::create("solve", 5)
+                           : matrix::Array(hx::hxCreateDoubleScalar(static_cast<double>(record)));
+                hx::hxSetField(array.get(), record, hx::hxGetFieldName(array.get(), field),
+                               matrix::to_zandor(std::move(value)));
+            }
+        }
+    });
+    return costOf(time, residentMemory() - before, records);
+}
+
+const std::map<std::string, Cost (*)(std::size_t)> subjects = {
+    {"recording", recording}, {"statistics", statistics}, {"rare-name", rareName},
+    {"json", json},           {"trace-file", traceFile},  {"struct-arrays", structArrays},
+};
+
+}  // namespace
+
+int main(int count, char** arguments) {
+    const auto subject = count == 3 ? subjects.find(arguments[1]) : subjects.end();
+    if (subject == subjects.end()) {
+        std::fputs("usage: growth SUBJECT EVENTS\n", stderr);
+        return 2;
+    }
+    const Cost cost = subject->second(std::strtoull(arguments[2], nullptr, 10));
+    std::printf("{\"each\": %.3f, \"bytes\": %.2f}\n", cost.each, cost.bytes);
+    return 0;
+}
