@@ -77,6 +77,17 @@ TEST(LodLane, MergesNarrowEventsUnderTheNameWithMostOfTheirTime) {
     EXPECT_EQ(slices[0].end, 999);
 }
 
+TEST(LodLane, KeepsTheNameOfTheLongerOfTwo) {
+    const LodLane longFirst({LodSlice::event(0, 9, 7), LodSlice::event(9, 11, 8)});
+    const LodLane longLast({LodSlice::event(0, 2, 8), LodSlice::event(2, 11, 7)});
+    for (const LodLane* lane : {&longFirst, &longLast}) {
+        const auto slices = lane->window(0, 64, 1);
+        ASSERT_EQ(slices.size(), 1u);
+        EXPECT_EQ(slices[0].name, 7u);
+        EXPECT_EQ(slices[0].lead, 7u);
+    }
+}
+
 TEST(LodLane, LosesNoEventAndNoTimeAtAnyScale) {
     const auto events = randomSlices(20'000);
     const LodLane lane(events);
