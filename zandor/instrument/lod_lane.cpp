@@ -3,15 +3,10 @@
 #include <algorithm>
 #include <bit>
 #include <limits>
-#include <span>
-#include <stdexcept>
 #include <utility>
 
 namespace instrument::detail {
 namespace {
-
-constexpr int shiftStep = 2;
-constexpr int largestShift = 60;
 
 std::uint64_t distance(std::int64_t from, std::int64_t to) noexcept {
     return static_cast<std::uint64_t>(to) - static_cast<std::uint64_t>(from);
@@ -38,72 +33,54 @@ void merge(LodSlice& into, const LodSlice& next) noexcept {
     vote(into, next);
     into.end = next.end;
     into.busy += next.busy;
+    into.marks |= next.marks;
     const std::uint64_t events = std::uint64_t{into.events} + next.events;
     into.events = static_cast<std::uint32_t>(
         std::min<std::uint64_t>(events, std::numeric_limits<std::uint32_t>::max()));
 }
 
-// Narrow neighbours that begin in the same cell become one.
-std::vector<LodSlice> merged(std::span<const LodSlice> slices, int shift) {
-    std::vector<LodSlice> out;
-    bool mayGrow = false;
-    for (const LodSlice& slice : slices) {
-        const bool narrow = isNarrow(slice, shift);
-        if (mayGrow && narrow && out.back().begin >> shift == slice.begin >> shift) {
-            merge(out.back(), slice);
-        } else {
-            out.push_back(slice);
-        }
-        mayGrow = narrow;
-    }
-    return out;
-}
-
-void checkOrder(std::span<const LodSlice> slices) {
-    std::int64_t last = std::numeric_limits<std::int64_t>::min();
-    for (const LodSlice& slice : slices) {
-        if (slice.begin < last || slice.end < slice.begin) {
-            throw std::invalid_argument("the slices of a lane overlap or are not in order");
-        }
-        last = slice.end;
-    }
-}
-
 }  // namespace
 
-LodLane::LodLane(std::vector<LodSlice> slices) {
-    checkOrder(slices);
-    levels_.push_back({0, std::move(slices)});
-    for (int shift = shiftStep; shift <= largestShift; shift += shiftStep) {
-        const std::vector<LodSlice>& finer = levels_.back().slices;
-        std::vector<LodSlice> coarser = merged(finer, shift);
-        // Levels that save little are left out: all together take at most four times the first.
-        if (coarser.size() < finer.size() / 4 * 3) {
-            coarser.shrink_to_fit();
-            levels_.push_back({shift, std::move(coarser)});
-        }
-    }
+LodSlice LodSlice::of(const LodEvent& event) noexcept {
+    const std::uint64_t width = distance(event.start, event.end);
+    return {event.start, event.end, event.serial, width, width, event.name, 1, event.marks};
 }
 
-const LodLane::Level& LodLane::levelFor(int shift) const noexcept {
-    const auto above = std::ranges::upper_bound(levels_, shift, {}, &Level::shift);
-    return *std::prev(above);
+void LodLane::add(LodSlice slice, int shift) {
+    if (!slices_.empty()) {
+        slice.begin = std::max(slice.begin, slices_.back().end);
+        slice.end = std::max(slice.begin, slice.end);
+    }
+    const bool narrow = isNarrow(slice, shift);
+    if (mayGrow_ && narrow && slices_.back().begin >> shift == slice.begin >> shift)
+        merge(slices_.back(), slice);
+    else
+        slices_.push_back(slice);
+    mayGrow_ = narrow;
 }
 
-std::vector<LodSlice> LodLane::window(std::int64_t begin, std::int64_t end,
-                                      std::uint32_t pixels) const {
-    if (begin >= end || pixels == 0) {
-        return {};
-    }
-    const std::uint64_t pixel = distance(begin, end) / pixels;
-    const int shift = std::clamp(static_cast<int>(std::bit_width(pixel)) - 1, 0, largestShift);
-    const std::vector<LodSlice>& slices = levelFor(shift).slices;
+void LodLane::coarsen(int shift) {
+    LodLane coarser;
+    for (const LodSlice& slice : slices_)
+        coarser.add(slice, shift);
+    coarser.slices_.shrink_to_fit();
+    *this = std::move(coarser);
+}
+
+LodLane LodLane::window(std::int64_t begin, std::int64_t end, int shift) const {
     const auto isOver = [begin](const LodSlice& slice) {
         return slice.end < begin || (slice.end == begin && slice.begin < begin);
     };
-    const auto first = std::ranges::partition_point(slices, isOver);
-    const auto last = std::ranges::lower_bound(first, slices.end(), end, {}, &LodSlice::begin);
-    return merged({first, last}, shift);
+    LodLane found;
+    for (auto at = std::ranges::partition_point(slices_, isOver);
+         at != slices_.end() && at->begin < end; ++at)
+        found.add(*at, shift);
+    return found;
+}
+
+int lodShift(std::int64_t begin, std::int64_t end, std::uint32_t pixels) noexcept {
+    const std::uint64_t pixel = distance(begin, end) / std::max(pixels, 1u);
+    return std::clamp(static_cast<int>(std::bit_width(pixel)) - 1, 0, LodLane::largestShift);
 }
 
 }  // namespace instrument::detail

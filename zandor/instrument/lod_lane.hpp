@@ -1,9 +1,11 @@
-// One lane of a timeline, given with no more detail than a screen can show.
+// One row of a timeline, with no more detail than a screen can show.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "lod_event.hpp"
 #include "zandor/instrument/export.hpp"
 
 namespace instrument::detail {
@@ -12,37 +14,39 @@ namespace instrument::detail {
 struct LodSlice {
     std::int64_t begin = 0;  ///< nanoseconds, as end
     std::int64_t end = 0;
-    std::uint32_t name = 0;  ///< of several: the one with more than half of their time, if one has
-    std::uint32_t events = 1;  ///< no more than 2^32 - 1 are counted
+    std::uint64_t serial = 0;  ///< of an event alone
     std::uint64_t busy = 0;    ///< the events' time, without the gaps
     std::uint64_t lead = 0;    ///< at most by how much the name's time exceeds the others'
+    std::uint32_t name = 0;  ///< of several: the one with more than half of their time, if one has
+    std::uint32_t events = 1;  ///< no more than 2^32 - 1 are counted
+    std::uint32_t marks = 0;   ///< as LodEvent has them, of any
 
-    static LodSlice event(std::int64_t begin, std::int64_t end, std::uint32_t name) noexcept {
-        const std::uint64_t width =
-            static_cast<std::uint64_t>(end) - static_cast<std::uint64_t>(begin);
-        return {begin, end, name, 1, width, width};
-    }
+    static LodSlice of(const LodEvent& event) noexcept;
 };
 
-/// Slices of one depth: they do not overlap. Levels of ever wider cells are merged once, so that a
-/// window costs about what it shows. Unchangeable, hence safe to read from several threads.
+/// Slices of one row: they do not overlap. Those narrower than a cell, 2^shift nanoseconds, are
+/// merged with their neighbours in the cell, so that a stretch of so many cells has at most twice
+/// as many slices.
 class ZANDOR_INSTRUMENT_API LodLane {
   public:
-    /// Throws std::invalid_argument unless they are in order of time and do not overlap.
-    explicit LodLane(std::vector<LodSlice> slices);
+    static constexpr int largestShift = 62;
 
-    /// What touches [begin, end), in order; at most 4 * pixels + 6 slices. Those narrower than half
-    /// a pixel are merged with their neighbours. Nothing for an empty window or no pixels.
-    std::vector<LodSlice> window(std::int64_t begin, std::int64_t end, std::uint32_t pixels) const;
+    /// What begins before the last one's end is cut.
+    void add(LodSlice slice, int shift);
+    /// Merges what is too narrow for wider cells.
+    void coarsen(int shift);
+    std::size_t size() const noexcept { return slices_.size(); }
+    const std::vector<LodSlice>& slices() const noexcept { return slices_; }
+
+    /// What touches [begin, end) in cells at least that wide.
+    LodLane window(std::int64_t begin, std::int64_t end, int shift) const;
 
   private:
-    struct Level {
-        int shift;  ///< cells are 2^shift nanoseconds wide
-        std::vector<LodSlice> slices;
-    };
-    const Level& levelFor(int shift) const noexcept;
-
-    std::vector<Level> levels_;
+    std::vector<LodSlice> slices_;
+    bool mayGrow_ = false;  // the last one was narrow
 };
+
+/// The widest cells that are not wider than a pixel.
+int lodShift(std::int64_t begin, std::int64_t end, std::uint32_t pixels) noexcept;
 
 }  // namespace instrument::detail

@@ -76,6 +76,9 @@ class ZANDOR_INSTRUMENT_API TraceBlocks {
     /// The same as the file has them, but whole.
     std::optional<std::span<Word>> loadAsTheyAre(RecordBlock& block);
 
+    /// The time of a block's first event, as far as a look at its beginning tells; not checked.
+    std::optional<std::int64_t> beginOf(const RecordBlock& block);
+
     bool hasIndex() const noexcept { return reader_.hasIndex(); }
     std::uint64_t damaged() const noexcept { return damaged_; }
     /// Of all records.
