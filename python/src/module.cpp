@@ -19,6 +19,7 @@
 #include "recorder.hpp"
 #include "struct_array.hpp"
 #include "trace.hpp"
+#include "trace_view.hpp"
 #include "zandor/instrument/listeners.hpp"
 #include "zandor/runtime/array.hpp"
 
@@ -76,6 +77,7 @@ PyObject* makeModule() {
     addEvents(module.get());
     addRecorder(module.get());
     addTrace(module.get());
+    addTraceView(module.get());
     check(PyModule_AddStringConstant(module.get(), "version", VANTRACE_VERSION));
     awaitSectionsAtExit(module.get());
     installConsoleSink();

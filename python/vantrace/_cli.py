@@ -13,6 +13,7 @@ usage: vantrace run [OPTIONS] SCRIPT [ARGUMENTS]
        vantrace clients [--json]
        vantrace snap [--seconds T] [-o FILE] PID ...
        vantrace stacks PID ...
+       vantrace view [--no-open] [--port N] FILE
        vantrace report FILE [-o OUTPUT]
        vantrace diff [OPTIONS] A B
        vantrace export FILE -o OUTPUT [OPTIONS]
@@ -27,6 +28,7 @@ commands:
   clients  which processes send their events to which recording now, how many, and what was dropped
   snap     record programs that run dormant for a while; vantrace snap --help tells more
   stacks   what the threads of programs that run dormant do now
+  view     timeline and flame graph of a trace file in the browser, from this machine alone
   report   a trace file as one HTML page that needs no network
   diff     what changed from one trace file to another; vantrace diff --help tells more
   export   a trace file in another form; vantrace export --help tells more
@@ -141,6 +143,10 @@ def _command(arguments):
             from . import _file_table
 
             return _file_table.table(rest)
+        case ["view", *rest]:
+            from . import _view
+
+            return _view.view(rest)
         case ["report", *rest]:
             from . import _report
 

@@ -2,9 +2,13 @@
 //
 // Drives a page in a headless browser, as told by lines of JSON on standard input, and answers each
 // with a line: {"value": ..} or {"error": ".."}. A line is [action, ...arguments]:
-//   open PATH OPTIONS   opens a file in a fresh page; OPTIONS: width, height, dark, hash
+//   open PATH OPTIONS   opens a file or an address of this machine in a fresh page; OPTIONS: width,
+//                       height, dark, hash
 //   click SELECTOR, press KEY, type TEXT, fill SELECTOR TEXT, select SELECTOR VALUE
 //   drag SELECTOR FROM TO    drags the pointer over an element, by shares of its width
+//   point SELECTOR X Y WHAT  "click", "double" click, "hover", or "wheel" by as much as a fifth
+//                            argument says, at pixels from the element's corner
+//   wait EXPRESSION     until it is true in the page
 //   ask EXPRESSION      what the expression is in the page
 //   screenshot PATH [SELECTOR]
 //   seen                errors, console messages and requests that were sent beyond the page since it was opened
@@ -20,7 +24,7 @@ const flags = [
   '--no-sandbox',
   '--disable-gpu',
   '--no-proxy-server',
-  '--host-resolver-rules=MAP * ~NOTFOUND',
+  '--host-resolver-rules=MAP * ~NOTFOUND, EXCLUDE 127.0.0.1',
 ];
 
 let browser;
@@ -35,8 +39,9 @@ const actions = {
       colorScheme: dark ? 'dark' : 'light',
     });
     page = await context.newPage();
-    listen(pathToFileURL(path).href);
-    await page.goto(pathToFileURL(path).href + hash);
+    const address = path.startsWith('http://127.0.0.1:') ? path : pathToFileURL(path).href;
+    listen(address);
+    await page.goto(address + hash);
     await page.waitForSelector('html[data-ready]', { timeout: 20_000 });
   },
   click: (selector) => page.click(selector, { timeout: 5000 }),
@@ -53,6 +58,14 @@ const actions = {
     await page.mouse.move(box.x + to * box.width, y, { steps: 4 });
     await page.mouse.up();
   },
+  async point(selector, x, y, what, by) {
+    const box = await page.locator(selector).boundingBox();
+    await page.mouse.move(box.x + x, box.y + y);
+    if (what === 'click') await page.mouse.click(box.x + x, box.y + y);
+    else if (what === 'double') await page.mouse.dblclick(box.x + x, box.y + y);
+    else if (what === 'wheel') await page.mouse.wheel(0, by);
+  },
+  wait: (expression) => page.waitForFunction(expression, undefined, { timeout: 20_000 }),
   ask: (expression) => page.evaluate(expression),
   screenshot: (path, selector) =>
     selector ? page.locator(selector).screenshot({ path }) : page.screenshot({ path, fullPage: true }),

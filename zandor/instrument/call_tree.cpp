@@ -11,8 +11,18 @@
 namespace instrument::detail {
 
 std::uint32_t CallTree::child(std::uint32_t parent, const Opaque* instrument) {
-    const auto [place, isNew] = children_.try_emplace(std::uint64_t{parent} << 32 | instrument->id,
-                                                      static_cast<std::uint32_t>(nodes_.size()));
+    const auto key = [&](std::uint32_t number) { return std::uint64_t{parent} << 32 | number; };
+    if (nodes_.size() >= mostNodes_) {
+        const auto known = children_.find(key(instrument->id));
+        if (known != children_.end())
+            return known->second;
+        if (isRest(parent))
+            return parent;
+        instrument = nullptr;
+    }
+    const auto [place, isNew] =
+        children_.try_emplace(key(instrument ? instrument->id : CallNode::none),
+                              static_cast<std::uint32_t>(nodes_.size()));
     if (isNew)
         nodes_.push_back({parent, instrument, {}});
     return place->second;

@@ -33,7 +33,9 @@ struct CallNode {
 /// The nodes of all sources, each behind its parent; the first are the sources, in their order.
 class ZANDOR_INSTRUMENT_API CallTree {
   public:
-    CallTree(TimeBins bins, std::size_t sources) : bins_(bins), nodes_(sources) {}
+    /// Past `mostNodes` what is new is put together below what called it.
+    CallTree(TimeBins bins, std::size_t sources, std::size_t mostNodes = CallNode::none)
+        : bins_(bins), mostNodes_(mostNodes), nodes_(sources) {}
 
     std::uint32_t child(std::uint32_t parent, const Opaque* instrument);
     /// A call counts where it starts.
@@ -46,7 +48,12 @@ class ZANDOR_INSTRUMENT_API CallTree {
   private:
     CallCell& cell(std::uint32_t node, std::uint32_t bin) { return nodes_[node].cells.at(bin); }
 
+    bool isRest(std::uint32_t node) const noexcept {
+        return nodes_[node].parent != CallNode::none && !nodes_[node].instrument;
+    }
+
     TimeBins bins_;
+    std::size_t mostNodes_;
     std::vector<CallNode> nodes_;
     std::unordered_map<std::uint64_t, std::uint32_t> children_;  // by parent and instrument
 };

@@ -1,6 +1,7 @@
 #include "trace_blocks.hpp"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <tuple>
 #include <utility>
@@ -119,6 +120,19 @@ std::optional<std::span<Word>> TraceBlocks::loadAsTheyAre(RecordBlock& block) {
     const std::span<Word> records = wholeRecords(all);
     damaged_ += isFirst && records.size() != all.size() ? 1 : 0;
     return records;
+}
+
+std::optional<std::int64_t> TraceBlocks::beginOf(const RecordBlock& block) {
+    std::array<Word, 64> untrusted;
+    const std::size_t count = reader_.beginning(block.entry, untrusted);
+    const std::span<Word> records =
+        wholeRecords(std::span(untrusted).first(count).subspan(
+            std::min(count, sizeof(TraceStretch) / sizeof(Word))));
+    RecordReader reader(records.data(), records.data() + records.size(), {});
+    for (Record record; reader.next(record);)
+        if (record.kind != RecordKind::source)
+            return processes_[block.entry.process]->timeOf(record);
+    return std::nullopt;
 }
 
 std::optional<Stretch> TraceBlocks::load(RecordBlock& block) {

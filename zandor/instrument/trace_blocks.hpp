@@ -80,6 +80,9 @@ class ZANDOR_INSTRUMENT_API TraceBlocks {
     /// Samples of lines, of all processes, with times as those of the records.
     LineSamples lineSamples();
 
+    /// The time of a block's first event, as far as a look at its beginning tells; not checked.
+    std::optional<std::int64_t> beginOf(const RecordBlock& block);
+
     bool hasIndex() const noexcept { return reader_.hasIndex(); }
     std::uint64_t damaged() const noexcept { return damaged_; }
     /// Of all records.

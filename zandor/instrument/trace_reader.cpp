@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <span>
@@ -112,6 +113,13 @@ bool TraceReader::read(const TraceIndexEntry& entry, std::vector<std::uint64_t>&
     TraceChecksum checksum(head);
     checksum.add(std::as_bytes(std::span(words)).first(head.bytes));
     return checksum.value() == head.checksum;
+}
+
+std::size_t TraceReader::beginning(const TraceIndexEntry& entry,
+                                   std::span<std::uint64_t> words) const noexcept {
+    const std::size_t count = std::min<std::uint64_t>(words.size(), entry.bytes / wordBytes);
+    return readAt(entry.offset + sizeof(TraceBlockHead), words.data(), count * wordBytes) ? count
+                                                                                          : 0;
 }
 
 std::optional<TraceStretch> TraceReader::stretch(const TraceIndexEntry& entry) const noexcept {

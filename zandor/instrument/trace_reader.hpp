@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "trace_format.hpp"
@@ -31,6 +32,9 @@ class ZANDOR_INSTRUMENT_API TraceReader {
     std::optional<std::vector<std::uint64_t>> payload(const TraceIndexEntry& entry) const;
     /// The same into `words`; false when the block is damaged.
     bool read(const TraceIndexEntry& entry, std::vector<std::uint64_t>& words) const;
+    /// The first words of a block's payload, as many as there are; not checked.
+    std::size_t beginning(const TraceIndexEntry& entry,
+                          std::span<std::uint64_t> words) const noexcept;
     /// What a block of records begins with; not checked.
     std::optional<TraceStretch> stretch(const TraceIndexEntry& entry) const noexcept;
 

@@ -5,19 +5,24 @@ const othersName = '(others)';
 /** The data of the page as texts and trees. */
 export function decode(raw) {
   const nameOf = (name) => (name < 0 ? othersName : raw.names[name]);
+  return {
+    ...raw,
+    ...decodeStacks(raw),
+    times: raw.times.map(([name, cells, durations]) => ({ name: nameOf(name), cells, durations })),
+    contexts: raw.contexts.map(([name, key, values]) => ({ name: nameOf(name), key, values })),
+    counters: raw.counters.map(([name, key, cells]) => ({ name: nameOf(name), key, cells })),
+  };
+}
+
+/** The threads' names, and the nodes of their stacks. */
+export function decodeStacks(raw) {
+  const nameOf = (name) => (name < 0 ? othersName : raw.names[name]);
   const severalProcesses = new Set(raw.threads.map(([process]) => process)).size > 1;
   const threads = raw.threads.map(([process, name]) =>
     severalProcesses && process ? `${process} / ${name}` : name,
   );
   if (raw.moreThreads > 0) threads.push(`(${raw.moreThreads} more threads)`);
-  return {
-    ...raw,
-    threads,
-    nodes: decodeTree(raw.tree, threads, nameOf),
-    times: raw.times.map(([name, cells, durations]) => ({ name: nameOf(name), cells, durations })),
-    contexts: raw.contexts.map(([name, key, values]) => ({ name: nameOf(name), key, values })),
-    counters: raw.counters.map(([name, key, cells]) => ({ name: nameOf(name), key, cells })),
-  };
+  return { threads, nodes: decodeTree(raw.tree, threads, nameOf) };
 }
 
 function decodeTree(tree, threads, nameOf) {

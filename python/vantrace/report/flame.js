@@ -11,7 +11,7 @@ const mostFrames = 4000;
 export class Flame {
   constructor(report, state) {
     this.state = state;
-    this.trees = { thread: report.nodes, merged: mergedTree(report.nodes) };
+    this.show(report.nodes);
     this.box = byId('frames');
     this.box.addEventListener('keydown', (event) => this.onKey(event));
     this.box.addEventListener('click', (event) => this.onClick(event));
@@ -21,6 +21,11 @@ export class Flame {
     for (const button of document.querySelectorAll('#by button')) {
       button.addEventListener('click', () => state.set({ by: button.value, at: '' }));
     }
+  }
+
+  /** Takes other stacks, to be drawn next time. */
+  show(nodes) {
+    this.trees = { thread: nodes, merged: mergedTree(nodes) };
   }
 
   /** Measures what lies in the range; the rest of the page asks `tree` and `times` for it. */

@@ -48,3 +48,9 @@ export function hueOf(name) {
   for (let i = 0; i < name.length; i += 1) hash = Math.imul(hash ^ name.charCodeAt(i), 16777619);
   return Math.round((((hash >>> 0) * 0.61803398875) % 1) * 360);
 }
+
+/** The next 1, 2 or 5 times a power of ten. */
+export function roundStep(least) {
+  const power = 10 ** Math.floor(Math.log10(Math.max(least, 1)));
+  return [1, 2, 5, 10].map((times) => times * power).find((step) => step >= least) ?? 10 * power;
+}

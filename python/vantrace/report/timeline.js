@@ -2,7 +2,7 @@
 // what it was inside of. Dragging over it, or the arrow keys, choose the range of time.
 
 import { byId, element, hideTip, showTip } from './dom.js';
-import { hueOf, percentText, timeText } from './format.js';
+import { hueOf, percentText, roundStep, timeText } from './format.js';
 import { laneCells } from './data.js';
 
 const mostSteps = 8;
@@ -163,10 +163,4 @@ export class Timeline {
     }
     this.axis.replaceChildren(...marks);
   }
-}
-
-/** The next 1, 2 or 5 times a power of ten. */
-export function roundStep(least) {
-  const power = 10 ** Math.floor(Math.log10(Math.max(least, 1)));
-  return [1, 2, 5, 10].map((times) => times * power).find((step) => step >= least) ?? 10 * power;
 }
