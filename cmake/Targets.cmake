@@ -11,9 +11,9 @@ function(vantrace_sources folder sources tests)
   set(${tests} ${found_tests} PARENT_SCOPE)
 endfunction()
 
-# Tests run for less long than it takes to optimise them: with sanitizers by far.
+# Tests run for less long than it takes to optimise them: with g++ and a sanitizer by far.
 function(vantrace_optimise_as_test target)
-  target_compile_options(${target} PRIVATE $<IF:$<CONFIG:Debug>,-O0,-O1> -g1)
+  target_compile_options(${target} PRIVATE $<IF:$<AND:$<CONFIG:Debug>,$<CXX_COMPILER_ID:GNU>>,-O0,-O1> -g1)
 endfunction()
 
 # What a test may need to know about the tree that it runs in.
