@@ -65,7 +65,14 @@ const actions = {
     else if (what === 'double') await page.mouse.dblclick(box.x + x, box.y + y);
     else if (what === 'wheel') await page.mouse.wheel(0, by);
   },
-  wait: (expression) => page.waitForFunction(expression, undefined, { timeout: 20_000 }),
+  // Not by page.waitForFunction: a page's policy may forbid what that does.
+  async wait(expression) {
+    const end = Date.now() + 60_000;
+    while (!(await page.evaluate(expression))) {
+      if (Date.now() > end) throw new Error(`never came true: ${expression}`);
+      await page.evaluate(() => new Promise(requestAnimationFrame));
+    }
+  },
   ask: (expression) => page.evaluate(expression),
   screenshot: (path, selector) =>
     selector ? page.locator(selector).screenshot({ path }) : page.screenshot({ path, fullPage: true }),

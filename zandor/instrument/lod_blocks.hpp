@@ -48,6 +48,7 @@ class LodBlocks {
     void survey();
     const RecordingFacts& facts() const noexcept { return survey_->facts(); }
     TraceBlocks& blocks() noexcept { return blocks_; }
+    std::uint64_t recordBytes() const noexcept { return blocks_.recordBytes(); }
     const TraceNames& names() const noexcept { return blocks_.names(); }
 
     /// In order (see enclosesFirst).

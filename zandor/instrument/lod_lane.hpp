@@ -21,7 +21,7 @@ struct LodSlice {
     std::uint32_t events = 1;  ///< no more than 2^32 - 1 are counted
     std::uint32_t marks = 0;   ///< as LodEvent has them, of any
 
-    static LodSlice of(const LodEvent& event) noexcept;
+    ZANDOR_INSTRUMENT_API static LodSlice of(const LodEvent& event) noexcept;
 };
 
 /// Slices of one row: they do not overlap. Those narrower than a cell, 2^shift nanoseconds, are
@@ -47,6 +47,7 @@ class ZANDOR_INSTRUMENT_API LodLane {
 };
 
 /// The widest cells that are not wider than a pixel.
-int lodShift(std::int64_t begin, std::int64_t end, std::uint32_t pixels) noexcept;
+ZANDOR_INSTRUMENT_API int lodShift(std::int64_t begin, std::int64_t end,
+                                   std::uint32_t pixels) noexcept;
 
 }  // namespace instrument::detail

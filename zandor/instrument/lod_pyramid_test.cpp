@@ -13,7 +13,7 @@ using testing::ElementsAre;
 using testing::FieldsAre;
 
 class LodPyramidTest : public testing::Test {
-  protected:
+  public:
     LodPyramidTest& event(std::int64_t start, std::int64_t end, std::uint32_t source = 0,
                           std::uint32_t marks = 0) {
         pyramid_.add({start, end, ++serial_, 7, source, marks});
@@ -27,6 +27,7 @@ class LodPyramidTest : public testing::Test {
         return found;
     }
 
+  protected:
     LodPyramid pyramid_{3};
     std::uint64_t serial_ = 0;
 };
@@ -73,7 +74,8 @@ TEST(LodPyramid, KeepsItsBoundAndCountsEveryEvent) {
     std::mt19937 random(3);
     std::int64_t now = 0;
     for (int i = 0; i < 100'000; ++i) {
-        pyramid.add({now, now + 40, 0, random() % 5, random() % 2, 0});
+        pyramid.add({now, now + 40, 0, static_cast<std::uint32_t>(random() % 5),
+                     static_cast<std::uint32_t>(random() % 2), 0});
         now += static_cast<std::int64_t>(50 + random() % 50);
         ASSERT_LE(pyramid.size(), most);
     }

@@ -79,6 +79,7 @@ class TraceView::Parts {
 
     void beginAgain();
     bool readPiece();
+    int percent() const;
     void tell(std::uint64_t bytes);
     std::vector<LodRowSlices> rowsWithin(std::int64_t begin, std::int64_t end, std::uint32_t pixels,
                                          LodSources threads, bool& isExact);
@@ -103,7 +104,7 @@ class TraceView::Parts {
     std::optional<LodFlame> flame_;
     std::vector<std::uint64_t> counts_;  // of events by name
     std::uint64_t events_ = 0;
-    std::int64_t until_ = 0;  // up to where the pyramid goes
+    std::atomic<std::int64_t> until_ = 0;  // up to where the pyramid goes
 };
 
 void TraceView::Parts::tell(std::uint64_t bytes) {
@@ -143,9 +144,23 @@ bool TraceView::Parts::readPiece() {
         return true;
     }
     flame_->finish(blocks_.facts().sources.size());
-    until_ = lastTime_;
+    until_ = lastTime_.load();
     phase_ = Phase::whole;
     return false;
+}
+
+/// The first phase reads the records once or twice, which shows late. So each phase is a half.
+int TraceView::Parts::percent() const {
+    const auto half = [](double part, double whole) {
+        return static_cast<int>(std::clamp(50 * part / std::max(whole, 1.0), 0.0, 49.0));
+    };
+    if (phase_ == Phase::first)
+        return half(static_cast<double>(bytesRead_),
+                    2 * static_cast<double>(blocks_.recordBytes()));
+    if (phase_ == Phase::ordered)
+        return 50 + half(static_cast<double>(saturatingSubtract(until_, origin_)),
+                         static_cast<double>(saturatingSubtract(lastTime_, origin_)));
+    return 100;
 }
 
 std::string TraceView::Parts::state() {
@@ -154,11 +169,7 @@ std::string TraceView::Parts::state() {
     out.open('{');
     out.key("phase");
     out.text(phaseNames[static_cast<std::size_t>(phase)]);
-    // The records are read twice.
-    const double share = static_cast<double>(bytesRead_) /
-                         (2.0 * static_cast<double>(blocks_.blocks().recordBytes()) + 1);
-    out.member("percent",
-               static_cast<int>(phase == Phase::whole ? 100 : std::min(99.0, 100 * share)));
+    out.member("percent", percent());
     out.member("duration", std::max<std::int64_t>(saturatingSubtract(lastTime_, origin_), 0));
     out.member("processes", blocks_.blocks().processes().size());
     if (phase != Phase::first) {

@@ -58,5 +58,126 @@ TEST_F(TraceViewTest, ShowsTheEventsOfAWindow) {
     EXPECT_THAT(view.window(0, 500, 500, 1, 5), HasSubstr("\"rows\":[]"));
 }
 
+TEST_F(TraceViewTest, TellsWhoCalledWhomInsideAWindow) {
+    event(outer_, 0, 1000);
+    event(inner_, 100, 300);
+    TraceView view(saved());
+    view.read();
+    EXPECT_THAT(view.flame(200, 600),
+                AllOf(HasSubstr("\"begin\":200,\"end\":600"),
+                      HasSubstr("\"tree\":[[-1,-1],[0,0,0,1,300],[1,1,0,1,100]]"),
+                      HasSubstr("\"names\":[\"view.outer\",\"view.inner\"]")));
+}
+
+TEST_F(TraceViewTest, FindsTheNextAndTheOneBefore) {
+    event(outer_, 0, 1000);
+    event(inner_, 100, 300);
+    event(inner_, 800, 900);
+    TraceView view(saved());
+    view.read();
+    const auto found = [&](std::int64_t start, bool isForward) {
+        return view.find("VIEW.IN", {.start = start}, isForward);
+    };
+    EXPECT_THAT(found(0, true), HasSubstr("{\"names\":1,\"events\":2,\"hit\":[100,200,"));
+    EXPECT_THAT(found(101, true), HasSubstr("[800,100,\"view.inner\",0,3]"));
+    EXPECT_THAT(found(801, true), HasSubstr("\"hit\":null"));
+    EXPECT_THAT(found(799, false), HasSubstr("[100,200,"));
+    EXPECT_THAT(view.find("nowhere", {}, true), HasSubstr("\"events\":0,\"hit\":null"));
+}
+
+TEST_F(TraceViewTest, TellsAllAboutAnEvent) {
+    const EventId id{source_, 1};
+    listeners.onEventStartAt(outer_.handle(), {{"n", "64"}}, id, begin);
+    listeners.onEventStopAt(outer_.handle(), {{"n", "64"}}, id, begin + 50);
+    TraceView view(saved());
+    view.read();
+    EXPECT_THAT(view.details({.start = 0, .serial = 1}),
+                AllOf(HasSubstr("\"name\":\"view.outer\""), HasSubstr("\"duration\":50"),
+                      HasSubstr("\"context\":[[\"n\",\"64\"]]"),
+                      HasSubstr("\"process\":\"other program\"")));
+    EXPECT_EQ(view.details({.start = 1, .serial = 1}), "null");
+}
+
+TEST_F(TraceViewTest, MarksWhatHadNotEndedAndWhatAnotherThreadEnded) {
+    auto open = outer_.start();
+    std::thread([&] { outer_.stop(open); }).join();
+    (void)inner_.start();
+    TraceView view(saved());
+    view.read();
+    const std::string threads = view.threads();
+    EXPECT_THAT(threads, HasSubstr(",1,1,0]"));  // one row of each kind but instants
+    const std::string window = view.window(0, 1'000'000'000'000, 10, 0, 9);
+    EXPECT_THAT(window, HasSubstr(",1,2,"));  // one event, not ended
+    EXPECT_THAT(window, HasSubstr(",1,4,"));  // one event, ended elsewhere
+}
+
+TEST_F(TraceViewTest, TellsWhenThreadsWroteBeforeItReads) {
+    event(outer_, 500, 600);
+    TraceView view(saved());
+    EXPECT_THAT(view.state(), HasSubstr("\"phase\":\"first\""));
+    EXPECT_THAT(view.activity(), HasSubstr(",[0]]"));
+    EXPECT_EQ(view.window(0, 100, 10, 0, 0), "{\"begin\":0,\"end\":100}");
+    EXPECT_EQ(view.flame(0, 100), "{}");
+    EXPECT_EQ(view.find("outer", {}, true), "null");
+    EXPECT_EQ(view.details({}), "null");
+    EXPECT_EQ(view.threads(), "[]");
+}
+
+TEST_F(TraceViewTest, EndsReadingWhenItIsTold) {
+    event(outer_, 0, 100);
+    TraceView view(saved());
+    view.stop();
+    view.read();
+    EXPECT_THAT(view.state(), HasSubstr("\"phase\":\"first\""));
+}
+
+TEST_F(TraceViewTest, AnswersWhileItReads) {
+    for (int i = 0; i < 200'000; ++i)
+        const Scope scope{i % 2 == 0 ? outer_ : inner_};
+    TraceView view(saved());
+    std::thread reader([&] { view.read(); });
+    while (view.state().find("\"whole\"") == std::string::npos) {
+        view.window(0, 1'000'000, 1000, 0, 9);
+        view.flame(0, 1'000'000);
+        view.threads();
+    }
+    reader.join();
+    EXPECT_THAT(view.state(), HasSubstr("\"events\":200000"));
+}
+
+TEST_F(TraceViewTest, GivesNoMoreThanAScreenHolds) {
+    for (int i = 0; i < 200'000; ++i)
+        const Scope scope{outer_};
+    TraceView view(saved());
+    view.read();
+    EXPECT_LT(view.window(0, 1'000'000'000'000, 2000, 0, 9).size(), 30'000u * 80);
+    EXPECT_LT(view.window(0, 100'000'000, 2'000'000'000, 0, 9).size(), 30'000u * 80);
+}
+
+TEST_F(TraceViewTest, TakesWindowsWithoutMeaning) {
+    event(outer_, 0, 100);
+    TraceView view(saved());
+    view.read();
+    constexpr std::int64_t least = INT64_MIN, most = INT64_MAX;
+    EXPECT_EQ(view.window(5, 5, 10, 0, 0), "{\"begin\":5,\"end\":5}");
+    EXPECT_EQ(view.flame(10, 5), "{}");
+    EXPECT_THAT(view.window(least, most, 0, 0, 0xffffffff), HasSubstr("[0,100,"));
+    EXPECT_THAT(view.window(0, 10, 10, 7, 3), HasSubstr("\"rows\":[]"));
+    EXPECT_THAT(view.flame(least, most), HasSubstr("\"tree\":[[-1,-1]"));
+    EXPECT_EQ(view.details({most, most, 0xffffffff, 5}), "null");
+}
+
+TEST_F(TraceViewTest, ShowsATraceWithoutEvents) {
+    TraceView view(saved());
+    view.read();
+    EXPECT_THAT(view.state(), AllOf(HasSubstr("\"phase\":\"whole\""), HasSubstr("\"duration\":0")));
+    EXPECT_THAT(view.window(0, 100, 10, 0, 0), HasSubstr("\"rows\":[]"));
+}
+
+TEST(TraceView, RefusesWhatIsNoTrace) {
+    EXPECT_THROW(TraceView("/nowhere.vtrace"), std::system_error);
+    EXPECT_THROW(TraceView("/dev/null"), std::runtime_error);
+}
+
 }  // namespace
 }  // namespace instrument
