@@ -41,15 +41,18 @@ class CellCode:
         """Has IPython show what it would show without us: the frames from the cell's own on."""
 
         def render():
-            del error._render_traceback_
-            traceback = error.__traceback__
-            while traceback and traceback.tb_frame.f_code is not self._code:
-                traceback = traceback.tb_next
             show = self._shell.InteractiveTB.structured_traceback
-            return show(type(error), error, traceback, tb_offset=0)
+            return show(type(error), error, self._own_part(error.__traceback__), tb_offset=0)
 
         if not hasattr(error, "_render_traceback_"):
             error._render_traceback_ = render
+
+    def _own_part(self, traceback):
+        """From the cell's frame on; all of it where the cell has none."""
+        own = traceback
+        while own and own.tb_frame.f_code is not self._code:
+            own = own.tb_next
+        return own or traceback
 
 
 def _keep_last_value(tree):

@@ -8,7 +8,7 @@ import tempfile
 
 from ._core import Trace
 from ._flame_svg import Flame, shown_name, tree_of
-from ._table import Style, cells, head, lines, sorted_rows, tail
+from ._table import Style, aligned, cells, head, sorted_rows, tail
 
 _MOST_ROWS = 500
 _MOST_TABLE_BYTES = 100_000
@@ -21,12 +21,14 @@ def bundle(recording, options, output):
 
     Where `output` is a path, the trace goes there.
     """
-    options.top = min(options.top or _MOST_ROWS, _MOST_ROWS)
     picture, notes = _traced(recording, options, output)
-    text = lines(recording, recording.duration, None, options, Style(_TEXT_WIDTH, False))
+    rows = sorted_rows(recording, options)
+    above = list(head(recording, rows, recording.duration, None))
+    shown = rows[: min(options.top or _MOST_ROWS, _MOST_ROWS)]
+    table = list(cells(recording, shown, recording.duration)) if rows else []
     return {
-        "text/plain": "\n".join([*text, *notes]),
-        "text/html": _page(recording, options, picture, notes),
+        "text/plain": _text(recording, above, table, len(rows), notes),
+        "text/html": _page(recording, above, table, len(rows), notes, picture),
     }
 
 
@@ -59,32 +61,38 @@ def _export(file, output, options):
     trace_writer(output)(trace, output)
 
 
-def _page(recording, options, picture, notes):
+def _text(recording, above, table, names, notes):
+    lines = aligned(table, Style(_TEXT_WIDTH, False)) if table else []
+    left_out = names - len(table[1:])
+    return "\n".join([*above, *lines, *tail(recording, left_out), *notes])
+
+
+def _page(recording, above, table, names, notes, picture):
     identity = secrets.token_hex(8)
-    rows = sorted_rows(recording, options)
-    table, shown = _table(recording, rows[: options.top])
+    rows = _rows(table[1:])
     return (
         f'<div class="vantrace" data-vantrace="{identity}"><style>{_asset("style.css")}</style>'
-        f"{_paragraphs(head(recording, rows, recording.duration, None))}"
-        f'{f"<div>{picture}</div>" if picture else ""}{table}'
-        f"{_paragraphs([*tail(recording, len(rows) - shown), *notes])}"
+        f"{_paragraphs(above)}"
+        f'{f"<div>{picture}</div>" if picture else ""}'
+        f"{_table(table[0], rows) if rows else ''}"
+        f"{_paragraphs([*tail(recording, names - len(rows)), *notes])}"
         f'<script>{_asset("cell.js").replace("@ID@", identity)}</script></div>'
     )
 
 
-def _table(recording, rows):
-    """The table, and how many of the rows it has."""
-    if not rows:
-        return "", 0
-    titles, *rows = cells(recording, rows, recording.duration)
-    parts, size = [], 0
-    for row in rows:
+def _table(titles, rows):
+    return f"<table><thead>{_row('th', titles)}</thead><tbody>{''.join(rows)}</tbody></table>"
+
+
+def _rows(table):
+    """As many as there is room for."""
+    rows, size = [], 0
+    for name, *texts in table:
         if size > _MOST_TABLE_BYTES:
             break
-        parts.append(_row("td", (shown_name(row[0]), *row[1:])))
-        size += len(parts[-1].encode())
-    head_row, body = _row("th", titles), "".join(parts)
-    return f"<table><thead>{head_row}</thead><tbody>{body}</tbody></table>", len(parts)
+        rows.append(_row("td", (shown_name(name), *texts)))
+        size += len(rows[-1].encode())
+    return rows
 
 
 def _row(kind, texts):

@@ -185,8 +185,8 @@ class _Recording:
             from ._collections import trace_gc
 
             self._collections = trace_gc()
-        self._began = time.perf_counter_ns()
         self._recording.__enter__()
+        self._began = time.perf_counter_ns()
 
     def end(self):
         """Also of one that did not begin, or has ended."""

@@ -34,6 +34,14 @@ class Shown:
         return {name: cells for name, *cells in rows if len(cells) >= 6}
 
 
+def _answers(next_message, request):
+    """What the kernel says to a request; answers to what was asked before may be there still."""
+    while True:
+        message = next_message(timeout=_LONGEST)
+        if message["parent_header"].get("msg_id") == request:
+            yield message["msg_type"], message["content"]
+
+
 class Kernel:
     """A kernel that starts with the extension loaded."""
 
@@ -56,18 +64,15 @@ class Kernel:
         """Runs a cell; interrupts it when it has printed that text."""
         request = self._client.execute(source, stop_on_error=False)
         shown = Shown()
-        while True:
-            message = self._client.get_iopub_msg(timeout=_LONGEST)
-            if message["parent_header"].get("msg_id") != request:
-                continue
-            content = message["content"]
+        for kind, content in _answers(self._client.get_iopub_msg, request):
             if content.get("execution_state") == "idle":
                 break
-            self._take(shown, message["msg_type"], content)
+            self._take(shown, kind, content)
             if interrupt_at and interrupt_at in shown.printed:
                 interrupt_at = None
                 self._manager.interrupt_kernel()
-        shown.status = self._client.get_shell_msg(timeout=_LONGEST)["content"]["status"]
+        _, reply = next(_answers(self._client.get_shell_msg, request))
+        shown.status = reply["status"]
         return shown
 
     @staticmethod

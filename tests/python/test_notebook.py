@@ -118,11 +118,11 @@ FAILING = "def fail(n):\n    return 1 / n\ntry:\n    fail(0)\nexcept ZeroDivisio
 
 def test_an_exception_shows_what_was_recorded_and_the_usual_traceback(run):
     shown = run(f"%%vantrace\n{FAILING}")
-    assert shown.error == "KeyError"
+    assert (shown.status, shown.error) == ("error", "KeyError")
     assert shown.table["__main__.fail"][0] == "1"
     usual = run(f"#%%vantrace \n{FAILING}")
     assert without_numbers(shown.traceback) == without_numbers(usual.traceback)
-    assert "run_cell_magic" not in shown.traceback
+    assert "run_cell_magic" not in shown.traceback + run("%tb").traceback
 
 
 def without_numbers(text):
@@ -262,7 +262,7 @@ def test_a_trace_is_written_where_it_was_asked_for(run, tmp_path):
 def test_what_is_asked_wrongly_is_said(run, cell, complaint):
     shown = run(cell)
     assert f"UsageError: {complaint}" in shown.printed
-    assert shown.data == []
+    assert (shown.status, shown.data) == ("error", [])
 
 
 def test_help_is_there(run):
