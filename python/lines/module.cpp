@@ -8,12 +8,14 @@
 #include <filesystem>
 #include <memory>
 #include <optional>
+#include <span>
 
 #include "../src/errors.hpp"
 #include "../src/export_file.hpp"
 #include "../src/handle_object.hpp"
 #include "../src/python_api.hpp"
 #include "../src/text.hpp"
+#include "line_table.hpp"
 #include "sampler.hpp"
 
 namespace vantrace {
@@ -96,6 +98,25 @@ PyObject* isWhole(PyObject* self, void*) {
     return PyBool_FromLong(samplerOf(self).isWhole());
 }
 
+PyObject* lineOfInstruction(PyObject*, PyObject* arguments) {
+    const char* table = nullptr;
+    Py_ssize_t size = 0;
+    int firstLine = 0;
+    Py_ssize_t offset = 0;
+    if (!PyArg_ParseTuple(arguments, "y#in:line_at", &table, &size, &firstLine, &offset))
+        return nullptr;
+    const std::span bytes(table, static_cast<std::size_t>(size));
+    return PyLong_FromLong(
+        lineAt(std::as_bytes(bytes), firstLine, static_cast<std::size_t>(offset)));
+}
+
+PyMethodDef functions[] = {
+    {"line_at", lineOfInstruction, METH_VARARGS,
+     "line_at(table, first_line, offset): the line by a code object's table; 0 where there is "
+     "none."},
+    {nullptr, nullptr, 0, nullptr},
+};
+
 PyMethodDef methods[] = {
     {"stop", stop, METH_NOARGS, "Ends it; does nothing the second time, or in a child after fork."},
     {"stream", stream, METH_NOARGS, "What it found, once it ended, where that is in no file."},
@@ -122,7 +143,7 @@ PyType_Spec spec = {"vantrace._sampler.Sampler", sizeof(SamplerObject), 0, Py_TP
                     slots};
 
 PyModuleDef definition = {
-    PyModuleDef_HEAD_INIT, "_sampler", nullptr, -1, nullptr, nullptr, nullptr, nullptr, nullptr};
+    PyModuleDef_HEAD_INIT, "_sampler", nullptr, -1, functions, nullptr, nullptr, nullptr, nullptr};
 
 PyObject* makeModule() {
     Ref module = Ref::take(PyModule_Create(&definition));

@@ -135,8 +135,12 @@ void Sampler::lookAtThreads() {
 }
 
 void Sampler::lookAt(const PyThreadState* address, const PyThreadState& copy, bool isHolder) {
+    // A thread that is about to begin has no frame, and still the system's number of the one that
+    // made it.
+    const auto top = valueAt<_PyCFrame>(copy.cframe);
     pid_t thread = 0;
-    SampledThread* const known = threadOf(address, copy, thread);
+    SampledThread* const known =
+        top && top->current_frame ? threadOf(address, copy, thread) : nullptr;
     if (!known)
         return;
     const std::int64_t cpu = cpuTimeOf(thread);
@@ -147,7 +151,7 @@ void Sampler::lookAt(const PyThreadState* address, const PyThreadState& copy, bo
     LineTime time{known->number, LineTime::allLines, elapsed_,
                   std::clamp<std::int64_t>(cpu - cpuBefore, 0, elapsed_), isHolder ? elapsed_ : 0};
     addTime(time);
-    if (const auto line = lineOf(copy)) {
+    if (const auto line = lineOf(top->current_frame)) {
         time.line = *line;
         addTime(time);
     }
@@ -168,9 +172,7 @@ SampledThread* Sampler::threadOf(const PyThreadState* address, const PyThreadSta
 }
 
 /// The line of the innermost function that is not skipped.
-std::optional<std::uint32_t> Sampler::lineOf(const PyThreadState& copy) {
-    const auto top = valueAt<_PyCFrame>(copy.cframe);
-    const Frame* address = top ? top->current_frame : nullptr;
+std::optional<std::uint32_t> Sampler::lineOf(const Frame* address) {
     for (int depth = 0; address && depth < deepestStack; ++depth) {
         const auto frame = valueAt<Frame>(address);
         const Place place = frame ? codes_.placeOf(*frame) : Place();

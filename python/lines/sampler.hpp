@@ -58,7 +58,7 @@ class Sampler {
     void lookAtThreads();
     void lookAt(const PyThreadState* address, const PyThreadState& copy, bool isHolder);
     SampledThread* threadOf(const PyThreadState* address, const PyThreadState& copy, pid_t& thread);
-    std::optional<std::uint32_t> lineOf(const PyThreadState& copy);
+    std::optional<std::uint32_t> lineOf(const Frame* address);
     std::uint32_t numberOf(const Place& place);
     void addTime(const instrument::LineTime& time);
     void endPeriod();

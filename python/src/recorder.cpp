@@ -182,6 +182,19 @@ PyObject* threads(PyObject* self, PyObject*) {
     });
 }
 
+PyObject* threadNames(PyObject* self, PyObject*) {
+    return guarded([&] {
+        const auto names =
+            withoutLock([&] { return instrument::threadNamesById(recorderOf(self)); });
+        Ref dict = Ref::take(PyDict_New());
+        for (const auto& [thread, name] : names) {
+            const Ref key = Ref::take(PyLong_FromUnsignedLongLong(thread));
+            check(PyDict_SetItem(dict.get(), key.get(), strOf(std::string_view(name)).get()));
+        }
+        return dict.release();
+    });
+}
+
 PyObject* drops(PyObject* self, PyObject*) {
     return guarded([&] { return dictOf(recorderOf(self).drops()); });
 }
@@ -209,6 +222,8 @@ PyMethodDef methods[] = {
     {"events", events, METH_NOARGS,
      "(name, kind, start, duration, thread, context) of all events, by start."},
     {"threads", threads, METH_NOARGS, "The name of each thread that has complete events."},
+    {"thread_names", threadNames, METH_NOARGS,
+     "{the system's id: name} of this process's threads that have anything in it."},
     {"drops", drops, METH_NOARGS, "How many events were dropped, by cause."},
     {nullptr, nullptr, 0, nullptr},
 };

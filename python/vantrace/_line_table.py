@@ -7,6 +7,7 @@ from ._table import printable, time_text
 _MOST_LINES = 10
 _MOST_THREADS = 4
 _LEAST_SOURCE = 16
+_SUMS = ("self", "cpu", "held")
 _HEAD = ("line", "self", "self %", "on CPU", "lock", "source")
 
 
@@ -15,10 +16,22 @@ def line_rows(times, style):
     if not times.ticks:
         return
     yield f"vantrace: hottest lines, of {times.ticks:,} samples; {_threads(times.threads)}"
-    shown = times.lines[:_MOST_LINES]
-    whole = sum(line.self for line in times.lines)
+    merged = _by_place(times.lines)
+    shown = merged[:_MOST_LINES]
+    whole = sum(line.self for line in merged)
     if shown:
         yield from _aligned([_HEAD, *(_cells(line, whole) for line in shown)], style)
+
+
+def _by_place(lines):
+    """Those of one place put together, whatever functions it is in."""
+    places = {}
+    for line in lines:
+        known = places.setdefault((line.file, line.line), line)
+        if known is not line:
+            sums = {field: getattr(known, field) + getattr(line, field) for field in _SUMS}
+            places[line.file, line.line] = known._replace(**sums)
+    return sorted(places.values(), key=lambda line: (-line.self, line.file, line.line))
 
 
 def _threads(threads):

@@ -123,6 +123,8 @@ def _sums(times, key_of):
     return sums
 
 
-def times_of_stream(stream):
-    """What a recording of this process found."""
-    return LineTimes(line_samples(stream))
+def times_of_stream(stream, names):
+    """What a recording of this process found, with what it calls threads by the system's ids."""
+    threads, *others = line_samples(stream)
+    named = [(process, thread, names.get(thread, name)) for process, thread, name in threads]
+    return LineTimes((named, *others))

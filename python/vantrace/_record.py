@@ -145,7 +145,7 @@ class record:
             return None
         from ._lines import times_of_stream
 
-        return times_of_stream(self._lines.stream())
+        return times_of_stream(self._lines.stream(), self._recorder.thread_names())
 
     @property
     def has_all_lines(self):

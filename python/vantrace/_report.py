@@ -8,6 +8,7 @@ import re
 import sys
 import time
 
+from . import _line_report
 from ._cli import UsageError
 from ._core import version
 from ._export import read_trace
@@ -35,6 +36,7 @@ _MODULES = (
     "flame",
     "contexts",
     "names",
+    "lines",
     "counters",
     "main",
 )
@@ -50,12 +52,19 @@ def report(arguments):
     file, output = options.needed()
     try:
         check_writable(output)
-        data = read_trace(file).report_data()
+        data = _data_of(read_trace(file))
         write_whole(output, page(data, os.path.basename(file)).encode())
     except OSError as error:
         raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
     print(f"vantrace: the report is {printable(output)}", file=sys.stderr)
     return 0
+
+
+def _data_of(trace):
+    """What the page shows, as JSON: of events, and of lines where those were sampled."""
+    data = trace.report_data()
+    count, width = re.match(r'\{"bins":\{"count":(\d+),"width":(\d+)\}', data).groups()
+    return f'{data[:-1]},"lines":{_line_report.as_json(trace.lines(), int(count), int(width))}}}'
 
 
 def page(data, title):

@@ -4,7 +4,10 @@
 
 #include "zandor/instrument/collapsed_stacks.hpp"
 #include "zandor/instrument/file_sink.hpp"
+#include "zandor/instrument/recorder_core.hpp"
+#include "zandor/instrument/recorder_snapshot.hpp"
 #include "zandor/instrument/recording.hpp"
+#include "zandor/instrument/source_info.hpp"
 #include "zandor/instrument/summary.hpp"
 #include "zandor/instrument/text_buffer.hpp"
 #include "zandor/instrument/trace_event_json.hpp"
@@ -84,6 +87,17 @@ std::vector<std::string> threadNames(const InstrumentRecorder& recorder) {
         if (hasEvents[i])
             names.emplace_back(recording.sources[i].name);
     std::ranges::sort(names);
+    return names;
+}
+
+std::map<std::uint64_t, std::string> threadNamesById(const InstrumentRecorder& recorder) {
+    std::map<std::uint64_t, std::string> names;
+    const detail::Snapshot snapshot(recorder.core());
+    snapshot.forEachStretch([&](const detail::Stretch& stretch, bool) {
+        detail::SourceInfo* const source = stretch.state.info;
+        if (source && !source->processName)
+            names[source->threadId] = source->name();
+    });
     return names;
 }
 

@@ -10,11 +10,12 @@
 #include "file_sink.hpp"
 #include "recorder_storage.hpp"
 #include "trace_format.hpp"
+#include "zandor/instrument/export.hpp"
 
 namespace instrument::detail {
 
 /// The file takes its place at commit. Errors are std::system_error. Keeps one index entry a block.
-class TraceWriter {
+class ZANDOR_INSTRUMENT_API TraceWriter {
     using Bytes = std::span<const std::byte>;
 
   public:

@@ -178,6 +178,18 @@ export function measureCounter({ cells }, { from, to }) {
   };
 }
 
+/** Sums of time, CPU time and time with the lock in bins from..to-1. */
+export function measureCells(cells, { from, to }) {
+  const sums = { self: 0, cpu: 0, held: 0 };
+  for (let at = 0; at < cells.length; at += 4) {
+    if (cells[at] < from || cells[at] >= to) continue;
+    sums.self += cells[at + 1];
+    sums.cpu += cells[at + 2];
+    sums.held += cells[at + 3];
+  }
+  return sums;
+}
+
 /** For each thread and bin the names that had time there: [[name, self], ...]. */
 export function laneCells(nodes, threads, bins) {
   const lanes = Array.from({ length: threads }, () => Array.from({ length: bins }, () => new Map()));

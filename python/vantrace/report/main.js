@@ -6,6 +6,7 @@ import { Contexts } from './contexts.js';
 import { Counters } from './counters.js';
 import { decode, measureNames } from './data.js';
 import { Flame } from './flame.js';
+import { Lines } from './lines.js';
 import { Names } from './names.js';
 import { State } from './state.js';
 import { Timeline } from './timeline.js';
@@ -99,7 +100,7 @@ function listenToLinks() {
 function main() {
   const report = decode(JSON.parse(byId('data').textContent));
   const state = new State(report.bins.count);
-  const parts = [Timeline, Flame, Names, Contexts, Counters].map((Part) => new Part(report, state));
+  const parts = [Timeline, Flame, Names, Lines, Contexts, Counters].map((Part) => new Part(report, state));
   const drawAll = () => {
     if (byId('search').value !== state.q) byId('search').value = state.q;
     for (const part of parts) part.draw();

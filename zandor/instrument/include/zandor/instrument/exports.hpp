@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -66,5 +67,8 @@ struct EventSummary {
 ZANDOR_INSTRUMENT_API std::vector<EventSummary> summarize(const InstrumentRecorder& recorder);
 /// Of each thread that has complete events, sorted; two threads may have the same name.
 ZANDOR_INSTRUMENT_API std::vector<std::string> threadNames(const InstrumentRecorder& recorder);
+/// Of the threads of this process that have anything in the recording, by the system's ids.
+ZANDOR_INSTRUMENT_API std::map<std::uint64_t, std::string> threadNamesById(
+    const InstrumentRecorder& recorder);
 
 }  // namespace instrument
