@@ -13,7 +13,7 @@ namespace vantrace {
     if (!instrument::listeners.anyActive())
         return instrument::noListenerEventId;
     try {
-        return startEvent(instrument, context);
+        return context.empty() ? startEvent(instrument) : startEvent(instrument, context);
     } catch (const std::exception&) {
         return instrument::suppressedEventId;
     }

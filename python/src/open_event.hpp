@@ -21,10 +21,20 @@ inline instrument::EventId startEvent(const instrument::Opaque* instrument,
     return instrument::listeners.onEventStart(instrument, context);
 }
 
+/// The same without context.
+inline instrument::EventId startEvent(const instrument::Opaque* instrument) {
+    nameThread();
+    return instrument::detail::openEvent(instrument);
+}
+
 /// Delivers the stop when the start was and a listener is active.
 inline void stopEvent(const instrument::Opaque* instrument, instrument::ContextArgs context,
                       instrument::EventId id) {
-    if (id.sourceId != 0 && instrument::listeners.anyActive())
+    if (id.sourceId == 0 || !instrument::listeners.anyActive())
+        return;
+    if (context.empty())
+        instrument::detail::closeEvent(instrument, {}, id);
+    else
         instrument::listeners.onEventStop(instrument, context, id);
 }
 

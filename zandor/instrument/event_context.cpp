@@ -4,6 +4,7 @@
 
 #include "context_text.hpp"
 #include "event_context_access.hpp"
+#include "latest_line.hpp"
 #include "source_info.hpp"
 
 namespace instrument {
@@ -18,29 +19,18 @@ std::string_view keptName(std::string_view name, bool isKept) {
     throw std::bad_alloc();
 }
 
-/// What a thread converted its latest event's ticks by. Events are told of inside listeners only,
-/// where those of a signal handler are not delivered: none finds it half changed.
-struct LatestLine {
-    std::uint32_t clockNumber;
-    detail::TickReader reader;
-};
-constinit thread_local LatestLine latestLine{0, {}};
-
 }  // namespace
+
+namespace detail {
+constinit thread_local LatestLine latestLine;
+}
 
 std::uint64_t EventContext::ticks() const {
     return detail::EventContextAccess::ticks(*this);
 }
 
 std::int64_t EventContext::time() const {
-    if (timeIsGiven_)
-        return time_;
-    LatestLine& latest = latestLine;
-    // Relaxed: clocks are replaced while no event happens.
-    const std::uint32_t number = detail::clockNumber.load(std::memory_order_relaxed);
-    if (latest.clockNumber != number) [[unlikely]]
-        latest = {number, {}};
-    return latest.reader(ticks());
+    return timeIsGiven_ ? time_ : detail::latestLine.timeOf(ticks());
 }
 
 std::string_view EventContext::sourceName() const {

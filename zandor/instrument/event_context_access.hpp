@@ -16,6 +16,10 @@ struct EventContextAccess {
                                bool kept) noexcept {
         return {thread.listenerData.data(), source.info, source.id, nullptr, args, kept};
     }
+    /// The clock was read already.
+    static void giveTicks(EventContext& context, std::uint64_t ticks) noexcept {
+        context.ticks_ = ticks;
+    }
     /// The time of `context` is known already.
     static void giveTime(EventContext& context, std::int64_t time) noexcept {
         context.time_ = time;

@@ -6,7 +6,7 @@
 #include "blocks.hpp"
 #include "control_registry.hpp"
 #include "delivery.hpp"
-#include "only_recorder.hpp"
+#include "short_delivery.hpp"
 #include "zandor/instrument/controls.hpp"
 
 namespace instrument {
@@ -52,6 +52,10 @@ template <auto operation>
 
 /// Decided already.
 [[gnu::noinline]] EventId openForAll(const Opaque* handle) {
+    if (const ShortDelivery several(shortListeners); several) [[likely]] {
+        if (const EventId id = several.nextId(); several.start(handle, {}, id)) [[likely]]
+            return id;
+    }
     const Inside inside;
     if (!inside) [[unlikely]] {
         countSuppressed();
@@ -63,6 +67,9 @@ template <auto operation>
 }
 
 [[gnu::noinline]] void closeForAll(const Opaque* handle, ContextArgs kept, EventId id) {
+    if (const ShortDelivery several(shortListeners); several && several.stop(handle, kept, id))
+        [[likely]]
+        return;
     const Inside inside;
     if (inside) [[likely]]
         deliverStop(inside.state(), handle, kept, id);
@@ -94,6 +101,11 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
 }
 
 [[gnu::noinline]] OpenScope* openForAll(const Opaque* handle, ContextArgs context) {
+    if (const ShortDelivery several(shortListeners); several) [[likely]] {
+        OpenScopePtr event = keepScope(several.state(), handle, context, several.nextId());
+        if (several.start(handle, event->context.args(), event->id)) [[likely]]
+            return event.release();
+    }
     const Inside inside;
     if (!inside) [[unlikely]] {
         countSuppressed();
@@ -105,6 +117,10 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
 }
 
 [[gnu::noinline]] void closeForAll(OpenScope* ended) noexcept {
+    if (const ShortDelivery several(shortListeners); several) [[likely]] {
+        if (several.stop(ended->handle, ended->context.args(), ended->id)) [[likely]]
+            return several.state().scopes.giveBack(ended);
+    }
     // Where the thread is in a listener already, or past its end, it has no mark of its own.
     const Inside inside;
     const OpenScopePtr event(ended);
@@ -139,8 +155,8 @@ void KeptContext::keep(ContextArgs context) {
 EventId openEvent(const Opaque* handle) {
     if (!handle->enabled.load(std::memory_order_relaxed)) [[unlikely]]
         return disabledEventId;
-    if (const OnlyRecorder only; only) [[likely]] {
-        if (const EventId id = only.nextId(); only.start(handle, {}, id)) [[likely]]
+    if (const ShortDelivery only(onlyRecorder); only) [[likely]] {
+        if (const EventId id = only.nextId(); only.recordStart(handle, {}, id)) [[likely]]
             return id;
     }
     return openForAll(handle);
@@ -162,7 +178,8 @@ EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) 
 }
 
 void closeEvent(const Opaque* handle, ContextArgs kept, EventId id) {
-    if (const OnlyRecorder only; only && only.stop(handle, !kept.empty(), id)) [[likely]]
+    if (const ShortDelivery only(onlyRecorder); only && only.recordStop(handle, !kept.empty(), id))
+        [[likely]]
         return;
     closeForAll(handle, kept, id);
 }
@@ -188,18 +205,18 @@ void Instrument::emitInstant(const Opaque* handle, ContextArgs context) {
 detail::OpenScope* Scope::open(const Opaque* handle, ContextArgs context) {
     if (!detail::isOnFor(handle, context))
         return nullptr;
-    if (const detail::OnlyRecorder only; only) [[likely]] {
+    if (const detail::ShortDelivery only(detail::onlyRecorder); only) [[likely]] {
         detail::OpenScopePtr event =
             detail::keepScope(only.state(), handle, context, only.nextId());
-        if (only.start(handle, event->context.args(), event->id)) [[likely]]
+        if (only.recordStart(handle, event->context.args(), event->id)) [[likely]]
             return event.release();
     }
     return detail::openForAll(handle, context);
 }
 
 void Scope::close(detail::OpenScope* ended) noexcept {
-    if (const detail::OnlyRecorder only; only) [[likely]] {
-        if (only.stop(ended->handle, !ended->context.args().empty(), ended->id)) [[likely]]
+    if (const detail::ShortDelivery only(detail::onlyRecorder); only) [[likely]] {
+        if (only.recordStop(ended->handle, !ended->context.args().empty(), ended->id)) [[likely]]
             return only.state().scopes.giveBack(ended);
     }
     detail::closeForAll(ended);
@@ -208,7 +225,8 @@ void Scope::close(detail::OpenScope* ended) noexcept {
 void Scope::close(const Opaque* handle, EventId id) noexcept {
     if (!listeners.anyActive())
         return;
-    if (const detail::OnlyRecorder only; only && only.stop(handle, false, id)) [[likely]]
+    if (const detail::ShortDelivery only(detail::onlyRecorder);
+        only && only.recordStop(handle, false, id)) [[likely]]
         return;
     try {
         detail::closeForAll(handle, {}, id);

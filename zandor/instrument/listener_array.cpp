@@ -16,7 +16,7 @@ std::size_t sizeFor(std::uint32_t count) noexcept {
 
 ListenerArray* makeArray(std::uint32_t count) noexcept {
     void* memory = allocateBlock(sizeFor(count));
-    return memory ? ::new (memory) ListenerArray{count, nullptr} : nullptr;
+    return memory ? ::new (memory) ListenerArray{count, false, false, nullptr, nullptr} : nullptr;
 }
 
 Registration** placesOf(ListenerArray& array) noexcept {
@@ -33,7 +33,8 @@ void freeArray(ListenerArray* array) noexcept {
 bool isInUse(const ListenerArray* array) noexcept {
     bool used = false;
     forEachThread([&](const ThreadState& state) {
-        used = used || state.snapshot.load(std::memory_order_acquire) == array;
+        used = used || state.snapshot.load(std::memory_order_acquire) == array ||
+               state.calling.load(std::memory_order_acquire) == array->mark();
     });
     return used;
 }
@@ -58,17 +59,38 @@ InstrumentListener* onlyOneOf(const ListenerArray* array) noexcept {
     return registration.removed.load(std::memory_order_relaxed) ? nullptr : registration.listener;
 }
 
+/// Whether each of them has a short way; then the array knows what they need.
+bool prepareShortWay(ListenerArray& array) noexcept {
+    for (const Registration* registration : array) {
+        const ShortOperations* const way = registration->shortWay;
+        if (!way || registration->removed.load(std::memory_order_relaxed))
+            return false;
+        array.needsTime = array.needsTime || way->needsTime;
+        array.needsTicks = array.needsTicks || way->needsTicks || way->needsTime;
+    }
+    array.recorder = recorderIn(*(*array.begin())->listener);
+    return true;
+}
+
+const ShortOperations* shortWayOf(InstrumentListener& listener) noexcept {
+    return recorderIn(listener) ? &recorderShortOperations : ShortWay::of(listener);
+}
+
 // The flags may lag behind the array by a moment, but never for good.
 void publish(ListenerArray* array) noexcept {
     if (array)
         for (Registration* registration : *array)
             ++registration->arrays;
+    const bool isShort = array && prepareShortWay(*array);
     // Release pairs with the acquire in protectListeners.
     ListenerArray* old = listenersInForce.exchange(array, std::memory_order_acq_rel);
     // Release pairs with the acquire in protectOnlyListener.
     InstrumentListener* const only = onlyOneOf(array);
     onlyListener.store(only, std::memory_order_release);
-    recorderIsAlone.store(only && recorderIn(*only), std::memory_order_relaxed);
+    // Release pairs with the acquire in ShortDelivery.
+    const bool isRecorder = isShort && array->count == 1 && array->recorder;
+    onlyRecorder.store(isRecorder ? array : nullptr, std::memory_order_release);
+    shortListeners.store(isShort ? array : nullptr, std::memory_order_release);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);
     if (old) {
         ListenerArray*& retired = processState().retiredListeners;
@@ -84,14 +106,16 @@ ListenerArray* arrayInForce() noexcept {
 
 Registration* makeRegistration(InstrumentListener& listener) noexcept {
     void* memory = allocateBlock(sizeof(Registration));
-    return memory ? ::new (memory) Registration{&listener, 0, {false}} : nullptr;
+    return memory ? ::new (memory) Registration{&listener, shortWayOf(listener), 0, {false}}
+                  : nullptr;
 }
 
 }  // namespace
 
 constinit std::atomic<ListenerArray*> listenersInForce{nullptr};
 constinit std::atomic<InstrumentListener*> onlyListener{nullptr};
-constinit std::atomic<bool> recorderIsAlone{false};
+constinit std::atomic<const ListenerArray*> shortListeners{nullptr};
+constinit std::atomic<const ListenerArray*> onlyRecorder{nullptr};
 
 Registration* findRegistration(const InstrumentListener& listener) noexcept {
     if (const ListenerArray* array = arrayInForce())

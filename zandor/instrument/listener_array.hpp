@@ -2,24 +2,38 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "thread_state.hpp"
 #include "zandor/instrument/listener.hpp"
+#include "zandor/instrument/short_way.hpp"
 
 namespace instrument::detail {
+
+class RecorderCore;
 
 /// A listener's stay among the registered ones. Shared by the arrays that hold it.
 struct Registration {
     InstrumentListener* listener;
-    std::uint32_t arrays;       ///< that hold it; under the listeners' lock
-    std::atomic<bool> removed;  ///< no new call may begin
+    const ShortOperations* shortWay;  ///< null where it has none
+    std::uint32_t arrays;             ///< that hold it; under the listeners' lock
+    std::atomic<bool> removed;        ///< no new call may begin
 };
 
 /// In order of registration; the pointers follow the head.
 struct ListenerArray {
     std::uint32_t count;
+    // What the short ways of all need together.
+    bool needsTicks;
+    bool needsTime;
+    /// The inside of the first listener, where that is a recorder.
+    const RecorderCore* recorder;
     ListenerArray* nextRetired;
+
+    /// What a thread that is inside any of them by their short ways has in its `calling`: no
+    /// listener's address, nor a state's.
+    const void* mark() const noexcept { return reinterpret_cast<const std::byte*>(this) + 1; }
 
     Registration* const* begin() const noexcept {
         return reinterpret_cast<Registration* const*>(this + 1);
@@ -27,12 +41,19 @@ struct ListenerArray {
     Registration* const* end() const noexcept { return begin() + count; }
 };
 
+/// Whether it is the mark of some array. All other things that a thread may be calling are aligned.
+inline bool isListenersMark(const void* calling) noexcept {
+    return (reinterpret_cast<std::uintptr_t>(calling) & 1) != 0;
+}
+
 /// Null when nobody is registered.
 extern constinit std::atomic<ListenerArray*> listenersInForce;
 /// The one that is registered, while it is the only one; else null.
 extern constinit std::atomic<InstrumentListener*> onlyListener;
-/// Whether that is a recorder: a hint, relaxed.
-extern constinit std::atomic<bool> recorderIsAlone;
+/// The same as `listenersInForce` while each has a short way; else null.
+extern constinit std::atomic<const ListenerArray*> shortListeners;
+/// The same while a recorder is the only one.
+extern constinit std::atomic<const ListenerArray*> onlyRecorder;
 
 /// The only listener, for as long as the thread's `calling` shows it. Null when there are none or
 /// several.

@@ -31,6 +31,24 @@ detail::EdgeOrigin originOf(const EventContext& context) noexcept {
                  .contextIsStarts = hasArgs && context.argsAreKept()});
 }
 
+RecorderCore& coreOf(InstrumentListener& listener) noexcept {
+    return static_cast<InstrumentRecorder&>(listener).core();
+}
+
+bool startShortly(InstrumentListener& listener, const Edge& edge) noexcept {
+    return putStart(coreOf(listener), {edge.slots, edge.source}, edge.instrument, edge.context,
+                    edge.id, edge.ticks);
+}
+
+bool stopShortly(InstrumentListener& listener, const Edge& edge) noexcept {
+    return putStop(coreOf(listener), {edge.slots, edge.source}, edge.instrument,
+                   !edge.context.empty(), edge.id, edge.ticks);
+}
+
+bool leaveToOperation(InstrumentListener&, const Edge&) noexcept {
+    return false;
+}
+
 void recordAt(RecorderCore& core, RecordKind kind, const Opaque* instrument,
               const EventContext& context, EventId id, std::int64_t time) noexcept {
     core.record({.kind = kind,
@@ -46,8 +64,13 @@ void recordAt(RecorderCore& core, RecordKind kind, const Opaque* instrument,
 }  // namespace
 
 namespace detail {
+
 constinit std::atomic<const void*> recorderTable{nullptr};
-}
+
+const ShortOperations recorderShortOperations{
+    .needsTicks = true, .instant = leaveToOperation, .start = startShortly, .stop = stopShortly};
+
+}  // namespace detail
 
 InstrumentRecorder::InstrumentRecorder() : InstrumentRecorder(RecorderLimits()) {}
 
@@ -88,7 +111,7 @@ void InstrumentRecorder::onInstant(const Opaque* instrument, const EventContext&
 
 void InstrumentRecorder::onStart(const Opaque* instrument, const EventContext& context,
                                  EventId id) noexcept {
-    const auto ticks = [&] { return EventContextAccess::ticks(context); };
+    const std::uint64_t ticks = EventContextAccess::ticks(context);
     const bool isKept = context.empty() || context.argsAreKept();
     if (!isKept || !putStart(*core_, originOf(context), instrument, context.args(), id, ticks))
         [[unlikely]]
@@ -97,7 +120,7 @@ void InstrumentRecorder::onStart(const Opaque* instrument, const EventContext& c
 
 void InstrumentRecorder::onStop(const Opaque* instrument, const EventContext& context,
                                 EventId id) noexcept {
-    const auto ticks = [&] { return EventContextAccess::ticks(context); };
+    const std::uint64_t ticks = EventContextAccess::ticks(context);
     const bool hasContext = !context.empty();
     const bool isKept = !hasContext || context.argsAreKept();
     if (!isKept || !putStop(*core_, originOf(context), instrument, hasContext, id, ticks))

@@ -23,11 +23,9 @@ struct EdgeOrigin {
     track.tail.store(end, std::memory_order_release);
 }
 
-/// `ticks()` reads the clock, if the record is written.
-template <class Ticks>
 [[gnu::always_inline]] inline bool putStart(const RecorderCore& core, EdgeOrigin origin,
                                             const Opaque* instrument, ContextArgs kept, EventId id,
-                                            Ticks ticks) noexcept {
+                                            std::uint64_t ticks) noexcept {
     constexpr std::size_t plainWords = wordsOf(RecordKind::start);
     Track* const track = core.knownTrack(origin.slots);
     if (!track || track->stream.info != origin.source || track->stream.nextSerial != id.serialId)
@@ -43,17 +41,16 @@ template <class Ticks>
     if (words >= RecordHead::contextIsCounted) [[unlikely]]
         return false;
     head[0] = RecordHead(RecordKind::start, false, words, instrument->id, 0).word();
-    head[1] = ticks();
+    head[1] = ticks;
     track->stream.nextSerial = id.serialId + 1;
     ++track->open;
     commit(*track, end);
     return true;
 }
 
-template <class Ticks>
 [[gnu::always_inline]] inline bool putStop(const RecorderCore& core, EdgeOrigin origin,
                                            const Opaque* instrument, bool hasContext, EventId id,
-                                           Ticks ticks) noexcept {
+                                           std::uint64_t ticks) noexcept {
     Track* const track = core.knownTrack(origin.slots);
     if (!track || track->stream.info != origin.source || track->stream.source != id.sourceId ||
         id.serialId < track->runFirst || track->hasLost) [[unlikely]]
@@ -66,7 +63,7 @@ template <class Ticks>
     head[0] = RecordHead(RecordKind::stop, false, hasContext ? RecordHead::contextOfStart : 0,
                          instrument->id, back)
                   .word();
-    head[1] = ticks();
+    head[1] = ticks;
     --track->open;
     commit(*track, end);
     return true;

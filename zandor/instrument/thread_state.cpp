@@ -5,6 +5,7 @@
 
 #include "blocks.hpp"
 #include "control_registry.hpp"
+#include "listener_array.hpp"
 #include "process_state.hpp"
 #include "thread_slabs.hpp"
 #include "waiting.hpp"
@@ -73,6 +74,13 @@ void threadEnds(void* value) noexcept {
         releaseState(state);
 }
 
+/// Where the thread is inside all listeners of an array, it is for a moment only.
+bool mayBeInside(const ThreadState& state, const InstrumentListener& listener) noexcept {
+    // Pairs with the release when a delivery goes on to another listener, or ends.
+    const void* const calling = state.calling.load(std::memory_order_acquire);
+    return calling == &listener || isListenersMark(calling);
+}
+
 }  // namespace
 
 constinit thread_local ThreadLocals threadLocals{&nobody, nullptr, nullptr, false};
@@ -128,8 +136,7 @@ void waitUntilNobodyIsInside(const InstrumentListener& listener) noexcept {
     const ThreadState* own = ThreadState::find();
     forEachThread([&](ThreadState& state) {
         Backoff backoff;
-        // Pairs with the release when a delivery goes on to another listener.
-        while (&state != own && state.calling.load(std::memory_order_acquire) == &listener)
+        while (&state != own && mayBeInside(state, listener))
             backoff.wait();
     });
 }

@@ -57,8 +57,9 @@ struct alignas(64) ThreadState {
 
     /// The locals of the thread whose state it is; another's or none after a fork.
     std::atomic<const ThreadLocals*> owner;
-    /// Null while the thread delivers no event. Else the listener that it is calling, which this
-    /// protects, or `noListener` before, between and after them.
+    /// Null while the thread delivers no event. Else the listener that it is calling, or the mark
+    /// of a ListenerArray while it calls all of those, which this protects; or `noListener` before,
+    /// between and after them.
     std::atomic<const void*> calling;
     /// Protects the listeners that the thread is going through, where there are several.
     std::atomic<const ListenerArray*> snapshot;

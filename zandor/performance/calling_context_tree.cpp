@@ -1,6 +1,8 @@
 #include "zandor/performance/calling_context_tree.hpp"
 
 #include <algorithm>
+#include <span>
+#include <utility>
 
 #include "zandor/instrument/fences.hpp"
 
@@ -26,10 +28,8 @@ CallingContextTree::~CallingContextTree() {
 
 void CallingContextTree::setSource(std::uint64_t source) noexcept {
     while (const std::uint32_t depth = depth_.load(std::memory_order_relaxed)) {
-        Frame& top = frames_[depth - 1];
-        nodes_[top.node.load(std::memory_order_relaxed)].open = 0;
-        top.word.store(takenBit, std::memory_order_relaxed);
-        depth_.store(depth - 1, std::memory_order_relaxed);
+        frames_[depth - 1].word.store(takenBit, std::memory_order_relaxed);
+        depth_.store(pop(depth), std::memory_order_relaxed);
     }
     source_.store(source, std::memory_order_relaxed);
 }
@@ -45,19 +45,18 @@ bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
     }
     if (!frames_.provide(depth)) [[unlikely]]
         return false;
-    const std::uint32_t parent =
-        depth == 0 ? 0 : frames_[depth - 1].node.load(std::memory_order_relaxed);
-    const std::uint32_t number = childOf(parent, instrument, time);
-    if (number == none) [[unlikely]]
+    CallNode* const parent =
+        depth == 0 ? &root_ : frames_[depth - 1].node.load(std::memory_order_relaxed);
+    CallNode* const node = childOf(parent, instrument, time);
+    if (!node) [[unlikely]]
         return false;
-    CallNode& node = nodes_[number];
     Frame& frame = frames_[depth];
-    frame.isNested = node.isNested || (node.depth > deepest && node.open > 0);
-    ++node.open;
+    frame.isNested = node->isNested || (node->depth > deepest && node->all->open > 0);
+    ++node->all->open;
     frame.inside = 0;
     frame.takenSerial.store(0, std::memory_order_relaxed);
     frame.start.store(time, std::memory_order_relaxed);
-    frame.node.store(number, std::memory_order_relaxed);
+    frame.node.store(node, std::memory_order_relaxed);
     // Pairs with the acquire of those who take the call: with the word come start and node.
     frame.word.store(serial << 1, std::memory_order_release);
     depth_.store(depth + 1, std::memory_order_relaxed);
@@ -141,18 +140,17 @@ std::optional<TakenCall> CallingContextTree::take(std::uint64_t serial) noexcept
     // Read before the call is taken: afterwards its place may be another's. If it is another's
     // already, what was read is of no use, and nothing is taken.
     const std::int64_t start = frame.start.load(std::memory_order_relaxed);
-    const std::uint32_t number = frame.node.load(std::memory_order_relaxed);
+    const CallNode* const node = frame.node.load(std::memory_order_relaxed);
     if (!takeForeign(frame, serial))
         return std::nullopt;
-    const CallNode& node = nodes_[number];
-    return TakenCall{node.instrument, start, node.isNested};
+    return TakenCall{node->instrument, start, node->isNested};
 }
 
 bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noexcept {
-    const std::uint32_t number = childOf(0, call.instrument, call.start);
-    if (number == none)
+    CallNode* const node = childOf(&root_, call.instrument, call.start);
+    if (!node)
         return false;
-    count(nodes_[number], {stop - call.start, 0, call.isNested});
+    count(*node, {stop - call.start, 0, call.isNested});
     return true;
 }
 
@@ -162,17 +160,20 @@ bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noex
     const std::int64_t duration = time - frame.start.load(std::memory_order_relaxed);
     if (index > 0)
         frames_[index - 1].inside += duration;
-    count(nodes_[frame.node.load(std::memory_order_relaxed)],
-          {duration, frame.inside, frame.isNested});
+    count(*frame.node.load(std::memory_order_relaxed), {duration, frame.inside, frame.isNested});
+}
+
+/// Takes the innermost call off the stack, and gives the new depth.
+[[gnu::always_inline]] inline std::uint32_t CallingContextTree::pop(std::uint32_t depth) noexcept {
+    --frames_[depth - 1].node.load(std::memory_order_relaxed)->all->open;
+    return depth - 1;
 }
 
 /// Takes those that were stopped off the stack, down to the first that is open.
 [[gnu::always_inline]] inline void CallingContextTree::popEnded() noexcept {
     std::uint32_t depth = depth_.load(std::memory_order_relaxed);
-    while (depth > 0 && (frames_[depth - 1].word.load(std::memory_order_relaxed) & takenBit)) {
-        --depth;
-        --nodes_[frames_[depth].node.load(std::memory_order_relaxed)].open;
-    }
+    while (depth > 0 && (frames_[depth - 1].word.load(std::memory_order_relaxed) & takenBit))
+        depth = pop(depth);
     depth_.store(depth, std::memory_order_relaxed);
 }
 
@@ -187,98 +188,100 @@ bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noex
     if (!call.isNested)
         increase(node.total, duration);
     increase(node.self, duration - call.inside);
-    node.durations->add(duration);
+    node.all->durations.add(duration);
     node.calls.store(calls + 1, std::memory_order_relaxed);
 }
 
-[[gnu::always_inline]] inline std::uint32_t CallingContextTree::childOf(
-    std::uint32_t parent, const Opaque* instrument, std::int64_t start) noexcept {
-    if (slotCount_ > 0) [[likely]] {
-        // Beyond the deepest level all are children of the path up to there.
-        if (nodes_[parent].depth > deepest) [[unlikely]]
-            parent = nodes_[parent].parent;
-        std::uint32_t& last = nodes_[parent].lastChild;
-        if (last != 0 && nodes_[last].instrument == instrument) [[likely]]
-            return last;
-        if (const std::uint32_t known = slots_[slotOf(parent, instrument)])
-            return last = known;
-    }
-    return addNode(parent, instrument, start);
+[[gnu::always_inline]] inline CallNode* CallingContextTree::childOf(CallNode* parent,
+                                                                    const Opaque* instrument,
+                                                                    std::int64_t start) noexcept {
+    // Beyond the deepest level all are children of the path up to there.
+    if (parent->depth > deepest) [[unlikely]]
+        parent = parent->parent;
+    for (const CallNode::Child& child : parent->children)
+        if (child.instrument == instrument->id && child.node != 0) [[likely]]
+            return &nodes_[child.node];
+    return findOrAdd(*parent, instrument, start);
 }
 
-std::uint32_t CallingContextTree::addNode(std::uint32_t parent, const Opaque* instrument,
-                                          std::int64_t start) noexcept {
-    std::uint32_t count = nodeCount_.load(std::memory_order_relaxed);
-    if (count == 0) {
-        if (!nodes_.provide(0))
-            return none;
-        count = 1;
-    }
-    if ((count * 2 >= slotCount_ && !growSlots()) || !nodes_.provide(count))
-        return none;
-    DurationHistogram* const durations = durationsOf(instrument);
-    if (!durations)
-        return none;
+[[gnu::noinline]] CallNode* CallingContextTree::findOrAdd(CallNode& parent,
+                                                          const Opaque* instrument,
+                                                          std::int64_t start) noexcept {
+    const bool mayBeKnown = parent.children.back().node != 0 && slots_;
+    const std::uint32_t known = mayBeKnown ? slotOf(parent, instrument) : 0;
+    return known != 0 ? &nodes_[known] : addNode(parent, instrument, start);
+}
+
+CallNode* CallingContextTree::addNode(CallNode& parent, const Opaque* instrument,
+                                      std::int64_t start) noexcept {
+    const std::uint32_t count = std::max(nodeCount_.load(std::memory_order_relaxed), 1u);
+    const auto free = std::ranges::find(parent.children, 0u, &CallNode::Child::node);
+    const bool isBeyond = free == parent.children.end();
+    if (!nodes_.provide(count) || (isBeyond && !provideSlot()))
+        return nullptr;
+    InstrumentCalls* const all = callsOf(instrument);
+    if (!all)
+        return nullptr;
     CallNode& node = nodes_[count];
-    node.durations = durations;
     node.instrument = instrument;
-    node.parent = parent;
-    node.depth = nodes_[parent].depth + 1;
-    node.isNested = isInside(parent, instrument);
+    node.parent = &parent;
+    node.all = all;
+    node.number = count;
+    node.depth = static_cast<std::uint16_t>(parent.depth + 1);
+    node.isNested = &parent != &root_ && all->open > 0;
     node.firstStart = start;
-    slots_[slotOf(parent, instrument)] = count;
-    nodes_[parent].lastChild = count;
+    if (isBeyond)
+        slotOf(parent, instrument) = count;
+    else
+        *free = {instrument->id, count};
     // Pairs with the acquire in forEach.
     nodeCount_.store(count + 1, std::memory_order_release);
-    return count;
+    return &node;
 }
 
-DurationHistogram* CallingContextTree::durationsOf(const Opaque* instrument) noexcept {
-    if (!durationsPlaces_.provideUpTo(instrument->id))
+InstrumentCalls* CallingContextTree::callsOf(const Opaque* instrument) noexcept {
+    if (!callsByNumber_.provideUpTo(instrument->id))
         return nullptr;
-    std::uint32_t& place = durationsPlaces_[instrument->id];
-    if (place == 0) {
-        const std::uint32_t count = durationsCount_.load(std::memory_order_relaxed);
-        if (!durations_.provide(count))
+    InstrumentCalls*& calls = callsByNumber_[instrument->id];
+    if (!calls) {
+        const std::uint32_t count = instrumentCount_.load(std::memory_order_relaxed);
+        if (!instruments_.provide(count))
             return nullptr;
-        durations_[count].instrument = instrument;
+        calls = &instruments_[count];
+        calls->instrument = instrument;
         // Pairs with the acquire in forEachDurations.
-        durationsCount_.store(count + 1, std::memory_order_release);
-        place = count + 1;
+        instrumentCount_.store(count + 1, std::memory_order_release);
     }
-    return &durations_[place - 1].histogram;
-}
-
-bool CallingContextTree::isInside(std::uint32_t node, const Opaque* instrument) const noexcept {
-    while (node != 0 && nodes_[node].instrument != instrument)
-        node = nodes_[node].parent;
-    return node != 0;
+    return calls;
 }
 
 /// Where the child stands, or would.
-std::size_t CallingContextTree::slotOf(std::uint32_t parent,
-                                       const Opaque* instrument) const noexcept {
-    const std::uint64_t key = std::uint64_t{parent} << 32 | instrument->id;
-    std::size_t slot = key * 0x9e37'79b9'7f4a'7c15 >> 32;
-    for (;; ++slot) {
-        const std::uint32_t node = slots_[slot &= slotCount_ - 1];
-        if (node == 0 || (nodes_[node].parent == parent && nodes_[node].instrument == instrument))
+std::uint32_t& CallingContextTree::slotOf(const CallNode& parent,
+                                          const Opaque* instrument) const noexcept {
+    const std::uint64_t key = std::uint64_t{parent.number} << 32 | instrument->id;
+    std::size_t place = key * 0x9e37'79b9'7f4a'7c15 >> 32;
+    for (;; ++place) {
+        std::uint32_t& slot = slots_[place & (slotCount_ - 1)];
+        if (slot == 0 || (nodes_[slot].parent == &parent && nodes_[slot].instrument == instrument))
             return slot;
     }
 }
 
-bool CallingContextTree::growSlots() noexcept {
+/// Has room for one more node in the table.
+bool CallingContextTree::provideSlot() noexcept {
+    if (++slotsUsed_ * 2 < slotCount_)
+        return true;
     const std::size_t count = std::max(slotCount_ * 2, firstSlots);
     auto* const larger = static_cast<std::uint32_t*>(mapMemory(count * sizeof *slots_));
     if (!larger)
         return false;
-    if (slots_)
-        unmapMemory(slots_, slotCount_ * sizeof *slots_);
-    slots_ = larger;
-    slotCount_ = count;
-    const std::uint32_t nodes = nodeCount_.load(std::memory_order_relaxed);
-    for (std::uint32_t node = 1; node < nodes; ++node)
-        slots_[slotOf(nodes_[node].parent, nodes_[node].instrument)] = node;
+    const std::span<std::uint32_t> before(std::exchange(slots_, larger),
+                                          std::exchange(slotCount_, count));
+    for (const std::uint32_t node : before)
+        if (node != 0)
+            slotOf(*nodes_[node].parent, nodes_[node].instrument) = node;
+    if (before.data())
+        unmapMemory(before.data(), before.size_bytes());
     return true;
 }
 

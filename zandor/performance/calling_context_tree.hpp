@@ -5,6 +5,7 @@
 // call to stop it.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
@@ -17,31 +18,41 @@
 
 namespace instrument::detail {
 
+/// An instrument's calls, however they came about: few, so that they stay near at hand where paths
+/// are many.
+struct InstrumentCalls {
+    const Opaque* instrument;
+    std::uint32_t open;  ///< on the stack
+    DurationHistogram durations;
+};
+
 /// One call path. What is atomic is written by the tree's thread alone; relaxed: whoever has to see
 /// a call learned of it otherwise.
-struct CallNode {
+struct alignas(64) CallNode {
+    /// By the number of its instrument; all-zero is none.
+    struct Child {
+        std::uint32_t instrument;
+        std::uint32_t node;
+    };
+
+    // What a call from here looks at, in one line.
     const Opaque* instrument;
-    std::uint32_t parent;
-    std::uint32_t depth;
+    CallNode* parent;
+    InstrumentCalls* all;
+    /// Its first children. Programs touch much memory between two calls, so that they are looked
+    /// for where the caller is; those beyond are in a table of the tree's.
+    std::array<Child, 4> children;
+    std::uint32_t number;
+    std::uint16_t depth;
     /// A caller has the same instrument: its total has these calls already.
     bool isNested;
-    std::uint32_t lastChild;
-    /// Open calls, where paths are too deep to be told apart.
-    std::uint32_t open;
+
     std::int64_t firstStart;
     std::atomic<std::uint64_t> calls;
     std::atomic<std::int64_t> total;
     std::atomic<std::int64_t> self;
     std::atomic<std::int64_t> min;
     std::atomic<std::int64_t> max;
-    DurationHistogram* durations;  ///< shared by all paths to the instrument
-};
-
-/// The durations of an instrument's calls, however they came about: few, so that they stay near at
-/// hand where paths are many.
-struct InstrumentDurations {
-    const Opaque* instrument;
-    DurationHistogram histogram;
 };
 
 /// A call that ended.
@@ -118,38 +129,38 @@ class CallingContextTree {
             visit(static_cast<const CallNode&>(nodes_[node]));
     }
 
-    /// Calls visit(const InstrumentDurations&) for each instrument. From any thread; has the calls
-    /// that a visit of the paths before told of.
+    /// Calls visit(instrument, DurationHistogram) for each instrument. From any thread; has the
+    /// calls that a visit of the paths before told of.
     template <class Visit>
     void forEachDurations(Visit visit) const {
-        // Pairs with the release in durationsOf.
-        const std::uint32_t count = durationsCount_.load(std::memory_order_acquire);
-        for (std::uint32_t place = 0; place < count; ++place)
-            visit(static_cast<const InstrumentDurations&>(durations_[place]));
+        // Pairs with the release in callsOf.
+        const std::uint32_t count = instrumentCount_.load(std::memory_order_acquire);
+        for (std::uint32_t place = 0; place < count; ++place) {
+            const InstrumentCalls& calls = instruments_[place];
+            visit(calls.instrument, calls.durations);
+        }
     }
 
   private:
     /// An open call. Those of a stack have rising serials.
-    struct Frame {
+    struct alignas(64) Frame {
         /// The serial, and in the lowest bit whether the call was taken or ended.
         std::atomic<std::uint64_t> word;
         /// That of the call if another thread takes it. Relaxed: looked at under the lock.
         std::atomic<std::uint64_t> takenSerial;
         std::atomic<std::int64_t> start;
-        std::atomic<std::uint32_t> node;
-        bool isNested;
+        std::atomic<CallNode*> node;
         std::int64_t inside;
+        bool isNested;
     };
     static constexpr std::uint64_t takenBit = 1;
 
-    std::uint32_t childOf(std::uint32_t parent, const Opaque* instrument,
-                          std::int64_t start) noexcept;
-    std::uint32_t addNode(std::uint32_t parent, const Opaque* instrument,
-                          std::int64_t start) noexcept;
-    DurationHistogram* durationsOf(const Opaque* instrument) noexcept;
-    bool isInside(std::uint32_t node, const Opaque* instrument) const noexcept;
-    std::size_t slotOf(std::uint32_t parent, const Opaque* instrument) const noexcept;
-    bool growSlots() noexcept;
+    CallNode* childOf(CallNode* parent, const Opaque* instrument, std::int64_t start) noexcept;
+    CallNode* findOrAdd(CallNode& parent, const Opaque* instrument, std::int64_t start) noexcept;
+    CallNode* addNode(CallNode& parent, const Opaque* instrument, std::int64_t start) noexcept;
+    InstrumentCalls* callsOf(const Opaque* instrument) noexcept;
+    std::uint32_t& slotOf(const CallNode& parent, const Opaque* instrument) const noexcept;
+    bool provideSlot() noexcept;
 
     std::uint32_t frameOf(std::uint64_t serial) const noexcept;
     bool takeOwn(Frame& frame, std::uint64_t serial) noexcept;
@@ -157,6 +168,7 @@ class CallingContextTree {
     bool wasTaken(const Frame& frame, std::uint64_t serial) noexcept;
     void end(std::uint32_t index, std::int64_t time) noexcept;
     void popEnded() noexcept;
+    std::uint32_t pop(std::uint32_t depth) noexcept;
     static void count(CallNode& node, const EndedCall& call) noexcept;
 
     Key key_;
@@ -170,16 +182,19 @@ class CallingContextTree {
 
     std::atomic<std::uint32_t> depth_{0};  // relaxed: whoever takes a call checks its word
     std::atomic<std::uint32_t> nodeCount_{0};
-    /// Children by parent and instrument: a hash table of node numbers, 0 is free.
+    /// The nodes that their parents have no place for, by parent and instrument: a hash table of
+    /// their numbers, 0 is free.
     std::uint32_t* slots_ = nullptr;
-    std::size_t slotCount_ = 0;
+    std::size_t slotCount_ = 0;  ///< a power of two
+    std::size_t slotsUsed_ = 0;
 
     MappedChunks<Frame, 256, 4096> frames_;
-    MappedChunks<CallNode, 256, 1024> nodes_;  // the first is the root
-    std::atomic<std::uint32_t> durationsCount_{0};
-    MappedChunks<InstrumentDurations, 8, 16384> durations_;
-    /// By the instrument's number: the place of its durations and 1, or 0.
-    MappedChunks<std::uint32_t, 4096, 256> durationsPlaces_;
+    CallNode root_{};
+    MappedChunks<CallNode, 256, 1024> nodes_;  // 0 stands for the root
+    std::atomic<std::uint32_t> instrumentCount_{0};
+    MappedChunks<InstrumentCalls, 8, 16384> instruments_;
+    /// By the instrument's number.
+    MappedChunks<InstrumentCalls*, 2048, 512> callsByNumber_;
 };
 
 }  // namespace instrument::detail

@@ -47,11 +47,15 @@ class CountTable {
     /// Counts one event. On the table's thread. False when the system gives no memory. The lock is
     /// taken where the table grows.
     bool count(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept {
-        Entry* const known = context.empty() ? find(instrument) : nullptr;
-        if (!known) [[unlikely]]
-            return countAny(instrument, context, lock);
-        countIn(*known);
-        return true;
+        return (context.empty() && countAgain(instrument)) || countAny(instrument, context, lock);
+    }
+
+    /// The same without context, where such an event was counted before; else does nothing.
+    bool countAgain(const Opaque* instrument) noexcept {
+        Entry* const known = find(instrument);
+        if (known)
+            countIn(*known);
+        return known != nullptr;
     }
 
     /// Calls visit(Entry&) for each entry. From any thread.

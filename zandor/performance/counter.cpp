@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/short_way.hpp"
 #include "zandor/performance/count_table.hpp"
 #include "zandor/performance/thread_shards.hpp"
 
@@ -14,7 +15,8 @@ namespace detail {
 
 class CounterCore {
   public:
-    explicit CounterCore(const InstrumentCounter& counter) : counter_(counter) {}
+    explicit CounterCore(InstrumentCounter& counter)
+        : counter_(counter), shortWay_(counter, shortOperations) {}
 
     void count(const Opaque* instrument, const EventContext& context) noexcept {
         CountTable* table = tables_.known(context);
@@ -22,6 +24,12 @@ class CounterCore {
             table = tables_.enter(ListenerData::thread());
         if (!table || !table->count(instrument, context, tables_.lock())) [[unlikely]]
             tables_.countLost();
+    }
+
+    /// Whether it was counted before without a context, and is now again.
+    bool countAgain(const Edge& edge) noexcept {
+        CountTable* const table = tables_.known(edge.slots);
+        return table && edge.context.empty() && table->countAgain(edge.instrument);
     }
 
     /// Calls visit(name, words, count) for what was counted: once a thread, instrument and context.
@@ -59,8 +67,15 @@ class CounterCore {
     std::uint64_t lost() const noexcept { return tables_.lost(); }
 
   private:
+    static bool countShortly(InstrumentListener& listener, const Edge& edge) noexcept {
+        return static_cast<InstrumentCounter&>(listener).core_->countAgain(edge);
+    }
+    static constexpr ShortOperations shortOperations{
+        .needsTicks = false, .needsTime = false, .instant = countShortly, .start = countShortly};
+
     const InstrumentCounter& counter_;
     ThreadShards<CountTable> tables_;
+    const ShortWay shortWay_;
 };
 
 namespace {

@@ -4,6 +4,7 @@
 #include <map>
 
 #include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/short_way.hpp"
 #include "zandor/performance/calling_context_tree.hpp"
 #include "zandor/performance/profile_table.hpp"
 #include "zandor/performance/thread_shards.hpp"
@@ -55,7 +56,8 @@ struct CallSums {
 
 class ProfilerCore {
   public:
-    explicit ProfilerCore(const InstrumentProfiler& profiler) : profiler_(profiler) {}
+    explicit ProfilerCore(InstrumentProfiler& profiler)
+        : profiler_(profiler), shortWay_(profiler, shortOperations) {}
 
     void noteOwn(const EventContext& context) noexcept {
         CallingContextTree* const tree = ownTree(context);
@@ -103,9 +105,10 @@ class ProfilerCore {
             if (const auto first = tree.firstEvent())
                 origin = std::min(origin, *first);
             tree.forEach([&](const CallNode& node) { sums[node.instrument].add(node); });
-            tree.forEachDurations([&](const InstrumentDurations& known) {
-                known.histogram.addTo(sums[known.instrument].durations);
-            });
+            tree.forEachDurations(
+                [&](const Opaque* instrument, const DurationHistogram& durations) {
+                    durations.addTo(sums[instrument].durations);
+                });
         });
         std::vector<CallSummary> rows;
         for (const auto& [instrument, sum] : sums)
@@ -158,9 +161,34 @@ class ProfilerCore {
             trees_.countLost();
     }
 
+    /// The calling thread's, where it is known to be that of the event's source.
+    static CallingContextTree* treeOf(InstrumentListener& listener, const Edge& edge) noexcept {
+        CallingContextTree* const known =
+            static_cast<InstrumentProfiler&>(listener).core_->trees_.known(edge.slots);
+        return known && known->source() == edge.id.sourceId ? known : nullptr;
+    }
+    static bool noteShortly(InstrumentListener& listener, const Edge& edge) noexcept {
+        CallingContextTree* const tree = treeOf(listener, edge);
+        return tree && tree->hasFirstEvent();
+    }
+    static bool startShortly(InstrumentListener& listener, const Edge& edge) noexcept {
+        CallingContextTree* const tree = treeOf(listener, edge);
+        return tree && tree->start(edge.instrument, edge.id.serialId, edge.time);
+    }
+    static bool stopShortly(InstrumentListener& listener, const Edge& edge) noexcept {
+        CallingContextTree* const tree = treeOf(listener, edge);
+        return tree && (tree->stop(edge.id.serialId, edge.time), true);
+    }
+    static constexpr ShortOperations shortOperations{.needsTicks = true,
+                                                     .needsTime = true,
+                                                     .instant = noteShortly,
+                                                     .start = startShortly,
+                                                     .stop = stopShortly};
+
     const InstrumentProfiler& profiler_;
     ThreadShards<CallingContextTree> trees_;
     ForkPrivate<Lock> otherSources_;
+    const ShortWay shortWay_;
 };
 
 }  // namespace detail

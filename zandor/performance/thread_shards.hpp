@@ -34,8 +34,9 @@ class ThreadShards {
     ThreadShards& operator=(const ThreadShards&) = delete;
 
     /// The shard that the thread found last which delivers the event; null when it found none yet.
-    Shard* known(const EventContext& context) const noexcept {
-        return static_cast<Shard*>(data_.get(context));
+    Shard* known(const EventContext& context) const noexcept { return known(context.slots()); }
+    Shard* known(const ListenerSlot* slots) const noexcept {
+        return static_cast<Shard*>(data_.get(slots));
     }
     /// The shard of the key, which this thread finds from now on; made where there is none. Null
     /// when the system gives no memory.

@@ -36,9 +36,10 @@ class ZANDOR_INSTRUMENT_API ListenerData {
 
     /// What the thread keeps that delivers the event; null when it keeps nothing. Always null for a
     /// listener that came when all places were taken: it goes by thread() each time.
-    void* get(const EventContext& context) const noexcept {
+    void* get(const EventContext& context) const noexcept { return get(context.slots()); }
+    void* get(const detail::ListenerSlot* slots) const noexcept {
         // Relaxed: who has the threads forget waits for those inside before it frees anything.
-        const detail::ListenerSlot& slot = context.slots()[place_];
+        const detail::ListenerSlot& slot = slots[place_];
         return slot.number == age_.load(std::memory_order_relaxed) ? slot.data : nullptr;
     }
     /// Changes when all threads are to forget: to be asked before the data are looked for, so that

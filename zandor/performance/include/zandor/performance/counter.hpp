@@ -67,6 +67,7 @@ class ZANDOR_PERFORMANCE_API InstrumentCounter : public InstrumentListener {
     void onStopAt(const Opaque*, const EventContext&, EventId, std::int64_t) noexcept override;
 
   private:
+    friend class detail::CounterCore;
     std::unique_ptr<detail::CounterCore> core_;
 };
 

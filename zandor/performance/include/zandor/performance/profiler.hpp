@@ -74,6 +74,7 @@ class ZANDOR_PERFORMANCE_API InstrumentProfiler : public InstrumentListener {
     void onStopAt(const Opaque*, const EventContext&, EventId, std::int64_t) noexcept override;
 
   private:
+    friend class detail::ProfilerCore;
     std::unique_ptr<detail::ProfilerCore> core_;
 };
 
