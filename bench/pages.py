@@ -25,7 +25,7 @@ FOREMOST = (
     "`vantrace.instant`, recorded",
     "Python function traced, a call of fib(27)",
     "`import vantrace`",
-    "`./dev run` to the script's first line",
+    "`./dev run` of an empty script",
 )
 
 

@@ -53,10 +53,14 @@ class GoogleBenchmark:
             ]
             _run(command)
             found = json.load(out)["benchmarks"]
-        return {
-            name: [_reading(one, counter) for one in found if _is(one, base)]
-            for name, (base, _, counter) in wanted.items()
-        }
+        return {name: _readings(found, *wanted[name]) for name in names}
+
+
+def _readings(found, base, _, counter):
+    readings = [_reading(measured, counter) for measured in found if _is(measured, base)]
+    if not readings:
+        raise RuntimeError(f"there is no measurement named {base}")
+    return readings
 
 
 def _is(measured, base):

@@ -103,6 +103,7 @@ NATIVE = [
         unit="bytes"),
     Row("memory of a recorded pair with two literal texts", "native recordedTextsGrowing#bytes",
         target=AtMost(48), unit="bytes"),
+    Row("size of a trace file, an event", "growth trace-file 10000000#bytes", unit="bytes"),
     Row("trace-event JSON to memory, an event", "native jsonToMemory", "native floorJsonToMemory",
         "a writer by hand", Times(1.4)),
     Row("trace-event JSON to a file, an event", "native jsonToFile", "native floorJsonToFile",
@@ -187,7 +188,7 @@ PYTHON = [
         "that JSON and libdeflate alone, level 1", Times(1.3), unit="ms"),
     Row("`import vantrace`", "processes import", "processes bare", "the bare interpreter",
         Above(25), unit="ms"),
-    Row("`./dev run` to the script's first line", "processes dev_run", "processes bare_script",
+    Row("`./dev run` of an empty script", "processes dev_run", "processes bare_script",
         "python script.py", unit="ms"),
 ]
 

@@ -1,4 +1,4 @@
-"""How long processes take, in milliseconds: to import the package, and to a script's first line."""
+"""What whole processes take, in milliseconds of CPU time with those that they start."""
 
 import os
 import pathlib
@@ -6,7 +6,6 @@ import resource
 import subprocess
 import sys
 import tempfile
-import time
 
 import timing
 
@@ -25,39 +24,27 @@ def run(*command):
     return subprocess.run(command, check=True, capture_output=True, cwd=folder.name).stdout
 
 
-def whole(code):
-    """CPU time of an interpreter that runs the code."""
-
+def whole(*command):
     def sample():
         before = cpu_time()
-        run(sys.executable, "-c", code)
+        run(*command)
         return (cpu_time() - before) * 1e3
 
     return lambda: sample
 
 
-def first_line(*command):
-    """From the start of the command to the first line of its script."""
-
-    def sample():
-        began = time.monotonic_ns()
-        return (int(run(*command)) - began) / 1e6
-
-    return lambda: sample
-
-
-script = os.path.join(folder.name, "first.py")
+script = os.path.join(folder.name, "empty.py")
 with open(script, "w", encoding="utf-8") as file:
-    file.write("import time; print(time.monotonic_ns())")
+    file.write("pass\n")
 trace = os.path.join(folder.name, "a.json")
 
 with folder:
     timing.main(
         {
-            "bare": whole("pass"),
-            "import": whole("import vantrace"),
-            "bare_script": first_line(sys.executable, script),
-            "dev_run": first_line(str(ROOT / "dev"), "run", "-o", trace, script),
+            "bare": whole(sys.executable, "-c", "pass"),
+            "import": whole(sys.executable, "-c", "import vantrace"),
+            "bare_script": whole(sys.executable, script),
+            "dev_run": whole(str(ROOT / "dev"), "run", "-o", trace, script),
         },
-        samples=11,
+        samples=7,
     )
