@@ -215,6 +215,7 @@ class _Recorded:
     """What a process says of its recording, as the recording itself would."""
 
     counts_all = False
+    has_all_lines = True
 
     def __init__(self, answer):
         self._answer = answer

@@ -197,5 +197,9 @@ class _Recording:
             self.duration = ended - self._began
             self._recording.__exit__(None, None, None)
 
+    @property
+    def has_all_lines(self):
+        return self._recording.has_all_lines
+
     def places(self):
         return self._place_names(self._recording.places())

@@ -61,7 +61,7 @@ def test_a_version_is_the_one_that_the_system_has(package, version):
     assert re.match(rf"(\d+:)?{re.escape(version)}(?!\d)", installed(package))
 
 
-@pytest.mark.parametrize("package, licence", {(row[1], row[3].strip()) for row in ROWS})
+@pytest.mark.parametrize("package, licence", sorted({(row[1], row[3].strip()) for row in ROWS}))
 def test_a_licence_is_the_package_s(package, licence):
     with open(f"/usr/share/doc/{package}/copyright", encoding="utf-8") as file:
         assert re.search(SAID[licence], file.read(), re.IGNORECASE)
