@@ -189,12 +189,12 @@ def test_an_instant_is_told_of(page, command):
 
 
 def test_the_wheel_zooms_about_the_pointer(page):
-    page.point("#chart", 0, 200, "wheel", -400)
+    page.point("#chart", 2, 200, "wheel", -400)
     page.wait("!document.getElementById('whole').disabled")
     settle(page)
     begin, end = span(page)
-    assert begin == 0
-    page.point("#chart", 0, 200, "wheel", 4000)
+    assert begin < 0.01 * end
+    page.point("#chart", 2, 200, "wheel", 4000)
     page.wait("document.getElementById('whole').disabled")
     assert span(page)[1] > 2 * end
 
@@ -253,20 +253,26 @@ def test_search_counts_and_goes_from_one_to_the_next(page, command):
     assert len(starts) == 40
 
 
+def frames(page, kind=""):
+    """The names in the flame graph, also of frames that are too narrow for them."""
+    labels = page.ask(f"[...document.querySelectorAll('.frame{kind}')].map((f) => f.ariaLabel)")
+    return {label.split(",")[0] for label in labels}
+
+
 def test_search_marks_names_in_the_flame_graph(page):
-    page.fill("#search", "assem")
-    assert page.texts(".frame.found") == ["assemble"]
+    page.fill("#search", "sol")
+    assert frames(page, ".found") == {"solve"}
     page.fill("#search", "")
-    assert page.texts(".frame.found") == []
+    assert frames(page, ".found") == set()
 
 
 def test_the_flame_graph_is_of_the_window(page, command):
-    assert set(page.texts(".frame")) >= {"all threads", "whole", "solve", "only here"}
+    assert frames(page) >= {"all threads", "whole", "solve", "only here"}
     click(page, command, "only here", "double")
-    page.wait("!document.getElementById('frames').innerText.includes('solve')")
-    assert "only here" in page.texts(".frame")
+    page.wait("!document.querySelector('.frame[aria-label^=solve]')")
+    assert "only here" in frames(page)
     page.click("#by button[value=thread]")
-    assert "second worker" in page.texts(".frame")
+    assert "second worker" in frames(page)
 
 
 def test_keys_walk_from_event_to_event(page, command):
@@ -292,11 +298,12 @@ def test_threads_fold(page):
     assert page.ask("document.querySelector('#names [data-thread=\"0\"]').ariaExpanded") == "false"
 
 
-def test_names_are_never_markup(page, command):
-    click(page, command, EVIL)
+def test_names_are_never_markup(page):
+    page.fill("#search", EVIL)
+    page.press("Enter")
     page.wait("document.querySelector('#details dl')")
     assert page.texts("#details .what")[0].strip() == EVIL
-    assert EVIL in page.texts(".frame")
+    assert EVIL in frames(page)
     assert page.ask("document.querySelectorAll('img').length") == 0
 
 
