@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""How long a trace file takes to open in the browser, and the memory of both sides.
+"""How long a trace file takes to open in the browser, in time and in CPU time, and its memory.
 
 usage: view_opening.py FILE.vtrace ...   (bench/trace_files makes such files)
 """
@@ -16,9 +16,9 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests/pyth
 from driven_page import DrivenBrowser  # noqa: E402  pylint: disable=wrong-import-position
 
 
-def megabytes(pid, field):
-    """Of a process: VmHWM, at most; VmRSS, now."""
-    with open(f"/proc/{pid}/status", encoding="ascii") as status:
+def megabytes(pid, file, field):
+    """Of a process: VmHWM of status, at most; Pss of smaps_rollup, now, its share of what is shared."""
+    with open(f"/proc/{pid}/{file}", encoding="ascii") as status:
         for line in status:
             if line.startswith(field):
                 return int(line.split()[1]) / 1024
@@ -43,24 +43,26 @@ def cpu_seconds(pid):
 
 def measure(file):
     browser = DrivenBrowser()
+    used = sum(map(cpu_seconds, descendants(os.getpid())))
     began = time.monotonic()
     server = subprocess.Popen(
         [sys.executable, "-m", "vantrace", "view", "--no-open", file],
         stdout=subprocess.PIPE,
         text=True,
     )
-    address = server.stdout.readline().split()[1]
-    browser.open(address)
+    browser.open(server.stdout.readline().split()[1])
     opened = time.monotonic() - began
+    used = sum(map(cpu_seconds, descendants(os.getpid()))) - used
     while browser.ask("document.documentElement.dataset.phase") != "whole":
         time.sleep(0.2)
     whole = time.monotonic() - began
     browser.wait("Boolean(document.getElementById('chart').dataset.shown)")
-    pages = sum(megabytes(pid, "VmHWM") for pid in descendants(os.getpid()) if pid != server.pid)
+    pages = [pid for pid in descendants(os.getpid()) if pid != server.pid]
     print(
-        f"{os.path.basename(file)}: first picture {opened:.1f} s, all read {whole:.1f} s "
-        f"({cpu_seconds(server.pid):.1f} s CPU); at most {megabytes(server.pid, 'VmHWM'):.0f} MB, "
-        f"all of the browser's processes {pages:.0f} MB",
+        f"{os.path.basename(file)}: first picture {opened:.1f} s ({used:.1f} s CPU of both), "
+        f"all read {whole:.1f} s ({cpu_seconds(server.pid):.1f} s CPU), "
+        f"at most {megabytes(server.pid, 'status', 'VmHWM'):.0f} MB; "
+        f"browser {sum(megabytes(pid, 'smaps_rollup', 'Pss:') for pid in pages):.0f} MB",
         flush=True,
     )
     server.send_signal(signal.SIGINT)

@@ -2,11 +2,13 @@
 
 import http.client
 import json
+import os
 import re
 import signal
 import subprocess
 import sys
 import threading
+from pathlib import Path
 from urllib.parse import urlsplit
 
 import pytest
@@ -382,8 +384,6 @@ def test_an_interrupt_ends_it_without_a_word(file, number):
 
 
 def test_over_ssh_it_tells_how_to_forward(file):
-    import os
-
     ssh = {**os.environ, "SSH_CONNECTION": "10.0.0.9 50000 10.0.0.5 2222"}
     command = Command(file, environment=ssh)
     port = command.port
@@ -394,8 +394,6 @@ def test_over_ssh_it_tells_how_to_forward(file):
 
 def test_a_browser_is_told_by_a_file_that_others_cannot_read(file, tmp_path):
     """What stands in a browser's arguments, all users of a machine can see."""
-    import os
-
     script = tmp_path / "browser"
     script.write_text(f'#!/bin/sh\nstat -c %a "$(dirname "${{1#file://}}")" > {tmp_path}/seen\n'
                       f'cat "${{1#file://}}" >> {tmp_path}/seen\necho "$1" > {tmp_path}/told.new\n'
@@ -447,3 +445,17 @@ def test_a_port_that_is_taken_is_said(command, file):
 def test_help_tells_the_options():
     done = run_python("-m", "vantrace", "view", "--help")
     assert done.returncode == 0 and "--no-open" in done.stdout
+
+
+def test_the_example_of_the_page_about_it_runs(tmp_path):
+    """What docs/view.md records is what its command opens."""
+    text = (Path(__file__).parents[2] / "docs/view.md").read_text(encoding="utf-8")
+    script = re.search(r"^```python\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)[1]
+    (tmp_path / "waves.py").write_text(script, encoding="utf-8")
+    assert run_python("waves.py", cwd=tmp_path).returncode == 0
+    [line] = re.search(r"^```console\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)[1].splitlines()
+    assert line.startswith("$ vantrace view ")
+    command = Command(tmp_path / line.split()[-1])
+    assert b"app.js" in command.ask(command.path)[1]
+    assert {name for name, *_ in slices(command)} == {"wave", "sum", "done"}
+    assert command.end() == (0, "")

@@ -125,9 +125,8 @@ std::optional<std::span<Word>> TraceBlocks::loadAsTheyAre(RecordBlock& block) {
 std::optional<std::int64_t> TraceBlocks::beginOf(const RecordBlock& block) {
     std::array<Word, 64> untrusted;
     const std::size_t count = reader_.beginning(block.entry, untrusted);
-    const std::span<Word> records =
-        wholeRecords(std::span(untrusted).first(count).subspan(
-            std::min(count, sizeof(TraceStretch) / sizeof(Word))));
+    const std::span<Word> records = wholeRecords(std::span(untrusted).first(count).subspan(
+        std::min(count, sizeof(TraceStretch) / sizeof(Word))));
     RecordReader reader(records.data(), records.data() + records.size(), {});
     for (Record record; reader.next(record);)
         if (record.kind != RecordKind::source)
