@@ -61,20 +61,24 @@ def view(arguments):
     if options.wants_help:
         sys.stdout.write(USAGE)
         return 0
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.default_int_handler)
+    try:
+        _serve(options)
+    except KeyboardInterrupt:
+        pass
+    return 0
+
+
+def _serve(options):
     shown = _Shown(options.file)
     try:
         server = _Server(shown, options.port)
     except OSError as error:
         raise UsageError(f"cannot listen on port {options.port}: {error.strerror}") from None
-    for number in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(number, signal.default_int_handler)
-    try:
-        with server, shown, _Opened(server.address, options) as opened:
-            opened.tell()
-            server.serve_forever(poll_interval=0.2)
-    except KeyboardInterrupt:
-        pass
-    return 0
+    with server, shown, _Opened(server.address, options) as opened:
+        opened.tell()
+        server.serve_forever(poll_interval=0.2)
 
 
 class _Shown:
