@@ -1,6 +1,7 @@
 // Makes a trace file of a given size, to measure what reads one.
 //
-//   trace_files EVENTS FILE.vtrace   events of four threads, nested in each other, under 21 names in some 2,000 stacks
+//   trace_files EVENTS FILE.vtrace   events of four threads, nested in each other, under 21 names
+//   in some 2,000 stacks
 #include <atomic>
 #include <cstdint>
 #include <cstdio>

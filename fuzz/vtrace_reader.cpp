@@ -18,6 +18,7 @@
 #include "zandor/instrument/recorder.hpp"
 #include "zandor/instrument/trace_checksum.hpp"
 #include "zandor/instrument/trace_file.hpp"
+#include "zandor/instrument/trace_view.hpp"
 
 namespace {
 
@@ -53,6 +54,22 @@ void readEverything(const std::filesystem::path& file) {
     trace.threadNames();
     trace.select({.since = 10, .until = 1'000'000, .minimumDuration = 5, .mostPerThread = 2});
     trace.saveTraceEventJson("/dev/null");
+    trace.reportData();
+}
+
+void viewEverything(const std::filesystem::path& file) {
+    instrument::TraceView view(file);
+    view.activity();
+    view.read();
+    view.state();
+    view.threads();
+    for (const std::int64_t end : {std::int64_t{1'000}, std::int64_t{1} << 40, INT64_MAX}) {
+        view.window(0, end, 100, 0, 0xffffffff);
+        view.flame(0, end);
+    }
+    view.find("", {.start = -1}, true);
+    view.find("e", {.start = INT64_MAX}, false);
+    view.details({});
 }
 
 void writeSeeds(const std::filesystem::path& folder) {
@@ -93,6 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     writeAll(memory, content);
     try {
         readEverything(path);
+        viewEverything(path);
     } catch (const std::runtime_error&) {
         // no trace file
     }

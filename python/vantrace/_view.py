@@ -61,20 +61,24 @@ def view(arguments):
     if options.wants_help:
         sys.stdout.write(USAGE)
         return 0
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, signal.default_int_handler)
+    try:
+        _serve(options)
+    except KeyboardInterrupt:
+        pass
+    return 0
+
+
+def _serve(options):
     shown = _Shown(options.file)
     try:
         server = _Server(shown, options.port)
     except OSError as error:
         raise UsageError(f"cannot listen on port {options.port}: {error.strerror}") from None
-    for number in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(number, signal.default_int_handler)
-    try:
-        with server, shown, _Opened(server.address, options) as opened:
-            opened.tell()
-            server.serve_forever(poll_interval=0.2)
-    except KeyboardInterrupt:
-        pass
-    return 0
+    with server, shown, _Opened(server.address, options) as opened:
+        opened.tell()
+        server.serve_forever(poll_interval=0.2)
 
 
 class _Shown:
@@ -120,21 +124,21 @@ class _Shown:
         return self._view.threads()
 
     def _ask_window(self, given):
-        names = ("begin", "end", "pixels", "first", "last")
-        begin, end, pixels, first, last = (_whole(given(name)) for name in names)
+        begin, end = (_whole(given(name)) for name in ("begin", "end"))
+        pixels, first, last = (_count(given(name)) for name in ("pixels", "first", "last"))
         return self._view.window(begin, end, min(pixels, 20_000), first, last)
 
     def _ask_flame(self, given):
         return self._view.flame(_whole(given("begin")), _whole(given("end")))
 
     def _ask_find(self, given):
-        names = ("start", "duration", "thread", "serial")
-        return self._view.find(
-            given("text"), *(_whole(given(name)) for name in names), given("forward") == "true"
-        )
+        place = _whole(given("start")), _whole(given("duration")), _count(given("thread"))
+        serial, is_forward = abs(_whole(given("serial"))), given("forward") == "true"
+        return self._view.find(given("text"), *place, serial, is_forward)
 
     def _ask_details(self, given):
-        return self._view.details(*(_whole(given(name)) for name in ("start", "thread", "serial")))
+        serial = abs(_whole(given("serial")))
+        return self._view.details(_whole(given("start")), _count(given("thread")), serial)
 
 
 _QUESTIONS = ("state", "activity", "threads", "window", "flame", "find", "details")
@@ -143,6 +147,13 @@ _QUESTIONS = ("state", "activity", "threads", "window", "flame", "find", "detail
 def _whole(text):
     """A number that fits where it is put; ValueError for another text."""
     if not re.fullmatch(r"-?\d{1,18}", text, re.ASCII):
+        raise ValueError(text)
+    return int(text)
+
+
+def _count(text):
+    """A small number that is not negative; ValueError for another text."""
+    if not re.fullmatch(r"\d{1,9}", text, re.ASCII):
         raise ValueError(text)
     return int(text)
 

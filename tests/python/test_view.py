@@ -2,11 +2,13 @@
 
 import http.client
 import json
+import os
 import re
 import signal
 import subprocess
 import sys
 import threading
+from pathlib import Path
 from urllib.parse import urlsplit
 
 import pytest
@@ -189,12 +191,12 @@ def test_an_instant_is_told_of(page, command):
 
 
 def test_the_wheel_zooms_about_the_pointer(page):
-    page.point("#chart", 0, 200, "wheel", -400)
+    page.point("#chart", 2, 200, "wheel", -400)
     page.wait("!document.getElementById('whole').disabled")
     settle(page)
     begin, end = span(page)
-    assert begin == 0
-    page.point("#chart", 0, 200, "wheel", 4000)
+    assert begin < 0.01 * end
+    page.point("#chart", 2, 200, "wheel", 4000)
     page.wait("document.getElementById('whole').disabled")
     assert span(page)[1] > 2 * end
 
@@ -253,20 +255,26 @@ def test_search_counts_and_goes_from_one_to_the_next(page, command):
     assert len(starts) == 40
 
 
+def frames(page, kind=""):
+    """The names in the flame graph, also of frames that are too narrow for them."""
+    labels = page.ask(f"[...document.querySelectorAll('.frame{kind}')].map((f) => f.ariaLabel)")
+    return {label.split(",")[0] for label in labels}
+
+
 def test_search_marks_names_in_the_flame_graph(page):
-    page.fill("#search", "assem")
-    assert page.texts(".frame.found") == ["assemble"]
+    page.fill("#search", "sol")
+    assert frames(page, ".found") == {"solve"}
     page.fill("#search", "")
-    assert page.texts(".frame.found") == []
+    assert frames(page, ".found") == set()
 
 
 def test_the_flame_graph_is_of_the_window(page, command):
-    assert set(page.texts(".frame")) >= {"all threads", "whole", "solve", "only here"}
+    assert frames(page) >= {"all threads", "whole", "solve", "only here"}
     click(page, command, "only here", "double")
-    page.wait("!document.getElementById('frames').innerText.includes('solve')")
-    assert "only here" in page.texts(".frame")
+    page.wait("!document.querySelector('.frame[aria-label^=solve]')")
+    assert "only here" in frames(page)
     page.click("#by button[value=thread]")
-    assert "second worker" in page.texts(".frame")
+    assert "second worker" in frames(page)
 
 
 def test_keys_walk_from_event_to_event(page, command):
@@ -292,11 +300,12 @@ def test_threads_fold(page):
     assert page.ask("document.querySelector('#names [data-thread=\"0\"]').ariaExpanded") == "false"
 
 
-def test_names_are_never_markup(page, command):
-    click(page, command, EVIL)
+def test_names_are_never_markup(page):
+    page.fill("#search", EVIL)
+    page.press("Enter")
     page.wait("document.querySelector('#details dl')")
     assert page.texts("#details .what")[0].strip() == EVIL
-    assert EVIL in page.texts(".frame")
+    assert EVIL in frames(page)
     assert page.ask("document.querySelectorAll('img').length") == 0
 
 
@@ -375,8 +384,6 @@ def test_an_interrupt_ends_it_without_a_word(file, number):
 
 
 def test_over_ssh_it_tells_how_to_forward(file):
-    import os
-
     ssh = {**os.environ, "SSH_CONNECTION": "10.0.0.9 50000 10.0.0.5 2222"}
     command = Command(file, environment=ssh)
     port = command.port
@@ -387,8 +394,6 @@ def test_over_ssh_it_tells_how_to_forward(file):
 
 def test_a_browser_is_told_by_a_file_that_others_cannot_read(file, tmp_path):
     """What stands in a browser's arguments, all users of a machine can see."""
-    import os
-
     script = tmp_path / "browser"
     script.write_text(f'#!/bin/sh\nstat -c %a "$(dirname "${{1#file://}}")" > {tmp_path}/seen\n'
                       f'cat "${{1#file://}}" >> {tmp_path}/seen\necho "$1" > {tmp_path}/told.new\n'
@@ -440,3 +445,17 @@ def test_a_port_that_is_taken_is_said(command, file):
 def test_help_tells_the_options():
     done = run_python("-m", "vantrace", "view", "--help")
     assert done.returncode == 0 and "--no-open" in done.stdout
+
+
+def test_the_example_of_the_page_about_it_runs(tmp_path):
+    """What docs/view.md records is what its command opens."""
+    text = (Path(__file__).parents[2] / "docs/view.md").read_text(encoding="utf-8")
+    script = re.search(r"^```python\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)[1]
+    (tmp_path / "waves.py").write_text(script, encoding="utf-8")
+    assert run_python("waves.py", cwd=tmp_path).returncode == 0
+    [line] = re.search(r"^```console\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)[1].splitlines()
+    assert line.startswith("$ vantrace view ")
+    command = Command(tmp_path / line.split()[-1])
+    assert b"app.js" in command.ask(command.path)[1]
+    assert {name for name, *_ in slices(command)} == {"wave", "sum", "done"}
+    assert command.end() == (0, "")

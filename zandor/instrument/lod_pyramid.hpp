@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
-#include <optional>
-#include <span>
+#include <tuple>
 #include <vector>
 
 #include "lod_lane.hpp"
@@ -54,7 +53,10 @@ class ZANDOR_INSTRUMENT_API LodPyramid {
     struct Key {
         std::uint32_t source;
         LodRow row;
-        friend auto operator<=>(const Key&, const Key&) = default;
+        friend bool operator==(const Key&, const Key&) = default;
+        friend bool operator<(const Key& a, const Key& b) noexcept {
+            return std::tie(a.source, a.row) < std::tie(b.source, b.row);
+        }
     };
     LodLane& laneOf(const Key& key);
     void coarsen();

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <tuple>
 #include <unordered_map>
 #include <vector>
 
@@ -19,7 +20,10 @@ struct LodRow {
     Kind kind = Kind::nested;
     std::uint32_t place = 0;  ///< among those of its kind, from the top
 
-    friend auto operator<=>(const LodRow&, const LodRow&) = default;
+    friend bool operator==(const LodRow&, const LodRow&) = default;
+    friend bool operator<(const LodRow& a, const LodRow& b) noexcept {
+        return std::tie(a.kind, a.place) < std::tie(b.kind, b.place);
+    }
 };
 
 /// Takes events in order (see enclosesFirst), and marks those that overlap. Of a part of a

@@ -5,6 +5,7 @@
 #include <span>
 
 #include "recorder_merge.hpp"
+#include "saturating.hpp"
 
 namespace instrument::detail {
 namespace {
@@ -110,7 +111,8 @@ std::vector<RecordBlock*> LodWindow::candidates(const LodEvent& from, bool isFor
             blocks.push_back(&block);
     }
     std::ranges::stable_sort(blocks, {}, [&](const RecordBlock* block) {
-        return isForward ? LodEntry::firstOf(*block) : -notesOf(*block).lastStart;
+        // ~ turns the order around, of any number.
+        return isForward ? LodEntry::firstOf(*block) : ~notesOf(*block).lastStart;
     });
     return blocks;
 }
@@ -140,7 +142,8 @@ std::optional<LodWindow::Found> LodWindow::find(const LodEvent& event) {
                other.serial == event.serial;
     };
     for (RecordBlock& block : blocks_.blocks().records()) {
-        if (!touches(block, event.start, event.start + 1, {event.source, event.source}))
+        if (!touches(block, event.start, saturatingAdd(event.start, 1),
+                     {event.source, event.source}))
             continue;
         const Events& events = keep(block);
         const auto found = std::ranges::find_if(events, isIt);

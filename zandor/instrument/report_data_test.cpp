@@ -149,4 +149,19 @@ TEST(ReportData, ShortensTextsBetweenCharacters) {
     EXPECT_THAT(report(builder), AllOf(HasSubstr(longName + "\""), Not(HasSubstr("\xef\xbf\xbd"))));
 }
 
+TEST(CallTree, PutsTogetherWhatIsPastItsBound) {
+    RecordingBuilder builder;
+    builder.source("main");
+    builder.event("outer", 0, 0, 100).event("a", 0, 10, 20).event("b", 0, 30, 50);
+    const detail::Recording& recording = builder.build();
+    detail::CallTree tree(detail::TimeBins(0, 0, 1), 1, 2);
+    const std::uint32_t outer = tree.child(0, recording.events[0].instrument);
+    const std::uint32_t rest = tree.child(outer, recording.events[1].instrument);
+    EXPECT_EQ(tree.child(outer, recording.events[2].instrument), rest);
+    EXPECT_EQ(tree.child(rest, recording.events[1].instrument), rest);
+    EXPECT_EQ(tree.child(0, recording.events[0].instrument), outer);
+    EXPECT_EQ(tree.nodes().size(), 3u);
+    EXPECT_EQ(tree.nodes()[rest].instrument, nullptr);
+}
+
 }  // namespace

@@ -36,7 +36,8 @@ char lower(char c) {
 
 bool hasText(std::string_view name, std::string_view text) {
     const auto same = [](char a, char b) { return lower(a) == lower(b); };
-    return std::ranges::search(name, text, same).begin() != name.end() || text.empty();
+    return std::search(name.begin(), name.end(), text.begin(), text.end(), same) != name.end() ||
+           text.empty();
 }
 
 }  // namespace
@@ -117,8 +118,9 @@ void TraceView::Parts::beginAgain() {
     const auto turn = turns_.work();
     const RecordingFacts& facts = blocks_.facts();
     lastTime_ = facts.lastTime;
+    // A file may tell of any times; parts of these can be reckoned with.
     const std::int64_t duration =
-        std::max<std::int64_t>(saturatingSubtract(facts.lastTime, origin_), 0);
+        std::clamp<std::int64_t>(saturatingSubtract(facts.lastTime, origin_), 0, INT64_MAX / 4);
     window_.emplace(blocks_);
     pyramid_.emplace(facts.sources.size());
     flame_.emplace(blocks_.names(), TimeBins(origin_, duration, flameParts), facts.sources.size());

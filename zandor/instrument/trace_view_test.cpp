@@ -2,6 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
 #include <thread>
 
 #include "testing/recorder_support.hpp"
@@ -172,6 +176,42 @@ TEST_F(TraceViewTest, ShowsATraceWithoutEvents) {
     view.read();
     EXPECT_THAT(view.state(), AllOf(HasSubstr("\"phase\":\"whole\""), HasSubstr("\"duration\":0")));
     EXPECT_THAT(view.window(0, 100, 10, 0, 0), HasSubstr("\"rows\":[]"));
+}
+
+/// All that can be asked, of whatever is there.
+void askEverything(const fs::path& file) {
+    TraceView view(file);
+    view.activity();
+    view.read();
+    view.state();
+    view.threads();
+    const TraceView::Place first{.start = -1};
+    for (const std::int64_t end : {std::int64_t{1000}, INT64_MAX}) {
+        view.window(INT64_MIN, end, 100, 0, 0xffffffff);
+        view.flame(INT64_MIN, end);
+    }
+    view.find("view", first, true);
+    view.details(first);
+}
+
+TEST_F(TraceViewTest, ReadsDamagedFilesWithoutHarm) {
+    for (int i = 0; i < 500; ++i)
+        event(i % 3 == 0 ? outer_ : inner_, i * 10, i * 10 + 25);
+    saveTraceFile(recorder_, file_);
+    std::ifstream stream(file_, std::ios::binary);
+    const std::string good{std::istreambuf_iterator<char>(stream), {}};
+    std::mt19937 random(1);
+    for (int round = 0; round < 200; ++round) {
+        std::string bad = good;
+        for (int change = 0; change < 3; ++change)
+            bad[random() % bad.size()] = static_cast<char>(random());
+        std::ofstream(file_, std::ios::binary) << bad.substr(0, 1 + random() % bad.size());
+        try {
+            askEverything(file_);
+        } catch (const std::runtime_error& error) {
+            EXPECT_THAT(error.what(), HasSubstr("no trace file"));
+        }
+    }
 }
 
 TEST(TraceView, RefusesWhatIsNoTrace) {
