@@ -13,7 +13,7 @@ PAGES = {"README": ROOT / "README.md"} | {
 Block = namedtuple("Block", "page language code number")
 
 # Blocks that tests of their own run, by page and language.
-_TESTED_ELSEWHERE = {
+TESTED_ELSEWHERE = {
     ("cpp", "cmake"): "test_cpp_guide.test_a_program_of_the_guide_builds_and_runs",
     ("cpp", "cpp"): "test_cpp_guide.test_a_program_of_the_guide_builds_and_runs",
     ("dormant", "sh"): "test_dormant.test_the_guide_s_example",
@@ -58,7 +58,7 @@ def all_blocks():
 
 def runner_of(block):
     """The test that runs a block, as module.function; none where there is no such test."""
-    if runner := _TESTED_ELSEWHERE.get((block.page, block.language)):
+    if runner := TESTED_ELSEWHERE.get((block.page, block.language)):
         return runner
     if block.language == "cpp":
         return "test_documents.test_cpp_programs_run" if "int main" in block.code else None

@@ -10,7 +10,18 @@ import sys
 import pytest
 
 from conftest import BUILD, ROOT
-from documents import PAGES, Block, all_blocks, blocks_in, broken_links, is_excused, run_by, runner_of
+from documents import (
+    NOT_RUN,
+    PAGES,
+    TESTED_ELSEWHERE,
+    Block,
+    all_blocks,
+    blocks_in,
+    broken_links,
+    is_excused,
+    run_by,
+    runner_of,
+)
 
 
 def parameters(runner):
@@ -38,6 +49,11 @@ def test_a_block_that_nothing_runs_is_found(language, code):
     [block] = blocks_in(f"text\n\n```{language}\n{code}```\n", "new")
     assert block == Block("new", language, code, 0)
     assert not is_excused(block) and runner_of(block) is None
+
+
+def test_what_is_said_of_blocks_is_of_blocks_that_are_there():
+    there = {(block.page, block.language) for block in all_blocks()}
+    assert TESTED_ELSEWHERE.keys() | NOT_RUN.keys() <= there
 
 
 @pytest.mark.parametrize("code", parameters("test_python_blocks_run"))

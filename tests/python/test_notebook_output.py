@@ -35,15 +35,15 @@ def nested(names):
 
 def test_distinct_names_do_not_make_it_grow():
     with vantrace.record(exact=True) as recording:
-        for number in range(20_000):
+        for number in range(5_000):
             with vantrace.event("outer"):
                 with vantrace.event(f"{number}{'&' * 300}"):
                     pass
     text, page = shown(recording, top=0)
     rows = page.count("<tr>") - 1
     assert 100 < rows < 500
-    assert f"<p>... and {20_001 - rows:,} more names</p>" in page
-    assert "... and 19,501 more names" in text
+    assert f"<p>... and {5_001 - rows:,} more names</p>" in page
+    assert "... and 4,501 more names" in text
     assert re.search(r"the flame graph leaves out [\d,]+ stacks", text)
 
 
