@@ -110,7 +110,16 @@ PyObject* lineOfInstruction(PyObject*, PyObject* arguments) {
         lineAt(std::as_bytes(bytes), firstLine, static_cast<std::size_t>(offset)));
 }
 
+PyObject* checkReadable(PyObject*, PyObject*) {
+    return guarded([] {
+        checkMemoryIsReadable();
+        return Py_NewRef(Py_None);
+    });
+}
+
 PyMethodDef functions[] = {
+    {"check_readable", checkReadable, METH_NOARGS,
+     "Raises OSError where the system does not let a process read its own memory by a call."},
     {"line_at", lineOfInstruction, METH_VARARGS,
      "line_at(table, first_line, offset): the line by a code object's table; 0 where there is "
      "none."},

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "../src/python_api.hpp"
@@ -21,8 +22,10 @@ pid_t thisThread() noexcept;
 /// What is known of a thread that was seen before.
 struct SampledThread {
     std::uint32_t number = 0;  ///< in the stream
+    pid_t thread = 0;          ///< the system's number
     std::int64_t cpu = 0;      ///< when it was last seen
     std::uint64_t tick = 0;    ///< the one at which it was
+    std::optional<std::uint32_t> line = {};
 };
 
 }  // namespace vantrace

@@ -48,19 +48,18 @@ std::thread startWithoutSignals(auto work) {
     }
 }
 
-/// Throws where the system does not let a process read its own memory by a call.
-void checkReadable() {
-    const int known = 1;
-    if (int copy = 0; !readOwnMemory(&known, &copy, sizeof copy))
-        throw std::system_error(errno, std::generic_category(),
-                                "lines cannot be sampled: process_vm_readv");
-}
-
 std::uint64_t keyOf(std::uint32_t thread, std::uint32_t line) noexcept {
     return std::uint64_t{thread} << 32 | line;
 }
 
 }  // namespace
+
+void checkMemoryIsReadable() {
+    const int known = 1;
+    if (int copy = 0; !readOwnMemory(&known, &copy, sizeof copy))
+        throw std::system_error(errno, std::generic_category(),
+                                "lines cannot be sampled: process_vm_readv");
+}
 
 Sampler::Sampler(Selection selection, const std::optional<std::filesystem::path>& folder)
     : interpreter_(PyInterpreterState_Get()),
@@ -70,7 +69,7 @@ Sampler::Sampler(Selection selection, const std::optional<std::filesystem::path>
       codes_(std::move(selection)),
       begin_(clock::now()),
       latest_(begin_) {
-    checkReadable();
+    checkMemoryIsReadable();
     period_.begin = begin_;
     if (folder)
         file_.emplace(*folder);
@@ -135,44 +134,46 @@ void Sampler::lookAtThreads() {
 }
 
 void Sampler::lookAt(const PyThreadState* address, const PyThreadState& copy, bool isHolder) {
-    // A thread that is about to begin has no frame, and still the system's number of the one that
-    // made it.
-    const auto top = valueAt<_PyCFrame>(copy.cframe);
-    pid_t thread = 0;
-    SampledThread* const known =
-        top && top->current_frame ? threadOf(address, copy, thread) : nullptr;
+    SampledThread* const known = threadOf(address, copy);
     if (!known)
         return;
-    const std::int64_t cpu = cpuTimeOf(thread);
-    const bool wasSeen = std::exchange(known->tick, tick_) + 1 == tick_;
+    const std::int64_t cpu = cpuTimeOf(known->thread);
     const std::int64_t cpuBefore = std::exchange(known->cpu, cpu);
+    const bool wasSeen = std::exchange(known->tick, tick_) + 1 == tick_;
+    // One that had no CPU time since is where it was.
+    if (!wasSeen || isHolder || cpu != cpuBefore)
+        known->line = lineOf(copy);
     if (!wasSeen)
         return;
     LineTime time{known->number, LineTime::allLines, elapsed_,
                   std::clamp<std::int64_t>(cpu - cpuBefore, 0, elapsed_), isHolder ? elapsed_ : 0};
     addTime(time);
-    if (const auto line = lineOf(top->current_frame)) {
-        time.line = *line;
+    if (known->line) {
+        time.line = *known->line;
         addTime(time);
     }
 }
 
-/// Null while the thread has not told its own number.
-SampledThread* Sampler::threadOf(const PyThreadState* address, const PyThreadState& copy,
-                                 pid_t& thread) {
-    // In a child after fork the interpreter has the number that the thread had in its parent.
-    thread = address == starter_ ? startersThread_ : static_cast<pid_t>(copy.native_thread_id);
-    if (thread == 0)
+/// Null for a thread that is about to begin: it has no frame, and still the system's number of the
+/// one that made it.
+SampledThread* Sampler::threadOf(const PyThreadState* address, const PyThreadState& copy) {
+    if (const auto known = threads_.find(copy.id); known != threads_.end())
+        return &known->second;
+    const auto top = valueAt<_PyCFrame>(copy.cframe);
+    if (!top || !top->current_frame)
         return nullptr;
-    const auto [known, isNew] = threads_.try_emplace(copy.id);
-    if (isNew)
-        known->second.number =
-            stream_.addThread(static_cast<std::uint64_t>(thread), kernelNameOf(thread));
-    return &known->second;
+    SampledThread& made = threads_[copy.id];
+    // In a child after fork the interpreter has the number that the thread had in its parent.
+    made.thread = address == starter_ ? startersThread_ : static_cast<pid_t>(copy.native_thread_id);
+    made.number =
+        stream_.addThread(static_cast<std::uint64_t>(made.thread), kernelNameOf(made.thread));
+    return &made;
 }
 
 /// The line of the innermost function that is not skipped.
-std::optional<std::uint32_t> Sampler::lineOf(const Frame* address) {
+std::optional<std::uint32_t> Sampler::lineOf(const PyThreadState& copy) {
+    const auto top = valueAt<_PyCFrame>(copy.cframe);
+    const Frame* address = top ? top->current_frame : nullptr;
     for (int depth = 0; address && depth < deepestStack; ++depth) {
         const auto frame = valueAt<Frame>(address);
         const Place place = frame ? codes_.placeOf(*frame) : Place();

@@ -27,6 +27,9 @@
 
 namespace vantrace {
 
+/// Throws std::system_error where the system does not let a process read its own memory by a call.
+void checkMemoryIsReadable();
+
 /// Runs from construction until stop. Nobody else uses what belongs to its thread meanwhile.
 class Sampler {
   public:
@@ -57,8 +60,8 @@ class Sampler {
     bool waitForTick();
     void lookAtThreads();
     void lookAt(const PyThreadState* address, const PyThreadState& copy, bool isHolder);
-    SampledThread* threadOf(const PyThreadState* address, const PyThreadState& copy, pid_t& thread);
-    std::optional<std::uint32_t> lineOf(const Frame* address);
+    SampledThread* threadOf(const PyThreadState* address, const PyThreadState& copy);
+    std::optional<std::uint32_t> lineOf(const PyThreadState& copy);
     std::uint32_t numberOf(const Place& place);
     void addTime(const instrument::LineTime& time);
     void endPeriod();

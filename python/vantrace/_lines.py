@@ -18,6 +18,16 @@ LineThread.__doc__ = """How long a thread was seen; of that CPU time, and with t
 _begun = set()
 
 
+def needed_sampler():
+    """The class of samplers; ImportError or OSError where lines cannot be sampled."""
+    try:
+        from . import _sampler
+    except ModuleNotFoundError as error:
+        raise ImportError("lines are sampled by CPython 3.11 only", name=error.name) from None
+    _sampler.check_readable()
+    return _sampler.Sampler
+
+
 class Lines:
     """Samples of all threads; begun and ended, perhaps several times.
 
@@ -26,11 +36,7 @@ class Lines:
     """
 
     def __init__(self, libraries, folder):
-        try:
-            from ._sampler import Sampler
-        except ModuleNotFoundError as error:
-            raise ImportError("lines are sampled by CPython 3.11 only", name=error.name) from None
-        self._new_sampler = Sampler
+        self._new_sampler = needed_sampler()
         self._libraries = libraries
         self._folder = folder
         self._sampler = None

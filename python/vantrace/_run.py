@@ -34,6 +34,8 @@ def run(script, arguments, output, table, options):
         if output is not None or not table or options.has_others_than("dormant"):
             raise UsageError("--dormant goes without other options: vantrace snap takes them")
         return _run_dormant(script, arguments, source)
+    if options.lines:
+        _check_lines()
     output = Output(script, output, options, table)
     child = Child()
     if not child.is_here:
@@ -47,6 +49,15 @@ def run(script, arguments, output, table, options):
     report.begin()
     _execute(code)
     return 0
+
+
+def _check_lines():
+    from ._lines import needed_sampler
+
+    try:
+        needed_sampler()
+    except (ImportError, OSError) as error:
+        raise UsageError(error) from None
 
 
 def _run_dormant(script, arguments, source):

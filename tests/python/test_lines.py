@@ -339,6 +339,19 @@ print(recording.line_times().ticks >= 0)
     assert run_python("-c", code, cwd=tmp_path).stdout == "True\n"
 
 
+def test_where_lines_cannot_be_sampled_run_says_so(tmp_path):
+    code = """
+import sys
+sys.modules["vantrace._sampler"] = None  # as in a build for another interpreter
+from vantrace._cli import main
+sys.exit(main(["run", "--lines", "script.py"]))
+"""
+    (tmp_path / "script.py").write_text("print('ran')")
+    done = run_python("-c", code, cwd=tmp_path)
+    assert (done.returncode, done.stdout) == (2, "")
+    assert done.stderr == "vantrace: lines are sampled by CPython 3.11 only\n"
+
+
 @pytest.fixture(name="page", scope="module")
 def fixture_page(tmp_path_factory):
     folder = tmp_path_factory.mktemp("lines")

@@ -4,7 +4,7 @@ import { bar, byId, element } from './dom.js';
 import { measureCells } from './data.js';
 import { counted, percentText, timeText } from './format.js';
 
-const mostRows = 200;
+const mostLineRows = 200;
 
 export class Lines {
   constructor({ lines }, state) {
@@ -19,9 +19,9 @@ export class Lines {
       .map(([file, name, number, text, cells]) => ({ file, name, number, text, ...measureCells(cells, this.state.range) }))
       .filter(({ self }) => self > 0);
     const whole = measured.reduce((sum, { self }) => sum + self, 0);
-    const found = measured.filter((line) => this.state.matches(textOf(line)));
+    const found = measured.filter((line) => this.state.matches(lineText(line)));
     const groups = functionsOf(found);
-    const rows = groups.flatMap((group) => rowsOf(group, whole)).slice(0, mostRows);
+    const rows = groups.flatMap((group) => functionRows(group, whole)).slice(0, mostLineRows);
     byId('sampled').textContent =
       `${counted(found.length, 'line')} of ${counted(groups.length, 'function')}, ${counted(this.lines.ticks, 'sample')} in all`;
     byId('bylines').tBodies[0].replaceChildren(...rows);
@@ -38,7 +38,7 @@ export class Lines {
   }
 }
 
-function textOf({ file, name, number, text }) {
+function lineText({ file, name, number, text }) {
   return `${file}:${number} ${name} ${text}`;
 }
 
@@ -57,7 +57,7 @@ function functionsOf(lines) {
   return [...groups.values()].sort(widestFirst);
 }
 
-function rowsOf({ file, name, lines, ...sums }, whole) {
+function functionRows({ file, name, lines, ...sums }, whole) {
   const base = file.slice(file.lastIndexOf('/') + 1);
   const head = element(
     'tr',
