@@ -21,7 +21,7 @@ FOREMOST = (
     "cold: recorded pair",
     "statistics by name, an event of 10^7",
     '`with vantrace.event("n")`, recorded',
-    "the same, inactive",
+    '`with vantrace.event("n")`, inactive',
     "`vantrace.instant`, recorded",
     "Python function traced, a call of fib(27)",
     "`import vantrace`",
