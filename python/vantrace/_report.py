@@ -12,6 +12,7 @@ from ._cli import UsageError
 from ._core import version
 from ._export import read_trace
 from ._record import check_writable
+from ._table import printable
 from ._whole_file import write_whole
 
 USAGE = """\
@@ -53,7 +54,7 @@ def report(arguments):
         write_whole(output, page(data, os.path.basename(file)).encode())
     except OSError as error:
         raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
-    print(f"vantrace: the report is {output}", file=sys.stderr)
+    print(f"vantrace: the report is {printable(output)}", file=sys.stderr)
     return 0
 
 

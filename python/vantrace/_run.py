@@ -257,7 +257,7 @@ class Output:
         """Makes the trace of what the folder has, and says where it is; whether that was possible."""
         try:
             for command, reason in _children.untraced(self.run_folder):
-                _say(sys.stderr, f"vantrace: not traced, for {reason}: {_shortened(command)}")
+                _say(sys.stderr, f"vantrace: not traced, for {printable(reason)}: {_shortened(command)}")
             path = self._path or self._fresh_path()
             whole = self._write(path)
             self._say_table(whole)
@@ -271,7 +271,7 @@ class Output:
                     "vantrace export FOLDER -o FILE.vtrace makes the trace of it",
                 )
             return False
-        _say(sys.stderr, f"vantrace: the trace is {path}")
+        _say(sys.stderr, f"vantrace: the trace is {printable(path)}")
         return True
 
     def _say_table(self, whole):

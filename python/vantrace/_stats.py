@@ -22,9 +22,12 @@ _HEAD = ("name", "times", "begun", "ended", "total", "longest")
 
 def show(path, as_json):
     """Prints them; gives the exit status."""
+    from ._table import printable
+
     path = pathlib.Path(path) if path else _own_file()
     if not path.exists():
-        print(f"vantrace: no product statistics were logged; {path} is not there", file=sys.stderr)
+        place = printable(str(path))
+        print(f"vantrace: no product statistics were logged; {place} is not there", file=sys.stderr)
         return 0
     try:
         with contextlib.closing(_open(path)) as database:
@@ -63,10 +66,11 @@ def _lines(database, path):
     count, first, last = database.execute(
         "SELECT count(*), min(utc_ns), max(utc_ns) FROM event"
     ).fetchone()
+    place = printable(str(path))
     if not count:
-        yield f"vantrace: {path} has no rows"
+        yield f"vantrace: {place} has no rows"
         return
-    yield f"vantrace: {count:,} rows from {_date(first)} to {_date(last)} in {path}"
+    yield f"vantrace: {count:,} rows from {_date(first)} to {_date(last)} in {place}"
     rows = [_HEAD]
     for name, times, begun, ended, total, longest in database.execute(_SUMMARY):
         durations = [time_text(round(value)) if ended else "" for value in (total, longest or 0)]
