@@ -11,9 +11,9 @@ import pytest
 import vantrace
 from conftest import run_python
 
-# Sets the title, clears the screen, rings, goes back, an eight-bit introducer, turns text round.
 pytestmark = pytest.mark.unsanitized
 
+# Sets the title, clears the screen, rings, goes back, an eight-bit introducer, turns text round.
 EVIL = "e\x1b]0;title\x07\x1b[2J\b\r\x9b31m\u202eevil"
 FORBIDDEN = re.compile("[\x00-\x08\x0b\x0c\x0e-\x1f\x7f-\x9f\u202a-\u202e\u2066-\u2069]")
 COLOUR = re.compile(r"\x1b\[[0-9;]*m")

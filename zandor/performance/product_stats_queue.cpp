@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "zandor/performance/product_stats.hpp"
+#include "zandor/performance/terminal_text.hpp"
 #include "zandor/runtime/console.hpp"
 
 namespace performance::productStats {
@@ -82,7 +83,8 @@ void Queue::run() {
         // were let go.
         if (!std::exchange(told_, true)) {
             held.unlock();
-            utPrintf("vantrace: product statistics are not kept: %s\n", why.c_str());
+            utPrintf("vantrace: product statistics are not kept: %s\n",
+                     instrument::detail::withoutControls(why).c_str());
             held.lock();
         }
     }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -14,14 +15,18 @@ namespace zandor::client {
 /// The names of hosts' sockets there begin so; others are not sockets, or not ready.
 inline constexpr char hostPrefix[] = "host-";
 
-/// The folders that come into question, by what the environment says; empty ones do not.
+/// The folders that come into question, by what the environment says; empty ones do not. A longer
+/// path than there is room for does not either: cut off it would be another folder's.
 struct RuntimeFolders {
     char paths[2][256];
 };
 
 inline RuntimeFolders runtimeFolders() noexcept {
     RuntimeFolders folders{};
-    const auto isUsable = [](const char* path) { return path && *path == '/'; };
+    constexpr char below[] = "/zandor";
+    const auto isUsable = [](const char* path) {
+        return path && *path == '/' && strlen(path) + sizeof below <= sizeof folders.paths[0];
+    };
     const char* chosen = getenv("ZANDOR_RUNTIME_DIR");
     const char* user = getenv("XDG_RUNTIME_DIR");
     if (isUsable(chosen)) {
@@ -29,7 +34,7 @@ inline RuntimeFolders runtimeFolders() noexcept {
         return folders;
     }
     if (isUsable(user))
-        snprintf(folders.paths[0], sizeof folders.paths[0], "%s/zandor", user);
+        snprintf(folders.paths[0], sizeof folders.paths[0], "%s%s", user, below);
     snprintf(folders.paths[1], sizeof folders.paths[1], "/tmp/zandor-%u", geteuid());
     return folders;
 }
