@@ -28,8 +28,8 @@ VERSIONED = f"-Wl,--version-script={ROOT / 'vantrace' / 'vantrace.map'}"
 
 @pytest.fixture(name="check")
 def fixture_check(tmp_path):
-    def run(source, *flags):
-        code, library = tmp_path / "plugin.cpp", tmp_path / "plugin.so"
+    def run(source, *flags, name="libvantrace.so"):
+        code, library = tmp_path / "code.cpp", tmp_path / name
         code.write_text(source)
         subprocess.run(["g++", "-shared", "-fPIC", *flags, code, "-o", library], check=True)
         command = [sys.executable, CHECK, library]
@@ -65,3 +65,37 @@ def test_thread_local_destructor_is_found(check):
     status, text = check(ENTRIES + PINNED, VERSIONED)
     assert status == 1
     assert "thread-local" in text
+
+
+MODULE = 'extern "C" void* PyInit__core() { return nullptr; }\n'
+MODULE_NAME = "_core.cpython-311-x86_64-linux-gnu.so"
+
+
+def test_a_module_with_its_init_function_alone_is_good(check):
+    assert check(MODULE, name=MODULE_NAME) == (0, "")
+
+
+def test_anything_else_of_a_module_is_found(check):
+    status, text = check(MODULE + "int more() { return 1; }\n", name=MODULE_NAME)
+    assert status == 1
+    assert "exports _Z4morev" in text
+
+
+def test_a_host_library_may_export_its_own_and_instances_of_the_standard_library(check):
+    source = "#include <vector>\nnamespace zandor { std::vector<int> f(int n) { return {n, n}; } }\n"
+    assert check(source, "-O0", name="libzandor_runtime.so") == (0, "")
+
+
+def test_what_is_not_a_host_library_s_own_is_found(check):
+    source = "namespace other { int f() { return 1; } }\n"
+    status, text = check(source, name="libzandor_runtime.so")
+    assert status == 1
+    assert "exports other::f()" in text
+
+
+def test_a_client_library_exports_its_c_functions_alone(check):
+    good = 'extern "C" int zandor_client_more() { return 1; }\n'
+    assert check(good, name="libzandor_client.so") == (0, "")
+    status, text = check(good + "int f() { return 1; }\n", name="libzandor_client.so")
+    assert status == 1
+    assert "exports _Z1fv" in text
