@@ -82,7 +82,7 @@ TEST_P(FullRecorder, AccountsForEachThreadsEventsAndTheExportSaysWhatIsLost) {
 TEST_P(FullRecorder, RecordsAgainWhenItIsStoppedClearedAndStarted) {
     for (const Keep keep : ways) {
         InstrumentRecorder recorder({.maxBytes = mebi, .keep = keep});
-        for (int round = 0; round < count() / 40'000; ++round) {
+        for (int round = 0; round < countOver(40'000); ++round) {
             listeners.add(recorder);
             while (recorder.drops().total() == 0)
                 const Scope scope{work_};

@@ -82,7 +82,7 @@ TEST_P(WanderingThreads, HaveTimesThatNeverGoBack) {
         onThreads(4, [&](int) {
             last = 0;
             Wanderer wanderer;
-            for (int i = 0; i < count() / 8; ++i) {
+            for (int i = 0; i < countOver(8); ++i) {
                 if (i % 1000 == 0)
                     wanderer.move();
                 const Scope scope{work_};
@@ -99,7 +99,7 @@ TEST_P(WanderingThreads, RecordNoNegativeDuration) {
         const Listening listening(recorder);
         onThreads(4, [&](int) {
             Wanderer wanderer;
-            for (int i = 0; i < count() / 8; ++i) {
+            for (int i = 0; i < countOver(8); ++i) {
                 const Scope scope{work_};
                 if (i % 1000 == 0)
                     wanderer.move();
@@ -160,7 +160,7 @@ TEST_P(JumpingClocks, TwoReadingsOfAnEventAgree) {
     for (int i = 0; i < count(); ++i) {
         jump(random);
         { const Scope scope{work_}; }
-        if (i % (count() / 10) == 0)
+        if (i % countOver(10) == 0)
             before = recorder.getAllEvents();
     }
     const auto after = recorder.getAllEvents();
@@ -204,7 +204,7 @@ std::int64_t furthestBack(const std::vector<std::int64_t>& times) {
 TEST_P(JumpingClocks, HandOversBetweenThreadsDoNotGoBackWhereTheyReadOneCounter) {
     const UnderClock clock(&jumping);
     std::mt19937 random(2);
-    const auto times = timesOfHandOvers(count() / 20, work_, [&](int) { jump(random); });
+    const auto times = timesOfHandOvers(countOver(20), work_, [&](int) { jump(random); });
     EXPECT_GT(times.back(), times.front());
     EXPECT_EQ(furthestBack(times), 0);
 }
@@ -218,7 +218,7 @@ constexpr ClockSource unequal{[]() noexcept { return (jumpingTicks += 30) - tick
 
 TEST_P(JumpingClocks, HandOversGoBackByNoMoreThanCountersDiffer) {
     const UnderClock clock(&unequal);
-    const auto times = timesOfHandOvers(count() / 20, work_, [](int thread) {
+    const auto times = timesOfHandOvers(countOver(20), work_, [](int thread) {
         ticksBehind = thread == 1 ? behind : 0;
         jumpingTicks += 300;
         jumpingTime += 100;

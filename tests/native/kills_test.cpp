@@ -120,7 +120,7 @@ TEST_P(Kills, OfAClientLeaveAllThatWasPublishedAndNobodyWaits) {
 
 TEST_P(Kills, OfAHostDisturbNoClientAndTheNextHostHasIt) {
     const OpenClient client("survivor");
-    for (int round = 0; round < count() / 10; ++round) {
+    for (int round = 0; round < countOver(10); ++round) {
         Child host([] {
             instrument::ExternalEventsAggregator aggregator;
             aggregator.start();

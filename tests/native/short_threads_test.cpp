@@ -80,7 +80,7 @@ struct EmitsAtTheEnd {
 TEST_P(ShortThreads, AreInTheNextSnapshotWithWhatTheirDestructorsEmitted) {
     InstrumentRecorder recorder({.maxBytes = 256 * mebi});
     const Listening listening(recorder);
-    const int rounds = count() / 10;
+    const int rounds = countOver(10);
     for (int i = 1; i <= rounds; ++i) {
         std::thread([&] {
             thread_local EmitsAtTheEnd atEnd;
@@ -98,7 +98,7 @@ TEST_P(ShortThreads, OfTheSameSystemIdAndOtherNamesAreTracksOfTheirOwn) {
     InstrumentRecorder recorder;
     const Listening listening(recorder);
     std::set<pthread_t> ids;
-    const int rounds = count() / 100;
+    const int rounds = countOver(100);
     for (int i = 0; i < rounds; ++i)
         std::thread([&, i] {
             ids.insert(pthread_self());

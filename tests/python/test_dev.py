@@ -8,7 +8,8 @@ import pytest
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 DEV = ROOT / "dev"
 VERBS = (
-    "setup run test native python vantrace install package bench bench bench check sanitize fuzz help"
+    "setup run test test native python vantrace install package bench bench bench check sanitize coverage "
+    "fuzz help"
 ).split()
 
 pytestmark = pytest.mark.unsanitized

@@ -16,8 +16,8 @@ with vantrace.event("x", n=1):
 
 @pytest.fixture(name="ends_in_silence")
 def fixture_ends_in_silence(tmp_path):
-    def run(code, status=0, out=""):
-        done = run_python("-X", "dev", "-c", PRELUDE + code, cwd=tmp_path)
+    def run(code, status=0, out="", timeout=120):
+        done = run_python("-X", "dev", "-c", PRELUDE + code, cwd=tmp_path, timeout=timeout)
         assert (done.returncode, done.stdout, done.stderr) == (status, out, "")
 
     return run
@@ -186,7 +186,8 @@ for _ in range(forks):
     assert os.waitstatus_to_exitcode(os.waitpid(child, 0)[1]) == 0
 stop.set()
 for thread in threads: thread.join()
-"""
+""",
+        timeout=3600,
     )
 
 

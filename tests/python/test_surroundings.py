@@ -158,7 +158,8 @@ def test_an_overlong_folder_of_clients_is_no_other_folder(tmp_path):
         base = tmp_path / str(length)
         base.mkdir()
         long = f"{base}/{'x' * (length - len(str(base)) - 1)}"
-        done = run_python("-m", "vantrace", "clients", env=os.environ | {"ZANDOR_RUNTIME_DIR": long})
+        environment = os.environ | {"ZANDOR_RUNTIME_DIR": long}
+        done = run_python("-m", "vantrace", "clients", env=environment)
         assert (done.returncode, done.stdout) == (0, "no clients\n")
         assert os.listdir(base) in ([], [os.path.basename(long)])
 

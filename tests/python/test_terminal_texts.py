@@ -62,8 +62,6 @@ def fixture_shown(tmp_path, environment):
 
 SCRIPT = f"""
 import threading, vantrace
-pytestmark = pytest.mark.unsanitized
-
 EVIL = {EVIL!r}
 def work(): pass
 functions = {{}}
@@ -98,7 +96,13 @@ def fixture_trace(tmp_path, environment, script):
 
 @pytest.mark.parametrize(
     "options",
-    [[], ["--all", "--c-calls"], ["--count"], ["--repeat", "2", "-o", "r.vtrace"], ["-o", f"{EVIL}.json"]],
+    [
+        [],
+        ["--all", "--c-calls"],
+        ["--count"],
+        ["--repeat", "2", "-o", "r.vtrace"],
+        ["-o", f"{EVIL}.json"],
+    ],
     ids=lambda options: options[0] if options else "plain",
 )
 def test_run(shown, script, options):
@@ -192,7 +196,7 @@ sys.stdin.read()
 def test_stacks_and_snap(shown, environment, tmp_path):
     path = tmp_path / f"dormant{EVIL}.py"
     path.write_text(
-        SCRIPT.replace("    with vantrace.event", "    print('ready', flush=True); input()\n    with vantrace.event"),
+        SCRIPT.replace("def emit():\n", "def emit():\n    print('ready', flush=True)\n    input()\n"),
         encoding="utf-8",
     )
     command = [sys.executable, "-m", "vantrace", "run", "--dormant", path]
