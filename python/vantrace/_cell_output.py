@@ -8,6 +8,7 @@ import tempfile
 
 from ._core import Trace
 from ._flame_svg import Flame, shown_name, tree_of
+from ._line_table import line_rows
 from ._table import Style, aligned, cells, head, sorted_rows, tail
 
 _MOST_ROWS = 500
@@ -62,9 +63,10 @@ def _export(file, output, options):
 
 
 def _text(recording, above, table, names, notes):
-    lines = aligned(table, Style(_TEXT_WIDTH, False)) if table else []
+    style = Style(_TEXT_WIDTH, False)
+    lines = aligned(table, style) if table else []
     left_out = names - len(table[1:])
-    return "\n".join([*above, *lines, *tail(recording, left_out), *notes])
+    return "\n".join([*above, *lines, *tail(recording, left_out, style), *notes])
 
 
 def _page(recording, above, table, names, notes, picture):
@@ -75,9 +77,16 @@ def _page(recording, above, table, names, notes, picture):
         f"{_paragraphs(above)}"
         f'{f"<div>{picture}</div>" if picture else ""}'
         f"{_table(table[0], rows) if rows else ''}"
-        f"{_paragraphs([*tail(recording, names - len(rows)), *notes])}"
+        f"{_paragraphs([*tail(recording, names - len(rows)), *notes])}{_lines(recording)}"
         f'<script>{_asset("cell.js").replace("@ID@", identity)}</script></div>'
     )
+
+
+def _lines(recording):
+    """The lines that took longest, where they were sampled."""
+    times = recording.line_times()
+    rows = line_rows(times, Style(_TEXT_WIDTH, False)) if times else ()
+    return "".join(("<pre>", *(html.escape(f"{row}\n") for row in rows), "</pre>")) if times else ""
 
 
 def _table(titles, rows):

@@ -1,7 +1,6 @@
 """The command line: which command, and its options."""
 
 import os
-import signal
 import sys
 
 from ._core import version
@@ -103,7 +102,7 @@ def main(arguments):
     except BrokenPipeError:
         # Whoever read has seen enough; the interpreter is not to try the rest again at its end.
         os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-        return 128 + signal.SIGPIPE
+        return 128 + 13  # as a shell tells of SIGPIPE
 
 
 def _told(arguments):

@@ -178,6 +178,7 @@ class _Recording:
         self.threads = self._recording.threads
         self.functions = self._recording.functions
         self.drops = self._recording.drops
+        self.line_times = self._recording.line_times
         self.save = self._recording.save
 
     def begin(self):

@@ -60,7 +60,7 @@ def lines(recording, duration, cpu_time, options, style):
     shown = rows[: options.top or None]
     if rows:
         yield from aligned(list(cells(recording, shown, duration)), style)
-    yield from tail(recording, len(rows) - len(shown))
+    yield from tail(recording, len(rows) - len(shown), style)
 
 
 def sorted_rows(recording, options):
@@ -81,15 +81,14 @@ def head(recording, rows, duration, cpu_time):
     yield from _widest(rows)
 
 
-def tail(recording, left_out):
-    """The lines below a table that leaves out so many rows."""
+def tail(recording, left_out, style=None):
+    """The lines below a table that leaves out so many rows; without a style, no table of lines."""
     if left_out:
         yield f"... and {counted(left_out, 'more name')}"
     functions = recording.functions()
     if functions:
         yield from _collapsed(functions)
-    times = recording.line_times()
-    if times:
+    if style and (times := recording.line_times()):
         from ._line_table import line_rows
 
         yield from line_rows(times, style)

@@ -24,10 +24,12 @@ TESTED_ELSEWHERE = {
     ("plugins", "python"): "test_plugin_guide.test_the_guide_s_plugin_is_built_called_and_unloaded",
     ("plugins", "sh"): "test_plugin_guide.test_the_guide_s_plugin_is_built_called_and_unloaded",
     ("report", "console"): "test_report.test_the_commands_of_the_page_about_it_run",
+    ("view", "console"): "test_view.test_the_example_of_the_page_about_it_runs",
 }
 # And those that nothing runs, with the reason.
 NOT_RUN = {
     ("README", "sh"): "it runs all tests, this one too",
+    ("cost", "sh"): "measuring takes minutes; the rows' tables are tested in test_bench",
 }
 _HERE = {
     "python": "test_documents.test_python_blocks_run",
