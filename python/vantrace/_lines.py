@@ -21,11 +21,11 @@ _begun = set()
 def needed_sampler():
     """The class of samplers; ImportError or OSError where lines cannot be sampled."""
     try:
-        from . import _sampler
+        from ._sampler import Sampler, check_readable
     except ModuleNotFoundError as error:
         raise ImportError("lines are sampled by CPython 3.11 only", name=error.name) from None
-    _sampler.check_readable()
-    return _sampler.Sampler
+    check_readable()
+    return Sampler
 
 
 class Lines:

@@ -108,8 +108,8 @@ class ZANDOR_INSTRUMENT_API TraceFile {
     std::vector<TraceStack> stacks() const;
     /// What `vantrace report` shows, as JSON: summed up by time, so that its size is bounded.
     std::string reportData() const;
-    /// Samples of lines, with periods in nanoseconds since the trace's first event and the names that
-    /// the recording has for threads.
+    /// Samples of lines, with periods in nanoseconds since the trace's first event and the names
+    /// that the recording has for threads.
     LineSamples lineSamples() const;
     RecorderDrops drops() const noexcept;
     /// Nanoseconds from the first event to the latest time of all.
