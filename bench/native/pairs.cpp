@@ -68,6 +68,8 @@ void floorTwoTicks(benchmark::State& state) {
     }
 }
 BENCHMARK(floorTwoTicks);
+// Threads have their floor among as many.
+BENCHMARK(floorTwoTicks)->Threads(2);
 
 void floorTwoTicksNested(benchmark::State& state) {
     nestedPairs<TwoTicks>(state);
