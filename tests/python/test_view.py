@@ -277,17 +277,21 @@ def test_the_flame_graph_is_of_the_window(page, command):
     assert "second worker" in frames(page)
 
 
-def test_keys_walk_from_event_to_event(page, command):
-    click(page, command, "whole")
+def test_keys_walk_from_event_to_event(page):
+    page.fill("#search", "solve")
+    page.press("Enter")
+    page.wait("document.querySelector('#details dl')")
+    settle(page)
+    page.ask("document.activeElement.blur()")
+    shown = "document.querySelector('#details .what').innerText.trim()"
     page.press("Shift+ArrowDown")
-    page.wait("document.querySelector('#details .what')?.innerText.includes('solve')")
-    page.press("Shift+ArrowDown")
-    page.wait("/assemble|img/.test(document.querySelector('#details .what')?.innerText)")
+    page.wait(f"{shown} === 'assemble'")
     page.press("Shift+ArrowUp")
-    page.wait("document.querySelector('#details .what')?.innerText.includes('solve')")
+    page.wait(f"{shown} === 'solve'")
     before = page.texts("#details dd")[0]
     page.press("Shift+ArrowRight")
     page.wait(f"document.querySelector('#details dd')?.innerText !== {json.dumps(before)}")
+    assert page.ask(shown) == "solve"
     page.press("Escape")
     assert page.texts("#details .none") == ["Click on an event to see more of it."]
 

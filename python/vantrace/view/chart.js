@@ -238,7 +238,7 @@ export class Chart {
 
   /** From the chosen slice to the one beside it in its row, or to the one it lies in or that lies in it. */
   walk(direction) {
-    const { selected } = this;
+    const selected = this.located();
     const row = selected && this.rows.find((other) => isSameRow(other, selected));
     if (!row) {
       const first = this.rows.find(({ kind, slices }) => kind === kinds.nested && slices.length > 0);
@@ -248,6 +248,17 @@ export class Chart {
     const step = { left: -7, right: 7 }[direction];
     if (step) this.step(row, firstEndingAfter(row.slices, selected.start + selected.duration / 2) + step);
     else this.climb(selected, direction === 'up' ? -1 : 1);
+  }
+
+  /** The chosen slice; one that was searched for does not tell its row by itself. */
+  located() {
+    const { selected } = this;
+    if (!selected || selected.row) return selected;
+    for (const row of this.rows.filter(({ thread }) => thread === selected.thread)) {
+      const at = firstEndingAfter(row.slices, selected.start + selected.duration);
+      if (row.slices[at] === selected.start && row.slices[at + 5] === selected.serial) return this.slice(row, at);
+    }
+    return selected;
   }
 
   step(row, at) {
