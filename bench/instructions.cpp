@@ -35,6 +35,19 @@ void textsPair() {
     const Scope scope{solve, {{"method", "cg"}, {"preconditioner", "ilu"}}};
 }
 
+void contextPair() {
+    const Scope scope{solve, {{"n", 3}, {"method", "cg"}}};
+}
+
+void instantPoint() {
+    solve.instant();
+}
+
+void numberPoint() {
+    static int n = 0;
+    solve.instant({{"n", ++n}});
+}
+
 void clockPair() {
     static_cast<void>(instrument::clock::ticks());
     static_cast<void>(instrument::clock::ticks());
@@ -66,10 +79,20 @@ const Row rows[] = {
      [](Listeners& all) { return std::vector<InstrumentListener*>{&all.recorder}; }},
     {"recorded-two-texts", textsPair,
      [](Listeners& all) { return std::vector<InstrumentListener*>{&all.recorder}; }},
+    {"recorded-instant", instantPoint,
+     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.recorder}; }},
+    {"recorded-instant-number", numberPoint,
+     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.recorder}; }},
     {"counted", plainPair,
+     [](Listeners& all) { return std::vector<InstrumentListener*>{&all.counter}; }},
+    {"counted-context", contextPair,
      [](Listeners& all) { return std::vector<InstrumentListener*>{&all.counter}; }},
     {"profiled", plainPair,
      [](Listeners& all) { return std::vector<InstrumentListener*>{&all.profiler}; }},
+    {"recorded-profiled", plainPair,
+     [](Listeners& all) {
+         return std::vector<InstrumentListener*>{&all.recorder, &all.profiler};
+     }},
     {"recorded-counted-profiled", plainPair,
      [](Listeners& all) {
          return std::vector<InstrumentListener*>{&all.recorder, &all.counter, &all.profiler};
