@@ -59,6 +59,15 @@ void nestedPair() {
         open[i].reset();
 }
 
+void instantPoint() {
+    solve.instant();
+}
+
+void numberPoint() {
+    static int n = 0;
+    solve.instant({{"n", ++n}});
+}
+
 void clockPair() {
     static_cast<void>(instrument::clock::ticks());
     static_cast<void>(instrument::clock::ticks());
@@ -87,6 +96,9 @@ std::vector<InstrumentListener*> counter(Listeners& all) {
 std::vector<InstrumentListener*> profiler(Listeners& all) {
     return {&all.profiler};
 }
+std::vector<InstrumentListener*> recorderAndProfiler(Listeners& all) {
+    return {&all.recorder, &all.profiler};
+}
 std::vector<InstrumentListener*> everybody(Listeners& all) {
     return {&all.recorder, &all.counter, &all.profiler};
 }
@@ -98,12 +110,21 @@ struct Row {
 };
 
 const Row rows[] = {
-    {"two-clock-readings", clockPair, nobody}, {"inactive", plainPair, nobody},
-    {"inactive-two-texts", textsPair, nobody}, {"recorded", plainPair, recorder},
-    {"recorded-number", numberPair, recorder}, {"recorded-two-texts", textsPair, recorder},
-    {"recorded-nested", nestedPair, recorder}, {"counted", plainPair, counter},
-    {"counted-two-texts", textsPair, counter}, {"profiled", plainPair, profiler},
-    {"profiled-nested", nestedPair, profiler}, {"recorded-counted-profiled", plainPair, everybody},
+    {"two-clock-readings", clockPair, nobody},
+    {"inactive", plainPair, nobody},
+    {"inactive-two-texts", textsPair, nobody},
+    {"recorded", plainPair, recorder},
+    {"recorded-number", numberPair, recorder},
+    {"recorded-two-texts", textsPair, recorder},
+    {"recorded-nested", nestedPair, recorder},
+    {"recorded-instant", instantPoint, recorder},
+    {"recorded-instant-number", numberPoint, recorder},
+    {"counted", plainPair, counter},
+    {"counted-two-texts", textsPair, counter},
+    {"profiled", plainPair, profiler},
+    {"profiled-nested", nestedPair, profiler},
+    {"recorded-profiled", plainPair, recorderAndProfiler},
+    {"recorded-counted-profiled", plainPair, everybody},
 };
 
 [[gnu::noinline]] void repeat(void (*pair)(), long pairs) {

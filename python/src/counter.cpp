@@ -35,7 +35,7 @@ PyObject* emitCounter(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
         const ContextArg point{instrument::counterValueName, valueOf(arguments[1])};
         if (isOn(instrument, {&point, 1})) {
             nameThread();
-            instrument::listeners.onEventInstant(instrument, {&point, 1});
+            instrument::tellInstant(instrument, {&point, 1});
         }
         return Py_NewRef(Py_None);
     });

@@ -375,7 +375,7 @@ PyObject* emitInstant(PyObject*, PyObject* const* arguments, Py_ssize_t count, P
         const ContextArgs args = given ? given->args() : ContextArgs{};
         if (isOn(instrument, args)) {
             nameThread();
-            instrument::listeners.onEventInstant(instrument, args);
+            instrument::tellInstant(instrument, args);
         }
         return Py_NewRef(Py_None);
     });

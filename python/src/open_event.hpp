@@ -6,6 +6,7 @@
 #include "context.hpp"
 #include "gil.hpp"
 #include "thread_name.hpp"
+#include "zandor/instrument/decided_events.hpp"
 #include "zandor/instrument/event_id.hpp"
 #include "zandor/instrument/listeners.hpp"
 
@@ -18,7 +19,7 @@ inline instrument::EventId startEvent(const instrument::Opaque* instrument,
     if (!isOn(instrument, context))
         return instrument::disabledEventId;
     nameThread();
-    return instrument::listeners.onEventStart(instrument, context);
+    return instrument::tellStart(instrument, context);
 }
 
 /// The same without context.
@@ -27,15 +28,11 @@ inline instrument::EventId startEvent(const instrument::Opaque* instrument) {
     return instrument::detail::openEvent(instrument);
 }
 
-/// Delivers the stop when the start was and a listener is active.
+/// Delivers the stop when the start was and a listener is active; the context is the start's.
 inline void stopEvent(const instrument::Opaque* instrument, instrument::ContextArgs context,
                       instrument::EventId id) {
-    if (id.sourceId == 0 || !instrument::listeners.anyActive())
-        return;
-    if (context.empty())
-        instrument::detail::closeEvent(instrument, {}, id);
-    else
-        instrument::listeners.onEventStop(instrument, context, id);
+    if (id.sourceId != 0 && instrument::listeners.anyActive())
+        instrument::tellStop(instrument, context, id);
 }
 
 }  // namespace vantrace

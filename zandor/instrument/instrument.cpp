@@ -8,6 +8,7 @@
 #include "delivery.hpp"
 #include "short_delivery.hpp"
 #include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/decided_events.hpp"
 
 namespace instrument {
 namespace detail {
@@ -52,10 +53,6 @@ template <auto operation>
 
 /// Decided already.
 [[gnu::noinline]] EventId openForAll(const Opaque* handle) {
-    if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        if (const EventId id = several.nextId(); several.start(handle, {}, id)) [[likely]]
-            return id;
-    }
     const Inside inside;
     if (!inside) [[unlikely]] {
         countSuppressed();
@@ -66,15 +63,30 @@ template <auto operation>
     return id;
 }
 
+[[gnu::noinline]] EventId openShortly(const Opaque* handle) {
+    if (const ShortDelivery several(shortListeners); several) [[likely]] {
+        if (const EventId id = several.nextId(); several.begin<RecordKind::start>(handle, {}, id))
+            [[likely]]
+            return id;
+    }
+    return openForAll(handle);
+}
+
 [[gnu::noinline]] void closeForAll(const Opaque* handle, ContextArgs kept, EventId id) {
-    if (const ShortDelivery several(shortListeners); several && several.stop(handle, kept, id))
-        [[likely]]
-        return;
     const Inside inside;
     if (inside) [[likely]]
         deliverStop(inside.state(), handle, kept, id);
     else
         countSuppressed();
+}
+
+[[gnu::noinline]] void closeShortly(const Opaque* handle, ContextArgs kept, EventId id) {
+    if (!stopsMatter.load(std::memory_order_relaxed))
+        return;
+    if (const ShortDelivery several(shortListeners); several && several.stop(handle, {kept}, id))
+        [[likely]]
+        return;
+    closeForAll(handle, kept, id);
 }
 
 /// To the calling thread's pool where it has one.
@@ -103,7 +115,7 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
 [[gnu::noinline]] OpenScope* openForAll(const Opaque* handle, ContextArgs context) {
     if (const ShortDelivery several(shortListeners); several) [[likely]] {
         OpenScopePtr event = keepScope(several.state(), handle, context, several.nextId());
-        if (several.start(handle, event->context.args(), event->id)) [[likely]]
+        if (several.begin<RecordKind::start>(handle, {event->context.args()}, event->id)) [[likely]]
             return event.release();
     }
     const Inside inside;
@@ -118,7 +130,7 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
 
 [[gnu::noinline]] void closeForAll(OpenScope* ended) noexcept {
     if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        if (several.stop(ended->handle, ended->context.args(), ended->id)) [[likely]]
+        if (several.stop(ended->handle, {ended->context.args()}, ended->id)) [[likely]]
             return several.state().scopes.giveBack(ended);
     }
     // Where the thread is in a listener already, or past its end, it has no mark of its own.
@@ -156,10 +168,11 @@ EventId openEvent(const Opaque* handle) {
     if (!handle->enabled.load(std::memory_order_relaxed)) [[unlikely]]
         return disabledEventId;
     if (const ShortDelivery only(onlyRecorder); only) [[likely]] {
-        if (const EventId id = only.nextId(); only.recordStart(handle, {}, id)) [[likely]]
+        if (const EventId id = only.nextId(); only.recordBegin<RecordKind::start>(handle, {}, id))
+            [[likely]]
             return id;
     }
-    return openForAll(handle);
+    return openShortly(handle);
 }
 
 EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) {
@@ -181,7 +194,7 @@ void closeEvent(const Opaque* handle, ContextArgs kept, EventId id) {
     if (const ShortDelivery only(onlyRecorder); only && only.recordStop(handle, !kept.empty(), id))
         [[likely]]
         return;
-    closeForAll(handle, kept, id);
+    closeShortly(handle, kept, id);
 }
 
 Instrument LazyInstrument::resolve() const {
@@ -199,7 +212,7 @@ const Opaque* Instrument::registerName(std::string_view name) {
 
 void Instrument::emitInstant(const Opaque* handle, ContextArgs context) {
     if (detail::isOnFor(handle, context))
-        listeners.onEventInstant(handle, context);
+        tellInstant(handle, context);
 }
 
 detail::OpenScope* Scope::open(const Opaque* handle, ContextArgs context) {
@@ -208,7 +221,8 @@ detail::OpenScope* Scope::open(const Opaque* handle, ContextArgs context) {
     if (const detail::ShortDelivery only(detail::onlyRecorder); only) [[likely]] {
         detail::OpenScopePtr event =
             detail::keepScope(only.state(), handle, context, only.nextId());
-        if (only.recordStart(handle, event->context.args(), event->id)) [[likely]]
+        if (only.recordBegin<detail::RecordKind::start>(handle, {event->context.args()}, event->id))
+            [[likely]]
             return event.release();
     }
     return detail::openForAll(handle, context);
@@ -229,7 +243,7 @@ void Scope::close(const Opaque* handle, EventId id) noexcept {
         only && only.recordStop(handle, false, id)) [[likely]]
         return;
     try {
-        detail::closeForAll(handle, {}, id);
+        detail::closeShortly(handle, {}, id);
     } catch (...) {
         // Nobody can be told in a destructor.
     }

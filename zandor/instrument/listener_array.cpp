@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <new>
+#include <utility>
 
 #include "blocks.hpp"
 #include "listener_class.hpp"
@@ -16,7 +17,7 @@ std::size_t sizeFor(std::uint32_t count) noexcept {
 
 ListenerArray* makeArray(std::uint32_t count) noexcept {
     void* memory = allocateBlock(sizeFor(count));
-    return memory ? ::new (memory) ListenerArray{count, false, false, nullptr, nullptr} : nullptr;
+    return memory ? ::new (memory) ListenerArray{count, nullptr, {}} : nullptr;
 }
 
 Registration** placesOf(ListenerArray& array) noexcept {
@@ -59,21 +60,37 @@ InstrumentListener* onlyOneOf(const ListenerArray* array) noexcept {
     return registration.removed.load(std::memory_order_relaxed) ? nullptr : registration.listener;
 }
 
-/// Whether each of them has a short way; then the array knows what they need.
-bool prepareShortWay(ListenerArray& array) noexcept {
-    for (const Registration* registration : array) {
-        const ShortOperations* const way = registration->shortWay;
-        if (!way || registration->removed.load(std::memory_order_relaxed))
-            return false;
-        array.needsTime = array.needsTime || way->needsTime;
-        array.needsTicks = array.needsTicks || way->needsTicks || way->needsTime;
+void addCall(ShortListeners::Calls& calls, ShortOperations::Operation tell,
+             const Registration& registration) noexcept {
+    if (tell)
+        *std::ranges::find(calls, nullptr, &ShortCall::tell) = {
+            tell, registration.listener, registration.shortWay->ignoresContext};
+}
+
+/// False where it has no short way, or there is one recorder already.
+bool addShortly(ShortListeners& all, const Registration& registration) noexcept {
+    if (const RecorderCore* const recorder = recorderIn(*registration.listener)) {
+        all.needsTicks = true;
+        return !std::exchange(all.recorder, recorder);
     }
-    array.recorder = recorderIn(*(*array.begin())->listener);
+    const ShortOperations* const way = registration.shortWay;
+    if (!way)
+        return false;
+    all.needsTime = all.needsTime || way->needsTime;
+    all.needsTicks = all.needsTicks || way->needsTime;
+    addCall(all.instants, way->instant, registration);
+    addCall(all.starts, way->start, registration);
+    addCall(all.stops, way->stop, registration);
     return true;
 }
 
-const ShortOperations* shortWayOf(InstrumentListener& listener) noexcept {
-    return recorderIn(listener) ? &recorderShortOperations : ShortWay::of(listener);
+/// Whether all of them have a short way; then the array has what these need.
+bool prepareShortWay(ListenerArray& array) noexcept {
+    return array.count <= ShortListeners::most &&
+           std::ranges::all_of(array, [&](const Registration* registration) {
+               return !registration->removed.load(std::memory_order_relaxed) &&
+                      addShortly(array.shortly, *registration);
+           });
 }
 
 // The flags may lag behind the array by a moment, but never for good.
@@ -82,15 +99,22 @@ void publish(ListenerArray* array) noexcept {
         for (Registration* registration : *array)
             ++registration->arrays;
     const bool isShort = array && prepareShortWay(*array);
+    const bool areStopsIgnored =
+        isShort && !array->shortly.recorder && !array->shortly.stops.front().tell;
+    // Whoever sees a listener that hears stops must see this, too.
+    if (!areStopsIgnored)
+        stopsMatter.store(true, std::memory_order_relaxed);
     // Release pairs with the acquire in protectListeners.
     ListenerArray* old = listenersInForce.exchange(array, std::memory_order_acq_rel);
     // Release pairs with the acquire in protectOnlyListener.
     InstrumentListener* const only = onlyOneOf(array);
     onlyListener.store(only, std::memory_order_release);
     // Release pairs with the acquire in ShortDelivery.
-    const bool isRecorder = isShort && array->count == 1 && array->recorder;
+    const bool isRecorder = isShort && array->count == 1 && array->shortly.recorder;
     onlyRecorder.store(isRecorder ? array : nullptr, std::memory_order_release);
     shortListeners.store(isShort ? array : nullptr, std::memory_order_release);
+    if (areStopsIgnored)
+        stopsMatter.store(false, std::memory_order_relaxed);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);
     if (old) {
         ListenerArray*& retired = processState().retiredListeners;
@@ -106,7 +130,7 @@ ListenerArray* arrayInForce() noexcept {
 
 Registration* makeRegistration(InstrumentListener& listener) noexcept {
     void* memory = allocateBlock(sizeof(Registration));
-    return memory ? ::new (memory) Registration{&listener, shortWayOf(listener), 0, {false}}
+    return memory ? ::new (memory) Registration{&listener, ShortWay::of(listener), 0, {false}}
                   : nullptr;
 }
 
@@ -116,6 +140,7 @@ constinit std::atomic<ListenerArray*> listenersInForce{nullptr};
 constinit std::atomic<InstrumentListener*> onlyListener{nullptr};
 constinit std::atomic<const ListenerArray*> shortListeners{nullptr};
 constinit std::atomic<const ListenerArray*> onlyRecorder{nullptr};
+constinit std::atomic<bool> stopsMatter{true};
 
 Registration* findRegistration(const InstrumentListener& listener) noexcept {
     if (const ListenerArray* array = arrayInForce())

@@ -5,18 +5,16 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "short_listeners.hpp"
 #include "thread_state.hpp"
 #include "zandor/instrument/listener.hpp"
-#include "zandor/instrument/short_way.hpp"
 
 namespace instrument::detail {
-
-class RecorderCore;
 
 /// A listener's stay among the registered ones. Shared by the arrays that hold it.
 struct Registration {
     InstrumentListener* listener;
-    const ShortOperations* shortWay;  ///< null where it has none
+    const ShortOperations* shortWay;  ///< null where it has none, and of a recorder
     std::uint32_t arrays;             ///< that hold it; under the listeners' lock
     std::atomic<bool> removed;        ///< no new call may begin
 };
@@ -24,12 +22,9 @@ struct Registration {
 /// In order of registration; the pointers follow the head.
 struct ListenerArray {
     std::uint32_t count;
-    // What the short ways of all need together.
-    bool needsTicks;
-    bool needsTime;
-    /// The inside of the first listener, where that is a recorder.
-    const RecorderCore* recorder;
     ListenerArray* nextRetired;
+    /// Before it is published, where each has a short way.
+    ShortListeners shortly;
 
     /// What a thread that is inside any of them by their short ways has in its `calling`: no
     /// listener's address, nor a state's.
@@ -52,6 +47,8 @@ extern constinit std::atomic<ListenerArray*> listenersInForce;
 extern constinit std::atomic<InstrumentListener*> onlyListener;
 /// The same as `listenersInForce` while each has a short way; else null.
 extern constinit std::atomic<const ListenerArray*> shortListeners;
+/// Whether any listener may do something about stops: relaxed, it may lag behind the array.
+extern constinit std::atomic<bool> stopsMatter;
 /// The same while a recorder is the only one.
 extern constinit std::atomic<const ListenerArray*> onlyRecorder;
 

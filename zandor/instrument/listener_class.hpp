@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "zandor/instrument/recorder.hpp"
-#include "zandor/instrument/short_way.hpp"
 
 namespace instrument::detail {
 
@@ -18,9 +17,6 @@ inline const void* tableOf(const InstrumentListener& listener) noexcept {
 
 /// That of InstrumentRecorder. Set before the first is made, relaxed: a recorder is seen later.
 extern constinit std::atomic<const void*> recorderTable;
-
-/// Its short way.
-extern const ShortOperations recorderShortOperations;
 
 /// What is inside a recorder; null for other listeners, and where a class of its own derives from
 /// it.

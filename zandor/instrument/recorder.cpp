@@ -10,6 +10,7 @@ namespace instrument {
 namespace {
 
 using detail::EventContextAccess;
+using detail::putBegin;
 using detail::RecorderCore;
 using detail::RecordKind;
 
@@ -31,22 +32,14 @@ detail::EdgeOrigin originOf(const EventContext& context) noexcept {
                  .contextIsStarts = hasArgs && context.argsAreKept()});
 }
 
-RecorderCore& coreOf(InstrumentListener& listener) noexcept {
-    return static_cast<InstrumentRecorder&>(listener).core();
-}
-
-bool startShortly(InstrumentListener& listener, const Edge& edge) noexcept {
-    return putStart(coreOf(listener), {edge.slots, edge.source}, edge.instrument, edge.context,
-                    edge.id, edge.ticks);
-}
-
-bool stopShortly(InstrumentListener& listener, const Edge& edge) noexcept {
-    return putStop(coreOf(listener), {edge.slots, edge.source}, edge.instrument,
-                   !edge.context.empty(), edge.id, edge.ticks);
-}
-
-bool leaveToOperation(InstrumentListener&, const Edge&) noexcept {
-    return false;
+template <RecordKind kind>
+[[gnu::always_inline]] inline void putOrRecord(RecorderCore& core, const Opaque* instrument,
+                                               const EventContext& context, EventId id) noexcept {
+    const std::uint64_t ticks = EventContextAccess::ticks(context);
+    const bool isKept = context.empty() || context.argsAreKept();
+    if (!isKept || !putBegin<kind>(core, originOf(context), instrument, {context.args()}, id,
+                                   ticks)) [[unlikely]]
+        record(core, kind, instrument, context, id);
 }
 
 void recordAt(RecorderCore& core, RecordKind kind, const Opaque* instrument,
@@ -66,9 +59,6 @@ void recordAt(RecorderCore& core, RecordKind kind, const Opaque* instrument,
 namespace detail {
 
 constinit std::atomic<const void*> recorderTable{nullptr};
-
-const ShortOperations recorderShortOperations{
-    .needsTicks = true, .instant = leaveToOperation, .start = startShortly, .stop = stopShortly};
 
 }  // namespace detail
 
@@ -111,11 +101,7 @@ void InstrumentRecorder::onInstant(const Opaque* instrument, const EventContext&
 
 void InstrumentRecorder::onStart(const Opaque* instrument, const EventContext& context,
                                  EventId id) noexcept {
-    const std::uint64_t ticks = EventContextAccess::ticks(context);
-    const bool isKept = context.empty() || context.argsAreKept();
-    if (!isKept || !putStart(*core_, originOf(context), instrument, context.args(), id, ticks))
-        [[unlikely]]
-        record(*core_, RecordKind::start, instrument, context, id);
+    putOrRecord<RecordKind::start>(*core_, instrument, context, id);
 }
 
 void InstrumentRecorder::onStop(const Opaque* instrument, const EventContext& context,

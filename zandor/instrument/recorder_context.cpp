@@ -107,11 +107,15 @@ bool encodeContext(const NewContext& context, TextCache& texts, Word* out) noexc
                 return false;
         return true;
     }
-    for (const ContextArg& arg : context.args)
+    return encodeGiven(context.args, texts, out) != nullptr;
+}
+
+Word* encodeGiven(ContextArgs args, TextCache& texts, Word* out) noexcept {
+    for (const ContextArg& arg : args)
         if (!(isText(arg.value) ? encodeText(arg.name, arg.value.text(), texts, out)
                                 : encodeNumber(arg, texts, out)))
-            return false;
-    return true;
+            return nullptr;
+    return out;
 }
 
 Word* encodeInterned(ContextArgs args, Word* out) noexcept {

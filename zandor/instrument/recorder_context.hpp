@@ -36,6 +36,8 @@ inline std::size_t mostWords(ContextArgs args) noexcept {
 }
 /// Writes a context whose texts are interned, and gives its end.
 Word* encodeInterned(ContextArgs args, Word* out) noexcept;
+/// The same for texts as they were given. Null when the system gives no memory for one.
+Word* encodeGiven(ContextArgs args, TextCache& texts, Word* out) noexcept;
 
 /// What the numbers in records stand for.
 class ZANDOR_INSTRUMENT_API RecordNames {

@@ -23,27 +23,42 @@ struct EdgeOrigin {
     track.tail.store(end, std::memory_order_release);
 }
 
-[[gnu::always_inline]] inline bool putStart(const RecorderCore& core, EdgeOrigin origin,
-                                            const Opaque* instrument, ContextArgs kept, EventId id,
-                                            std::uint64_t ticks) noexcept {
-    constexpr std::size_t plainWords = wordsOf(RecordKind::start);
+/// The context of an edge.
+struct EdgeContext {
+    ContextArgs args;
+    TextCache* texts = nullptr;  ///< to look the texts up by; null where they are the library's own
+};
+
+/// Null when the system gives no memory for a text.
+inline Word* encode(const EdgeContext& context, Word* out) noexcept {
+    return context.texts ? encodeGiven(context.args, *context.texts, out)
+                         : encodeInterned(context.args, out);
+}
+
+/// A start or an instant.
+template <RecordKind kind>
+[[gnu::always_inline]] inline bool putBegin(const RecorderCore& core, EdgeOrigin origin,
+                                            const Opaque* instrument, const EdgeContext& context,
+                                            EventId id, std::uint64_t ticks) noexcept {
+    constexpr std::size_t plainWords = wordsOf(kind);
     Track* const track = core.knownTrack(origin.slots);
     if (!track || track->stream.info != origin.source || track->stream.nextSerial != id.serialId)
         [[unlikely]]
         return false;
     Word* const head = track->tail.load(std::memory_order_relaxed);  // this thread's own
     Word* end = head + plainWords;
-    if (end + mostWords(kept) > track->limit) [[unlikely]]
+    if (end + mostWords(context.args) > track->limit) [[unlikely]]
         return false;
-    if (!kept.empty())
-        end = encodeInterned(kept, end);
+    if (!context.args.empty() && !(end = encode(context, end))) [[unlikely]]
+        return false;
     const auto words = static_cast<std::size_t>(end - head) - plainWords;
     if (words >= RecordHead::contextIsCounted) [[unlikely]]
         return false;
-    head[0] = RecordHead(RecordKind::start, false, words, instrument->id, 0).word();
+    head[0] = RecordHead(kind, false, words, instrument->id, 0).word();
     head[1] = ticks;
     track->stream.nextSerial = id.serialId + 1;
-    ++track->open;
+    if constexpr (kind == RecordKind::start)
+        ++track->open;
     commit(*track, end);
     return true;
 }

@@ -18,7 +18,7 @@ class ShortDelivery {
         const std::atomic<const ListenerArray*>& place) noexcept {
         ThreadState* const state = threadLocals.state;
         const ListenerArray* const array = place.load(std::memory_order_relaxed);
-        if (!array || !state->isOfThisThread() || state->isInside() || !ticksAreTsc())
+        if (!array || !state->isOfThisThread() || state->isInside()) [[unlikely]]
             return;
         // Release, as every store of it: whoever waits for a listener may see any later one.
         state->calling.store(array->mark(), std::memory_order_release);
@@ -43,76 +43,91 @@ class ShortDelivery {
     explicit operator bool() const noexcept { return state_ != nullptr; }
 
     ThreadState& state() const noexcept { return *state_; }
-    /// The identity that a start is to be told with; it is taken when start says so.
+    /// The identity that a start or instant is to be told with; it is taken when they say so.
     EventId nextId() const noexcept { return {state_->source.id, state_->source.serial + 1}; }
 
-    // Whether they did it. The context's texts are the library's own.
+    // Whether they did it. A stop's context is its start's.
 
-    /// Where the array is a recorder's alone.
-    [[gnu::always_inline]] bool recordStart(const Opaque* handle, ContextArgs kept,
+    /// Where the array is a recorder's alone: a start or an instant.
+    template <RecordKind kind>
+    [[gnu::always_inline]] bool recordBegin(const Opaque* handle, const EdgeContext& context,
                                             EventId id) const noexcept {
-        if (!putStart(*array_->recorder, origin(), handle, kept, id, readTsc())) [[unlikely]]
+        if (!ticksAreTsc() ||
+            !putBegin<kind>(*recorder(), origin(), handle, context, id, readTsc())) [[unlikely]]
             return false;
         state_->source.serial = id.serialId;
         return true;
     }
     [[gnu::always_inline]] bool recordStop(const Opaque* handle, bool hasContext,
                                            EventId id) const noexcept {
-        return putStop(*array_->recorder, origin(), handle, hasContext, id, readTsc());
+        return ticksAreTsc() && putStop(*recorder(), origin(), handle, hasContext, id, readTsc());
     }
 
-    /// Where each of them has a short way.
-    [[gnu::always_inline]] bool start(const Opaque* handle, ContextArgs kept,
+    /// To all listeners: a start or an instant.
+    template <RecordKind kind>
+    [[gnu::always_inline]] bool begin(const Opaque* handle, const EdgeContext& context,
                                       EventId id) const noexcept {
-        const std::uint64_t ticks = array_->needsTicks ? readTsc() : 0;
-        if (array_->recorder && !putStart(*array_->recorder, origin(), handle, kept, id, ticks))
+        const std::uint64_t ticks = readTicksIfNeeded();
+        if (recorder() && !putBegin<kind>(*recorder(), origin(), handle, context, id, ticks))
             [[unlikely]]
             return false;
         state_->source.serial = id.serialId;
-        tellOthers<&ShortOperations::start, &InstrumentListener::onStart>(
-            edgeOf(handle, kept, id, ticks));
+        if constexpr (kind == RecordKind::start)
+            tell<&InstrumentListener::onStart>(array_->shortly.starts, {handle, id, ticks},
+                                               context);
+        else
+            tell<&InstrumentListener::onInstant>(array_->shortly.instants, {handle, id, ticks},
+                                                 context);
         return true;
     }
-    [[gnu::always_inline]] bool stop(const Opaque* handle, ContextArgs kept,
+    [[gnu::always_inline]] bool stop(const Opaque* handle, const EdgeContext& context,
                                      EventId id) const noexcept {
         if (id.sourceId != state_->source.id) [[unlikely]]
             return false;
-        const std::uint64_t ticks = array_->needsTicks ? readTsc() : 0;
-        if (array_->recorder &&
-            !putStop(*array_->recorder, origin(), handle, !kept.empty(), id, ticks)) [[unlikely]]
+        const std::uint64_t ticks = readTicksIfNeeded();
+        const bool hasContext = !context.args.empty();
+        if (recorder() && !putStop(*recorder(), origin(), handle, hasContext, id, ticks))
+            [[unlikely]]
             return false;
-        tellOthers<&ShortOperations::stop, &InstrumentListener::onStop>(
-            edgeOf(handle, kept, id, ticks));
+        tell<&InstrumentListener::onStop>(array_->shortly.stops, {handle, id, ticks}, context);
         return true;
     }
 
   private:
+    struct Edge {
+        const Opaque* handle;
+        EventId id;
+        std::uint64_t ticks;
+    };
+
+    const RecorderCore* recorder() const noexcept { return array_->shortly.recorder; }
     EdgeOrigin origin() const noexcept {
         return {state_->listenerData.data(), state_->source.info};
     }
-    Edge edgeOf(const Opaque* handle, ContextArgs kept, EventId id,
-                std::uint64_t ticks) const noexcept {
-        const std::int64_t time = array_->needsTime ? latestLine.timeOf(ticks) : 0;
-        return {handle, id, kept, ticks, time, state_->listenerData.data(), state_->source.info};
+    std::uint64_t readTicksIfNeeded() const noexcept {
+        return array_->shortly.needsTicks ? readTicks() : 0;
     }
 
     /// One that cannot take the short way hears the edge as others do.
-    template <auto shortOperation, auto operation>
-    [[gnu::always_inline]] void tellOthers(const Edge& edge) const noexcept {
-        Registration* const* const first = array_->begin() + (array_->recorder ? 1 : 0);
-        for (Registration* const* other = first; other != array_->end(); ++other) {
-            InstrumentListener& listener = *(*other)->listener;
-            const ShortOperations::Operation tell = (*other)->shortWay->*shortOperation;
-            if (tell && !tell(listener, edge)) [[unlikely]]
-                tellGenerally<operation>(*state_, listener, edge);
+    template <auto operation>
+    [[gnu::always_inline]] void tell(const ShortListeners::Calls& calls, const Edge& edge,
+                                     const EdgeContext& context) const noexcept {
+        const std::int64_t time = array_->shortly.needsTime ? latestLine.timeOf(edge.ticks) : 0;
+        for (const ShortCall* call = calls.data(); call->tell; ++call) {
+            const bool isShort = context.args.empty() || call->ignoresContext;
+            if (!isShort || !call->tell(*call->listener, edge.handle, edge.id.serialId, time,
+                                        state_->listenerData.data())) [[unlikely]]
+                tellGenerally<operation>(*state_, *call->listener, edge, context);
         }
     }
     template <auto operation>
     [[gnu::noinline]] static void tellGenerally(ThreadState& state, InstrumentListener& listener,
-                                                const Edge& edge) noexcept {
-        EventContext context = EventContextAccess::ofArgs(state, state.source, edge.context, true);
+                                                const Edge& edge,
+                                                const EdgeContext& given) noexcept {
+        EventContext context =
+            EventContextAccess::ofArgs(state, state.source, given.args, !given.texts);
         EventContextAccess::giveTicks(context, edge.ticks);
-        (listener.*operation)(edge.instrument, context, edge.id);
+        (listener.*operation)(edge.handle, context, edge.id);
     }
 
     ThreadState* state_ = nullptr;

@@ -11,7 +11,6 @@ namespace instrument::detail {
 namespace {
 
 constexpr std::uint32_t deepest = 1024;
-constexpr std::uint32_t none = ~0u;
 constexpr std::size_t firstSlots = 1024;
 
 template <class Number>
@@ -27,9 +26,9 @@ CallingContextTree::~CallingContextTree() {
 }
 
 void CallingContextTree::setSource(std::uint64_t source) noexcept {
-    while (const std::uint32_t depth = depth_.load(std::memory_order_relaxed)) {
-        frames_[depth - 1].word.store(takenBit, std::memory_order_relaxed);
-        depth_.store(pop(depth), std::memory_order_relaxed);
+    while (top_) {
+        top_->word.store(takenBit, std::memory_order_relaxed);
+        pop();
     }
     source_.store(source, std::memory_order_relaxed);
 }
@@ -38,52 +37,62 @@ bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
                                std::int64_t time) noexcept {
     note(time);
     popEnded();
-    std::uint32_t depth = depth_.load(std::memory_order_relaxed);
-    if (depth == frames_.capacity) [[unlikely]] {
-        setSource(source());  // starts that nobody ever stops
-        depth = 0;
-    }
-    if (!frames_.provide(depth)) [[unlikely]]
+    Frame* const frame = nextFrame();
+    if (!frame) [[unlikely]]
         return false;
-    CallNode* const parent =
-        depth == 0 ? &root_ : frames_[depth - 1].node.load(std::memory_order_relaxed);
+    CallNode* const parent = top_ ? top_->node.load(std::memory_order_relaxed) : &root_;
     CallNode* const node = childOf(parent, instrument, time);
     if (!node) [[unlikely]]
         return false;
-    Frame& frame = frames_[depth];
-    frame.isNested = node->isNested || (node->depth > deepest && node->all->open > 0);
+    frame->isNested = node->isNested || (node->depth > deepest && node->all->open > 0);
     ++node->all->open;
-    frame.inside = 0;
-    frame.takenSerial.store(0, std::memory_order_relaxed);
-    frame.start.store(time, std::memory_order_relaxed);
-    frame.node.store(node, std::memory_order_relaxed);
+    frame->below = top_;
+    frame->inside = 0;
+    frame->takenSerial.store(0, std::memory_order_relaxed);
+    frame->start.store(time, std::memory_order_relaxed);
+    frame->node.store(node, std::memory_order_relaxed);
     // Pairs with the acquire of those who take the call: with the word come start and node.
-    frame.word.store(serial << 1, std::memory_order_release);
-    depth_.store(depth + 1, std::memory_order_relaxed);
+    frame->word.store(serial << 1, std::memory_order_release);
+    top_ = frame;
+    depth_.store(depth_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     return true;
 }
 
 bool CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
     note(time);
-    const std::uint32_t index = frameOf(serial);
-    if (index == none || !takeOwn(frames_[index], serial)) [[unlikely]]
+    const bool isTop = top_ && top_->word.load(std::memory_order_relaxed) >> 1 == serial;
+    Frame* const frame = isTop ? top_ : frameOf(serial);
+    if (!frame || !takeOwn(*frame, serial)) [[unlikely]]
         return false;
-    end(index, time);
+    end(*frame, time);
     popEnded();
     return true;
 }
 
-/// Of the open calls the one of this serial; none where there is none.
-[[gnu::always_inline]] inline std::uint32_t CallingContextTree::frameOf(
-    std::uint64_t serial) const noexcept {
+/// The place above the innermost call; null when the system gives no memory.
+[[gnu::always_inline]] inline CallingContextTree::Frame* CallingContextTree::nextFrame() noexcept {
     const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
+    if (depth % framesAtOnce != 0) [[likely]]
+        return top_ + 1;
+    return depth == 0 && bottom_ ? bottom_ : provideFrame();
+}
+
+[[gnu::noinline]] CallingContextTree::Frame* CallingContextTree::provideFrame() noexcept {
+    if (depth_.load(std::memory_order_relaxed) == frames_.capacity)
+        setSource(source());  // starts that nobody ever stops
+    const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
+    if (!frames_.provide(depth))
+        return nullptr;
+    bottom_ = &frames_[0];
+    return &frames_[depth];
+}
+
+/// Of the open calls the one of this serial; null where there is none. From any thread.
+CallingContextTree::Frame* CallingContextTree::frameOf(std::uint64_t serial) const noexcept {
     const auto serialAt = [this](std::uint32_t index) {
         return frames_[index].word.load(std::memory_order_acquire) >> 1;
     };
-    if (depth == 0)
-        return none;
-    if (serialAt(depth - 1) == serial) [[likely]]
-        return depth - 1;
+    const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
     std::uint32_t low = 0;
     for (std::uint32_t high = depth; low < high;) {
         const std::uint32_t middle = low + (high - low) / 2;
@@ -92,7 +101,7 @@ bool CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept 
         else
             high = middle;
     }
-    return low < depth && serialAt(low) == serial ? low : none;
+    return low < depth && serialAt(low) == serial ? &frames_[low] : nullptr;
 }
 
 /// Whoever takes a call counts it: its own thread or another one.
@@ -133,10 +142,10 @@ bool CallingContextTree::wasTaken(const Frame& frame, std::uint64_t serial) noex
 }
 
 std::optional<TakenCall> CallingContextTree::take(std::uint64_t serial) noexcept {
-    const std::uint32_t index = frameOf(serial);
-    if (index == none)
+    Frame* const found = frameOf(serial);
+    if (!found)
         return std::nullopt;
-    Frame& frame = frames_[index];
+    Frame& frame = *found;
     // Read before the call is taken: afterwards its place may be another's. If it is another's
     // already, what was read is of no use, and nothing is taken.
     const std::int64_t start = frame.start.load(std::memory_order_relaxed);
@@ -154,27 +163,25 @@ bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noex
     return true;
 }
 
-[[gnu::always_inline]] inline void CallingContextTree::end(std::uint32_t index,
+[[gnu::always_inline]] inline void CallingContextTree::end(Frame& frame,
                                                            std::int64_t time) noexcept {
-    const Frame& frame = frames_[index];
     const std::int64_t duration = time - frame.start.load(std::memory_order_relaxed);
-    if (index > 0)
-        frames_[index - 1].inside += duration;
+    if (frame.below)
+        frame.below->inside += duration;
     count(*frame.node.load(std::memory_order_relaxed), {duration, frame.inside, frame.isNested});
 }
 
-/// Takes the innermost call off the stack, and gives the new depth.
-[[gnu::always_inline]] inline std::uint32_t CallingContextTree::pop(std::uint32_t depth) noexcept {
-    --frames_[depth - 1].node.load(std::memory_order_relaxed)->all->open;
-    return depth - 1;
+/// Takes the innermost call off the stack.
+[[gnu::always_inline]] inline void CallingContextTree::pop() noexcept {
+    --top_->node.load(std::memory_order_relaxed)->all->open;
+    top_ = top_->below;
+    depth_.store(depth_.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
 }
 
 /// Takes those that were stopped off the stack, down to the first that is open.
 [[gnu::always_inline]] inline void CallingContextTree::popEnded() noexcept {
-    std::uint32_t depth = depth_.load(std::memory_order_relaxed);
-    while (depth > 0 && (frames_[depth - 1].word.load(std::memory_order_relaxed) & takenBit))
-        depth = pop(depth);
-    depth_.store(depth, std::memory_order_relaxed);
+    while (top_ && top_->isEnded())
+        pop();
 }
 
 [[gnu::always_inline]] inline void CallingContextTree::count(CallNode& node,

@@ -142,6 +142,9 @@ class CallingContextTree {
     }
 
   private:
+    static constexpr std::uint64_t takenBit = 1;
+    static constexpr std::uint32_t framesAtOnce = 256;
+
     /// An open call. Those of a stack have rising serials.
     struct alignas(64) Frame {
         /// The serial, and in the lowest bit whether the call was taken or ended.
@@ -150,10 +153,16 @@ class CallingContextTree {
         std::atomic<std::uint64_t> takenSerial;
         std::atomic<std::int64_t> start;
         std::atomic<CallNode*> node;
+        // Its thread's alone.
+        Frame* below;  ///< the call around it, or null
         std::int64_t inside;
         bool isNested;
+
+        /// By its own thread or another one.
+        bool isEnded() const noexcept {
+            return (word.load(std::memory_order_relaxed) & takenBit) != 0;
+        }
     };
-    static constexpr std::uint64_t takenBit = 1;
 
     CallNode* childOf(CallNode* parent, const Opaque* instrument, std::int64_t start) noexcept;
     CallNode* findOrAdd(CallNode& parent, const Opaque* instrument, std::int64_t start) noexcept;
@@ -162,13 +171,15 @@ class CallingContextTree {
     std::uint32_t& slotOf(const CallNode& parent, const Opaque* instrument) const noexcept;
     bool provideSlot() noexcept;
 
-    std::uint32_t frameOf(std::uint64_t serial) const noexcept;
+    Frame* nextFrame() noexcept;
+    Frame* provideFrame() noexcept;
+    Frame* frameOf(std::uint64_t serial) const noexcept;
     bool takeOwn(Frame& frame, std::uint64_t serial) noexcept;
     bool takeForeign(Frame& frame, std::uint64_t serial) noexcept;
     bool wasTaken(const Frame& frame, std::uint64_t serial) noexcept;
-    void end(std::uint32_t index, std::int64_t time) noexcept;
+    static void end(Frame& frame, std::int64_t time) noexcept;
+    void pop() noexcept;
     void popEnded() noexcept;
-    std::uint32_t pop(std::uint32_t depth) noexcept;
     static void count(CallNode& node, const EndedCall& call) noexcept;
 
     Key key_;
@@ -188,7 +199,9 @@ class CallingContextTree {
     std::size_t slotCount_ = 0;  ///< a power of two
     std::size_t slotsUsed_ = 0;
 
-    MappedChunks<Frame, 256, 4096> frames_;
+    Frame* top_ = nullptr;     ///< the innermost call on the stack
+    Frame* bottom_ = nullptr;  ///< the stack's first place, once there is memory for it
+    MappedChunks<Frame, framesAtOnce, 4096> frames_;
     CallNode root_{};
     MappedChunks<CallNode, 256, 1024> nodes_;  // 0 stands for the root
     std::atomic<std::uint32_t> instrumentCount_{0};

@@ -27,9 +27,9 @@ class CounterCore {
     }
 
     /// Whether it was counted before without a context, and is now again.
-    bool countAgain(const Edge& edge) noexcept {
-        CountTable* const table = tables_.known(edge.slots);
-        return table && edge.context.empty() && table->countAgain(edge.instrument);
+    bool countAgain(const Opaque* instrument, const ListenerSlot* slots) noexcept {
+        CountTable* const table = tables_.known(slots);
+        return table && table->countAgain(instrument);
     }
 
     /// Calls visit(name, words, count) for what was counted: once a thread, instrument and context.
@@ -67,11 +67,15 @@ class CounterCore {
     std::uint64_t lost() const noexcept { return tables_.lost(); }
 
   private:
-    static bool countShortly(InstrumentListener& listener, const Edge& edge) noexcept {
-        return static_cast<InstrumentCounter&>(listener).core_->countAgain(edge);
+    static bool countShortly(InstrumentListener& listener, const Opaque* instrument, std::uint64_t,
+                             std::int64_t, const ListenerSlot* slots) noexcept {
+        return static_cast<InstrumentCounter&>(listener).core_->countAgain(instrument, slots);
     }
-    static constexpr ShortOperations shortOperations{
-        .needsTicks = false, .needsTime = false, .instant = countShortly, .start = countShortly};
+    static constexpr ShortOperations shortOperations{.needsTime = false,
+                                                     .ignoresContext = false,
+                                                     .instant = countShortly,
+                                                     .start = countShortly,
+                                                     .stop = nullptr};
 
     const InstrumentCounter& counter_;
     ThreadShards<CountTable> tables_;

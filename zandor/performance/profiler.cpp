@@ -161,26 +161,29 @@ class ProfilerCore {
             trees_.countLost();
     }
 
-    /// The calling thread's, where it is known to be that of the event's source.
-    static CallingContextTree* treeOf(InstrumentListener& listener, const Edge& edge) noexcept {
-        CallingContextTree* const known =
-            static_cast<InstrumentProfiler&>(listener).core_->trees_.known(edge.slots);
-        return known && known->source() == edge.id.sourceId ? known : nullptr;
+    /// The calling thread's, where it is known: then it is that of its present source.
+    static CallingContextTree* treeOf(InstrumentListener& listener,
+                                      const ListenerSlot* slots) noexcept {
+        return static_cast<InstrumentProfiler&>(listener).core_->trees_.known(slots);
     }
-    static bool noteShortly(InstrumentListener& listener, const Edge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(listener, edge);
+    static bool noteShortly(InstrumentListener& listener, const Opaque*, std::uint64_t,
+                            std::int64_t, const ListenerSlot* slots) noexcept {
+        CallingContextTree* const tree = treeOf(listener, slots);
         return tree && tree->hasFirstEvent();
     }
-    static bool startShortly(InstrumentListener& listener, const Edge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(listener, edge);
-        return tree && tree->start(edge.instrument, edge.id.serialId, edge.time);
+    static bool startShortly(InstrumentListener& listener, const Opaque* instrument,
+                             std::uint64_t serial, std::int64_t time,
+                             const ListenerSlot* slots) noexcept {
+        CallingContextTree* const tree = treeOf(listener, slots);
+        return tree && tree->start(instrument, serial, time);
     }
-    static bool stopShortly(InstrumentListener& listener, const Edge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(listener, edge);
-        return tree && (tree->stop(edge.id.serialId, edge.time), true);
+    static bool stopShortly(InstrumentListener& listener, const Opaque*, std::uint64_t serial,
+                            std::int64_t time, const ListenerSlot* slots) noexcept {
+        CallingContextTree* const tree = treeOf(listener, slots);
+        return tree && (tree->stop(serial, time), true);
     }
-    static constexpr ShortOperations shortOperations{.needsTicks = true,
-                                                     .needsTime = true,
+    static constexpr ShortOperations shortOperations{.needsTime = true,
+                                                     .ignoresContext = true,
                                                      .instant = noteShortly,
                                                      .start = startShortly,
                                                      .stop = stopShortly};

@@ -121,6 +121,24 @@ TEST_F(Profiler, CountsDeepRecursionOnceToo) {
     EXPECT_EQ(of("even").self + of("odd").self, 2 * depth);
 }
 
+TEST_F(Profiler, KeepsManyCallsOfOneCallerApart) {
+    constexpr int names = 3000;
+    const EventId caller = begin("caller", 0);
+    for (int round = 0; round < 2; ++round)
+        for (int i = 0; i < names; ++i)
+            end(begin(("child" + std::to_string(i)).c_str(), i), i + 7);
+    end(caller, 10'000'000);
+    const auto rows = profiler.getSummary();
+    ASSERT_EQ(rows.size(), names + 1u);
+    EXPECT_EQ(of("caller").self, 10'000'000 - 2 * names * 7);
+    for (const CallSummary& row : rows) {
+        if (row.name == "caller")
+            continue;
+        EXPECT_EQ(row.calls, 2u) << row.name;
+        EXPECT_EQ(row.total, 14) << row.name;
+    }
+}
+
 TEST_F(Profiler, KnowsHowLongMostCallsTook) {
     for (int i = 1; i <= 1000; ++i)
         end(begin("f", 0), i <= 980 ? 1000 : 1'000'000);

@@ -1,7 +1,7 @@
 // For those who write listeners: a short way for the frequent edges of events.
 //
-// While every listener that is registered has one, an edge that a thread tells of its own event
-// goes to them without an EventContext and without virtual calls:
+// While every listener that is registered has one (a recorder has its own), an edge that a thread
+// tells of its own event goes to them without an EventContext and without virtual calls:
 //
 //   const ShortOperations shortOperations{.needsTime = true, .start = ..., .stop = ...};
 //
@@ -13,7 +13,6 @@
 
 #include <cstdint>
 
-#include "zandor/instrument/event_id.hpp"
 #include "zandor/instrument/export.hpp"
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/listener_slot.hpp"
@@ -22,31 +21,20 @@ namespace instrument {
 
 class InstrumentListener;
 
-namespace detail {
-struct SourceInfo;
-}
-
-/// An edge of the delivering thread's own event. Gone when the operation returns.
-struct Edge {
-    const Opaque* instrument;
-    EventId id;
-    /// Its texts stay for the life of the process.
-    ContextArgs context;
-    std::uint64_t ticks;  ///< of the raw clock; 0 where no listener needs it
-    std::int64_t time;    ///< nanoseconds of the monotonic clock; 0 where no listener needs it
-    /// What the thread keeps for listeners: see ListenerData.
-    detail::ListenerSlot* slots;
-    detail::SourceInfo* source;
-};
-
-/// What a listener does with such edges instead of its own operations. Each takes no lock that is
-/// held for long, calls no code of others, and tells whether it did all that there is to do: where
-/// not, it has done nothing, and the listener's own operation is called.
+/// What a listener does with such edges instead of its own operations.
 struct ShortOperations {
-    using Operation = bool (*)(InstrumentListener& listener, const Edge& edge) noexcept;
+    /// Takes no lock that is held for long, calls no code of others, and tells whether it did all
+    /// that there is to do: where not, it has done nothing, and the listener's own operation is
+    /// called. The serial is that of the event in the calling thread's own source; the time is the
+    /// monotonic clock's; `slots` is what the thread keeps for listeners: see ListenerData.
+    using Operation = bool (*)(InstrumentListener& listener, const Opaque* instrument,
+                               std::uint64_t serial, std::int64_t time,
+                               const detail::ListenerSlot* slots) noexcept;
 
-    bool needsTicks = false;
+    /// Else the time is 0, and no clock is read for it.
     bool needsTime = false;
+    /// Else it is told of edges without context only.
+    bool ignoresContext = false;
     // Null where there is nothing to do.
     Operation instant = nullptr;
     Operation start = nullptr;

@@ -1,0 +1,201 @@
+#include "zandor/instrument/short_way.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "zandor/instrument/decided_events.hpp"
+#include "zandor/instrument/instrument.hpp"
+#include "zandor/instrument/recorder.hpp"
+#include "zandor/instrument/testing/event_log.hpp"
+
+namespace instrument {
+namespace {
+
+using test_support::ControlsTest;
+using test_support::CountingListener;
+using test_support::HandlerListener;
+using test_support::onThreads;
+using ::testing::SizeIs;
+
+/// Counts what it hears by its short way and by its operations.
+class ShortListener : public HandlerListener {
+  public:
+    explicit ShortListener(const ShortOperations& operations = takesAll)
+        : HandlerListener([this](auto&&...) { ++generally; }), shortWay_(*this, operations) {}
+    ~ShortListener() override { listeners.remove(*this); }
+
+    std::uint64_t total() const { return shortly + generally; }
+
+    std::atomic<std::uint64_t> shortly{0};
+    std::atomic<std::uint64_t> generally{0};
+    std::atomic<std::int64_t> latestTime{0};
+
+    static bool take(InstrumentListener& listener, const Opaque*, std::uint64_t, std::int64_t time,
+                     const detail::ListenerSlot*) noexcept {
+        auto& self = static_cast<ShortListener&>(listener);
+        ++self.shortly;
+        self.latestTime = time;
+        return true;
+    }
+    static bool leave(InstrumentListener&, const Opaque*, std::uint64_t, std::int64_t,
+                      const detail::ListenerSlot*) noexcept {
+        return false;
+    }
+    static constexpr ShortOperations takesAll{
+        .needsTime = true, .ignoresContext = false, .instant = take, .start = take, .stop = take};
+    static constexpr ShortOperations leavesStops{
+        .needsTime = false, .ignoresContext = true, .instant = take, .start = take, .stop = leave};
+    static constexpr ShortOperations ignoresStops{.needsTime = false,
+                                                  .ignoresContext = true,
+                                                  .instant = take,
+                                                  .start = take,
+                                                  .stop = nullptr};
+
+  private:
+    const ShortWay shortWay_;
+};
+
+class ShortWayTest : public ControlsTest {
+  protected:
+    void SetUp() override {
+        ControlsTest::SetUp();
+        controls.enableAll(true);
+    }
+    static void emit() {
+        static const Instrument solve{"short.solve"};
+        const Scope scope{solve};
+        solve.instant();
+    }
+};
+
+TEST_F(ShortWayTest, EachListenerHearsEachEdgeOnceAndTheRecorderTheSame) {
+    InstrumentRecorder recorder;
+    ShortListener first;
+    ShortListener second;
+    listeners.add(first);
+    listeners.add(recorder);
+    listeners.add(second);
+    for (int i = 0; i < 100; ++i)
+        emit();
+    EXPECT_EQ(first.total(), 300u);
+    EXPECT_EQ(second.total(), 300u);
+    EXPECT_GT(first.shortly, 0u);
+    EXPECT_THAT(recorder.getEvents("short.solve"), SizeIs(100));
+    EXPECT_EQ(first.latestTime, second.latestTime) << "the clock was read twice";
+    EXPECT_EQ(recorder.getAllEventPoints().back().timePoint, first.latestTime);
+}
+
+TEST_F(ShortWayTest, AListenerWithoutOneTakesTheOthersTheGeneralWay) {
+    ShortListener quick;
+    CountingListener plain;
+    listeners.add(quick);
+    emit();
+    EXPECT_EQ(quick.shortly, 3u);
+    listeners.add(plain);
+    emit();
+    EXPECT_EQ(quick.shortly, 3u);
+    EXPECT_EQ(quick.generally, 3u);
+    EXPECT_EQ(plain.total(), 3u);
+    listeners.remove(plain);
+    emit();
+    EXPECT_EQ(quick.shortly, 6u);
+}
+
+TEST_F(ShortWayTest, WhatAShortWayLeavesReachesTheOperation) {
+    ShortListener leaving(ShortListener::leavesStops);
+    listeners.add(leaving);
+    emit();
+    EXPECT_EQ(leaving.shortly, 2u);
+    EXPECT_EQ(leaving.generally, 1u);
+}
+
+TEST_F(ShortWayTest, AClassDerivedFromAListenerHasNone) {
+    struct Derived : ShortListener {
+        void onStart(const Opaque*, const EventContext&, EventId) override { ++starts; }
+        ~Derived() override { listeners.remove(*this); }
+        int starts = 0;
+    } derived;
+    listeners.add(derived);
+    emit();
+    EXPECT_EQ(derived.starts, 1);
+    EXPECT_EQ(derived.shortly, 0u);
+}
+
+TEST_F(ShortWayTest, EdgesWithContextReachThoseThatDoNotIgnoreItByTheirOperation) {
+    InstrumentRecorder recorder;
+    ShortListener ignoring(ShortListener::leavesStops);
+    ShortListener asking;
+    for (InstrumentListener* listener :
+         std::vector<InstrumentListener*>{&recorder, &ignoring, &asking})
+        listeners.add(*listener);
+    emit();  // the recorder takes a thread's first event the general way
+    const std::uint64_t ignoringBefore = ignoring.shortly;
+    const std::uint64_t askingBefore = asking.generally;
+    const Instrument solve{"short.context"};
+    solve.instant({{"n", 3}, {"method", "cg"}});
+    EXPECT_EQ(ignoring.shortly, ignoringBefore + 1);
+    EXPECT_EQ(asking.generally, askingBefore + 1);
+    EXPECT_EQ(test_support::textOf(recorder.getEventPoints("short.context").at(0).context),
+              "method=cg n=3");
+}
+
+TEST_F(ShortWayTest, AStopIsToldWhereverAListenerCameThatHearsStops) {
+    ShortListener deaf(ShortListener::ignoresStops);
+    ShortListener hearing;
+    listeners.add(deaf);
+    const Instrument solve{"short.solve"};
+    OpenEvent event = solve.start();
+    solve.stop(event);
+    EXPECT_EQ(deaf.total(), 1u);
+    event = solve.start();
+    listeners.add(hearing);
+    solve.stop(event);
+    EXPECT_EQ(hearing.total(), 1u);
+}
+
+TEST_F(ShortWayTest, DecidedEventsTakeTextsThatDoNotStay) {
+    InstrumentRecorder recorder;
+    listeners.add(recorder);
+    const Opaque* solve = controls.getHandle("short.decided");
+    for (const char* text : {"first", "second"}) {
+        std::string value(text);
+        const ContextArg arg{"step", value};
+        const EventId id = tellStart(solve, {&arg, 1});
+        tellStop(solve, {&arg, 1}, id);
+        value.assign(value.size(), 'x');
+    }
+    const auto events = recorder.getEvents("short.decided");
+    ASSERT_THAT(events, SizeIs(2));
+    EXPECT_EQ(test_support::textOf(events[0].context), "step=first");
+    EXPECT_EQ(test_support::textOf(events[1].context), "step=second");
+}
+
+TEST_F(ShortWayTest, AListenerMayGoAsSoonAsItsRemovalReturns) {
+    InstrumentRecorder recorder;
+    listeners.add(recorder);
+    std::atomic<bool> done{false};
+    std::atomic<std::uint64_t> emitted{0};
+    onThreads(3, [&](int thread) {
+        if (thread == 0) {
+            for (int i = 0; i < 500; ++i) {
+                auto listener = std::make_unique<ShortListener>();
+                listeners.add(*listener);
+                listeners.remove(*listener);
+            }
+            done = true;
+        }
+        while (!done) {
+            emit();
+            ++emitted;
+        }
+    });
+    EXPECT_EQ(recorder.getEvents("short.solve").size() + recorder.drops().total(), emitted);
+}
+
+}  // namespace
+}  // namespace instrument
