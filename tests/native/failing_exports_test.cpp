@@ -177,8 +177,8 @@ const std::vector<Case>& readings() {
     return table;
 }
 
-/// What the files say. Trace files also tell of the time when they were written: of them, what is
-/// made from them.
+/// What the files say. Trace files also tell of the time when they were written, and count time by
+/// what was known of the clock then: of them, what is made from them, but for times.
 Files saidIn(const fs::path& folder) {
     Files said = filesIn(folder);
     if (said.contains("b.vtrace") && said["b.vtrace"] != "old") {
@@ -186,7 +186,7 @@ Files saidIn(const fs::path& folder) {
         said["b.vtrace"] = std::to_string(trace.isComplete()) + " complete, " +
                            std::to_string(trace.damagedBlocks()) + " damaged, " +
                            std::to_string(trace.eventCount()) + " events, " +
-                           std::to_string(trace.duration()) + " ns";
+                           (trace.duration() > 0 ? "some time" : "no time");
     }
     return said;
 }
