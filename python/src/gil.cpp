@@ -12,8 +12,10 @@ namespace vantrace {
 namespace {
 
 /// How many sections without the lock run in the process, and how many of them this thread is in.
+/// The latter is there with the thread: made at its first use, want of memory would end the
+/// process.
 constinit std::atomic<int> running{0};
-constinit thread_local int runningHere = 0;
+constinit thread_local int runningHere [[gnu::tls_model("initial-exec")]] = 0;
 
 /// Whether somebody waits for `running`. Both are sequentially consistent: whoever ends a section
 /// after the look at `running` sees that it is awaited.

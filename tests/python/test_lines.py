@@ -380,7 +380,7 @@ def test_a_report_shows_lines_by_function(page):
     sources = browser.texts("#bylines .source code")
     assert "sum(range(3_000_000))  # native" in sources
     assert str(line_of("# native")) in browser.texts("#bylines .place")
-    assert browser.texts("#bythreads tbody th") == ["MainThread"]
+    assert "MainThread" in browser.texts("#bythreads tbody th")
     assert browser.seen() == {"errors": [], "messages": [], "requests": []}
 
 

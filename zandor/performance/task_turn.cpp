@@ -5,8 +5,9 @@
 namespace Performance::CooperativeTaskManager {
 
 namespace {
-thread_local int turnsOfThisThread = 0;
-}
+// There with the thread: made at its first use, want of memory would end the process.
+constinit thread_local int turnsOfThisThread [[gnu::tls_model("initial-exec")]] = 0;
+}  // namespace
 
 Task::Turn::Turn(Task& task) : task_(task) {
     const std::lock_guard guard(TaskManagerState::get().lock);
