@@ -11,6 +11,8 @@
 #include "zandor/runtime/class_system.hpp"
 
 namespace vantrace_testing {
+// Apart from the functions of these names that give values of the host's own interface.
+inline namespace cells {
 
 inline kobs::Cell cellOf(const hxArray* array) {
     return std::bit_cast<kobs::Cell>(array);
@@ -61,4 +63,5 @@ struct Invocation {
     kobs::Cell results[2] = {untouched, untouched};
 };
 
+}  // namespace cells
 }  // namespace vantrace_testing
