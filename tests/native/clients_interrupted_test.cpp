@@ -7,6 +7,7 @@
 #include <set>
 
 #include "client_support.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace client_tests {
 namespace {
@@ -48,7 +49,7 @@ TEST_F(InterruptedClients, EventsInSignalHandlersAreTakenOrCounted) {
             published += event.serial != 0 ? 2 : 1;
         }
     });
-    constexpr std::uint64_t signals = 300;
+    constexpr std::uint64_t signals = ZANDOR_SANITIZED ? 60 : 300;
     for (std::uint64_t i = 1; i <= signals; ++i) {
         pthread_kill(producer.native_handle(), SIGUSR1);
         EXPECT_TRUE(waitUntil([&] { return handled == i; }));
@@ -104,7 +105,7 @@ TEST_F(InterruptedClients, ForksWhileThreadsProduceDisturbNeitherSide) {
             while (!isDone)
                 client.stop(client.start("beside"));
         });
-    for (int i = 0; i < 30; ++i) {
+    for (int i = 0; i < (ZANDOR_SANITIZED ? 8 : 30); ++i) {
         const pid_t child = fork();
         if (child == 0)
             _exit(0);

@@ -10,6 +10,7 @@
 #include "zandor/instrument/source.hpp"
 #include "zandor/instrument/testing/event_log.hpp"
 #include "zandor/instrument/thread_state.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace instrument {
 namespace {
@@ -142,7 +143,7 @@ TEST_F(ForkTest, AChildOfAChildEmitsToo) {
 
 // Whatever the other threads are at when the process forks, the child finds no lock held.
 TEST_F(ForkTest, ThousandsOfForksWhileThreadsEmitSwitchAndListen) {
-    constexpr int forks = 2000;
+    constexpr int forks = ZANDOR_SANITIZED ? 200 : 2000;
     std::atomic<bool> done{false};
     CountingListener counting;
     listeners.add(counting);

@@ -13,6 +13,7 @@
 #include "zandor/instrument/exports.hpp"
 #include "zandor/instrument/source.hpp"
 #include "zandor/instrument/trace_file.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace instrument {
 namespace {
@@ -136,7 +137,7 @@ TEST_F(TraceFileTest, SurvivesWhateverAFileHolds) {
     const std::string good = contentOf(savedTrace());
     const fs::path file = folder_ / "bad.vtrace";
     std::mt19937 random(1);
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < (ZANDOR_SANITIZED ? 60 : 300); ++round) {
         std::string bad = good;
         for (int change = 0; change < 5; ++change)
             bad[random() % bad.size()] = static_cast<char>(random());

@@ -9,6 +9,7 @@
 #include "zandor/instrument/testing/string_sink.hpp"
 #include "zandor/instrument/testing/trace_rules.hpp"
 #include "zandor/instrument/trace_event_json.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace {
 
@@ -130,7 +131,8 @@ bool isUndisturbed(const detail::Recording& recording, const detail::RecordedEve
 TEST_P(RandomTraces, NestInDoublesAndShowEachEventOnce) {
     const bool isUtc = GetParam().timeSystem == TimeSystem::utc;
     const std::int64_t step = isUtc ? 250 : 1;
-    for (unsigned seed = 0; seed < 2000 && !HasFailure(); ++seed) {
+    constexpr unsigned recordings = ZANDOR_SANITIZED ? 200 : 2000;
+    for (unsigned seed = 0; seed < recordings && !HasFailure(); ++seed) {
         RecordingBuilder builder = randomRecording(seed);
         const detail::Recording& recording = builder.build();
         test_support::StringSink sink;
