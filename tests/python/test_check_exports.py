@@ -6,6 +6,8 @@ import sys
 
 import pytest
 
+pytestmark = pytest.mark.unsanitized
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 CHECK = ROOT / "tools" / "check_exports.py"
 

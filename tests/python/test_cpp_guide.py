@@ -10,6 +10,8 @@ from conftest import BUILD, ROOT
 from test_install import check, prefix
 from trace_rules import check_trace, events_of
 
+pytestmark = pytest.mark.unsanitized
+
 GUIDE = (ROOT / "docs/cpp.md").read_text(encoding="utf-8")
 PROJECT = re.search(r"(?s)```cmake\n(.*?)```", GUIDE)[1]
 PROGRAMS = re.findall(r"(?s)## ([^\n]+)\n(?:(?!\n## ).)*?```cpp\n(.*?)```", GUIDE)

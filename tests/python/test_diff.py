@@ -8,6 +8,8 @@ import pytest
 import vantrace
 from conftest import run_python
 
+pytestmark = pytest.mark.unsanitized
+
 
 @pytest.fixture(name="command")
 def fixture_command(tmp_path):

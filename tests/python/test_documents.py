@@ -23,6 +23,8 @@ from documents import (
     runner_of,
 )
 
+pytestmark = pytest.mark.unsanitized
+
 
 def parameters(runner):
     """A test's blocks, for pytest."""

@@ -8,6 +8,8 @@ import pytest
 from conftest import ROOT, run_python
 from test_install import check, prefix
 
+pytestmark = pytest.mark.unsanitized
+
 GUIDE = (ROOT / "docs/plugins.md").read_text(encoding="utf-8")
 IS_UNMAPPED = 'assert "libgeometry" not in open("/proc/self/maps").read()\n'
 

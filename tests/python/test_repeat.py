@@ -8,6 +8,8 @@ import pytest
 
 from conftest import run_python
 
+pytestmark = pytest.mark.unsanitized
+
 SCRIPT = """
 import os, sys, vantrace
 path = os.path.join(os.path.dirname(__file__), "runs")
