@@ -242,19 +242,21 @@ other = subprocess.Popen([sys.executable, "other.py"], stdin=subprocess.PIPE, st
 other.stdout.read()
 print(other.pid)
 os.set_inheritable(other.stdin.fileno(), True)
-if os.fork() == 0:  # keeps its input open for longer than the script lasts
+keeper = os.fork()
+if keeper == 0:  # keeps its input open for longer than the script lasts
     os.close(1)
     os.close(2)
     os.close(0)
     os.setsid()
     while True:
         os.pause() if hasattr(os, "pause") else __import__("signal").pause()
+print(keeper)
 """
     )
-    other = int(done.stdout)
+    other, keeper = map(int, done.stdout.split())
     os.kill(other, 0)  # it still runs
     assert len(found["worker.work"]) == 1
-    subprocess.run(["pkill", "-KILL", "-f", str(tmp_path / "script.py")], check=False)
+    os.kill(keeper, signal.SIGKILL)
     try:
         os.kill(other, signal.SIGKILL)
     except ProcessLookupError:
