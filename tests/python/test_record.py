@@ -298,7 +298,7 @@ def test_traces_while_threads_go_on(tmp_path):
             emit()
 
     thread = threading.Thread(target=work)
-    with vantrace.record() as recording:
+    with vantrace.record(max_bytes=2 << 20) as recording:
         thread.start()
         try:
             for number in range(5):
