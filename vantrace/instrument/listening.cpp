@@ -19,8 +19,7 @@ void Listening::start() {
 }
 
 void Listening::stop() {
-    controls.enableAll(savedEnableAll_);
-    savedEnableAll_ = false;
+    controls.enableAll(savedEnableAll_.exchange(false));
     listeners.remove(listener_);
 }
 

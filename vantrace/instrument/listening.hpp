@@ -1,13 +1,15 @@
 // Starting and stopping one of the library's own listeners.
 #pragma once
 
+#include <atomic>
+
 #include "zandor/instrument/listener.hpp"
 
 namespace vantrace {
 
 /// Registers a listener and switches every instrument on while it listens. Two starts without a
-/// stop lose the switch's state from before the first: the stop then leaves everything on. To be
-/// used from one thread.
+/// stop lose the switch's state from before the first: the stop then leaves everything on. Of
+/// starts and stops that threads make at once, some last one decides.
 class Listening {
   public:
     constexpr explicit Listening(instrument::InstrumentListener& listener) noexcept
@@ -20,7 +22,7 @@ class Listening {
 
   private:
     instrument::InstrumentListener& listener_;
-    bool savedEnableAll_ = false;
+    std::atomic<bool> savedEnableAll_ = false;
 };
 
 }  // namespace vantrace
