@@ -60,7 +60,7 @@ def fixture_recordings(tmp_path_factory):
     return files
 
 
-@pytest.mark.skipif(BUILD.name != "release", reason="sanitizers keep what was freed")
+@pytest.mark.unsanitized  # sanitizers keep what was freed
 @pytest.mark.parametrize(
     "name, options",
     [
