@@ -19,6 +19,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include "zandor/instrument/export.hpp"
@@ -32,7 +33,11 @@ struct SourceLine {
     std::uint32_t number = 0;
     std::string text;  ///< of the line, as far as the file could be read; without its indentation
 
-    auto operator<=>(const SourceLine&) const = default;
+    bool operator==(const SourceLine&) const = default;
+    bool operator<(const SourceLine& other) const {
+        return std::tie(file, function, number, text) <
+               std::tie(other.file, other.function, other.number, other.text);
+    }
 };
 
 /// What a thread spent on a line, or on all, in some period; nanoseconds.
