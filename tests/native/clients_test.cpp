@@ -375,10 +375,11 @@ TEST_F(Clients, SeveralHostsHaveTheSameEvents) {
     ASSERT_TRUE(waitUntil([&] {
         aggregator_.refreshActiveClients();
         client.instant("probe");
-        aggregator_.collectEvents();
         const auto before = recorder_.getEventPoints("probe").size();
+        aggregator_.collectEvents();
+        const auto between = recorder_.getEventPoints("probe").size();
         second.collectEvents();
-        return before > 0 && recorder_.getEventPoints("probe").size() > before;
+        return between > before && recorder_.getEventPoints("probe").size() > between;
     }));
     recorder_.clearAllEventData();
     client.instant("for both");
