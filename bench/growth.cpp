@@ -5,7 +5,6 @@
 //
 // Prints {"each": nanoseconds of CPU time, "bytes": memory} for one event or record. A query for a
 // rare name tells nanoseconds for each event of the recording.
-#include <stdlib.h>
 #include <sys/mman.h>
 #include <time.h>
 
@@ -21,6 +20,7 @@
 #include <utility>
 #include <vector>
 
+#include "bench/temporary_folder.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/exports.hpp"
 #include "zandor/instrument/instrument.hpp"
@@ -108,21 +108,6 @@ class Recording {
     double time = 0;
 };
 
-class Folder {
-  public:
-    Folder() {
-        char path[] = "/tmp/zandor-bench-XXXXXX";
-        path_ = mkdtemp(path);
-    }
-    ~Folder() { std::filesystem::remove_all(path_); }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::string file() const { return path_ + "/file"; }
-
-  private:
-    std::string path_;
-};
-
 Cost costOf(double time, double bytes, std::size_t count) {
     return {time / static_cast<double>(count), bytes / static_cast<double>(count)};
 }
@@ -151,9 +136,10 @@ Cost rareName(std::size_t events) {
 template <class Save>
 Cost saved(std::size_t events, Save save) {
     const Recording recorded(events);
-    const Folder folder;
-    const double time = timed([&] { save(recorded.recorder, folder.file()); });
-    return costOf(time, static_cast<double>(std::filesystem::file_size(folder.file())), events);
+    const bench::TemporaryFolder folder;
+    const double time = timed([&] { save(recorded.recorder, folder.file("saved")); });
+    return costOf(time, static_cast<double>(std::filesystem::file_size(folder.file("saved"))),
+                  events);
 }
 
 Cost json(std::size_t events) {

@@ -1,7 +1,5 @@
 // Records events of any names and contexts, nested as calls are, and writes every export: each has
 // to parse and to agree with what was recorded.
-//
-// With --seeds FOLDER it writes a few recordings there, to begin from.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <zlib.h>
 
@@ -18,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/seeds.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/exports.hpp"
 #include "zandor/instrument/instrument.hpp"
@@ -223,23 +222,10 @@ void check(const instrument::InstrumentRecorder& recorder, const Recorded& recor
     parsed(trace.reportData());
 }
 
-void writeSeeds(const fs::path& target) {
-    std::uint32_t state = 7;
-    for (int seed = 0; seed < 6; ++seed) {
-        std::ofstream file(target / ("events-" + std::to_string(seed)), std::ios::binary);
-        for (int i = 0; i < 400; ++i)
-            file.put(static_cast<char>((state = state * 1'664'525 + 1'013'904'223) >> 24));
-    }
-}
-
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
-        writeSeeds((*argv)[2]);
-        std::exit(0);
-    }
-    return 0;
+void fuzzing::writeSeeds(const fs::path& folder) {
+    writeNoise(folder, 6, 400);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -3,8 +3,6 @@
 //
 // Values go through the host's own call or, in the shape that the method declares, straight into
 // its cells. Libraries and files come from fixed lists, and nothing waits: the clock is injected.
-//
-// With --seeds FOLDER it writes a few calls there, to begin from.
 #include <fuzzer/FuzzedDataProvider.h>
 
 #include <array>
@@ -26,6 +24,7 @@
 #include "fuzz/host_values.hpp"
 #include "fuzz/injected_clock.hpp"
 #include "fuzz/method_table.hpp"
+#include "fuzz/seeds.hpp"
 #include "fuzz/understood_call.hpp"
 #include "vantrace/instrument/method_tables.hpp"
 #include "vantrace/module/entry.hpp"
@@ -303,23 +302,10 @@ class Run {
     std::vector<Id> ids_;
 };
 
-void writeSeeds(const std::filesystem::path& target) {
-    std::uint32_t state = 1;
-    for (int seed = 0; seed < 8; ++seed) {
-        std::ofstream file(target / ("calls-" + std::to_string(seed)), std::ios::binary);
-        for (int i = 0; i < 1500; ++i)
-            file.put(static_cast<char>((state = state * 1'664'525 + 1'013'904'223) >> 24));
-    }
-}
-
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
-        writeSeeds((*argv)[2]);
-        std::exit(0);
-    }
-    return 0;
+void fuzzing::writeSeeds(const std::filesystem::path& folder) {
+    writeNoise(folder, 8, 1500);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -3,13 +3,9 @@
 // The first half of the input is what the client wrote, the second what stands there when it is
 // read the next time, as if it had been written over. Most inputs are given a header and stamps
 // that are right, so that the fuzzer gets behind them.
-//
-// With --seeds FOLDER it writes a few inputs there, to begin from.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
-#include <fstream>
-#include <string>
 
 #include <algorithm>
 #include <cstdint>
@@ -17,7 +13,9 @@
 #include <cstring>
 #include <span>
 #include <stdexcept>
+#include <string>
 
+#include "fuzz/seeds.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/listeners.hpp"
 #include "zandor/instrument/recorder.hpp"
@@ -128,14 +126,10 @@ void drain(ExternalRing& ring, ExternalTimes& times, ExternalDelivery& delivery)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
-        const std::string folder = (*argv)[2];
-        for (const std::size_t size : {64u, 1024u, 4096u})
-            std::ofstream(folder + "/zeros-" + std::to_string(size)) << std::string(size, '\0');
-        std::exit(0);
-    }
-    return 0;
+void fuzzing::writeSeeds(const std::filesystem::path& folder) {
+    std::size_t number = 0;
+    for (const std::size_t size : {64, 1024, 4096})
+        writeSeed(folder, number++, std::string(size, '\0'));
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {

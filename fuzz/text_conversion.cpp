@@ -1,16 +1,14 @@
 // Converts texts of any bytes and any UTF-16 units both ways, beside a plain decoder of its own.
-//
-// With --seeds FOLDER it writes a few texts there, to begin from.
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "fuzz/seeds.hpp"
 #include "zandor/runtime/array.hpp"
 #include "zandor/runtime/text.hpp"
 
@@ -108,22 +106,14 @@ void tryUnits(const std::u16string& text) {
     expect(matrix::hx::hxArrayToStdString(array.get()) == bytes, "an array's text");
 }
 
-void writeSeeds(const std::filesystem::path& folder) {
-    const std::string_view texts[] = {"plain", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80",
-                                      "\xed\xa0\x80\xc0\xaf\xf5", "a\xf0\x9f\x98"};
-    int number = 0;
-    for (const std::string_view text : texts)
-        std::ofstream(folder / ("text-" + std::to_string(number++)), std::ios::binary) << text;
-}
-
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
-        writeSeeds((*argv)[2]);
-        std::exit(0);
-    }
-    return 0;
+void fuzzing::writeSeeds(const std::filesystem::path& folder) {
+    const std::string_view texts[] = {"plain", "\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80",
+                                      "\xed\xa0\x80\xc0\xaf\xf5", "a\xf0\x9f\x98"};
+    std::size_t number = 0;
+    for (const std::string_view text : texts)
+        writeSeed(folder, number++, text);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

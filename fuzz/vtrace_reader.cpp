@@ -1,17 +1,15 @@
 // Reads trace files of any bytes and writes every export of what they give.
-//
-// With --seeds FOLDER it writes a few good files there, to begin from.
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <span>
 #include <stdexcept>
 #include <string>
 
+#include "fuzz/seeds.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/listeners.hpp"
@@ -72,7 +70,9 @@ void viewEverything(const std::filesystem::path& file) {
     view.details({});
 }
 
-void writeSeeds(const std::filesystem::path& folder) {
+}  // namespace
+
+void fuzzing::writeSeeds(const std::filesystem::path& folder) {
     instrument::controls.enableAll(true);
     instrument::InstrumentRecorder recorder;
     instrument::listeners.add(recorder);
@@ -89,16 +89,6 @@ void writeSeeds(const std::filesystem::path& folder) {
     instrument::combineTraceFiles({folder / "events.vtrace", folder / "events.vtrace"},
                                   folder / "two.vtrace");
     instrument::listeners.remove(recorder);
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
-        writeSeeds((*argv)[2]);
-        std::exit(0);
-    }
-    return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,7 +1,5 @@
 // Reads XML files of any bytes, and the text of their root's first "release". A document that is
 // read gives the same release again when that is written into another.
-//
-// With --seeds FOLDER it writes a few documents there, to begin from.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -10,12 +8,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
+#include "fuzz/seeds.hpp"
 #include "zandor/performance/xml.hpp"
 #include "zandor/runtime/path.hpp"
 #include "zandor/runtime/text.hpp"
@@ -71,7 +69,9 @@ std::string escaped(std::string_view text) {
     return safe;
 }
 
-void writeSeeds(const std::filesystem::path& folder) {
+}  // namespace
+
+void fuzzing::writeSeeds(const std::filesystem::path& folder) {
     const std::string_view documents[] = {
         "<r><release>9.1</release></r>",
         "<?xml version='1.0' encoding='ISO-8859-1'?><r><release>\xe9</release></r>",
@@ -79,19 +79,9 @@ void writeSeeds(const std::filesystem::path& folder) {
         "<r><a><release>no</release></a></r>",
         "<!DOCTYPE r SYSTEM 'no.dtd'><r><release/></r>",
     };
-    int number = 0;
+    std::size_t number = 0;
     for (const std::string_view document : documents)
-        std::ofstream(folder / (std::to_string(number++) + ".xml"), std::ios::binary) << document;
-}
-
-}  // namespace
-
-extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv) {
-    if (*argc == 3 && std::strcmp((*argv)[1], "--seeds") == 0) {
-        writeSeeds((*argv)[2]);
-        std::exit(0);
-    }
-    return 0;
+        writeSeed(folder, number++, document);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {

@@ -1,6 +1,5 @@
 // A recording as trace-event JSON, beside a writer by hand that does no more than the text needs.
 #include <fcntl.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <charconv>
@@ -13,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bench/temporary_folder.hpp"
 #include "measuring.hpp"
 #include "zandor/instrument/exports.hpp"
 
@@ -37,21 +37,6 @@ InstrumentRecorder& recording() {
         throw std::runtime_error("events were dropped");
     return recorder;
 }
-
-class Folder {
-  public:
-    Folder() {
-        char path[] = "/tmp/zandor-bench-XXXXXX";
-        path_ = mkdtemp(path);
-    }
-    ~Folder() { std::filesystem::remove_all(path_); }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    std::string file(const char* name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
 
 /// Keeps its memory.
 class Text : public instrument::TextSink {
@@ -142,7 +127,7 @@ BENCHMARK(jsonToMemory)->MeasureProcessCPUTime();
 void floorJsonToFile(benchmark::State& state) {
     const auto all = completeEvents();
     const auto names = beginnings();
-    const Folder folder;
+    const bench::TemporaryFolder folder;
     std::vector<char> buffer(std::size_t{256} << 10);
     while (state.KeepRunningBatch(events)) {
         const int file =
@@ -174,7 +159,7 @@ void forgetPeak() {
 
 void jsonToFile(benchmark::State& state) {
     const InstrumentRecorder& recorder = recording();
-    const Folder folder;
+    const bench::TemporaryFolder folder;
     forgetPeak();
     const double before = statusOf("VmRSS:");
     while (state.KeepRunningBatch(events))

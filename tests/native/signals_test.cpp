@@ -1,14 +1,12 @@
 // Events from the handler of a timer's signal, with every listener that we have, while the program
 // allocates, records, reads and clears.
-#include <signal.h>
-#include <sys/time.h>
-
 #include <atomic>
 #include <memory>
 #include <vector>
 
 #include "soak_support.hpp"
 #include "zandor/instrument/testing/recorder_support.hpp"
+#include "zandor/instrument/testing/timer_signals.hpp"
 #include "zandor/performance/counter.hpp"
 #include "zandor/performance/profiler.hpp"
 
@@ -16,6 +14,7 @@ namespace instrument {
 namespace {
 
 using test_support::Listening;
+using test_support::TimerSignals;
 
 constinit std::atomic<int> handled{0};
 
@@ -25,32 +24,10 @@ void emitFromHandler(int) {
     const Scope scope{instrument.get(), {{"n", 1}, {"text", "some text"}}};
 }
 
-/// A timer's signals, ten thousand a second at most, while it lives.
-class Timer {
-  public:
-    Timer() {
-        handled = 0;
-        struct sigaction action = {};
-        action.sa_handler = emitFromHandler;
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGALRM, &action, &before_);
-        const itimerval each{{0, 100}, {0, 100}};
-        setitimer(ITIMER_REAL, &each, nullptr);
-    }
-    ~Timer() {
-        const itimerval never{};
-        setitimer(ITIMER_REAL, &never, nullptr);
-        sigaction(SIGALRM, &before_, nullptr);
-    }
-    Timer(const Timer&) = delete;
-    Timer& operator=(const Timer&) = delete;
-
-  private:
-    struct sigaction before_;
-};
-
 class Signals : public Counted<test_support::RecorderTest> {
   protected:
+    Signals() { handled = 0; }
+
     static std::uint64_t countOf(const InstrumentCounter& counter, const char* name) {
         return static_cast<std::uint64_t>(counter.getEventCount(name).count);
     }
@@ -66,7 +43,7 @@ TEST_P(Signals, ThatInterruptAllocationAndDeliveryLoseNothingUncounted) {
     const std::uint64_t suppressedBefore = listeners.suppressedEvents();
     std::uint64_t own = 0;
     {
-        const Timer timer;
+        const TimerSignals timer(emitFromHandler);
         std::vector<std::unique_ptr<char[]>> blocks(64);
         for (std::size_t i = 0; handled < count(); ++i) {
             blocks[i % blocks.size()] = std::make_unique<char[]>(1 + i * 37 % 5000);
@@ -87,7 +64,7 @@ TEST_P(Signals, ThatInterruptReadingAndClearingDoNotWaitForThem) {
     InstrumentCounter counter;
     InstrumentProfiler profiler;
     const Listening listening[] = {Listening(recorder), Listening(counter), Listening(profiler)};
-    const Timer timer;
+    const TimerSignals timer(emitFromHandler);
     while (handled < count()) {
         const Scope scope{work_};
         recorder.getAllEventStats();

@@ -11,7 +11,7 @@ import vantrace
 from conftest import BUILD, run_python
 from vantrace import _core, host
 
-# The stub of the published tree is not made in sanitized builds.
+# The types of the published tree are not written in sanitized builds.
 pytestmark = pytest.mark.unsanitized
 
 PACKAGE = Path(vantrace.__file__).parent
@@ -117,8 +117,8 @@ plain("3")  # arg-type
 
 # Of what is checked these are not alike on purpose.
 DIFFERENT = r"""
-vantrace\._.*             # private modules: their stubs hold what of them is public
-vantrace\.performance     # a class of its own in the stub, with what is published as members
+vantrace\._.*             # private modules: their types are of what is public in them
+vantrace\.performance     # to a checker a class, with what is published as members
 vantrace\.event\.__enter__
 vantrace\.event\.__exit__
 vantrace\.host\.Method
@@ -146,16 +146,16 @@ def check(program, folder):
     return {int(line): code for line, code in errors}
 
 
-@pytest.fixture(name="stubs")
-def fixture_stubs(tmp_path, monkeypatch):
-    """The stubs alone, found before those of the package."""
-    folder = tmp_path / "stubs/vantrace"
+@pytest.fixture(name="types")
+def fixture_types(tmp_path, monkeypatch):
+    """The type files alone, found before those of the package."""
+    folder = tmp_path / "types/vantrace"
     folder.mkdir(parents=True)
-    for stub in PACKAGE.glob("*.pyi"):
-        shutil.copy(stub, folder)
+    for file in PACKAGE.glob("*.pyi"):
+        shutil.copy(file, folder)
     (tmp_path / "mypy.ini").write_text("[mypy]\nstrict = True\nignore_missing_imports = True\n")
     (tmp_path / "different").write_text(DIFFERENT, encoding="utf-8")
-    monkeypatch.setenv("MYPYPATH", str(tmp_path / "stubs"))
+    monkeypatch.setenv("MYPYPATH", str(tmp_path / "types"))
     return folder
 
 
@@ -181,12 +181,12 @@ def test_wrong_uses_are_errors(tmp_path):
     assert check(WRONG, tmp_path) == expected
 
 
-def test_the_stubs_themselves_are_right(stubs, tmp_path):
-    done = mypy(stubs, folder=tmp_path)
+def test_the_types_themselves_are_right(types, tmp_path):
+    done = mypy(types, folder=tmp_path)
     assert done.stdout.startswith("Success: no issues found"), done.stdout
 
 
-def test_stubs_and_running_modules_are_alike(stubs, tmp_path):
+def test_types_and_running_modules_are_alike(types, tmp_path):
     options = ("--concise", "--allowlist", "different", "--mypy-config-file", "mypy.ini")
     done = mypy("vantrace", *options, folder=tmp_path, module="mypy.stubtest")
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
@@ -206,8 +206,8 @@ def published_names():
     return {name: count for root in _core.roots() for name, count in walk(root)}
 
 
-def stub_names():
-    """The same as the stub has it."""
+def typed_names():
+    """The same as the types have it."""
     tree = ast.parse((PACKAGE / "_published.pyi").read_text(encoding="utf-8"))
     classes = {node.name: node for node in tree.body if isinstance(node, ast.ClassDef)}
 
@@ -222,10 +222,10 @@ def stub_names():
             else:
                 yield member_name, len(member.args.posonlyargs) - 1
 
-    return dict(walk("Performance", "performance")) | dict(private_stubs(tree, classes))
+    return dict(walk("Performance", "performance")) | dict(private_types(tree, classes))
 
 
-def private_stubs(tree, classes):
+def private_types(tree, classes):
     """Those of the overloads that take one name only, each with a class of its own."""
     for node in tree.body:
         if not isinstance(node, ast.FunctionDef):
@@ -236,12 +236,12 @@ def private_stubs(tree, classes):
             yield argument.annotation.slice.value, len(call.args.posonlyargs) - 1
 
 
-def test_the_stub_has_the_whole_published_tree_and_nothing_else():
-    assert stub_names() == published_names()
-    assert len(stub_names()) == 11 + 86
+def test_the_types_have_the_whole_published_tree_and_nothing_else():
+    assert typed_names() == published_names()
+    assert len(typed_names()) == 11 + 86
 
 
-def test_an_installation_has_the_stubs():
+def test_an_installation_has_the_types():
     built = BUILD / "python/vantrace"
     names = sorted(path.name for path in built.glob("*.pyi"))
     assert sorted(path.name for path in PACKAGE.glob("*.pyi")) == names

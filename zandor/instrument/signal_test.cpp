@@ -1,7 +1,5 @@
 // Events from signal handlers, wherever the signal comes.
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/time.h>
 
 #include <atomic>
 #include <memory>
@@ -10,12 +8,14 @@
 
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/testing/event_log.hpp"
+#include "zandor/instrument/testing/timer_signals.hpp"
 
 namespace instrument {
 namespace {
 
 using test_support::ControlsTest;
 using test_support::CountingListener;
+using test_support::TimerSignals;
 
 constinit std::atomic<int> signals{0};
 
@@ -29,39 +29,20 @@ void emitFromHandler(int) {
     fromHandler.get().stop(fromHandler.get().start({{"text", texts[number % 4]}}));
 }
 
-/// A timer's signals while it lives.
-class Signals {
-  public:
-    Signals() {
-        signals = 0;
-        struct sigaction action = {};
-        action.sa_handler = emitFromHandler;
-        action.sa_flags = SA_RESTART;
-        sigaction(SIGALRM, &action, &before_);
-        const itimerval each{{0, 100}, {0, 100}};
-        setitimer(ITIMER_REAL, &each, nullptr);
-    }
-    ~Signals() {
-        const itimerval never{};
-        setitimer(ITIMER_REAL, &never, nullptr);
-        sigaction(SIGALRM, &before_, nullptr);
-    }
-
-  private:
-    struct sigaction before_;
-};
-
 class SignalTest : public ControlsTest {
   protected:
     static constexpr int wanted = 2000;
-    void SetUp() override { controls.enableAll(true); }
+    void SetUp() override {
+        controls.enableAll(true);
+        signals = 0;
+    }
 };
 
 TEST_F(SignalTest, AHandlerThatInterruptsMallocEmits) {
     CountingListener counting;
     listeners.add(counting);
     {
-        const Signals timer;
+        const TimerSignals timer(emitFromHandler);
         std::vector<std::unique_ptr<char[]>> blocks(64);
         for (std::size_t i = 0; signals < wanted; ++i)
             blocks[i % blocks.size()] = std::make_unique<char[]>(1 + i * 37 % 5000);
@@ -77,7 +58,7 @@ TEST_F(SignalTest, AHandlerThatInterruptsADeliveryIsCountedAsSuppressedOrHeard) 
     const std::uint64_t before = listeners.suppressedEvents();
     std::uint64_t own = 0;
     {
-        const Signals timer;
+        const TimerSignals timer(emitFromHandler);
         for (; signals < wanted; ++own)
             Scope scope{main, {{"n", static_cast<int>(own % 100)}, {"text", "some"}}};
     }
@@ -92,7 +73,7 @@ TEST_F(SignalTest, AHandlerThatInterruptsSwitchingRegisteringAndNamingEmits) {
     CountingListener counting;
     listeners.add(counting);
     {
-        const Signals timer;
+        const TimerSignals timer(emitFromHandler);
         for (int i = 0; signals < wanted; ++i) {
             CountingListener passing;
             listeners.add(passing);

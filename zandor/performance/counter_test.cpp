@@ -2,8 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +15,7 @@
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/instrument.hpp"
 #include "zandor/instrument/listeners.hpp"
+#include "zandor/instrument/testing/timer_signals.hpp"
 
 namespace instrument {
 namespace {
@@ -198,21 +197,18 @@ const Instrument* inHandler = nullptr;
 TEST_F(Counter, CountsEventsOfSignalHandlers) {
     inHandler = &other;
     handled = 0;
-    const auto before = ::signal(SIGALRM, [](int) {
-        inHandler->instant();
-        ++handled;
-    });
     const std::uint64_t suppressedBefore = listeners.suppressedEvents();
-    const itimerval often{{0, 200}, {0, 200}};
-    const itimerval never{};
-    setitimer(ITIMER_REAL, &often, nullptr);
     std::int64_t made = 0;
-    for (std::string text; handled < 200; ++made) {
-        text = std::string(static_cast<std::size_t>(made % 5000), 'x');  // allocates
-        work.instant({{"n", made % 1000}});
+    {
+        const test_support::TimerSignals timer([](int) {
+            inHandler->instant();
+            ++handled;
+        });
+        for (std::string text; handled < 200; ++made) {
+            text = std::string(static_cast<std::size_t>(made % 5000), 'x');  // allocates
+            work.instant({{"n", made % 1000}});
+        }
     }
-    setitimer(ITIMER_REAL, &never, nullptr);
-    ::signal(SIGALRM, before);
     const std::uint64_t suppressed = listeners.suppressedEvents() - suppressedBefore;
     EXPECT_EQ(countOf(work), made);
     EXPECT_EQ(countOf(other) + static_cast<std::int64_t>(suppressed), handled);

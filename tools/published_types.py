@@ -1,8 +1,8 @@
-"""Writes the stub of what the plug-in publishes, from the published tree itself.
+"""Writes the types of what the plug-in publishes, from the published tree itself.
 
-    PYTHONPATH=PACKAGES python published_stubs.py OUTPUT
+    PYTHONPATH=PACKAGES python published_types.py OUTPUT
 
-The stub has a class for each namespace, and overloads for the private methods, which are no
+The file has a class for each namespace, and overloads for the private methods, which are no
 attributes but are had by their full names.
 """
 
@@ -110,7 +110,7 @@ def walk(namespace):
     yield namespace
 
 
-def stub():
+def types_of_tree():
     host.load()
     namespaces = [namespace for root in _core.roots() for namespace in walk(root)]
     methods = [method for namespace in namespaces for method in namespace.methods()]
@@ -122,4 +122,4 @@ def stub():
 
 
 if __name__ == "__main__":
-    Path(sys.argv[1]).write_text(stub(), encoding="utf-8")
+    Path(sys.argv[1]).write_text(types_of_tree(), encoding="utf-8")
