@@ -6,7 +6,7 @@ import select
 import sys
 import time
 
-from . import _channel
+from . import _channel, _options
 from ._cli import UsageError
 from ._run import Output
 from ._run_options import RunOptions
@@ -43,12 +43,12 @@ _OF_RUN = (
 
 def snap(arguments):
     """Runs `vantrace snap`; gives the exit status."""
-    request = _SnapRequest(arguments)
+    request = _SnapOptions(arguments)
     if request.wants_help:
         sys.stdout.write(USAGE)
         return 0
-    processes = _process_ids("snap", request.processes)
-    output = Output(f"snap-{processes[0]}", request.output, request.options, request.table)
+    processes = _process_ids("snap", request.files)
+    output = Output(f"snap-{processes[0]}", request.output, request.of_run, request.table)
     peers = {}
     try:
         _record(processes, request, output, peers)
@@ -79,7 +79,7 @@ def stacks(arguments):
 
 def _record(processes, request, output, peers):
     """Has them record until the time is over, somebody interrupts, or all have ended."""
-    options = request.options.recording() | {"exact": False}
+    options = request.of_run.recording() | {"exact": False}
     order = {"do": "record", "folder": output.run_folder, "options": options}
     try:
         for process in processes:
@@ -94,44 +94,31 @@ def _record(processes, request, output, peers):
         pass
 
 
-class _SnapRequest:
-    """What stands behind snap."""
+def _seconds(option, text):
+    if not re.fullmatch(r"\d{1,6}(\.\d{1,6})?", text, re.ASCII) or float(text) == 0:
+        raise UsageError(f"{option} takes a number of seconds such as 5 or 0.5, not {text!r}")
+    return float(text)
+
+
+class _SnapOptions(_options.Options):
+    COMMAND = "snap"
+    FLAGS = {"--no-table": ("table", False)}
+    VALUES = {
+        "-o": ("output", _options.path),
+        "--output": ("output", _options.path),
+        "--seconds": ("seconds", _seconds),
+    }
 
     def __init__(self, arguments):
-        self.options = RunOptions()
+        self.of_run = RunOptions()
         self.output = None
         self.seconds = 5.0
-        self.processes = []
         self.table = True
-        self.wants_help = False
-        arguments = list(arguments)
-        while arguments:
-            self._take(arguments.pop(0), arguments)
+        super().__init__(arguments)
 
-    def _take(self, argument, others):
-        name, equals, value = argument.partition("=")
-        if not argument.startswith("-"):
-            self.processes.append(argument)
-        elif argument in ("-h", "--help"):
-            self.wants_help = True
-        elif argument == "--no-table":
-            self.table = False
-        elif name in ("-o", "--output", "--seconds"):
-            if not equals and not others:
-                raise UsageError(f"{name} takes a value; see vantrace snap --help")
-            value = value if equals else others.pop(0)
-            if name == "--seconds":
-                self.seconds = _seconds(value)
-            else:
-                self.output = value
-        elif name not in _OF_RUN or not self.options.take(argument, others):
-            raise UsageError(f"snap has no option {argument!r}; see vantrace snap --help")
-
-
-def _seconds(text):
-    if not re.fullmatch(r"\d{1,6}(\.\d{1,6})?", text, re.ASCII) or float(text) == 0:
-        raise UsageError(f"--seconds takes a number of seconds such as 5 or 0.5, not {text!r}")
-    return float(text)
+    def take(self, option, arguments):
+        is_of_run = option.partition("=")[0] in _OF_RUN
+        return self.of_run.take(option, arguments) if is_of_run else super().take(option, arguments)
 
 
 def _process_ids(command, texts):

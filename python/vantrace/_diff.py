@@ -2,12 +2,12 @@
 
 import json
 import math
-import os
 import re
 import statistics
 import sys
 from dataclasses import asdict, dataclass
 
+from . import _options
 from ._cli import UsageError
 from ._export import read_trace
 from ._run_files import runs_of
@@ -28,7 +28,6 @@ options:
 """
 
 _LEAST_SHARE = 0.01
-_MEASURES = ("self", "total", "calls")
 
 
 @dataclass
@@ -111,7 +110,7 @@ def spread_of(values):
 
 def diff(arguments):
     """Runs `vantrace diff`; gives the exit status."""
-    options = _Options(arguments)
+    options = _DiffOptions(arguments)
     if options.wants_help:
         sys.stdout.write(USAGE)
         return 0
@@ -210,55 +209,23 @@ def _entry(change, grown):
     return entry
 
 
-class _Options:
-    def __init__(self, arguments):
-        self.files = []
-        self.by, self.top, self.fail_if = "self", 40, None
-        self.as_json = self.wants_help = False
-        arguments = list(arguments)
-        while arguments:
-            self._take(arguments.pop(0), arguments)
-
-    def _take(self, argument, others):
-        if not argument.startswith("-"):
-            self.files.append(os.fspath(argument))
-        elif argument in ("-h", "--help"):
-            self.wants_help = True
-        elif argument == "--json":
-            self.as_json = True
-        else:
-            name, equals, value = argument.partition("=")
-            if name not in _VALUES:
-                raise UsageError(f"diff has no option {argument!r}; see vantrace diff --help")
-            if not equals:
-                if not others:
-                    raise UsageError(f"{name} takes a value")
-                value = others.pop(0)
-            attribute, read = _VALUES[name]
-            setattr(self, attribute, read(name, value))
-
-
-def _percentage(option, value):
-    match = re.fullmatch(r"(\d+(?:\.\d+)?)%", value, re.ASCII)
+def _percentage(option, text):
+    match = re.fullmatch(r"(\d+(?:\.\d+)?)%", text, re.ASCII)
     if not match:
-        raise UsageError(f"{option} takes a share such as 10%, not {value!r}")
+        raise UsageError(f"{option} takes a share such as 10%, not {text!r}")
     return float(match[1])
 
 
-def _number(option, value):
-    if not re.fullmatch(r"\d{1,9}", value, re.ASCII):
-        raise UsageError(f"{option} takes a number, not {value!r}")
-    return int(value)
+class _DiffOptions(_options.Options):
+    COMMAND = "diff"
+    FLAGS = {"--json": ("as_json", True)}
+    VALUES = {
+        "--by": ("by", _options.one_of("self", "total", "calls")),
+        "--top": ("top", _options.number("of rows")),
+        "--fail-if": ("fail_if", _percentage),
+    }
 
-
-def _measure(option, value):
-    if value not in _MEASURES:
-        raise UsageError(f"{option} takes one of {', '.join(_MEASURES)}, not {value!r}")
-    return value
-
-
-_VALUES = {
-    "--by": ("by", _measure),
-    "--top": ("top", _number),
-    "--fail-if": ("fail_if", _percentage),
-}
+    def __init__(self, arguments):
+        self.by, self.top, self.fail_if = "self", 40, None
+        self.as_json = False
+        super().__init__(arguments)

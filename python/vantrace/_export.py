@@ -2,9 +2,9 @@
 
 import _signal
 import os
-import re
 import sys
 
+from . import _options
 from ._cli import UsageError
 from ._core import Trace, combine_traces, finish_run_folder
 from ._progress import Progress
@@ -30,8 +30,6 @@ options of export:
   --split SIZE          several .json files of at most that size each; as 500K, 100M, 1G
 """
 
-_UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
-_SIZES = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
 # How often a file is read for an export, without what depends on its content.
 _READINGS = {".speedscope.json": 3, ".json": 3, ".json.gz": 3, ".folded": 2, ".prof": 2}
 _WRITERS = {
@@ -53,7 +51,7 @@ def trace_writer(path, what="an export", others=()):
 
 def export(arguments):
     """Runs `vantrace export`; gives the exit status."""
-    options = _Options(arguments)
+    options = _ExportOptions(arguments)
     if options.wants_help:
         sys.stdout.write(USAGE)
         return 0
@@ -118,7 +116,7 @@ def _finish(folder, output):
 
 def combine(arguments):
     """Runs `vantrace combine`; gives the exit status."""
-    options = _Options(arguments)
+    options = _ExportOptions(arguments)
     if options.wants_help:
         sys.stdout.write(USAGE)
         return 0
@@ -156,21 +154,29 @@ def read_trace(file, progress=None):
     return trace
 
 
-class _Options:
+class _ExportOptions(_options.Options):
     """What stands behind export and combine."""
 
+    COMMAND = "export"
+    FLAGS = {"--no-args": ("_contexts", False)}
+    VALUES = {
+        "-o": ("output", _options.path),
+        "--output": ("output", _options.path),
+        "--since": ("_since", _options.time),
+        "--until": ("_until", _options.time),
+        "--min-duration": ("_min_duration", _options.time),
+        "--most-per-thread": ("_most_per_thread", _options.number(least=1)),
+        "--split": ("split", _options.size),
+    }
+
     def __init__(self, arguments):
-        self.files = []
         self.output = None
         self.split = 0
-        self.wants_help = False
         self._since = self._until = None
         self._min_duration = -1
         self._most_per_thread = 0
         self._contexts = True
-        arguments = list(arguments)
-        while arguments:
-            self._take(arguments.pop(0), arguments)
+        super().__init__(arguments)
 
     def selection(self):
         """As Trace.select takes them."""
@@ -195,58 +201,3 @@ class _Options:
         except OSError as error:
             raise UsageError(f"cannot write {error.filename!r}: {error.strerror}") from None
         return self.output
-
-    def _take(self, argument, others):
-        if not argument.startswith("-") or argument == "-":
-            self.files.append(argument)
-            return
-        if argument in ("-h", "--help"):
-            self.wants_help = True
-            return
-        if argument == "--no-args":
-            self._contexts = False
-            return
-        name, equals, value = argument.partition("=")
-        if name not in _VALUES:
-            raise UsageError(f"there is no option {argument!r}; see vantrace export --help")
-        if not equals:
-            if not others:
-                raise UsageError(f"{name} takes a value; see vantrace export --help")
-            value = others.pop(0)
-        attribute, read = _VALUES[name]
-        setattr(self, attribute, read(name, value))
-
-
-def _time(option, value):
-    match = re.fullmatch(r"(\d+(?:\.\d+)?)(ns|us|ms|s)", value, re.ASCII)
-    if not match:
-        raise UsageError(f"{option} takes a time such as 10us or 1.5ms, not {value!r}")
-    return min(round(float(match[1]) * _UNITS[match[2]]), 2**63 - 1)
-
-
-def _size(option, value):
-    match = re.fullmatch(r"(\d+)([KMG])", value, re.ASCII)
-    if not match or int(match[1]) == 0:
-        raise UsageError(f"{option} takes a size such as 500K or 100M, not {value!r}")
-    return min(int(match[1]) * _SIZES[match[2]], 2**64 - 1)
-
-
-def _number(option, value):
-    if not re.fullmatch(r"[1-9]\d{0,17}", value, re.ASCII):
-        raise UsageError(f"{option} takes a number, not {value!r}")
-    return int(value)
-
-
-def _path(_, value):
-    return os.fspath(value)
-
-
-_VALUES = {
-    "-o": ("output", _path),
-    "--output": ("output", _path),
-    "--since": ("_since", _time),
-    "--until": ("_until", _time),
-    "--min-duration": ("_min_duration", _time),
-    "--most-per-thread": ("_most_per_thread", _number),
-    "--split": ("split", _size),
-}

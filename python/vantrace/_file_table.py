@@ -2,10 +2,10 @@
 
 import sys
 
+from . import _options, _run_options
 from ._cli import UsageError
 from ._core import Trace
 from ._record import Summary
-from ._run_options import RunOptions
 from ._table import lines, style_of
 
 USAGE = """\
@@ -16,8 +16,6 @@ Tells where the time of a .vtrace file went, by name.
   --sort KEY  the order: self (default), total, calls or name
   --top N     at most N rows (default 40; 0: all)
 """
-
-_OPTIONS = ("--sort", "--top")
 
 
 def lines_of_trace(path, options, style):
@@ -57,26 +55,27 @@ class _Traced:
 
 def table(arguments):
     """Runs `vantrace table`; gives the exit status."""
-    files, options, arguments = [], RunOptions(), list(arguments)
-    while arguments:
-        argument = arguments.pop(0)
-        if argument in ("-h", "--help"):
-            sys.stdout.write(USAGE)
-            return 0
-        if not argument.startswith("-"):
-            files.append(argument)
-        elif argument.partition("=")[0] not in _OPTIONS:
-            raise UsageError(f"table has no option {argument!r}; see vantrace table --help")
-        else:
-            options.take(argument, arguments)
-    if len(files) != 1:
-        raise UsageError(f"table takes one file, not {len(files)}")
+    options = _TableOptions(arguments)
+    if options.wants_help:
+        sys.stdout.write(USAGE)
+        return 0
+    file = options.only_file()
     try:
-        found = lines_of_trace(files[0], options, style_of(sys.stdout))
+        found = lines_of_trace(file, options, style_of(sys.stdout))
     except OSError as error:
-        raise UsageError(f"cannot read {files[0]!r}: {error.strerror}") from None
+        raise UsageError(f"cannot read {file!r}: {error.strerror}") from None
     except RuntimeError as error:
         raise UsageError(error) from None
     for line in found:
         print(line)
     return 0
+
+
+class _TableOptions(_options.Options):
+    COMMAND = "table"
+    VALUES = {option: _run_options.VALUES[option] for option in ("--sort", "--top")}
+
+    def __init__(self, arguments):
+        defaults = _run_options.RunOptions()
+        self.sort, self.top = defaults.sort, defaults.top
+        super().__init__(arguments)

@@ -8,7 +8,7 @@ import re
 import sys
 import time
 
-from . import _line_report
+from . import _line_report, _options
 from ._cli import UsageError
 from ._core import version
 from ._export import read_trace
@@ -45,7 +45,7 @@ _FOLDER = os.path.join(os.path.dirname(__file__), "report")
 
 def report(arguments):
     """Runs `vantrace report`; gives the exit status."""
-    options = _Options(arguments)
+    options = _ReportOptions(arguments)
     if options.wants_help:
         sys.stdout.write(USAGE)
         return 0
@@ -113,32 +113,18 @@ def _date(nanoseconds):
     return time.strftime("%Y-%m-%d %H:%M:%S", time.localtime(nanoseconds // 10**9))
 
 
-class _Options:
+class _ReportOptions(_options.Options):
+    COMMAND = "report"
+    VALUES = {"-o": ("output", _options.path), "--output": ("output", _options.path)}
+
     def __init__(self, arguments):
-        self._files, self._output, self.wants_help = [], None, False
-        arguments = list(arguments)
-        while arguments:
-            self._take(arguments.pop(0), arguments)
+        self.output = None
+        super().__init__(arguments)
 
     def needed(self):
         """The file to read and the page to write."""
-        if len(self._files) != 1:
-            raise UsageError(f"report takes one file, not {len(self._files)}")
-        [file] = self._files
-        output = self._output or f"{file.removesuffix('.vtrace')}.html"
+        file = self.only_file()
+        output = self.output or f"{file.removesuffix('.vtrace')}.html"
         if not output.endswith((".html", ".htm")):
             raise UsageError(f"a report ends in .html, not {output!r}")
         return file, output
-
-    def _take(self, argument, others):
-        name, equals, value = argument.partition("=")
-        if argument in ("-h", "--help"):
-            self.wants_help = True
-        elif name in ("-o", "--output"):
-            if not equals and not others:
-                raise UsageError(f"{name} takes a file")
-            self._output = value if equals else others.pop(0)
-        elif argument.startswith("-"):
-            raise UsageError(f"report has no option {argument!r}; see vantrace report --help")
-        else:
-            self._files.append(argument)

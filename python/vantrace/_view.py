@@ -13,6 +13,7 @@ import threading
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import parse_qs, urlsplit
 
+from . import _options
 from ._cli import UsageError
 from ._core import TraceView
 
@@ -57,21 +58,22 @@ _HEADERS = {
 
 def view(arguments):
     """Runs `vantrace view`, until it is interrupted; gives the exit status."""
-    options = _Options(arguments)
+    options = _ViewOptions(arguments)
     if options.wants_help:
         sys.stdout.write(USAGE)
         return 0
+    file = options.only_file()
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, signal.default_int_handler)
     try:
-        _serve(options)
+        _serve(file, options)
     except KeyboardInterrupt:
         pass
     return 0
 
 
-def _serve(options):
-    shown = _Shown(options.file)
+def _serve(file, options):
+    shown = _Shown(file)
     try:
         server = _Server(shown, options.port)
     except OSError as error:
@@ -271,29 +273,11 @@ class _Opened:
         webbrowser.open(f"file://{path}")
 
 
-class _Options:
+class _ViewOptions(_options.Options):
+    COMMAND = "view"
+    FLAGS = {"--no-open": ("no_open", True)}
+    VALUES = {"--port": ("port", _options.number(most=65535))}
+
     def __init__(self, arguments):
-        self.wants_help, self.no_open, self.port = False, False, 0
-        files, arguments = [], list(arguments)
-        while arguments:
-            argument = arguments.pop(0)
-            name, equals, value = argument.partition("=")
-            if argument in ("-h", "--help"):
-                self.wants_help = True
-            elif argument == "--no-open":
-                self.no_open = True
-            elif name == "--port":
-                self.port = _port(value if equals else (arguments or [""]).pop(0))
-            elif argument.startswith("-"):
-                raise UsageError(f"view has no option {argument!r}; see vantrace view --help")
-            else:
-                files.append(argument)
-        if not self.wants_help and len(files) != 1:
-            raise UsageError(f"view takes one file, not {len(files)}")
-        self.file = files[0] if files else None
-
-
-def _port(text):
-    if not re.fullmatch(r"\d{1,5}", text, re.ASCII) or int(text) > 65535:
-        raise UsageError(f"--port takes a number up to 65535, not {text!r}")
-    return int(text)
+        self.no_open, self.port = False, 0
+        super().__init__(arguments)

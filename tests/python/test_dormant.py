@@ -345,7 +345,7 @@ def test_a_process_that_was_killed_leaves_nothing_for_long(dormant, vantrace, en
         (["snap", "x"], "snap takes the numbers of processes, not 'x'"),
         (["stacks", "0"], "stacks takes the numbers of processes, not '0'"),
         (["snap", "--seconds", "0", "1"], "--seconds takes a number of seconds such as 5 or 0.5, not '0'"),
-        (["snap", "--seconds"], "--seconds takes a value; see vantrace snap --help"),
+        (["snap", "--seconds"], "--seconds takes a value"),
         (["snap", "--count", "1"], "snap has no option '--count'; see vantrace snap --help"),
         (["snap", "-o", "no/t.json", "1"], "cannot write 'no/t.json': No such file or directory"),
         (["stacks", "1"], "process 1 is not one that vantrace run --dormant started"),

@@ -152,7 +152,7 @@ def test_what_the_recorder_dropped_is_said(command, tmp_path):
         (["export", "own.vtrace", "-o", "a.json", "--split", "0K"], "--split takes a size"),
         (["export", "own.vtrace", "-o", "a.folded", "--split", "1M"], "only .json"),
         (["export", "own.vtrace", "-o", "a.json", "--most-per-thread", "x"], "takes a number"),
-        (["export", "own.vtrace", "-o", "a.json", "--odd"], "there is no option '--odd'"),
+        (["export", "own.vtrace", "-o", "a.json", "--odd"], "export has no option '--odd'"),
         (["combine", "-o", "a.vtrace"], "combine takes files"),
         (["combine", "own.vtrace", "-o", "a.json"], "combine writes a .vtrace file"),
     ],

@@ -359,7 +359,7 @@ def test_the_page_does_not_grow_with_the_events(tmp_path):
         (["a.vtrace", "-o", "a.pdf"], "a report ends in .html, not 'a.pdf'"),
         (["a.vtrace", "-o", "none/a.html"], "cannot write 'none/a.html': No such file"),
         (["--odd", "a.vtrace"], "report has no option '--odd'"),
-        (["a.vtrace", "-o"], "-o takes a file"),
+        (["a.vtrace", "-o"], "-o takes a value"),
     ],
 )
 def test_what_is_asked_wrongly_is_said(tmp_path, arguments, complaint):

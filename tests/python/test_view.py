@@ -430,7 +430,7 @@ def test_a_browser_is_told_by_a_file_that_others_cannot_read(file, tmp_path):
         (["a", "b"], "view takes one file, not 2"),
         (["--odd", "a"], "view has no option '--odd'"),
         (["--port", "70000", "a"], "--port takes a number up to 65535"),
-        (["--port"], "--port takes a number"),
+        (["--port"], "--port takes a value"),
         (["nowhere.vtrace"], "cannot read 'nowhere.vtrace'"),
         (["/dev/null"], "is no trace file"),
     ],
