@@ -5,12 +5,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <utility>
 
 #include "clock_source.hpp"
+#include "read_at.hpp"
 #include "untrusted_records.hpp"
 
 namespace instrument::detail {
@@ -56,18 +56,7 @@ RunFileReader::RunFileReader(RunFileReader&& other) noexcept
       journals_(std::move(other.journals_)) {}
 
 bool RunFileReader::readAt(std::uint64_t offset, void* out, std::size_t bytes) const noexcept {
-    auto* to = static_cast<std::byte*>(out);
-    while (bytes > 0) {
-        const ssize_t got = pread(descriptor_, to, bytes, static_cast<off_t>(offset));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        to += got;
-        offset += static_cast<std::uint64_t>(got);
-        bytes -= static_cast<std::size_t>(got);
-    }
-    return true;
+    return detail::readAt(descriptor_, offset, out, bytes);
 }
 
 bool RunFileReader::readHead() {

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "read_at.hpp"
 #include "trace_checksum.hpp"
 
 namespace instrument::detail {
@@ -47,20 +48,8 @@ TraceReader::~TraceReader() {
 }
 
 bool TraceReader::readAt(std::uint64_t offset, void* out, std::size_t bytes) const noexcept {
-    if (offset > fileBytes_ || bytes > fileBytes_ - offset)
-        return false;
-    auto* to = static_cast<std::byte*>(out);
-    while (bytes > 0) {
-        const ssize_t got = pread(descriptor_, to, bytes, static_cast<off_t>(offset));
-        if (got < 0 && errno == EINTR)
-            continue;
-        if (got <= 0)
-            return false;
-        to += got;
-        offset += static_cast<std::uint64_t>(got);
-        bytes -= static_cast<std::size_t>(got);
-    }
-    return true;
+    return offset <= fileBytes_ && bytes <= fileBytes_ - offset &&
+           detail::readAt(descriptor_, offset, out, bytes);
 }
 
 /// Whether a block's head is there, and its payload inside the file.
