@@ -39,6 +39,18 @@ def fixture_python(tmp_path):
     return run
 
 
+@pytest.fixture(name="small_disk")
+def fixture_small_disk(tmp_path):
+    """A folder with a disk of two megabytes."""
+    folder = tmp_path / "small"
+    folder.mkdir()
+    mount = ["mount", "-t", "tmpfs", "-o", "size=2m", "none", folder]
+    if os.geteuid() != 0 or subprocess.run(mount, check=False).returncode != 0:
+        pytest.skip("only root may mount a disk")
+    yield folder
+    subprocess.run(["umount", folder], check=True)
+
+
 @pytest.fixture(name="no_leaks")
 def fixture_no_leaks(request):
     """The test ends with as many host arrays as it began with."""

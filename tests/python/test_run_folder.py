@@ -23,18 +23,6 @@ def names(folder, file):
     return [event["name"] for event in events_of(text) if event["ph"] in "XBi"]
 
 
-@pytest.fixture(name="small_disk")
-def fixture_small_disk(tmp_path):
-    """A folder with a disk of two megabytes."""
-    folder = tmp_path / "small"
-    folder.mkdir()
-    mount = ["mount", "-t", "tmpfs", "-o", "size=2m", "none", folder]
-    if os.geteuid() != 0 or subprocess.run(mount, check=False).returncode != 0:
-        pytest.skip("only root may mount a disk")
-    yield folder
-    subprocess.run(["umount", folder], check=True)
-
-
 def check_unharmed(done, folder, file):
     assert (done.returncode, done.stdout) == (0, "unharmed\n")
     lines = [line for line in done.stderr.splitlines() if "room on the disk" in line]

@@ -131,6 +131,26 @@ def test_stats_as_json(log, stats):
     assert interval["duration_ns"] == interval["end_utc_ns"] - interval["begin_utc_ns"] >= 0
 
 
+def test_statistics_on_a_full_disk(small_disk, log, stats, state):
+    state.symlink_to(small_disk)
+    log('log("logEventTime", "before", "")')
+    filler = small_disk / "filler"
+    with filler.open("wb", buffering=0) as file, contextlib.suppress(OSError):
+        while file.write(bytes(4096)):
+            pass
+    done = log(
+        'for i in range(3):\n    log("logEventTime", "meanwhile", "x" * 50_000)\nprint("unharmed")'
+    )
+    unharmed, line = sorted(done.stdout.splitlines(), key=len)
+    assert (unharmed, done.stderr) == ("unharmed", "")
+    assert line.startswith("vantrace: product statistics are not kept: ")
+    assert [row[1] for row in rows(state)] == ["before"]
+    assert "before" in stats().stdout
+    filler.unlink()
+    log('log("logEventTime", "after", "")')
+    assert [row[1] for row in rows(state)] == ["before", "after"]
+
+
 def test_stats_of_another_file(log, stats, state, tmp_path):
     log('log("logEventTime", "tick", "x")')
     (state / "vantrace").rename(tmp_path / "elsewhere")
