@@ -20,79 +20,105 @@ void increase(std::atomic<Number>& sum, Number by) noexcept {
 
 }  // namespace
 
+CallingContextTree::CallingContextTree(const Key& key) noexcept : key_(key), source_(key.source) {
+    ground_.node.store(&root_, std::memory_order_relaxed);
+}
+
 CallingContextTree::~CallingContextTree() {
     if (slots_)
         unmapMemory(slots_, slotCount_ * sizeof *slots_);
 }
 
 void CallingContextTree::setSource(std::uint64_t source) noexcept {
-    while (top_) {
-        top_->word.store(takenBit, std::memory_order_relaxed);
-        pop();
+    for (Frame* frame = top(); frame != &ground_; frame = frame->below) {
+        frame->word.store(takenBit, std::memory_order_relaxed);
+        pop(*frame);
     }
+    // Serials of the source before may come again.
+    for (Frame* frame = ground_.above; frame; frame = frame->above)
+        frame->takenSerial.store(0, std::memory_order_relaxed);
     source_.store(source, std::memory_order_relaxed);
 }
 
 bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
                                std::int64_t time) noexcept {
-    note(time);
-    popEnded();
-    Frame* const frame = nextFrame();
+    Frame* caller = top();
+    if (caller->isEnded()) [[unlikely]]
+        caller = popEnded();
+    if (caller == &ground_) [[unlikely]]
+        note(time);
+    Frame* const frame = above(caller);
     if (!frame) [[unlikely]]
         return false;
-    CallNode* const parent = top_ ? top_->node.load(std::memory_order_relaxed) : &root_;
+    CallNode* const parent = frame->below->node.load(std::memory_order_relaxed);
     CallNode* const node = childOf(parent, instrument, time);
     if (!node) [[unlikely]]
         return false;
-    frame->isNested = node->isNested || (node->depth > deepest && node->all->open > 0);
-    ++node->all->open;
-    frame->below = top_;
+    frame->isNested = node->isNested;
+    frame->isBelow = node->isBelow;
+    if (node->isBelow && node->all->openBelow++ > 0) [[unlikely]]
+        frame->isNested = true;
     frame->inside = 0;
-    frame->takenSerial.store(0, std::memory_order_relaxed);
     frame->start.store(time, std::memory_order_relaxed);
     frame->node.store(node, std::memory_order_relaxed);
     // Pairs with the acquire of those who take the call: with the word come start and node.
     frame->word.store(serial << 1, std::memory_order_release);
-    top_ = frame;
-    depth_.store(depth_.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    top_.store(frame, std::memory_order_relaxed);
     return true;
 }
 
 bool CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
+    Frame& frame = *top();
+    const bool isTop = frame.word.load(std::memory_order_relaxed) == serial << 1 && serial != 0;
+    if (!isTop || !takeOwn(frame, serial)) [[unlikely]]
+        return stopGenerally(serial, time);
+    end(frame, time);
+    pop(frame);
+    return true;
+}
+
+/// Of a call that is not the innermost, is none, or is being taken.
+[[gnu::noinline]] bool CallingContextTree::stopGenerally(std::uint64_t serial,
+                                                         std::int64_t time) noexcept {
     note(time);
-    const bool isTop = top_ && top_->word.load(std::memory_order_relaxed) >> 1 == serial;
-    Frame* const frame = isTop ? top_ : frameOf(serial);
-    if (!frame || !takeOwn(*frame, serial)) [[unlikely]]
+    Frame* const frame = frameOf(serial);
+    const std::uint64_t open = serial << 1;
+    if (!frame || frame->word.load(std::memory_order_relaxed) != open || !takeOwn(*frame, serial))
         return false;
     end(*frame, time);
     popEnded();
     return true;
 }
 
-/// The place above the innermost call; null when the system gives no memory.
-[[gnu::always_inline]] inline CallingContextTree::Frame* CallingContextTree::nextFrame() noexcept {
-    const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
-    if (depth % framesAtOnce != 0) [[likely]]
-        return top_ + 1;
-    return depth == 0 && bottom_ ? bottom_ : provideFrame();
+/// The place above one; null when the system gives no memory. Where there is none but the lowest,
+/// all calls are forgotten: starts that nobody ever stops.
+[[gnu::always_inline]] inline CallingContextTree::Frame* CallingContextTree::above(
+    Frame* frame) noexcept {
+    return frame->above ? frame->above : provideFrame(frame);
 }
 
-[[gnu::noinline]] CallingContextTree::Frame* CallingContextTree::provideFrame() noexcept {
-    if (depth_.load(std::memory_order_relaxed) == frames_.capacity)
-        setSource(source());  // starts that nobody ever stops
-    const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
-    if (!frames_.provide(depth))
+[[gnu::noinline]] CallingContextTree::Frame* CallingContextTree::provideFrame(
+    Frame* below) noexcept {
+    const std::uint32_t place = below->place.load(std::memory_order_relaxed) + 1;
+    if (place > frames_.capacity) {
+        setSource(source());
+        return above(&ground_);
+    }
+    if (!frames_.provide(place - 1))
         return nullptr;
-    bottom_ = &frames_[0];
-    return &frames_[depth];
+    Frame& frame = frames_[place - 1];
+    frame.below = below;
+    frame.place.store(place, std::memory_order_relaxed);
+    below->above = &frame;
+    return &frame;
 }
 
 /// Of the open calls the one of this serial; null where there is none. From any thread.
-CallingContextTree::Frame* CallingContextTree::frameOf(std::uint64_t serial) const noexcept {
+CallingContextTree::Frame* CallingContextTree::frameOf(std::uint64_t serial) noexcept {
     const auto serialAt = [this](std::uint32_t index) {
         return frames_[index].word.load(std::memory_order_acquire) >> 1;
     };
-    const std::uint32_t depth = depth_.load(std::memory_order_relaxed);
+    const std::uint32_t depth = top()->place.load(std::memory_order_relaxed);
     std::uint32_t low = 0;
     for (std::uint32_t high = depth; low < high;) {
         const std::uint32_t middle = low + (high - low) / 2;
@@ -104,19 +130,15 @@ CallingContextTree::Frame* CallingContextTree::frameOf(std::uint64_t serial) con
     return low < depth && serialAt(low) == serial ? &frames_[low] : nullptr;
 }
 
-/// Whoever takes a call counts it: its own thread or another one.
+/// Whoever takes a call counts it: its own thread, which saw it open, or another one.
 [[gnu::always_inline]] inline bool CallingContextTree::takeOwn(Frame& frame,
                                                                std::uint64_t serial) noexcept {
+    frame.word.store(serial << 1 | takenBit, std::memory_order_relaxed);
+    // Pairs with the heavy fence in takeForeign: one of the two sees the other.
+    lightFence();
     // Pairs with the release at the end of a take: then its mark is seen.
     const std::uint64_t takes = takes_.load(std::memory_order_acquire);
-    const std::uint64_t open = serial << 1;
-    if (frame.word.load(std::memory_order_relaxed) != open) [[unlikely]]
-        return false;
-    frame.word.store(open | takenBit, std::memory_order_relaxed);
-    // Pairs with the heavy fence in take: one of the two sees the other.
-    lightFence();
-    const bool isAlone = (takes & 1) == 0 && takes_.load(std::memory_order_relaxed) == takes;
-    return isAlone || !wasTaken(frame, serial);
+    return takes == takesSeen_ || !wasTaken(frame, serial);
 }
 
 bool CallingContextTree::takeForeign(Frame& frame, std::uint64_t serial) noexcept {
@@ -136,8 +158,10 @@ bool CallingContextTree::takeForeign(Frame& frame, std::uint64_t serial) noexcep
 }
 
 /// Known once no take is under way.
-bool CallingContextTree::wasTaken(const Frame& frame, std::uint64_t serial) noexcept {
+[[gnu::noinline]] bool CallingContextTree::wasTaken(const Frame& frame,
+                                                    std::uint64_t serial) noexcept {
     const Locked locked(takeLock_);
+    takesSeen_ = takes_.load(std::memory_order_relaxed);
     return frame.takenSerial.load(std::memory_order_relaxed) == serial;
 }
 
@@ -166,64 +190,72 @@ bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noex
 [[gnu::always_inline]] inline void CallingContextTree::end(Frame& frame,
                                                            std::int64_t time) noexcept {
     const std::int64_t duration = time - frame.start.load(std::memory_order_relaxed);
-    if (frame.below)
-        frame.below->inside += duration;
+    frame.below->inside += duration;
     count(*frame.node.load(std::memory_order_relaxed), {duration, frame.inside, frame.isNested});
 }
 
 /// Takes the innermost call off the stack.
-[[gnu::always_inline]] inline void CallingContextTree::pop() noexcept {
-    --top_->node.load(std::memory_order_relaxed)->all->open;
-    top_ = top_->below;
-    depth_.store(depth_.load(std::memory_order_relaxed) - 1, std::memory_order_relaxed);
+[[gnu::always_inline]] inline void CallingContextTree::pop(Frame& frame) noexcept {
+    if (frame.isBelow) [[unlikely]]
+        --frame.node.load(std::memory_order_relaxed)->all->openBelow;
+    top_.store(frame.below, std::memory_order_relaxed);
 }
 
-/// Takes those that were stopped off the stack, down to the first that is open.
-[[gnu::always_inline]] inline void CallingContextTree::popEnded() noexcept {
-    while (top_ && top_->isEnded())
-        pop();
+/// Takes those that were stopped off the stack, down to the first that is open, which it gives.
+CallingContextTree::Frame* CallingContextTree::popEnded() noexcept {
+    while (top()->isEnded())
+        pop(*top());
+    return top();
 }
 
 [[gnu::always_inline]] inline void CallingContextTree::count(CallNode& node,
                                                              const EndedCall& call) noexcept {
-    const std::uint64_t calls = node.calls.load(std::memory_order_relaxed);
     const std::int64_t duration = call.duration;
-    if (calls == 0 || duration < node.min.load(std::memory_order_relaxed))
+    if (duration < node.min.load(std::memory_order_relaxed))
         node.min.store(duration, std::memory_order_relaxed);
-    if (calls == 0 || duration > node.max.load(std::memory_order_relaxed))
+    if (duration > node.max.load(std::memory_order_relaxed))
         node.max.store(duration, std::memory_order_relaxed);
     if (!call.isNested)
         increase(node.total, duration);
     increase(node.self, duration - call.inside);
     node.all->durations.add(duration);
-    node.calls.store(calls + 1, std::memory_order_relaxed);
+    increase<std::uint64_t>(node.calls, 1);
 }
 
 [[gnu::always_inline]] inline CallNode* CallingContextTree::childOf(CallNode* parent,
                                                                     const Opaque* instrument,
                                                                     std::int64_t start) noexcept {
-    // Beyond the deepest level all are children of the path up to there.
-    if (parent->depth > deepest) [[unlikely]]
-        parent = parent->parent;
-    for (const CallNode::Child& child : parent->children)
-        if (child.instrument == instrument->id && child.node != 0) [[likely]]
-            return &nodes_[child.node];
+    const std::uint32_t key = CallNode::keyOf(instrument);
+    for (std::size_t place = 0; place < CallNode::children; ++place)
+        if (parent->childKeys[place] == key) [[likely]]
+            return parent->childNodes[place];
     return findOrAdd(*parent, instrument, start);
 }
 
-[[gnu::noinline]] CallNode* CallingContextTree::findOrAdd(CallNode& parent,
+/// Beyond the deepest level all are children of the path up to there.
+[[gnu::noinline]] CallNode* CallingContextTree::findOrAdd(CallNode& caller,
                                                           const Opaque* instrument,
                                                           std::int64_t start) noexcept {
-    const bool mayBeKnown = parent.children.back().node != 0 && slots_;
-    const std::uint32_t known = mayBeKnown ? slotOf(parent, instrument) : 0;
-    return known != 0 ? &nodes_[known] : addNode(parent, instrument, start);
+    if (caller.isBelow)
+        return childOf(caller.parent, instrument, start);
+    const bool mayBeKnown = caller.childKeys.back() != 0 && slots_;
+    const std::uint32_t known = mayBeKnown ? slotOf(caller, instrument) : 0;
+    return known != 0 ? &nodes_[known] : addNode(caller, instrument, start);
+}
+
+bool isCalledBy(const CallNode& node, const Opaque* instrument) noexcept {
+    const CallNode* path = &node;
+    while (path && path->instrument != instrument)
+        path = path->parent;
+    return path != nullptr;
 }
 
 CallNode* CallingContextTree::addNode(CallNode& parent, const Opaque* instrument,
                                       std::int64_t start) noexcept {
     const std::uint32_t count = std::max(nodeCount_.load(std::memory_order_relaxed), 1u);
-    const auto free = std::ranges::find(parent.children, 0u, &CallNode::Child::node);
-    const bool isBeyond = free == parent.children.end();
+    const auto place = static_cast<std::size_t>(std::ranges::find(parent.childKeys, 0u) -
+                                                parent.childKeys.begin());
+    const bool isBeyond = place == CallNode::children;
     if (!nodes_.provide(count) || (isBeyond && !provideSlot()))
         return nullptr;
     InstrumentCalls* const all = callsOf(instrument);
@@ -235,12 +267,17 @@ CallNode* CallingContextTree::addNode(CallNode& parent, const Opaque* instrument
     node.all = all;
     node.number = count;
     node.depth = static_cast<std::uint16_t>(parent.depth + 1);
-    node.isNested = &parent != &root_ && all->open > 0;
+    node.isNested = isCalledBy(parent, instrument);
+    node.isBelow = node.depth > deepest;
     node.firstStart = start;
-    if (isBeyond)
+    node.min.store(INT64_MAX, std::memory_order_relaxed);
+    node.max.store(INT64_MIN, std::memory_order_relaxed);
+    if (isBeyond) {
         slotOf(parent, instrument) = count;
-    else
-        *free = {instrument->id, count};
+    } else {
+        parent.childKeys[place] = CallNode::keyOf(instrument);
+        parent.childNodes[place] = &node;
+    }
     // Pairs with the acquire in forEach.
     nodeCount_.store(count + 1, std::memory_order_release);
     return &node;

@@ -22,38 +22,41 @@ namespace instrument::detail {
 /// are many.
 struct InstrumentCalls {
     const Opaque* instrument;
-    std::uint32_t open;  ///< on the stack
+    std::uint32_t openBelow;  ///< on the stack, beyond the deepest level of the tree
     DurationHistogram durations;
 };
 
 /// One call path. What is atomic is written by the tree's thread alone; relaxed: whoever has to see
 /// a call learned of it otherwise.
 struct alignas(64) CallNode {
-    /// By the number of its instrument; all-zero is none.
-    struct Child {
-        std::uint32_t instrument;
-        std::uint32_t node;
-    };
+    static constexpr std::size_t children = 4;
 
     // What a call from here looks at, in one line.
     const Opaque* instrument;
-    CallNode* parent;
     InstrumentCalls* all;
     /// Its first children. Programs touch much memory between two calls, so that they are looked
     /// for where the caller is; those beyond are in a table of the tree's.
-    std::array<Child, 4> children;
-    std::uint32_t number;
-    std::uint16_t depth;
-    /// A caller has the same instrument: its total has these calls already.
-    bool isNested;
+    std::array<std::uint32_t, children> childKeys;
+    std::array<CallNode*, children> childNodes;
 
+    CallNode* parent;
     std::int64_t firstStart;
     std::atomic<std::uint64_t> calls;
     std::atomic<std::int64_t> total;
     std::atomic<std::int64_t> self;
     std::atomic<std::int64_t> min;
     std::atomic<std::int64_t> max;
+    std::uint32_t number;
+    std::uint16_t depth;
+    /// A caller has the same instrument: its total has these calls already.
+    bool isNested;
+    /// Beyond the deepest level of the tree: calls from here are its siblings.
+    bool isBelow;
+
+    /// Of a child: never 0, which stands for none.
+    static std::uint32_t keyOf(const Opaque* instrument) noexcept { return instrument->id + 1; }
 };
+static_assert(offsetof(CallNode, parent) == 64 && sizeof(CallNode) == 128);
 
 /// A call that ended.
 struct EndedCall {
@@ -81,7 +84,7 @@ class CallingContextTree {
         std::uint64_t source;
     };
 
-    explicit CallingContextTree(const Key& key) noexcept : key_(key), source_(key.source) {}
+    explicit CallingContextTree(const Key& key) noexcept;
     ~CallingContextTree();
     CallingContextTree(const CallingContextTree&) = delete;
     CallingContextTree& operator=(const CallingContextTree&) = delete;
@@ -145,7 +148,7 @@ class CallingContextTree {
     static constexpr std::uint64_t takenBit = 1;
     static constexpr std::uint32_t framesAtOnce = 256;
 
-    /// An open call. Those of a stack have rising serials.
+    /// A place on the stack for an open call. Those of a stack have rising serials.
     struct alignas(64) Frame {
         /// The serial, and in the lowest bit whether the call was taken or ended.
         std::atomic<std::uint64_t> word;
@@ -153,33 +156,39 @@ class CallingContextTree {
         std::atomic<std::uint64_t> takenSerial;
         std::atomic<std::int64_t> start;
         std::atomic<CallNode*> node;
+        std::atomic<std::uint32_t> place;  ///< how high; never changed
         // Its thread's alone.
-        Frame* below;  ///< the call around it, or null
-        std::int64_t inside;
         bool isNested;
+        bool isBelow;  ///< as of the node
+        std::int64_t inside;
+        Frame* below;
+        Frame* above;  ///< null where the stack never was as high
 
         /// By its own thread or another one.
         bool isEnded() const noexcept {
             return (word.load(std::memory_order_relaxed) & takenBit) != 0;
         }
     };
+    static_assert(sizeof(Frame) == 64);
 
+    Frame* top() const noexcept { return top_.load(std::memory_order_relaxed); }
+    Frame* above(Frame* frame) noexcept;
+    Frame* provideFrame(Frame* below) noexcept;
     CallNode* childOf(CallNode* parent, const Opaque* instrument, std::int64_t start) noexcept;
-    CallNode* findOrAdd(CallNode& parent, const Opaque* instrument, std::int64_t start) noexcept;
+    CallNode* findOrAdd(CallNode& caller, const Opaque* instrument, std::int64_t start) noexcept;
     CallNode* addNode(CallNode& parent, const Opaque* instrument, std::int64_t start) noexcept;
     InstrumentCalls* callsOf(const Opaque* instrument) noexcept;
     std::uint32_t& slotOf(const CallNode& parent, const Opaque* instrument) const noexcept;
     bool provideSlot() noexcept;
 
-    Frame* nextFrame() noexcept;
-    Frame* provideFrame() noexcept;
-    Frame* frameOf(std::uint64_t serial) const noexcept;
+    bool stopGenerally(std::uint64_t serial, std::int64_t time) noexcept;
+    Frame* frameOf(std::uint64_t serial) noexcept;
     bool takeOwn(Frame& frame, std::uint64_t serial) noexcept;
     bool takeForeign(Frame& frame, std::uint64_t serial) noexcept;
     bool wasTaken(const Frame& frame, std::uint64_t serial) noexcept;
     static void end(Frame& frame, std::int64_t time) noexcept;
-    void pop() noexcept;
-    void popEnded() noexcept;
+    void pop(Frame& frame) noexcept;
+    Frame* popEnded() noexcept;
     static void count(CallNode& node, const EndedCall& call) noexcept;
 
     Key key_;
@@ -190,8 +199,9 @@ class CallingContextTree {
     Lock takeLock_;
     /// Odd while another thread takes a call. Changed under the lock.
     std::atomic<std::uint64_t> takes_{0};
+    /// What its own thread saw of it: even.
+    std::uint64_t takesSeen_ = 0;
 
-    std::atomic<std::uint32_t> depth_{0};  // relaxed: whoever takes a call checks its word
     std::atomic<std::uint32_t> nodeCount_{0};
     /// The nodes that their parents have no place for, by parent and instrument: a hash table of
     /// their numbers, 0 is free.
@@ -199,11 +209,13 @@ class CallingContextTree {
     std::size_t slotCount_ = 0;  ///< a power of two
     std::size_t slotsUsed_ = 0;
 
-    Frame* top_ = nullptr;     ///< the innermost call on the stack
-    Frame* bottom_ = nullptr;  ///< the stack's first place, once there is memory for it
-    MappedChunks<Frame, framesAtOnce, 4096> frames_;
     CallNode root_{};
-    MappedChunks<CallNode, 256, 1024> nodes_;  // 0 stands for the root
+    Frame ground_{};  ///< below the first call; never ends
+    /// The innermost call on the stack, or the ground. Relaxed: whoever takes a call checks its
+    /// word.
+    std::atomic<Frame*> top_{&ground_};
+    MappedChunks<Frame, framesAtOnce, 4096> frames_;  // that at the place of 1 is the first
+    MappedChunks<CallNode, 256, 1024> nodes_;         // 0 stands for the root
     std::atomic<std::uint32_t> instrumentCount_{0};
     MappedChunks<InstrumentCalls, 8, 16384> instruments_;
     /// By the instrument's number.

@@ -16,14 +16,16 @@ class DurationBuckets {
     static constexpr std::size_t count = (largestPower - subBits + 2) << subBits;
 
     static constexpr std::size_t of(std::int64_t nanoseconds) noexcept {
+        constexpr std::uint64_t first = 1u << subBits;
+        constexpr std::uint64_t end = std::uint64_t{1} << (largestPower + 1);
         const auto value = static_cast<std::uint64_t>(std::max<std::int64_t>(nanoseconds, 0));
-        if (value >> subBits == 0)
-            return value;
-        const auto power = static_cast<unsigned>(std::bit_width(value)) - 1;
-        if (power > largestPower)
-            return count - 1;
-        const std::uint64_t sub = value >> (power - subBits) & ((1u << subBits) - 1);
-        return (std::size_t{power - subBits + 1} << subBits) + sub;
+        if (value - first >= end - first) [[unlikely]]
+            return value < first ? value : count - 1;
+        // A real number has the power and what follows the first bit side by side.
+        constexpr unsigned mantissaBits = 52;
+        constexpr std::uint64_t exponentOfOne = 1023;
+        const auto bits = std::bit_cast<std::uint64_t>(static_cast<double>(nanoseconds));
+        return (bits >> (mantissaBits - subBits)) - ((exponentOfOne + subBits - 1) << subBits);
     }
     /// The shortest duration of a bucket.
     static constexpr std::int64_t lowest(std::size_t bucket) noexcept {
@@ -40,6 +42,8 @@ class DurationBuckets {
     }
 };
 static_assert(DurationBuckets::of(INT64_MAX) == DurationBuckets::count - 1);
+static_assert(DurationBuckets::of(DurationBuckets::lowest(17)) == 17 &&
+              DurationBuckets::of(DurationBuckets::lowest(17) - 1) == 16);
 
 /// How many durations fell into each bucket.
 class DurationSums {
