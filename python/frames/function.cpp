@@ -103,9 +103,12 @@ Function newFunction(const PyCodeObject* code) noexcept {
 void decide(Function& function, EnteredCode entered, const Function* caller) {
     const std::string name = nameOf(entered);
     function.session = tracing.session;
+    function.usual = 0;
     function.kind = kindOf(entered, name, caller);
     if (function.kind != FunctionKind::recorded)
         return;
+    if (!function.isCoroutine)
+        function.usual = tracing.session;
     function.call = function.resume = instrument::controls.getHandle(name);
     notePlace(function.call, entered.code);
     constexpr int suspends = CO_GENERATOR | CO_COROUTINE | CO_ASYNC_GENERATOR;

@@ -21,6 +21,7 @@ enum class FunctionKind : std::uint8_t {
 
 struct Function {
     std::uint32_t session;  ///< that decided about it
+    std::uint32_t usual;    ///< the same where each call is an event without context; else 0
     FunctionKind kind;
     bool mayBeSubscript;  ///< may be called by a subscript, as a __getitem__
     bool isCoroutine;

@@ -15,6 +15,7 @@
 #include "subscript.hpp"
 #include "task_name.hpp"
 #include "tracing.hpp"
+#include "zandor/instrument/call_events.hpp"
 #include "zandor/instrument/clock.hpp"
 
 namespace vantrace {
@@ -32,6 +33,10 @@ PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws);
     return intoPython([&] { return tracing.next(thread, frame, throws); });
 }
 
+[[gnu::always_inline]] inline bool isTooDeep(const TracedThread& thread) noexcept {
+    return static_cast<const char*>(__builtin_frame_address(0)) < thread.limit;
+}
+
 bool isResumed(const Frame* frame) noexcept {
     return frame->owner == FRAME_OWNED_BY_GENERATOR;
 }
@@ -45,11 +50,11 @@ bool isResumed(const Frame* frame) noexcept {
     return learnFunction(frame, caller);
 }
 
-[[gnu::noinline]] PyObject* evaluateEvent(PyThreadState* thread, Frame* frame, int throws,
-                                          const Opaque* instrument) {
-    const EventId id = startCall(instrument);
+[[gnu::always_inline]] inline PyObject* evaluateEvent(PyThreadState* thread, Frame* frame,
+                                                      int throws, const Opaque* instrument) {
+    const EventId id = instrument::enterCall(instrument);
     PyObject* result = goOn(thread, frame, throws);
-    stopCall(instrument, id);
+    instrument::leaveCall(instrument, id);
     return result;
 }
 
@@ -73,6 +78,7 @@ PyObject* evaluateImport(PyThreadState* thread, Frame* frame, int throws) {
         ++tracing.collapsedCalls;  // part of the import around it
         return goOn(thread, frame, throws);
     }
+    traced.usual = 0;
     PyObject* result = evaluateEvent(thread, frame, throws, tracing.import);
     traced.isImporting = false;
     return result;
@@ -81,9 +87,11 @@ PyObject* evaluateImport(PyThreadState* thread, Frame* frame, int throws) {
 /// A function that an import calls: imports below it are its own.
 PyObject* evaluateInImport(PyThreadState* thread, Frame* frame, int throws,
                            const Opaque* instrument) {
-    tracedThread.isImporting = false;
+    TracedThread& traced = tracedThread;
+    traced.isImporting = false;
     PyObject* result = evaluateEvent(thread, frame, throws, instrument);
-    tracedThread.isImporting = true;
+    traced.isImporting = true;
+    traced.usual = 0;
     return result;
 }
 
@@ -96,17 +104,23 @@ PyObject* evaluateOther(PyThreadState* thread, Frame* frame, int throws, const F
     return tracing.next(thread, frame, throws);
 }
 
+const Opaque* instrumentOf(const Function& function, const Frame* frame) noexcept {
+    return isResumed(frame) ? function.resume : function.call;
+}
+
 PyObject* evaluateTraced(PyThreadState* thread, Frame* frame, int throws) {
     const Function* function = functionOf(frame, thread->cframe->current_frame);
     if (!function || function->kind != FunctionKind::recorded)
         return evaluateOther(thread, frame, throws, function);
     if (function->mayBeSubscript)
         keepGeneral(thread->cframe->current_frame);
-    const Opaque* instrument = isResumed(frame) ? function->resume : function->call;
+    nameThread();
+    const Opaque* instrument = instrumentOf(*function, frame);
     if (function->isCoroutine && isResumed(frame)) [[unlikely]]
         return evaluateStep(thread, frame, throws, instrument);
     if (tracedThread.isImporting) [[unlikely]]
         return evaluateInImport(thread, frame, throws, instrument);
+    tracedThread.usual = tracing.session;
     return evaluateEvent(thread, frame, throws, instrument);
 }
 
@@ -161,7 +175,7 @@ void adoptRunningFrames(const Frame* innermost) {
     for (; !frames.empty(); frames.pop_back()) {
         const Function* function = functionOf(frames.back(), frames.back()->previous);
         if (function && function->kind == FunctionKind::recorded)
-            startCall(isResumed(frames.back()) ? function->resume : function->call);
+            startCall(instrumentOf(*function, frames.back()));
     }
 }
 
@@ -170,6 +184,7 @@ void lookAtThread(PyThreadState* thread) noexcept {
     if (!tracedThread.limit)
         tracedThread.limit = stackLimit();
     tracedThread.session = tracing.session;
+    tracedThread.usual = 0;
     tracedThread.isImporting = false;
     try {
         adoptRunningFrames(thread->cframe->current_frame);
@@ -180,14 +195,30 @@ void lookAtThread(PyThreadState* thread) noexcept {
         PyErr_Clear();  // the program's audit hook refused, which it knows
 }
 
-PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
-    if (!tracing.isOn) [[unlikely]]
+[[gnu::noinline]] PyObject* evaluateUnusual(PyThreadState* thread, Frame* frame, int throws) {
+    if (!tracing.isOn)
         return tracing.next(thread, frame, throws);
-    if (tracedThread.session != tracing.session) [[unlikely]]
+    if (tracedThread.session != tracing.session)
         lookAtThread(thread);
-    if (static_cast<const char*>(__builtin_frame_address(0)) < tracedThread.limit) [[unlikely]]
+    if (isTooDeep(tracedThread))
         return evaluateDeep(thread, frame, throws);
     return evaluateTraced(thread, frame, throws);
+}
+
+/// Whether the thread, and a call of the function, are as nearly all are.
+[[gnu::always_inline]] inline bool isUsual(const Function* function, const TracedThread& thread) {
+    const std::uint32_t session = tracing.isOn ? tracing.session : 0;
+    return function && function->usual == session && thread.usual == session && session != 0 &&
+           !isTooDeep(thread);
+}
+
+PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
+    const Function* function = knownFunction(frame->f_code);
+    if (!isUsual(function, tracedThread)) [[unlikely]]
+        return evaluateUnusual(thread, frame, throws);
+    if (function->mayBeSubscript)
+        keepGeneral(thread->cframe->current_frame);
+    return evaluateEvent(thread, frame, throws, instrumentOf(*function, frame));
 }
 
 /// Whether a frame that runs now reaches our hook.

@@ -8,6 +8,7 @@ namespace vantrace {
 /// What the hook keeps for a thread.
 struct TracedThread {
     std::uint32_t session;  ///< in which the thread was looked at last; 0: never
+    std::uint32_t usual;    ///< the session, while its calls need no look at the thread; else 0
     bool isImporting;       ///< an import is the latest event that it entered
     bool isDeep;            ///< it has the hook taken out
     const char* limit;      ///< C frames below this address are too deep to trace
