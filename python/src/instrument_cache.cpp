@@ -1,7 +1,7 @@
 #include "instrument_cache.hpp"
 
+#include <algorithm>
 #include <array>
-#include <cstdint>
 
 #include "errors.hpp"
 #include "text.hpp"
@@ -17,35 +17,63 @@ struct KnownName {
     const instrument::Opaque* instrument;
 };
 
-// Guarded by the interpreter's lock.
-constinit std::array<KnownName, 512> knownNames{};
+/// Names whose hashes end in the same bits, the one that came last first: a cache line.
+struct alignas(64) KnownNames {
+    std::array<KnownName, 4> places;
+};
 
-KnownName& placeOf(PyObject* name) noexcept {
-    const auto address = reinterpret_cast<std::uintptr_t>(name);
-    return knownNames[(address / 16) % knownNames.size()];
+// Guarded by the interpreter's lock.
+constinit std::array<KnownNames, 256> knownNames{};
+
+KnownNames& namesBeside(Py_hash_t hash) noexcept {
+    return knownNames[static_cast<std::size_t>(hash) % knownNames.size()];
 }
 
-const instrument::Opaque* lookUp(PyObject* name) {
-    if (!PyUnicode_Check(name)) {
-        raise(PyExc_TypeError, "the name of an event must be str, not %s", Py_TYPE(name)->tp_name);
-    }
+/// Texts that are made anew for each event are equal, but not the same.
+bool isEqual(PyObject* known, PyObject* name, Py_hash_t hash) noexcept {
+    return known && reinterpret_cast<PyASCIIObject*>(known)->hash == hash &&
+           PyUnicode_Compare(known, name) == 0;
+}
+
+void keep(KnownNames& names, KnownName added) noexcept {
+    std::rotate(names.places.begin(), names.places.end() - 1, names.places.end());
+    PyObject* before = names.places.front().name;
+    Py_INCREF(added.name);
+    names.places.front() = added;
+    Py_XDECREF(before);
+}
+
+const instrument::Opaque* registered(PyObject* name) {
     Ref owner;
     return instrument::controls.getHandle(utf8Of(name, owner));
+}
+
+[[gnu::noinline]] const instrument::Opaque* lookUp(PyObject* name) {
+    if (!PyUnicode_Check(name))
+        raise(PyExc_TypeError, "the name of an event must be str, not %s", Py_TYPE(name)->tp_name);
+    if (!PyUnicode_CheckExact(name))
+        return registered(name);
+    const Py_hash_t hash = PyObject_Hash(name);
+    KnownNames& names = namesBeside(hash);
+    for (const KnownName& known : names.places)
+        if (isEqual(known.name, name, hash))
+            return known.instrument;
+    const instrument::Opaque* instrument = registered(name);
+    keep(names, {name, instrument});
+    return instrument;
 }
 
 }  // namespace
 
 const instrument::Opaque* instrumentOf(PyObject* name) {
-    KnownName& place = placeOf(name);
-    if (place.name == name) [[likely]]
-        return place.instrument;
-    const instrument::Opaque* instrument = lookUp(name);
-    if (PyUnicode_CheckExact(name) && PyUnicode_CHECK_INTERNED(name)) {
-        PyObject* before = place.name;
-        place = {Py_NewRef(name), instrument};
-        Py_XDECREF(before);
+    if (PyUnicode_CheckExact(name)) [[likely]] {
+        // Where there is no hash yet, it is none of those that are known.
+        const Py_hash_t hash = reinterpret_cast<PyASCIIObject*>(name)->hash;
+        for (const KnownName& known : namesBeside(hash).places)
+            if (known.name == name) [[likely]]
+                return known.instrument;
     }
-    return instrument;
+    return lookUp(name);
 }
 
 }  // namespace vantrace
