@@ -65,8 +65,8 @@ bool NameTable::append(const char* name, std::size_t length, std::uint32_t& id) 
     const wire::NameHead head{static_cast<std::uint32_t>(length), 0};
     memcpy(room_ + id, &head, sizeof head);
     memcpy(room_ + id + sizeof head, name, length + 1);
-    // Release: whoever sees the new end, and the record that names it, sees the name. The reader
-    // copies by pread, in that order.
+    // Release pairs with the reader's copies by pread, of the end first: whoever sees the new end,
+    // and the record that names it, sees the name.
     std::atomic_ref(*end_).store(static_cast<std::uint32_t>(id + bytes), std::memory_order_release);
     return true;
 }

@@ -115,7 +115,8 @@ void Ring::close() noexcept {
 }
 
 bool Ring::drop(wire::Drop cause) noexcept {
-    // Handlers that interrupt each other on this thread count here, too.
+    // Handlers that interrupt each other on this thread count here, too; relaxed, since it only
+    // counts.
     std::atomic_ref(header().drops[static_cast<std::size_t>(cause)])
         .fetch_add(1, std::memory_order_relaxed);
     return false;

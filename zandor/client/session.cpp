@@ -11,7 +11,7 @@ std::atomic_ref<std::uint32_t> ringOf(const Session& session, std::uint32_t slot
 }  // namespace
 
 bool Session::takeSlot(std::uint32_t& slot, std::uint32_t& ring) noexcept {
-    // Only distinctness counts.
+    // Relaxed, each: only distinctness counts, and nothing is handed over with a slot.
     ring = rings.fetch_add(1, std::memory_order_relaxed) + 1;
     for (std::uint32_t tried = 0; tried < ringSlots; ++tried) {
         slot = (ring + tried) % ringSlots;
@@ -25,6 +25,7 @@ bool Session::takeSlot(std::uint32_t& slot, std::uint32_t& ring) noexcept {
 }
 
 void Session::giveBackSlot(std::uint32_t slot) noexcept {
+    // Relaxed: as in takeSlot.
     ringOf(*this, slot).store(readShared(this->slot(slot).released), std::memory_order_relaxed);
 }
 

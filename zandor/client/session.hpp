@@ -31,8 +31,8 @@ struct Session {
     wire::Clock clock;
     Mapping control;
     Mapping counters;
-    Mapping slotRings;  ///< for each slot the ring that took it last; 32 bits
-    std::atomic<std::uint32_t> rings;
+    Mapping slotRings;                 ///< for each slot the ring that took it last; 32 bits
+    std::atomic<std::uint32_t> rings;  ///< taken so far; relaxed: only distinctness counts
 
     // Of the client's own thread.
     Stage stage;
@@ -42,6 +42,7 @@ struct Session {
     const wire::RingSlot& slot(std::uint32_t index) const noexcept {
         return reinterpret_cast<const wire::RingSlot*>(control.as<wire::Control>() + 1)[index];
     }
+    /// Relaxed: it only counts.
     void count(wire::Drop cause) noexcept {
         std::atomic_ref(counters.as<wire::Counters>()->drops[static_cast<std::size_t>(cause)])
             .fetch_add(1, std::memory_order_relaxed);

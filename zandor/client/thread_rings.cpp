@@ -10,7 +10,7 @@ namespace {
 
 constinit thread_local bool hasEnded = false;
 constinit thread_local char givenName[wire::nameBytes] = {};
-constinit std::atomic<std::uint32_t> threads{0};
+constinit std::atomic<std::uint32_t> threads{0};  // relaxed: the numbers only have to differ
 
 void closeAll(ThreadRings& all) noexcept {
     for (auto& ofClient : all.rings)

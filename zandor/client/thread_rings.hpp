@@ -11,7 +11,8 @@ namespace zandor::client {
 
 /// Stands in memory that is wiped on fork: all-zero is its first state.
 struct ThreadRings {
-    /// While the thread is putting an event: one in a signal handler is dropped then.
+    /// While the thread is putting an event: one in a signal handler is dropped then. Relaxed: only
+    /// handlers on this thread look.
     std::atomic<bool> isBusy;
     std::uint32_t number;  ///< of the thread, from 1; 0: not yet given
     int endingRounds;

@@ -28,8 +28,7 @@ struct BlockAllocator {
 };
 
 /// Memory that stays for the life of the process, handed out piece by piece. Guarded by its user's
-/// lock. The two are written in an order in which a fork at any instant loses one piece at most;
-/// release keeps that order, and fork itself is what it pairs with.
+/// lock.
 class Arena {
   public:
     constexpr Arena() noexcept = default;
@@ -37,6 +36,8 @@ class Arena {
     void* allocate(std::size_t size) noexcept;
 
   private:
+    // Relaxed under the lock. Written in an order in which a fork at any instant loses one piece at
+    // most: release keeps that order, and being copied by the fork is what acquires.
     std::atomic<std::byte*> next_{nullptr};
     std::atomic<std::size_t> left_{0};
 };

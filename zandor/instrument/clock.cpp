@@ -61,6 +61,8 @@ const ClockSource& bestSource() noexcept {
 }
 #endif
 
+// Released by install, acquired by who reads a clock: the converter has its first knot. Relaxed
+// under the clock's lock.
 constinit std::atomic<const ClockSource*> source{nullptr};
 constinit TickConverter converter;
 

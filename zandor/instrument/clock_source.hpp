@@ -74,9 +74,13 @@ class ZANDOR_INSTRUMENT_API TickConverter {
     bool append(Knot next) noexcept;
 
     const ClockSource* source_ = nullptr;
+    // What is appended under the lock is released with the count, which readers acquire. Relaxed
+    // under the lock.
     std::atomic<std::uint32_t> count_{0};
     std::atomic<Knot*> blocks_[blockCount]{};
     Baseline baselines_[2]{};
+    /// Read and written under the lock: relaxed. Its release keeps the order in which a fork, by
+    /// which a child acquires its copy, may cut in.
     std::atomic<int> baseline_{0};
 };
 
@@ -101,7 +105,7 @@ ZANDOR_INSTRUMENT_API const TickConverter& tickConverter() noexcept;
 /// reads it.
 ZANDOR_INSTRUMENT_API void replaceClockSource(const ClockSource* source) noexcept;
 
-/// Another one for each replacement.
+/// Another one for each replacement. Relaxed: clocks are replaced while no event happens.
 extern constinit std::atomic<std::uint32_t> clockNumber;
 
 enum class ClockKind : std::uint8_t { undecided, tsc, other };

@@ -30,7 +30,7 @@ struct Mode {
 };
 
 // Changed in the other place and then published by one store, so that a fork meanwhile leaves it
-// whole. Both with the controls' lock held.
+// whole: the store releases, and being copied acquires. Both with the controls' lock held: relaxed.
 constinit Mode modes[2];
 constinit std::atomic<int> modeInForce{0};
 

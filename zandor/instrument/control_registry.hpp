@@ -34,6 +34,8 @@ enum class Switch : std::uint8_t { unset, off, on };
 /// What individual calls said of an instrument. Valid as long as `epoch` is that of the Mode; else
 /// nothing was said.
 struct ElementState {
+    // Under the controls' lock: relaxed. Only the epoch is released, for the child of a fork, which
+    // acquires the whole by being copied.
     std::atomic<std::uint64_t> epoch{0};
     std::atomic<Switch> plain{Switch::unset};
     std::atomic<RuleList*> rules{nullptr};
@@ -41,7 +43,7 @@ struct ElementState {
 
 /// An instrument, registered or only mentioned.
 struct Element : ControlElement {
-    /// Whether some code asked for the handle.
+    /// Whether some code asked for the handle. Relaxed: it publishes nothing but itself.
     std::atomic<bool> registered{false};
     std::atomic<const RuleList*> rulesInForce{nullptr};
     ElementState own;

@@ -16,6 +16,7 @@ struct Range {
     std::size_t size;
     Range* next;
 };
+// Released in addRange, acquired by all who go through them.
 constinit std::atomic<Range*> ranges{nullptr};
 constinit std::atomic<bool> handlerInstalled{false};
 

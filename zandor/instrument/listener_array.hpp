@@ -16,7 +16,9 @@ struct Registration {
     InstrumentListener* listener;
     const ShortOperations* shortWay;  ///< null where it has none, and of a recorder
     std::uint32_t arrays;             ///< that hold it; under the listeners' lock
-    std::atomic<bool> removed;        ///< no new call may begin
+    /// No new call may begin. Released by the removal, acquired by who skips the listener; relaxed
+    /// under the listeners' lock.
+    std::atomic<bool> removed;
 };
 
 /// In order of registration; the pointers follow the head.
@@ -41,7 +43,8 @@ inline bool isListenersMark(const void* calling) noexcept {
     return (reinterpret_cast<std::uintptr_t>(calling) & 1) != 0;
 }
 
-/// Null when nobody is registered.
+/// Null when nobody is registered. Each release pairs with the acquire of who delivers; relaxed
+/// under the listeners' lock, or where only null is asked for.
 extern constinit std::atomic<ListenerArray*> listenersInForce;
 /// The one that is registered, while it is the only one; else null.
 extern constinit std::atomic<InstrumentListener*> onlyListener;

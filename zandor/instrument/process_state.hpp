@@ -24,11 +24,12 @@ struct ProcessState {
     static constexpr std::size_t blockSizes = 8;
     static constexpr std::size_t externalBuckets = 64;
 
-    /// Whether this process has seen that it is one; a child finds it false.
+    /// Whether this process has seen that it is one; a child finds it false. Relaxed where it is
+    /// only looked at: the exchange makes the first one.
     std::atomic<bool> entered{false};
-    /// Events produced inside listeners.
+    /// Events produced inside listeners. Relaxed, as the two below: they only count.
     std::atomic<std::uint64_t> suppressedEvents{0};
-    /// States of threads that are in use, and that were ever made for a thread.
+    /// States of threads that are in use, and that were ever made for a thread; relaxed.
     std::atomic<std::uint64_t> threadStates{0};
     std::atomic<std::uint64_t> threadStatesMade{0};
 
@@ -39,6 +40,8 @@ struct ProcessState {
     RuleList* retiredRules = nullptr;
 
     Lock sources;
+    /// Chains, changed under the lock: released there, acquired by who follows one in a
+    /// ReadSection. Relaxed under the lock.
     std::atomic<SourceInfo*> externalSources[externalBuckets]{};
     SourceInfo* retiredSources = nullptr;
 

@@ -31,6 +31,7 @@ RecorderLimits resolved(RecorderLimits limits) {
     return limits;
 }
 
+/// Relaxed, for what only counts.
 std::uint64_t relaxed(const std::atomic<std::uint64_t>& count) noexcept {
     return count.load(std::memory_order_relaxed);
 }
@@ -116,6 +117,7 @@ Track* RecorderCore::makeTrack(Generation& generation, const ThreadState& thread
 void RecorderCore::countWithoutTrack(const NewRecord& record, Denial denial) noexcept {
     if (record.isStop() && record.id.sourceId == record.source->id)
         return;
+    // Relaxed: it only counts.
     auto& count = denial == Denial::bound ? state_->refused : state_->failed;
     count.fetch_add(1, std::memory_order_relaxed);
 }

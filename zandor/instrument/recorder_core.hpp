@@ -21,10 +21,11 @@ namespace instrument::detail {
 struct RecorderState {
     Lock lock;
     /// None before the first event. Written under the lock, release; pairs with the acquire in
-    /// findTrack.
+    /// findTrack. Relaxed where it is read under the lock, or publishes null.
     std::atomic<Generation*> current;
     Generation* retired;  ///< cleared, but some thread may still be writing to it; under the lock
-    std::atomic<std::size_t> bytes;  ///< of event memory in use; under the lock, told without
+    /// Of event memory in use. Changed under the lock; told without, relaxed: a mere number.
+    std::atomic<std::size_t> bytes;
     // Events dropped before there was a track to count them. Relaxed: they only count.
     std::atomic<std::uint64_t> refused;
     std::atomic<std::uint64_t> failed;
@@ -104,10 +105,11 @@ class RecorderCore {
     void releaseRetired(const InstrumentListener& listener) noexcept;
 
     RecorderLimits limits_;
-    /// Of the recording; never that of another. Changed under the lock.
+    /// Of the recording; never that of another. Changed under the lock. Relaxed: a thread that sees
+    /// an older one writes to a generation that clear keeps until no thread is inside the recorder.
     std::atomic<std::uint64_t> number_;
-    std::size_t slot_;  ///< in the states of threads; their number when none was free
-    std::atomic<bool> said_{false};
+    std::size_t slot_;               ///< in the states of threads; their number when none was free
+    std::atomic<bool> said_{false};  ///< relaxed: it only makes the first of many callers
     mutable ForkPrivate<RecorderState> state_;
 };
 

@@ -28,14 +28,16 @@ struct Generation;
 
 /// Header of a stretch of records, which follow it.
 struct Chunk {
-    std::atomic<Chunk*> next;      ///< the newer one of the track, once this is sealed
-    std::atomic<Word*> sealedEnd;  ///< set before `next`
+    /// The newer one of the track, once this is sealed. Release by the track's thread, acquire by
+    /// readers; relaxed where its thread or the lock's holder looks.
+    std::atomic<Chunk*> next;
+    std::atomic<Word*> sealedEnd;  ///< set before `next`, which publishes it: relaxed
     Chunk* nextSealed;  ///< in order of sealing, over all tracks; or next in the free list
     Track* track;
     StreamState first;          ///< of the stream at the first record; keeps its source
     std::size_t bytes;          ///< of header and records
     std::size_t sourceRecords;  ///< how many of its records keep a source
-    std::atomic<std::uint32_t> foreignStops;
+    std::atomic<std::uint32_t> foreignStops;  ///< relaxed: committed with the record, by the tail
     /// Whether serials are missing between its starts and instants.
     bool hasGaps;
 
@@ -65,8 +67,9 @@ struct RecentStart {
 
 struct alignas(64) Track {
     // What every event touches, in one line. Written by the track's thread.
-    std::atomic<Word*>
-        tail;     ///< end of what is committed. Release; pairs with the acquire of readers
+    /// End of what is committed. Release; pairs with the acquire of readers. Relaxed where the
+    /// track's thread looks at its own, or what it ended with.
+    std::atomic<Word*> tail;
     Word* limit;  ///< of the current chunk
     StreamState stream;
     std::uint64_t runFirst;  ///< first serial of the present run
@@ -79,9 +82,11 @@ struct alignas(64) Track {
     const ThreadState* thread;  ///< whose threads write it
     std::array<RecentStart, 8> recent;
 
-    std::atomic<Chunk*> oldest;  ///< changed under the lock; while anybody reads, only from null
-    Track* next;                 ///< set before the track is published
-    std::size_t reserved;        ///< bytes set aside for stops of its open events; under the lock
+    /// Changed under the lock, where it is read relaxed; while anybody reads, only from null, by a
+    /// release that pairs with the acquire in startView.
+    std::atomic<Chunk*> oldest;
+    Track* next;           ///< set before the track is published
+    std::size_t reserved;  ///< bytes set aside for stops of its open events; under the lock
     std::uint32_t sizeClass;
     // Written by the track's thread, relaxed: they count, and publish nothing else.
     std::atomic<std::uint64_t> refused;
@@ -122,8 +127,9 @@ struct ChunkBackup;
 /// All zero but what its makers set. Everything here is under the lock but for `tracks`.
 struct Generation {
     std::uint64_t number;
-    RunFile* file;               ///< where its memory lies; null: in this process alone
-    std::atomic<Track*> tracks;  ///< newest first. Release; pairs with the acquire of readers
+    RunFile* file;  ///< where its memory lies; null: in this process alone
+    /// Newest first. Release; pairs with the acquire of readers. Relaxed under the lock.
+    std::atomic<Track*> tracks;
     std::size_t trackCount;
     Mapping* mappings;
     std::byte* blockTail;

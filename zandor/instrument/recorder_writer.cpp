@@ -9,7 +9,7 @@
 namespace instrument::detail {
 namespace {
 
-/// Counts are their thread's own.
+/// Counts are their thread's own: relaxed.
 void increment(std::atomic<std::uint64_t>& count) noexcept {
     count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }

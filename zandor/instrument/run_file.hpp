@@ -35,7 +35,8 @@ struct Mapping {
     std::uint64_t address;  ///< where it stands in its process
     RunFilePart part;
     /// Bytes behind the header that hold whole entries, of a journal. Release; a process that reads
-    /// the file takes no entry beyond it.
+    /// the file takes no entry beyond it, and its copy of the page is what acquires. Relaxed under
+    /// the texts' lock, and in such a copy.
     std::atomic<std::uint64_t> committed;
 };
 /// What a mapping holds begins behind this many bytes.
@@ -56,7 +57,8 @@ struct RunFile {
     std::uint32_t version;
     std::uint32_t ticksAreTsc;
     std::uint64_t processId;
-    /// The generation's address. Null until all that it begins with is there; release.
+    /// The generation's address. Null until all that it begins with is there; release. A process
+    /// that reads the file acquires it by its copy of the page, in which it is read relaxed.
     std::atomic<std::uint64_t> generation;
     std::array<char, 64> processName;  ///< ends with a NUL
     std::array<char, 40> bootId;       ///< of the system's run that the clocks belong to

@@ -78,6 +78,7 @@ SourcePtr externalSource(std::uint64_t id) noexcept {
         if (!state)
             return {};
         const ReadSection section(*state);
+        // Pairs with the release in addExternalSource and removeExternalSource.
         if (SourceInfo* info = placeOf(id)->load(std::memory_order_acquire))
             return SourcePtr(info);
     }
@@ -134,6 +135,7 @@ void removeExternalSource(std::uint64_t sourceId) noexcept {
     SourceInfo* info = place->load(std::memory_order_relaxed);
     if (!info)
         return;
+    // Relaxed under the lock; the release pairs with the acquire in placeOf and externalSource.
     place->store(info->next.load(std::memory_order_relaxed), std::memory_order_release);
     retireSource(info);
 }

@@ -15,7 +15,7 @@
 namespace instrument::detail {
 namespace {
 
-// Not wiped on fork: a child's sources have new ids.
+// Not wiped on fork: a child's sources have new ids. Relaxed: only distinctness counts.
 constinit std::atomic<std::uint64_t> latestSourceId{0};
 
 constexpr std::size_t nameSize = 64;
@@ -60,7 +60,6 @@ SourceInfo* makeSource() noexcept {
         return nullptr;
     auto* info = ::new (memory) SourceInfo{};
     info->references.store(1, std::memory_order_relaxed);
-    // Only distinctness counts.
     info->id = latestSourceId.fetch_add(1, std::memory_order_relaxed) + 1;
     return info;
 }

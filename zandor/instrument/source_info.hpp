@@ -13,8 +13,10 @@
 namespace instrument::detail {
 
 struct SourceInfo {
+    /// Who adds one has one: relaxed.
     std::atomic<std::uint32_t> references;
-    /// Of a thread of this process that has not ended: the kernel still knows its name.
+    /// Of a thread of this process that has not ended: the kernel still knows its name. Relaxed
+    /// where the source is made, as are the names: whoever finds it does so by a release.
     std::atomic<bool> alive;
     std::uint64_t id;
     /// The system's own ids.
@@ -22,11 +24,13 @@ struct SourceInfo {
     std::uint64_t threadId;
     /// Of another process; null for this one.
     const InternedText* processName;
-    /// What the program said; null when it said nothing.
+    /// What the program said; null when it said nothing. Released where the thread is named,
+    /// acquired in `name`; relaxed where the source is made.
     std::atomic<const InternedText*> givenName;
-    /// What the kernel said when it was asked last.
+    /// What the kernel said when it was asked last. Released and acquired as the one above; relaxed
+    /// where the source is made.
     std::atomic<const InternedText*> kernelName;
-    /// The recording whose file told of it last.
+    /// The recording whose file told of it last. Relaxed: to tell of a source twice does no harm.
     std::atomic<std::uint64_t> journaled;
     /// In the table of external sources.
     std::atomic<SourceInfo*> next;

@@ -9,6 +9,8 @@ SuppressEvents::SuppressEvents() noexcept : state_(detail::ThreadState::ofThisTh
         state_ = nullptr;
         return;
     }
+    // Only handlers on this thread look for this mark: relaxed in effect, and kept in place by the
+    // fence.
     state_->calling.store(state_->noListener(), std::memory_order_release);
     std::atomic_signal_fence(std::memory_order_seq_cst);
 }

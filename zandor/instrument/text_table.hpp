@@ -75,6 +75,7 @@ class TextTable {
         const Buckets* buckets = buckets_.load(std::memory_order_relaxed);
         if ((!buckets || (number + 1) * 2 > buckets->mask) && !grow())
             return false;
+        // The release pairs with the acquire in at.
         std::atomic<Slot*>& block = blocks_[Place(number).block];
         if (!block.load(std::memory_order_relaxed))
             block.store(makeSlots(Place::size(Place(number).block)), std::memory_order_release);
@@ -141,6 +142,8 @@ class TextTable {
         return true;
     }
 
+    // Written by one thread at a time, who reads them relaxed; each release there pairs with the
+    // acquire of the same in find and at.
     std::atomic<Buckets*> buckets_{nullptr};
     std::atomic<std::uint32_t> size_{0};
     std::atomic<Slot*> blocks_[26]{};

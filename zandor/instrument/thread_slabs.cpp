@@ -13,7 +13,8 @@ constexpr std::uint64_t allUsed = ~std::uint64_t{0};
 
 /// The wiped part.
 struct States {
-    alignas(64) std::atomic<std::uint64_t> used;  // a bit a state
+    // A bit a state. Whoever gives one back releases it; whoever takes or visits it acquires.
+    alignas(64) std::atomic<std::uint64_t> used;
     ThreadState states[64];
 };
 
@@ -22,6 +23,7 @@ struct Slab {
     States* wiped;
     Slab* next;
 };
+// Released by addSlab, acquired by who goes through them.
 constinit std::atomic<Slab*> slabs{nullptr};
 
 Slab* mapSlab() noexcept {

@@ -16,7 +16,7 @@ namespace {
 
 constinit ThreadState nobody{};
 
-// 0: not made yet; else the key and 1.
+// 0: not made yet; else the key and 1. The exchange that makes it releases, each look acquires.
 constinit std::atomic<unsigned> endKey{0};
 
 void threadEnds(void* state) noexcept;

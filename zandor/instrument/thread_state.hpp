@@ -55,15 +55,19 @@ struct TaggedSource {
 struct alignas(64) ThreadState {
     // What every event touches, in one line.
 
-    /// The locals of the thread whose state it is; another's or none after a fork.
+    /// The locals of the thread whose state it is; another's or none after a fork. Relaxed: only
+    /// the thread's own store tells it anything.
     std::atomic<const ThreadLocals*> owner;
     /// Null while the thread delivers no event. Else the listener that it is calling, or the mark
     /// of a ListenerArray while it calls all of those, which this protects; or `noListener` before,
-    /// between and after them.
+    /// between and after them. What the thread did in a listener it releases when it goes on; those
+    /// who wait for the listener, or free the array, acquire it. Relaxed for the thread itself.
     std::atomic<const void*> calling;
-    /// Protects the listeners that the thread is going through, where there are several.
+    /// Protects the listeners that the thread is going through, where there are several: released
+    /// when it leaves them, acquired by those who free the array.
     std::atomic<const ListenerArray*> snapshot;
-    /// Odd while the thread is inside a ReadSection.
+    /// Odd while the thread is inside a ReadSection: released at its end, acquired in
+    /// everybodyLeft.
     std::atomic<std::uint64_t> readSections;
     ThreadSource source;
 

@@ -164,7 +164,7 @@ SourceInfo& LoadedProcess::sourceOf(std::uint64_t id) {
         return *known->second;
     SourceInfo& made = sourceMemory_.emplace_back();
     known->second = &made;
-    made.references.store(1, std::memory_order_relaxed);
+    made.references.store(1, std::memory_order_relaxed);  // nobody else knows it yet
     made.id = id;
     made.processId = facts_.processId;
     made.processName = processName_;

@@ -30,6 +30,7 @@ void letGo(const zandor::LibraryRange& range) noexcept {
 }  // namespace
 
 void observeUnloading() {
+    // Relaxed where it is only looked at: the exchange makes the first one.
     static constinit std::atomic<bool> observing{false};
     if (observing.load(std::memory_order_relaxed) || observing.exchange(true))
         return;

@@ -13,6 +13,7 @@ namespace {
 constexpr std::uint32_t deepest = 1024;
 constexpr std::size_t firstSlots = 1024;
 
+/// Relaxed: written by the tree's thread alone.
 template <class Number>
 void increase(std::atomic<Number>& sum, Number by) noexcept {
     sum.store(sum.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
@@ -219,7 +220,7 @@ CallingContextTree::Frame* CallingContextTree::popEnded() noexcept {
         increase(node.total, duration);
     increase(node.self, duration - call.inside);
     node.all->durations.add(duration);
-    increase<std::uint64_t>(node.calls, 1);
+    node.calls.store(node.calls.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
 [[gnu::always_inline]] inline CallNode* CallingContextTree::childOf(CallNode* parent,

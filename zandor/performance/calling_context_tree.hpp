@@ -41,7 +41,10 @@ struct alignas(64) CallNode {
 
     CallNode* parent;
     std::int64_t firstStart;
+    /// Released when all else of the call is counted, acquired by readers: then it is there.
+    /// Relaxed for the tree's thread.
     std::atomic<std::uint64_t> calls;
+    // Relaxed, each.
     std::atomic<std::int64_t> total;
     std::atomic<std::int64_t> self;
     std::atomic<std::int64_t> min;
@@ -150,7 +153,8 @@ class CallingContextTree {
 
     /// A place on the stack for an open call. Those of a stack have rising serials.
     struct alignas(64) Frame {
-        /// The serial, and in the lowest bit whether the call was taken or ended.
+        /// The serial, and in the lowest bit whether the call was taken or ended. Released where
+        /// the call starts, acquired by other threads, which take it; relaxed for its own.
         std::atomic<std::uint64_t> word;
         /// That of the call if another thread takes it. Relaxed: looked at under the lock.
         std::atomic<std::uint64_t> takenSerial;
@@ -192,7 +196,7 @@ class CallingContextTree {
     static void count(CallNode& node, const EndedCall& call) noexcept;
 
     Key key_;
-    std::atomic<std::uint64_t> source_;
+    std::atomic<std::uint64_t> source_;  // relaxed: whoever looks for a call checks its word
     std::atomic<bool> hasFirstEvent_{false};
     std::atomic<std::int64_t> firstEvent_{0};
 

@@ -15,7 +15,8 @@ namespace instrument::detail {
 class CountTable {
   public:
     struct Entry {
-        /// Null: free. Written last, release; pairs with the acquire of readers.
+        /// Null: free. Written last, release; pairs with the acquire of readers. Relaxed for the
+        /// table's thread, which alone writes it.
         std::atomic<const Opaque*> instrument;
         const std::uint64_t* words;
         std::uint32_t wordCount;
@@ -114,6 +115,7 @@ class CountTable {
     bool reserveWords(std::size_t count) noexcept;
 
     const void* thread_;
+    /// Released by the table's thread, acquired by readers; relaxed for the former.
     std::atomic<Slots*> slots_{nullptr};
     std::size_t used_ = 0;
     Block* blocks_ = nullptr;

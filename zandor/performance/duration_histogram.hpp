@@ -13,6 +13,7 @@ namespace instrument::detail {
 /// Written by one thread, read by others.
 class DurationHistogram {
   public:
+    /// Relaxed, as all of the class: whoever has to see a duration learned of its event otherwise.
     void add(std::int64_t nanoseconds) noexcept {
         std::atomic<std::uint64_t>& bucket = buckets_[DurationBuckets::of(nanoseconds)];
         bucket.store(bucket.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);

@@ -51,18 +51,19 @@ wire::RingSlot& SharedControl::slot(std::uint32_t index) const noexcept {
     return reinterpret_cast<wire::RingSlot*>(memory_ + 1)[index];
 }
 
-// Each release pairs with the acquire in the client's readShared.
-
 void SharedControl::grantUntil(std::int64_t time) noexcept {
+    // Pairs with the acquire in the client's readShared.
     std::atomic_ref(memory_->leaseUntil).store(time, std::memory_order_release);
 }
 
 void SharedControl::setHead(std::uint32_t index, std::uint64_t head) noexcept {
+    // Pairs with the acquire in the client's readShared: the room was read before it is free.
     std::atomic_ref(slot(index).head).store(head, std::memory_order_release);
 }
 
 void SharedControl::release(std::uint32_t index, std::uint32_t ring) noexcept {
     setHead(index, 0);
+    // Pairs with the acquire in the client's readShared: its next ring there finds the head at 0.
     std::atomic_ref(slot(index).released).store(ring, std::memory_order_release);
 }
 

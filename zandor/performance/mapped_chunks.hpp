@@ -20,6 +20,7 @@ class MappedChunks {
 
     MappedChunks() = default;
     ~MappedChunks() {
+        // Relaxed: no other thread is left.
         for (std::atomic<T*>& chunk : chunks_)
             if (T* const memory = chunk.load(std::memory_order_relaxed))
                 unmapMemory(memory, chunkBytes);
@@ -56,6 +57,7 @@ class MappedChunks {
 
   private:
     static constexpr std::size_t chunkBytes = perChunk * sizeof(T);
+    // Released by the thread that makes one, acquired in operator[].
     std::array<std::atomic<T*>, chunkCount> chunks_;
 };
 

@@ -56,7 +56,7 @@ class ProcessQueue {
     static Queue* make(const Queue* parents) { return std::make_unique<Queue>(parents).release(); }
 
     /// Stored by release under `creation_`, read by acquire in `get`: who sees a queue sees it
-    /// whole.
+    /// whole. Relaxed under the lock.
     static constinit std::atomic<Queue*> current_;
     /// Held around a fork: a child would wait for ever for another thread that makes the queue.
     static constinit std::mutex creation_;

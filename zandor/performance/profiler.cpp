@@ -28,8 +28,9 @@ struct CallSums {
 
     void add(const CallNode& node) noexcept {
         firstStart = std::min(firstStart, node.firstStart);
-        // The calls first: then the durations of each are there.
-        const std::uint64_t ended = node.calls.load(std::memory_order_relaxed);
+        // The calls first: then the durations of each are there. Pairs with the release in count;
+        // the others are relaxed.
+        const std::uint64_t ended = node.calls.load(std::memory_order_acquire);
         if (ended == 0)
             return;
         calls += ended;

@@ -108,6 +108,8 @@ class ThreadShards {
     /// All-zero at first, and in a child.
     struct State {
         Lock lock;
+        /// Released where a thread adds its own, acquired by who goes through them; relaxed under
+        /// the lock.
         std::atomic<Shard*> shards;
         Shard* retired;  ///< chains of what was cleared
         std::size_t readers;

@@ -136,7 +136,8 @@ class ThreadCache;
 
 constinit Depot depot;
 constinit ThreadCache* caches = nullptr;  ///< of the threads that live; guarded by poolLock
-/// Blocks counted by no living thread's cache.
+/// Blocks counted by no living thread's cache. Relaxed, as all counts of blocks: whoever needs an
+/// exact sum learned of what happened otherwise.
 constinit std::atomic<std::int64_t> countOfEndedThreads{0};
 
 /// A thread's free blocks, and its part of the count of live ones.
@@ -197,7 +198,7 @@ class ThreadCache {
         }
     };
     std::array<List, classCount> lists_;
-    std::atomic<std::int64_t> live_{0};
+    std::atomic<std::int64_t> live_{0};  // relaxed
     ThreadCache* next_ = nullptr;
 };
 

@@ -41,6 +41,8 @@ class CallGate {
         }
     }
 
+    // What a call did is released when it leaves, and acquired by who waits until the gate is idle;
+    // what was done before open is released by it, and acquired on entry.
     std::atomic<std::uint32_t> state_{closed};
 };
 

@@ -7,7 +7,7 @@ namespace zdutil::contextmgr {
 
 namespace {
 
-constinit std::atomic<KtxID> lastCreated{BlessedKtxID};
+constinit std::atomic<KtxID> lastCreated{BlessedKtxID};  // relaxed: the numbers only have to differ
 [[gnu::tls_model("initial-exec")]] constinit thread_local KtxID current = BlessedKtxID;
 
 }  // namespace

@@ -21,7 +21,8 @@ struct Entry {
 /// A few data-type names a plug-in: chains stay short.
 constexpr std::size_t bucketCount = 4096;
 
-// An entry is stored with release order by the thread that made it; lookups acquire it.
+// An entry is stored with release order by the thread that made it; lookups acquire it. Relaxed
+// under the lock.
 constinit std::array<std::atomic<const Entry*>, bucketCount> buckets{};
 
 const Entry* find(const Entry* entry, std::string_view text, std::size_t hash) noexcept {
@@ -32,7 +33,8 @@ const Entry* find(const Entry* entry, std::string_view text, std::size_t hash) n
 
 const Entry* insert(std::atomic<const Entry*>& bucket, std::string_view text, std::size_t hash) {
     const std::lock_guard lock(zandor::internLock);
-    const Entry* first = bucket.load(std::memory_order_relaxed);  // written under the lock only
+    // Relaxed: written under the lock only. The release pairs with the acquire in makeInterned.
+    const Entry* first = bucket.load(std::memory_order_relaxed);
     if (const Entry* entry = find(first, text, hash))
         return entry;
     const Entry* entry = new Entry{std::string(text), hash, first};
@@ -45,6 +47,7 @@ const Entry* insert(std::atomic<const Entry*>& bucket, std::string_view text, st
 InternedString makeInterned(std::string_view text) {
     const std::size_t hash = std::hash<std::string_view>()(text);
     std::atomic<const Entry*>& bucket = buckets[hash % bucketCount];
+    // Pairs with the release in insert.
     const Entry* entry = find(bucket.load(std::memory_order_acquire), text, hash);
     if (!entry)
         entry = insert(bucket, text, hash);

@@ -31,7 +31,7 @@ class Plugin::Node {
     const LibraryRange range;
     CallGate gate;
     /// Changed under registryLock by the one thread that loads or unloads; released with the
-    /// change, acquired by those who look or wait.
+    /// change, acquired by those who look or wait; relaxed under it.
     std::atomic<State> state{State::loading};
     std::thread::id worker = std::this_thread::get_id();  ///< guarded by registryLock
 
@@ -96,7 +96,8 @@ class Namespace::Node {
 
     std::unique_ptr<kobs::COSNamespaceInfo> info_;
     PopulationGuard guard_;
-    // Stored with release order once contents_ will change no more; readers acquire it.
+    // Stored with release order once contents_ will change no more; readers acquire it. Relaxed in
+    // a turn, which is ordered after those before.
     std::atomic<bool> populated_{false};
     Contents contents_;
 };

@@ -34,7 +34,8 @@ struct Opaque {
     /// The plain switch. Written by Controls, read anywhere: relaxed, since nothing else is
     /// published by it.
     std::atomic<bool> enabled;
-    /// Whether rules are in force that a non-empty context must be checked against.
+    /// Whether rules are in force that a non-empty context must be checked against. Relaxed: the
+    /// rules themselves are acquired where they are asked.
     std::atomic<bool> hasContextRules;
     std::uint8_t reserved0[2];
     /// Dense number of the name, from 0.

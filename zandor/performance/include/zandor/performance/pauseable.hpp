@@ -20,7 +20,7 @@ class Pauseable {
     bool isPaused() const noexcept { return pauseDepth() > 0; }
 
   private:
-    std::atomic<std::int32_t> depth_{0};
+    std::atomic<std::int32_t> depth_{0};  // relaxed
 };
 
 }  // namespace Performance
