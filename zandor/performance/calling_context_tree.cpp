@@ -158,7 +158,7 @@ bool CallingContextTree::takeForeign(Frame& frame, std::uint64_t serial) noexcep
     return taken;
 }
 
-/// Known once no take is under way.
+/// Known once no take is under way. Relaxed: what it looks at changes under the lock alone.
 [[gnu::noinline]] bool CallingContextTree::wasTaken(const Frame& frame,
                                                     std::uint64_t serial) noexcept {
     const Locked locked(takeLock_);
