@@ -57,6 +57,14 @@ class FaultyClients : public ClientTest {
 
 // Producers that die.
 
+std::vector<int> openFiles() {
+    std::vector<int> files;
+    for (int file = 0; file < 256; ++file)
+        if (fcntl(file, F_GETFD) >= 0)
+            files.push_back(file);
+    return files;
+}
+
 /// Takes what descriptors this process may have; few, for where there is no limit.
 std::vector<int> takeAllDescriptors() {
     rlimit limit{};
@@ -286,6 +294,42 @@ TEST_F(FaultyClients, LeftOverSocketsAreNoHostsAndAreRemoved) {
     client.waitUntilWanted();
     EXPECT_FALSE(std::filesystem::exists(folder_.path() / name));
     EXPECT_EQ(folder_.files(), 1u);
+}
+
+TEST_F(FaultyClients, AHostsForkedChildKeepsNothingOfItsFiles) {
+    Child client([] {
+        const OpenClient other("other");
+        other.waitUntilWanted();
+        other.instant("heard");
+        pause();
+    });
+    const std::vector<int> before = openFiles();
+    aggregator_.start();
+    ASSERT_TRUE(waitUntil([&] {
+        aggregator_.collectEvents();
+        return !recorder_.getEventPoints("heard").empty();
+    }));
+    EXPECT_GT(openFiles().size(), before.size());
+    Child child([&] { _exit(openFiles() == before ? 0 : 1); });
+    EXPECT_EQ(child.wait(), 0);
+}
+
+TEST_F(FaultyClients, AHostThatWasKilledIsGoneThoughItsChildLives) {
+    Shared<std::atomic<pid_t>> orphan;
+    Child host([&] {
+        instrument::ExternalEventsAggregator doomed;
+        doomed.start();
+        const pid_t child = fork();
+        if (child != 0)
+            *orphan = child;
+        pause();
+    });
+    ASSERT_TRUE(waitUntil([&] { return *orphan != 0; }));
+    host.signal(SIGKILL);
+    host.wait();
+    aggregator_.start();  // which removes what belongs to nobody
+    EXPECT_EQ(folder_.files(), 1u);
+    kill(*orphan, SIGKILL);
 }
 
 TEST_F(FaultyClients, WithoutARuntimeFolderAHostSaysSoAndAClientIsQuiet) {
