@@ -1,5 +1,5 @@
-// Operations on files that fail when a test says so: write, close and rename. For one file of a
-// program: it replaces what the program and all its libraries call.
+// Operations on files that fail when a test says so: write, close, link and rename. For one file of
+// a program: it replaces what the program and all its libraries call.
 #pragma once
 
 #include <fcntl.h>
@@ -83,6 +83,15 @@ FAILING_FILES_EXPORT int close(int file) {
     const int closed = static_cast<int>(syscall(SYS_close, file));
     if (!plan || plan->outcome != failing_files::Plan::Outcome::error)
         return closed;
+    errno = plan->error;
+    return -1;
+}
+
+FAILING_FILES_EXPORT int linkat(int fromFolder, const char* from, int toFolder, const char* to,
+                                int flags) noexcept {
+    const auto* plan = failing_files::next();
+    if (!plan || plan->outcome != failing_files::Plan::Outcome::error)
+        return static_cast<int>(syscall(SYS_linkat, fromFolder, from, toFolder, to, flags));
     errno = plan->error;
     return -1;
 }

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
@@ -37,6 +38,13 @@ fs::path withoutLink(const fs::path& target) {
     return error ? target : real;
 }
 
+/// Of an open file, whatever its other names.
+std::array<char, 32> nameOfOpen(int descriptor) noexcept {
+    std::array<char, 32> name{};
+    std::snprintf(name.data(), name.size(), "/proc/self/fd/%d", descriptor);
+    return name;
+}
+
 }  // namespace
 
 FileSink::FileSink(const fs::path& target) : asked_(target), target_(withoutLink(target)) {
@@ -53,6 +61,8 @@ void FileSink::openItself() {
 }
 
 void FileSink::openBeside() {
+    if (openNameless())
+        return;
     do {
         temporary_ = target_.parent_path() / freshName();
         descriptor_ = open(temporary_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
@@ -60,6 +70,31 @@ void FileSink::openBeside() {
     if (descriptor_ < 0) {
         temporary_.clear();
         fail(errno);
+    }
+}
+
+/// False where the file system has no such files, or they could be given no name later.
+bool FileSink::openNameless() {
+    const fs::path folder = target_.parent_path();
+    descriptor_ =
+        open(folder.empty() ? "." : folder.c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, 0666);
+    isNameless_ = descriptor_ >= 0 && access(nameOfOpen(descriptor_).data(), F_OK) == 0;
+    if (!isNameless_ && descriptor_ >= 0)
+        ::close(std::exchange(descriptor_, -1));
+    return isNameless_;
+}
+
+void FileSink::giveName() {
+    const auto nameless = nameOfOpen(descriptor_);
+    for (;;) {
+        fs::path name = target_.parent_path() / freshName();
+        if (linkat(AT_FDCWD, nameless.data(), AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+            temporary_ = std::move(name);
+            isNameless_ = false;
+            return;
+        }
+        if (errno != EEXIST)
+            fail(errno);
     }
 }
 
@@ -92,6 +127,8 @@ void FileSink::commit() {
 void FileSink::close() {
     if (descriptor_ < 0)
         return;
+    if (isNameless_)
+        giveName();
     // Linux frees the descriptor whatever close says.
     if (::close(std::exchange(descriptor_, -1)) != 0 && errno != EINTR)
         fail(errno);

@@ -1,8 +1,10 @@
 #include "zandor/instrument/file_sink.hpp"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -146,6 +148,25 @@ TEST_F(SavedFile, BeyondTheLimitOfItsSizeIsAnErrorAndLeavesTheOldOne) {
     EXPECT_EQ(error, std::errc::file_too_large);
     EXPECT_EQ(content(path("trace.json")), "old");
     EXPECT_THAT(files(), ::testing::ElementsAre("trace.json"));
+}
+
+TEST_F(SavedFile, LeavesNothingWhenItsProcessIsKilled) {
+    const int nameless = open(folder_.path().c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, 0600);
+    if (nameless < 0)
+        GTEST_SKIP() << "not every file system has files without a name";
+    close(nameless);
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        const pid_t child = fork();
+        if (child == 0) {
+            FileSink sink(path("trace.json"));
+            sink.write("some");
+            raise(signal);
+        }
+        int status = 0;
+        waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal);
+        EXPECT_THAT(files(), ::testing::IsEmpty());
+    }
 }
 
 TEST_F(SavedFile, ThatCannotTakeItsPlaceIsAnErrorAndLeavesNothing) {
