@@ -127,18 +127,35 @@ TEST_F(ProductStats, PairBeginsWithEnds) {
                 ElementsAre("a|10|15|5", "b|11|-|-", "a|20|-|-", "a|21|25|4"));
 }
 
+/// While it lives, files of this process cannot grow beyond that many bytes.
+class FullDisk {
+  public:
+    explicit FullDisk(std::size_t bytes) : handler_(::signal(SIGXFSZ, SIG_IGN)) {
+        ::getrlimit(RLIMIT_FSIZE, &before_);
+        const rlimit limit{bytes, before_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FullDisk() {
+        ::setrlimit(RLIMIT_FSIZE, &before_);
+        ::signal(SIGXFSZ, handler_);
+    }
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+  private:
+    const sighandler_t handler_;
+    rlimit before_{};
+};
+
 TEST_F(ProductStats, WriteAllOfABatchOrNothing) {
     Store store(databaseFile());
     store.write(std::vector<Row>{{1, Kind::time, "a", "", 7}});
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    const auto handler = ::signal(SIGXFSZ, SIG_IGN);
-    const rlimit tight{1, before.rlim_max};
-    setrlimit(RLIMIT_FSIZE, &tight);
-    EXPECT_THROW(store.write(std::vector<Row>(5000, {2, Kind::time, std::string(100, 'x'), "", 7})),
-                 std::runtime_error);
-    setrlimit(RLIMIT_FSIZE, &before);
-    ::signal(SIGXFSZ, handler);
+    {
+        const FullDisk full(1);
+        EXPECT_THROW(
+            store.write(std::vector<Row>(5000, {2, Kind::time, std::string(100, 'x'), "", 7})),
+            std::runtime_error);
+    }
     EXPECT_THAT(query(databaseFile(), "SELECT count(*) FROM event"), ElementsAre("1"));
     store.write(std::vector<Row>{{3, Kind::time, "a", "", 7}});
     EXPECT_THAT(query(databaseFile(), "SELECT count(*) FROM event"), ElementsAre("2"));
@@ -173,6 +190,52 @@ TEST_F(ProductStats, SayOnceThatTheyCannotBeKept) {
     EXPECT_EQ(consoleText().rfind("vantrace: product statistics are not kept: ", 0), 0u);
     EXPECT_THAT(consoleText(), HasSubstr((folder_ / "state").string()));
     EXPECT_EQ(consoleText().find('\n'), consoleText().size() - 1);
+}
+
+constexpr const char* namesInOrder = "SELECT name FROM event ORDER BY id";
+
+TEST_F(ProductStats, KeepWhatThereIsWhenTheDiskIsFullAndGoOnWhenThereIsRoom) {
+    Queue queue;
+    queue.add({1, Kind::time, "before", "", 7});
+    queue.flush();
+    {
+        const FullDisk full(std::filesystem::file_size(databaseFile().string() + "-wal"));
+        for (int i = 0; i < 3; ++i) {
+            queue.add({2, Kind::time, "meanwhile", std::string(10'000, 'x'), 7});
+            queue.flush();
+        }
+        EXPECT_EQ(queue.dropped(), 3u);
+    }
+    EXPECT_THAT(query(databaseFile(), namesInOrder), ElementsAre("before"));
+    queue.add({3, Kind::time, "after", "", 7});
+    queue.close();
+    EXPECT_THAT(query(databaseFile(), namesInOrder), ElementsAre("before", "after"));
+    EXPECT_THAT(consoleText(), HasSubstr("vantrace: product statistics are not kept: "));
+    EXPECT_EQ(consoleText().find('\n'), consoleText().size() - 1);
+}
+
+TEST_F(ProductStats, AreSoundWhereverTheDiskWasFull) {
+    constexpr std::size_t step = ZANDOR_SANITIZED ? 4096 : 512;
+    bool wasWritten = false;
+    for (std::size_t room = 0; !wasWritten; room += step) {
+        SCOPED_TRACE(room);
+        setenv("XDG_STATE_HOME", (folder_ / std::to_string(room)).c_str(), 1);
+        Queue queue;
+        {
+            const FullDisk full(room);
+            queue.add({1, Kind::time, "first", std::string(10'000, 'x'), 7});
+            queue.flush();
+            wasWritten = queue.dropped() == 0;
+        }
+        queue.add({2, Kind::time, "second", "", 7});
+        queue.close();
+        EXPECT_THAT(query(databaseFile(), "PRAGMA integrity_check"), ElementsAre("ok"));
+        std::vector<std::string> expected{"second"};
+        if (wasWritten)
+            expected.insert(expected.begin(), "first");
+        EXPECT_EQ(query(databaseFile(), namesInOrder), expected);
+        ASSERT_LT(room, std::size_t{1} << 20);
+    }
 }
 
 TEST_F(ProductStats, KeepNothingWhereOthersPutALink) {
