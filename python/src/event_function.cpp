@@ -95,6 +95,17 @@ PyObject* classOfWrapped(PyObject* self, void*) {
     return Py_NewRef(reinterpret_cast<PyObject*>(Py_TYPE(functionOf(self).function)));
 }
 
+/// As its function compares: a table that has that as a key serves the wrapper, too.
+PyObject* compareWrapped(PyObject* self, PyObject* other, int operation) {
+    if (operation != Py_EQ && operation != Py_NE)
+        return Py_NewRef(Py_NotImplemented);
+    return PyObject_RichCompare(functionOf(self).function, other, operation);
+}
+
+Py_hash_t hashWrapped(PyObject* self) {
+    return PyObject_Hash(functionOf(self).function);
+}
+
 PyObject* reduceWrapped(PyObject* self, PyObject*) {
     return guarded([&] {
         const Ref module = Ref::take(PyImport_ImportModule("vantrace._wrap"));
@@ -194,6 +205,8 @@ PyType_Slot wrappedSlots[] = {
     {Py_tp_call, asSlot(PyVectorcall_Call)},
     {Py_tp_descr_get, asSlot(getWrapped)},
     {Py_tp_getattro, asSlot(attributeOfWrapped)},
+    {Py_tp_richcompare, asSlot(compareWrapped)},
+    {Py_tp_hash, asSlot(hashWrapped)},
     {Py_tp_methods, wrappedMethods},
     {Py_tp_members, members},
     {Py_tp_getset, wrappedProperties},

@@ -13,7 +13,7 @@ def wrap(function, name=None, /, **context):
         solve = vantrace.wrap(numpy.linalg.solve)
 
     The event's name is the function's, `module.qualname`, or `name`. Signature, attributes and, for
-    isinstance(), the type are the function's; pickled it is the function.
+    isinstance(), the type are the function's; it equals the function, and pickled it is the function.
     """
     if isinstance(function, type) or not callable(function):
         raise TypeError(f"wrap takes a function, not {_described(function)}")

@@ -83,6 +83,29 @@ def test_attributes_are_the_functions():
         wrapped.no_such  # noqa: B018
 
 
+@pytest.mark.parametrize("function", [offset, math.sqrt, numpy.add])
+def test_it_equals_the_function_and_serves_as_its_key(function):
+    wrapped = vantrace.wrap(function)
+    again = vantrace.wrap(vantrace.wrap(function, "again"))
+    assert wrapped == function and function == wrapped and wrapped == again == function
+    assert not wrapped != function and wrapped != fails and fails != wrapped
+    assert wrapped != vantrace.wrap(fails)
+    assert {function: "found"}[wrapped] == {wrapped: "found"}[function] == "found"
+    with pytest.raises(TypeError):
+        wrapped < function  # noqa: B015
+
+
+def test_it_has_no_hash_where_the_function_has_none():
+    class Callable:
+        __hash__ = None
+
+        def __call__(self):
+            return 5
+
+    with pytest.raises(TypeError, match="unhashable"):
+        hash(vantrace.wrap(Callable(), "callable"))
+
+
 def test_pickled_it_is_the_function():
     wrapped = vantrace.wrap(offset)
     assert pickle.loads(pickle.dumps(wrapped)) is offset
@@ -141,7 +164,7 @@ def test_the_functions_of_a_module_for_as_long_as_a_block_lasts(counted):
         assert "solve" in wrapped.names and "LinAlgError" not in wrapped.names
         assert numpy.linalg.LinAlgError is bare["LinAlgError"]
         assert counted(work) == {"numpy.linalg.det": 1, "numpy.linalg.solve": 1}
-    assert {name: getattr(numpy.linalg, name) for name in bare} == bare
+    assert all(getattr(numpy.linalg, name) is function for name, function in bare.items())
     assert counted(work) == {}
 
 
