@@ -1,5 +1,6 @@
 """`vantrace run`: nothing that was recorded is lost, however the script ends."""
 
+import json
 import os
 import re
 import signal
@@ -93,6 +94,21 @@ def test_whatever_ends_the_script(traced, tmp_path, ending, status, functions):
     assert done.stdout == alone.stdout
     assert done.stderr.startswith(alone.stderr)
     assert not has_others_than_ours(done.stderr[len(alone.stderr) :])
+
+
+def test_the_longest_of_a_script_that_is_killed(traced, tmp_path):
+    done, found = traced(
+        "import os, vantrace\n"
+        "with vantrace.event('long'):\n"
+        "    for i in range(100_000):\n"
+        "        with vantrace.event('short'): pass\n"
+        "os.kill(os.getpid(), 9)\n",
+        *("--events-only", "--keep", "longest", "--max-memory", "1M"),
+    )
+    assert done.returncode == -signal.SIGKILL
+    assert found["long"] == 1
+    metadata = json.loads((tmp_path / "t.json").read_text(encoding="utf-8"))["metadata"]
+    assert found["short"] + int(metadata["dropped_shortest"]) == 100_000
 
 
 @pytest.mark.unsanitized
