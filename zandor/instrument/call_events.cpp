@@ -56,10 +56,10 @@ template <auto operation>
     if (!calls.front().tell)
         return;
     const std::int64_t time = array.shortly.needsTime ? latestLine.timeOf(edge.ticks) : 0;
+    const ShortEdge told{edge.handle, edge.id.serialId, time, state.listenerData.data(), {}};
     const ShortCall* call = calls.data();
     do {
-        if (!call->tell(*call->listener, edge.handle, edge.id.serialId, time,
-                        state.listenerData.data())) [[unlikely]]
+        if (!call->tell(call->self, told)) [[unlikely]]
             tellGenerally<operation>(state, *call->listener, edge);
     } while ((++call)->tell);
 }

@@ -11,15 +11,12 @@ namespace {
 /// An identity that nobody was told.
 constexpr EventId none{};
 
-EdgeContext given(ContextArgs context, const ShortDelivery& delivery) noexcept {
-    return {context, &delivery.state().texts};
-}
-
 template <RecordKind kind>
 [[gnu::noinline]] EventId beginShortly(const Opaque* handle, ContextArgs context) {
     if (const ShortDelivery several(shortListeners); several) [[likely]] {
+        const FewWords few(context, several.state().texts);
         const EventId id = several.nextId();
-        if (several.begin<kind>(handle, given(context, several), id)) [[likely]]
+        if (few && several.begin<kind>(handle, few.words(), id)) [[likely]]
             return id;
     }
     return none;
@@ -28,9 +25,12 @@ template <RecordKind kind>
 /// None where it has to go the general way.
 template <RecordKind kind>
 [[gnu::always_inline]] inline EventId begin(const Opaque* handle, ContextArgs context) {
+    if (context.size() > KeptContext::fewEntries) [[unlikely]]
+        return none;
     if (const ShortDelivery only(onlyRecorder); only) [[likely]] {
+        const FewWords few(context, only.state().texts);
         const EventId id = only.nextId();
-        if (only.recordBegin<kind>(handle, given(context, only), id)) [[likely]]
+        if (few && only.recordBegin<kind>(handle, few.words(), id)) [[likely]]
             return id;
     }
     return beginShortly<kind>(handle, context);
@@ -40,7 +40,7 @@ template <RecordKind kind>
     if (!stopsMatter.load(std::memory_order_relaxed))
         return;
     if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        if (several.stop(handle, given(context, several), id)) [[likely]]
+        if (several.stop(handle, {{}, context}, id)) [[likely]]
             return;
     }
     listeners.onEventStop(handle, context, id);

@@ -1,5 +1,6 @@
 #include "zandor/instrument/instrument.hpp"
 
+#include <algorithm>
 #include <memory>
 #include <new>
 
@@ -14,41 +15,35 @@ namespace instrument {
 namespace detail {
 namespace {
 
-std::string_view keepText(std::string_view text, ThreadState* state) {
-    if (const InternedText* kept = state ? state->texts.intern(text) : intern(text))
+std::string_view keepText(std::string_view text, TextCache& texts) {
+    if (const InternedText* kept = texts.intern(text))
         return kept->view();
     throw std::bad_alloc();
 }
 
-ContextArg keepArg(const ContextArg& arg, ThreadState* state) {
-    const std::string_view name = keepText(arg.name, state);
+ContextArg keepArg(const ContextArg& arg, TextCache& texts) {
+    const std::string_view name = keepText(arg.name, texts);
     if (arg.value.kind() != ContextValue::Kind::text)
         return {name, arg.value};
-    return {name, keepText(arg.value.text(), state)};
+    return {name, keepText(arg.value.text(), texts)};
 }
 
 EventId nextId(ThreadState& state) noexcept {
     return {state.source.id, ++state.source.serial};
 }
 
-template <auto operation>
-[[gnu::always_inline]] inline void tellListeners(ThreadState& state, const Opaque* handle,
-                                                 ContextArgs kept, EventId id) {
-    callListeners<operation>(state, handle,
-                             EventContextAccess::ofArgs(state, state.source, kept, true), id);
+void deliverStart(ThreadState& state, const Opaque* handle, ContextArgs given, EventId id) {
+    callListeners<&InstrumentListener::onStart>(
+        state, handle, EventContextAccess::ofArgs(state, state.source, given, false), id);
 }
 
-[[gnu::always_inline]] inline void deliverStart(ThreadState& state, const Opaque* handle,
-                                                ContextArgs kept, EventId id) {
-    tellListeners<&InstrumentListener::onStart>(state, handle, kept, id);
-}
-
-[[gnu::always_inline]] inline void deliverStop(ThreadState& state, const Opaque* handle,
-                                               ContextArgs kept, EventId id) {
+void deliverStop(ThreadState& state, const Opaque* handle, const KeptContext& kept, EventId id) {
     // What a parent had open at a fork, it closes itself.
     if (id.sourceId < firstSourceId.load(std::memory_order_relaxed)) [[unlikely]]
         return;
-    tellListeners<&InstrumentListener::onStop>(state, handle, kept, id);
+    const KeptArgs context(kept);
+    callListeners<&InstrumentListener::onStop>(
+        state, handle, EventContextAccess::ofArgs(state, state.source, context.args(), true), id);
 }
 
 /// Decided already.
@@ -72,7 +67,7 @@ template <auto operation>
     return openForAll(handle);
 }
 
-[[gnu::noinline]] void closeForAll(const Opaque* handle, ContextArgs kept, EventId id) {
+[[gnu::noinline]] void closeForAll(const Opaque* handle, const KeptContext& kept, EventId id) {
     const Inside inside;
     if (inside) [[likely]]
         deliverStop(inside.state(), handle, kept, id);
@@ -80,13 +75,11 @@ template <auto operation>
         countSuppressed();
 }
 
-[[gnu::noinline]] void closeShortly(const Opaque* handle, ContextArgs kept, EventId id) {
-    if (!stopsMatter.load(std::memory_order_relaxed))
-        return;
-    if (const ShortDelivery several(shortListeners); several && several.stop(handle, {kept}, id))
+[[gnu::noinline]] void closeShortly(const Opaque* handle, EventId id) {
+    if (const ShortDelivery several(shortListeners); several && several.stop(handle, {}, id))
         [[likely]]
         return;
-    closeForAll(handle, kept, id);
+    closeForAll(handle, {}, id);
 }
 
 /// To the calling thread's pool where it has one.
@@ -108,31 +101,32 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
     OpenScopePtr event(state.scopes.take(handle, id));
     if (!event)
         throw std::bad_alloc();
-    event->context.keep(context);
+    event->context.keep(context, state.texts);
     return event;
 }
 
 [[gnu::noinline]] OpenScope* openForAll(const Opaque* handle, ContextArgs context) {
-    if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        OpenScopePtr event = keepScope(several.state(), handle, context, several.nextId());
-        if (several.begin<RecordKind::start>(handle, {event->context.args()}, event->id)) [[likely]]
-            return event.release();
-    }
     const Inside inside;
     if (!inside) [[unlikely]] {
         countSuppressed();
         return nullptr;
     }
     OpenScopePtr event = keepScope(inside.state(), handle, context, nextId(inside.state()));
-    deliverStart(inside.state(), handle, event->context.args(), event->id);
+    deliverStart(inside.state(), handle, context, event->id);
     return event.release();
 }
 
-[[gnu::noinline]] void closeForAll(OpenScope* ended) noexcept {
+[[gnu::noinline]] OpenScope* openShortly(const Opaque* handle, ContextArgs context) {
     if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        if (several.stop(ended->handle, {ended->context.args()}, ended->id)) [[likely]]
-            return several.state().scopes.giveBack(ended);
+        OpenScopePtr event = keepScope(several.state(), handle, context, several.nextId());
+        if (!event->context.isMany() &&
+            several.begin<RecordKind::start>(handle, event->context.few(), event->id)) [[likely]]
+            return event.release();
     }
+    return openForAll(handle, context);
+}
+
+[[gnu::noinline]] void closeForAll(OpenScope* ended) noexcept {
     // Where the thread is in a listener already, or past its end, it has no mark of its own.
     const Inside inside;
     const OpenScopePtr event(ended);
@@ -141,27 +135,38 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
     if (!inside) [[unlikely]]
         return countSuppressed();
     try {
-        deliverStop(inside.state(), event->handle, event->context.args(), event->id);
+        deliverStop(inside.state(), event->handle, event->context, event->id);
     } catch (...) {
         // Nobody can be told in a destructor.
     }
 }
 
+[[gnu::noinline]] void closeShortly(OpenScope* ended) noexcept {
+    if (const ShortDelivery several(shortListeners); several && !ended->context.isMany())
+        [[likely]] {
+        if (several.stop(ended->handle, {ended->context.few(), {}}, ended->id)) [[likely]]
+            return several.state().scopes.giveBack(ended);
+    }
+    closeForAll(ended);
+}
+
 }  // namespace
 
-void KeptContext::keep(ContextArgs context) {
-    ThreadState* state = ThreadState::find();
-    ContextArg* place = few_;
-    if (context.size() > fewEntries) {
-        auto more =
-            std::allocate_shared<ContextArg[]>(BlockAllocator<ContextArg>(), context.size());
-        place = more.get();
-        more_ = std::move(more);
-    }
-    for (const ContextArg& arg : context) {
-        std::construct_at(place++, keepArg(arg, state));
-        ++count_;
-    }
+void KeptContext::keep(ContextArgs context, TextCache& texts) {
+    if (context.size() > fewEntries) [[unlikely]]
+        return keepMany(context, texts);
+    const Word* const end = encodeGiven(context, texts, few_);
+    if (!end) [[unlikely]]
+        throw std::bad_alloc();
+    count_ = static_cast<std::uint32_t>(end - few_);
+}
+
+[[gnu::noinline]] void KeptContext::keepMany(ContextArgs context, TextCache& texts) {
+    auto more = std::allocate_shared<ContextArg[]>(BlockAllocator<ContextArg>(), context.size());
+    std::ranges::transform(context, more.get(),
+                           [&](const ContextArg& arg) { return keepArg(arg, texts); });
+    more_ = std::move(more);
+    count_ = static_cast<std::uint32_t>(context.size());
 }
 
 EventId openEvent(const Opaque* handle) {
@@ -178,23 +183,30 @@ EventId openEvent(const Opaque* handle) {
 EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) {
     if (!isOnFor(handle, context))
         return disabledEventId;
+    if (const ShortDelivery several(shortListeners); several) [[likely]] {
+        kept.keep(context, several.state().texts);
+        const EventId id = several.nextId();
+        if (!kept.isMany() && several.begin<RecordKind::start>(handle, kept.few(), id)) [[likely]]
+            return id;
+    }
     const Inside inside;
     if (!inside) {
         countSuppressed();
         return suppressedEventId;
     }
-    if (!context.empty())
-        kept.keep(context);
+    kept.keep(context, inside.state().texts);
     const EventId id = nextId(inside.state());
-    deliverStart(inside.state(), handle, kept.args(), id);
+    deliverStart(inside.state(), handle, context, id);
     return id;
 }
 
-void closeEvent(const Opaque* handle, ContextArgs kept, EventId id) {
-    if (const ShortDelivery only(onlyRecorder); only && only.recordStop(handle, !kept.empty(), id))
-        [[likely]]
+void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id) {
+    if (!stopsMatter.load(std::memory_order_relaxed))
         return;
-    closeShortly(handle, kept, id);
+    if (const ShortDelivery several(shortListeners);
+        several && !kept.isMany() && several.stop(handle, {kept.few(), {}}, id)) [[likely]]
+        return;
+    closeForAll(handle, kept, id);
 }
 
 Instrument LazyInstrument::resolve() const {
@@ -221,29 +233,29 @@ detail::OpenScope* Scope::open(const Opaque* handle, ContextArgs context) {
     if (const detail::ShortDelivery only(detail::onlyRecorder); only) [[likely]] {
         detail::OpenScopePtr event =
             detail::keepScope(only.state(), handle, context, only.nextId());
-        if (only.recordBegin<detail::RecordKind::start>(handle, {event->context.args()}, event->id))
-            [[likely]]
+        if (!event->context.isMany() && only.recordBegin<detail::RecordKind::start>(
+                                            handle, event->context.few(), event->id)) [[likely]]
             return event.release();
     }
-    return detail::openForAll(handle, context);
+    return detail::openShortly(handle, context);
 }
 
 void Scope::close(detail::OpenScope* ended) noexcept {
     if (const detail::ShortDelivery only(detail::onlyRecorder); only) [[likely]] {
-        if (only.recordStop(ended->handle, !ended->context.args().empty(), ended->id)) [[likely]]
+        if (only.recordStop(ended->handle, !ended->context.empty(), ended->id)) [[likely]]
             return only.state().scopes.giveBack(ended);
     }
-    detail::closeForAll(ended);
+    detail::closeShortly(ended);
 }
 
 void Scope::close(const Opaque* handle, EventId id) noexcept {
-    if (!listeners.anyActive())
+    if (!detail::stopsMatter.load(std::memory_order_relaxed))
         return;
     if (const detail::ShortDelivery only(detail::onlyRecorder);
         only && only.recordStop(handle, false, id)) [[likely]]
         return;
     try {
-        detail::closeShortly(handle, {}, id);
+        detail::closeShortly(handle, id);
     } catch (...) {
         // Nobody can be told in a destructor.
     }

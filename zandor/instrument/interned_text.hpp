@@ -22,7 +22,7 @@ struct InternedText {
     std::string_view key() const noexcept { return view(); }
 
     /// Without a call for the short texts that most names are.
-    bool isSame(std::string_view other) const noexcept {
+    [[gnu::always_inline]] bool isSame(std::string_view other) const noexcept {
         const std::size_t size = other.size();
         if (size != length)
             return false;
@@ -68,7 +68,7 @@ const InternedText* findInterned(std::string_view text) noexcept;
 /// change and for those of unloaded libraries.
 class TextCache {
   public:
-    const InternedText* intern(std::string_view text) noexcept {
+    [[gnu::always_inline]] const InternedText* intern(std::string_view text) noexcept {
         Entry& entry = entries_[place(text)];
         if (entry.address == text.data() && entry.text && entry.text->isSame(text)) [[likely]]
             return entry.text;
@@ -88,7 +88,8 @@ class TextCache {
         const auto address = reinterpret_cast<std::uintptr_t>(text.data());
         return (address ^ (address >> 8) ^ (text.size() << 4)) % entryCount;
     }
-    static const InternedText* lookUp(std::string_view text, Entry& entry) noexcept;
+    [[gnu::noinline]] static const InternedText* lookUp(std::string_view text,
+                                                        Entry& entry) noexcept;
 
     Entry entries_[entryCount];
 };

@@ -64,7 +64,8 @@ void addCall(ShortListeners::Calls& calls, ShortOperations::Operation tell,
              const Registration& registration) noexcept {
     if (tell)
         *std::ranges::find(calls, nullptr, &ShortCall::tell) = {
-            tell, registration.listener, registration.shortWay->ignoresContext};
+            tell, registration.shortWay->self(), registration.listener,
+            registration.shortWay->operations().ignoresContext};
 }
 
 /// False where it has no short way, or there is one recorder already.
@@ -73,20 +74,27 @@ bool addShortly(ShortListeners& all, const Registration& registration) noexcept 
         all.needsTicks = true;
         return !std::exchange(all.recorder, recorder);
     }
-    const ShortOperations* const way = registration.shortWay;
-    if (!way)
+    if (!registration.shortWay)
         return false;
-    all.needsTime = all.needsTime || way->needsTime;
-    all.needsTicks = all.needsTicks || way->needsTime;
-    addCall(all.instants, way->instant, registration);
-    addCall(all.starts, way->start, registration);
-    addCall(all.stops, way->stop, registration);
+    const ShortOperations& way = registration.shortWay->operations();
+    all.needsTime = all.needsTime || way.needsTime;
+    all.needsTicks = all.needsTicks || way.needsTime;
+    addCall(all.instants, way.instant, registration);
+    addCall(all.starts, way.start, registration);
+    addCall(all.stops, way.stop, registration);
     return true;
+}
+
+/// Threads that go the short way have no fence of their own.
+bool needNoFence() noexcept {
+    if (!heavyFenceReachesAll.load(std::memory_order_relaxed))
+        heavyFence();
+    return heavyFenceReachesAll.load(std::memory_order_relaxed);
 }
 
 /// Whether all of them have a short way; then the array has what these need.
 bool prepareShortWay(ListenerArray& array) noexcept {
-    return array.count <= ShortListeners::most &&
+    return array.count <= ShortListeners::most && needNoFence() &&
            std::ranges::all_of(array, [&](const Registration* registration) {
                return !registration->removed.load(std::memory_order_relaxed) &&
                       addShortly(array.shortly, *registration);
@@ -100,7 +108,7 @@ void publish(ListenerArray* array) noexcept {
             ++registration->arrays;
     const bool isShort = array && prepareShortWay(*array);
     const bool areStopsIgnored =
-        isShort && !array->shortly.recorder && !array->shortly.stops.front().tell;
+        !array || (isShort && !array->shortly.recorder && !array->shortly.stops.front().tell);
     // Whoever sees a listener that hears stops must see this, too.
     if (!areStopsIgnored)
         stopsMatter.store(true, std::memory_order_relaxed);
@@ -140,7 +148,7 @@ constinit std::atomic<ListenerArray*> listenersInForce{nullptr};
 constinit std::atomic<InstrumentListener*> onlyListener{nullptr};
 constinit std::atomic<const ListenerArray*> shortListeners{nullptr};
 constinit std::atomic<const ListenerArray*> onlyRecorder{nullptr};
-constinit std::atomic<bool> stopsMatter{true};
+constinit std::atomic<bool> stopsMatter{false};
 
 Registration* findRegistration(const InstrumentListener& listener) noexcept {
     if (const ListenerArray* array = arrayInForce())

@@ -14,8 +14,8 @@ namespace instrument::detail {
 /// A listener's stay among the registered ones. Shared by the arrays that hold it.
 struct Registration {
     InstrumentListener* listener;
-    const ShortOperations* shortWay;  ///< null where it has none, and of a recorder
-    std::uint32_t arrays;             ///< that hold it; under the listeners' lock
+    const ShortWay* shortWay;  ///< null where it has none, and of a recorder
+    std::uint32_t arrays;      ///< that hold it; under the listeners' lock
     /// No new call may begin. Released by the removal, acquired by who skips the listener; relaxed
     /// under the listeners' lock.
     std::atomic<bool> removed;
@@ -48,7 +48,8 @@ inline bool isListenersMark(const void* calling) noexcept {
 extern constinit std::atomic<ListenerArray*> listenersInForce;
 /// The one that is registered, while it is the only one; else null.
 extern constinit std::atomic<InstrumentListener*> onlyListener;
-/// The same as `listenersInForce` while each has a short way; else null.
+/// The same as `listenersInForce` while each has a short way, and heavyFence reaches all threads;
+/// else null.
 extern constinit std::atomic<const ListenerArray*> shortListeners;
 /// Whether any listener may do something about stops: relaxed, it may lag behind the array.
 extern constinit std::atomic<bool> stopsMatter;

@@ -36,9 +36,8 @@ template <RecordKind kind>
 [[gnu::always_inline]] inline void putOrRecord(RecorderCore& core, const Opaque* instrument,
                                                const EventContext& context, EventId id) noexcept {
     const std::uint64_t ticks = EventContextAccess::ticks(context);
-    const bool isKept = context.empty() || context.argsAreKept();
-    if (!isKept || !putBegin<kind>(core, originOf(context), instrument, {context.args()}, id,
-                                   ticks)) [[unlikely]]
+    if (!context.empty() || !putBegin<kind>(core, originOf(context), instrument, {}, id, ticks))
+        [[unlikely]]
         record(core, kind, instrument, context, id);
 }
 

@@ -40,8 +40,8 @@ ContextValue numberOf(ContextValue::Kind kind, Word bits) noexcept {
     }
 }
 
-bool encodeText(std::string_view key, std::string_view value, TextCache& texts,
-                Word*& out) noexcept {
+[[gnu::always_inline]] inline bool encodeText(std::string_view key, std::string_view value,
+                                              TextCache& texts, Word*& out) noexcept {
     const InternedText* const name = texts.intern(key);
     const InternedText* const text = texts.intern(value);
     if (!name || !text)
@@ -50,7 +50,8 @@ bool encodeText(std::string_view key, std::string_view value, TextCache& texts,
     return true;
 }
 
-bool encodeNumber(const ContextArg& arg, TextCache& texts, Word*& out) noexcept {
+[[gnu::always_inline]] inline bool encodeNumber(const ContextArg& arg, TextCache& texts,
+                                                Word*& out) noexcept {
     const InternedText* const name = texts.intern(arg.name);
     if (!name)
         return false;
@@ -131,6 +132,20 @@ Word* encodeInterned(ContextArgs args, Word* out) noexcept {
     return out;
 }
 
+ContextArg* decodeContext(std::span<const Word> words, const RecordNames& names,
+                          ContextArg* out) noexcept {
+    for (std::size_t i = 0; i < words.size(); ++i) {
+        const std::string_view name = names.text(static_cast<std::uint32_t>(words[i] >> 32));
+        const auto value = static_cast<std::uint32_t>(words[i]);
+        if (value < numberMark)
+            *out++ = {name, names.text(value)};
+        else
+            *out++ = {name,
+                      numberOf(static_cast<ContextValue::Kind>(value - numberMark), words[++i])};
+    }
+    return out;
+}
+
 ContextSet makeContextSet(ContextArgs args) {
     ContextSet set;
     set.reserve(args.size());
@@ -178,16 +193,7 @@ void ContextTable::grow() {
 
 ContextArgs ContextTable::decode(std::span<const Word> words) {
     const std::span<ContextArg> room = args_.room(words.size());
-    auto end = room.begin();
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        const std::string_view name = names_.text(static_cast<std::uint32_t>(words[i] >> 32));
-        const auto value = static_cast<std::uint32_t>(words[i]);
-        if (value < numberMark)
-            *end++ = {name, names_.text(value)};
-        else
-            *end++ = {name,
-                      numberOf(static_cast<ContextValue::Kind>(value - numberMark), words[++i])};
-    }
+    auto end = room.begin() + (decodeContext(words, names_, room.data()) - room.data());
     const auto less = [](const ContextArg& a, const ContextArg& b) { return a.name < b.name; };
     const auto equal = [](const ContextArg& a, const ContextArg& b) { return a.name == b.name; };
     std::stable_sort(room.begin(), end, less);

@@ -4,6 +4,7 @@
 //   number entry    key 32 | numberMark + kind 32, then the number's bits
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -30,15 +31,6 @@ std::size_t contextWords(const NewContext& context) noexcept;
 /// Writes them to `out`. False when the system gives no memory for a text.
 bool encodeContext(const NewContext& context, TextCache& texts, Word* out) noexcept;
 
-/// The most words that a context may take.
-inline std::size_t mostWords(ContextArgs args) noexcept {
-    return 2 * args.size();
-}
-/// Writes a context whose texts are interned, and gives its end.
-Word* encodeInterned(ContextArgs args, Word* out) noexcept;
-/// The same for texts as they were given. Null when the system gives no memory for one.
-Word* encodeGiven(ContextArgs args, TextCache& texts, Word* out) noexcept;
-
 /// What the numbers in records stand for.
 class ZANDOR_INSTRUMENT_API RecordNames {
   public:
@@ -48,6 +40,36 @@ class ZANDOR_INSTRUMENT_API RecordNames {
     /// Of records of this process.
     static const RecordNames& ofThisProcess() noexcept;
 };
+
+/// The arguments that words stand for, at `out`, which has room for as many as there are words;
+/// gives their end.
+ContextArg* decodeContext(std::span<const Word> words, const RecordNames& names,
+                          ContextArg* out) noexcept;
+
+/// A kept context as arguments, as long as that is there.
+class KeptArgs {
+  public:
+    explicit KeptArgs(const KeptContext& kept) noexcept : KeptArgs(kept.few()) {
+        if (kept.isMany())
+            args_ = kept.many();
+    }
+    /// Of no more words than such a context has where its entries are few.
+    explicit KeptArgs(std::span<const Word> words) noexcept
+        : args_(few_.data(), decodeContext(words, RecordNames::ofThisProcess(), few_.data())) {}
+    KeptArgs(const KeptArgs&) = delete;
+    KeptArgs& operator=(const KeptArgs&) = delete;
+
+    ContextArgs args() const noexcept { return args_; }
+
+  private:
+    std::array<ContextArg, KeptContext::fewWords> few_;
+    ContextArgs args_;
+};
+
+/// Writes a context whose texts are interned, and gives its end.
+Word* encodeInterned(ContextArgs args, Word* out) noexcept;
+/// The same for texts as they were given. Null when the system gives no memory for one.
+Word* encodeGiven(ContextArgs args, TextCache& texts, Word* out) noexcept;
 
 /// Marks the first word of a number entry, together with the value's kind.
 inline constexpr std::uint32_t numberMark = 0xffff'fff0;

@@ -1,10 +1,11 @@
 // The frequent cases of recording, each in one piece: the next event of the thread's own source,
-// its context none or kept, and the stop of one. They tell whether they did it; the rest goes the
+// with few words of context, and the stop of one. They tell whether they did it; the rest goes the
 // general way.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 #include "clock_source.hpp"
 #include "recorder_context.hpp"
@@ -23,39 +24,23 @@ struct EdgeOrigin {
     track.tail.store(end, std::memory_order_release);
 }
 
-/// The context of an edge.
-struct EdgeContext {
-    ContextArgs args;
-    TextCache* texts = nullptr;  ///< to look the texts up by; null where they are the library's own
-};
-
-/// Null when the system gives no memory for a text.
-inline Word* encode(const EdgeContext& context, Word* out) noexcept {
-    return context.texts ? encodeGiven(context.args, *context.texts, out)
-                         : encodeInterned(context.args, out);
-}
-
-/// A start or an instant.
+/// A start or an instant. The words of its context are less than RecordHead::contextIsCounted.
 template <RecordKind kind>
 [[gnu::always_inline]] inline bool putBegin(const RecorderCore& core, EdgeOrigin origin,
-                                            const Opaque* instrument, const EdgeContext& context,
+                                            const Opaque* instrument, std::span<const Word> context,
                                             EventId id, std::uint64_t ticks) noexcept {
-    constexpr std::size_t plainWords = wordsOf(kind);
     Track* const track = core.knownTrack(origin.slots);
     if (!track || track->stream.info != origin.source || track->stream.nextSerial != id.serialId)
         [[unlikely]]
         return false;
     Word* const head = track->tail.load(std::memory_order_relaxed);  // this thread's own
-    Word* end = head + plainWords;
-    if (end + mostWords(context.args) > track->limit) [[unlikely]]
+    Word* end = head + wordsOf(kind);
+    if (end + context.size() > track->limit) [[unlikely]]
         return false;
-    if (!context.args.empty() && !(end = encode(context, end))) [[unlikely]]
-        return false;
-    const auto words = static_cast<std::size_t>(end - head) - plainWords;
-    if (words >= RecordHead::contextIsCounted) [[unlikely]]
-        return false;
-    head[0] = RecordHead(kind, false, words, instrument->id, 0).word();
+    head[0] = RecordHead(kind, false, context.size(), instrument->id, 0).word();
     head[1] = ticks;
+    for (const Word word : context)
+        *end++ = word;
     track->stream.nextSerial = id.serialId + 1;
     if constexpr (kind == RecordKind::start)
         ++track->open;

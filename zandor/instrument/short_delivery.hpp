@@ -9,6 +9,31 @@
 
 namespace instrument::detail {
 
+/// The context of an edge: none, or one of the two.
+struct EdgeContext {
+    std::span<const Word> words;
+    ContextArgs args;  ///< as given
+
+    bool empty() const noexcept { return words.empty() && args.empty(); }
+};
+
+/// A context of few entries in words, for an instant.
+class FewWords {
+  public:
+    /// No words where the system gives no memory for a text.
+    FewWords(ContextArgs context, TextCache& texts) noexcept
+        : end_(context.empty() ? words_ : encodeGiven(context, texts, words_)) {}
+    FewWords(const FewWords&) = delete;
+    FewWords& operator=(const FewWords&) = delete;
+
+    explicit operator bool() const noexcept { return end_ != nullptr; }
+    std::span<const Word> words() const noexcept { return {words_, end_}; }
+
+  private:
+    Word words_[KeptContext::fewWords];
+    const Word* end_;
+};
+
 /// The calling thread's mark that it is inside all listeners of an array. Empty where anything is
 /// not as usual; then another way decides what is.
 class ShortDelivery {
@@ -22,8 +47,9 @@ class ShortDelivery {
             return;
         // Release, as every store of it: whoever waits for a listener may see any later one.
         state->calling.store(array->mark(), std::memory_order_release);
-        // Pairs with the heavy fences of those who wait for a listener or free the array.
-        lightFence();
+        // For the compiler: the processor's fence is the heavy one of those who wait for a listener
+        // or free the array, which reaches every thread where there are short ways.
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         // Acquire pairs with the release that published the array.
         if (place.load(std::memory_order_acquire) != array) [[unlikely]] {
             state->calling.store(nullptr, std::memory_order_release);
@@ -50,7 +76,7 @@ class ShortDelivery {
 
     /// Where the array is a recorder's alone: a start or an instant.
     template <RecordKind kind>
-    [[gnu::always_inline]] bool recordBegin(const Opaque* handle, const EdgeContext& context,
+    [[gnu::always_inline]] bool recordBegin(const Opaque* handle, std::span<const Word> context,
                                             EventId id) const noexcept {
         if (!ticksAreTsc() ||
             !putBegin<kind>(*recorder(), origin(), handle, context, id, readTsc())) [[unlikely]]
@@ -65,19 +91,19 @@ class ShortDelivery {
 
     /// To all listeners: a start or an instant.
     template <RecordKind kind>
-    [[gnu::always_inline]] bool begin(const Opaque* handle, const EdgeContext& context,
+    [[gnu::always_inline]] bool begin(const Opaque* handle, std::span<const Word> context,
                                       EventId id) const noexcept {
         const std::uint64_t ticks = readTicksIfNeeded();
         if (recorder() && !putBegin<kind>(*recorder(), origin(), handle, context, id, ticks))
             [[unlikely]]
             return false;
         state_->source.serial = id.serialId;
+        const ShortEdge edge = edgeOf(handle, id, ticks, context);
         if constexpr (kind == RecordKind::start)
-            tell<&InstrumentListener::onStart>(array_->shortly.starts, {handle, id, ticks},
-                                               context);
+            tell<&InstrumentListener::onStart>(array_->shortly.starts, edge, ticks, {context, {}});
         else
-            tell<&InstrumentListener::onInstant>(array_->shortly.instants, {handle, id, ticks},
-                                                 context);
+            tell<&InstrumentListener::onInstant>(array_->shortly.instants, edge, ticks,
+                                                 {context, {}});
         return true;
     }
     [[gnu::always_inline]] bool stop(const Opaque* handle, const EdgeContext& context,
@@ -85,21 +111,15 @@ class ShortDelivery {
         if (id.sourceId != state_->source.id) [[unlikely]]
             return false;
         const std::uint64_t ticks = readTicksIfNeeded();
-        const bool hasContext = !context.args.empty();
-        if (recorder() && !putStop(*recorder(), origin(), handle, hasContext, id, ticks))
+        if (recorder() && !putStop(*recorder(), origin(), handle, !context.empty(), id, ticks))
             [[unlikely]]
             return false;
-        tell<&InstrumentListener::onStop>(array_->shortly.stops, {handle, id, ticks}, context);
+        const ShortEdge edge = edgeOf(handle, id, ticks, context.words);
+        tell<&InstrumentListener::onStop>(array_->shortly.stops, edge, ticks, context);
         return true;
     }
 
   private:
-    struct Edge {
-        const Opaque* handle;
-        EventId id;
-        std::uint64_t ticks;
-    };
-
     const RecorderCore* recorder() const noexcept { return array_->shortly.recorder; }
     EdgeOrigin origin() const noexcept {
         return {state_->listenerData.data(), state_->source.info};
@@ -107,27 +127,33 @@ class ShortDelivery {
     std::uint64_t readTicksIfNeeded() const noexcept {
         return array_->shortly.needsTicks ? readTicks() : 0;
     }
+    [[gnu::always_inline]] ShortEdge edgeOf(const Opaque* handle, EventId id, std::uint64_t ticks,
+                                            std::span<const Word> context) const noexcept {
+        return {handle, id.serialId, array_->shortly.needsTime ? latestLine.timeOf(ticks) : 0,
+                state_->listenerData.data(), context};
+    }
 
     /// One that cannot take the short way hears the edge as others do.
     template <auto operation>
-    [[gnu::always_inline]] void tell(const ShortListeners::Calls& calls, const Edge& edge,
+    [[gnu::always_inline]] void tell(const ShortListeners::Calls& calls, const ShortEdge& edge,
+                                     std::uint64_t ticks,
                                      const EdgeContext& context) const noexcept {
-        const std::int64_t time = array_->shortly.needsTime ? latestLine.timeOf(edge.ticks) : 0;
         for (const ShortCall* call = calls.data(); call->tell; ++call) {
             const bool isShort = context.args.empty() || call->ignoresContext;
-            if (!isShort || !call->tell(*call->listener, edge.handle, edge.id.serialId, time,
-                                        state_->listenerData.data())) [[unlikely]]
-                tellGenerally<operation>(*state_, *call->listener, edge, context);
+            if (!isShort || !call->tell(call->self, edge)) [[unlikely]]
+                tellGenerally<operation>(*state_, *call->listener, edge, ticks, context);
         }
     }
     template <auto operation>
     [[gnu::noinline]] static void tellGenerally(ThreadState& state, InstrumentListener& listener,
-                                                const Edge& edge,
+                                                const ShortEdge& edge, std::uint64_t ticks,
                                                 const EdgeContext& given) noexcept {
-        EventContext context =
-            EventContextAccess::ofArgs(state, state.source, given.args, !given.texts);
-        EventContextAccess::giveTicks(context, edge.ticks);
-        (listener.*operation)(edge.handle, context, edge.id);
+        const KeptArgs kept(given.words);
+        const bool areKept = given.args.empty();
+        EventContext context = EventContextAccess::ofArgs(
+            state, state.source, areKept ? kept.args() : given.args, areKept);
+        EventContextAccess::giveTicks(context, ticks);
+        (listener.*operation)(edge.instrument, context, {state.source.id, edge.serial});
     }
 
     ThreadState* state_ = nullptr;

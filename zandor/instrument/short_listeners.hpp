@@ -12,6 +12,7 @@ class RecorderCore;
 
 struct ShortCall {
     ShortOperations::Operation tell;  ///< null: none
+    void* self;
     InstrumentListener* listener;
     bool ignoresContext;
 };

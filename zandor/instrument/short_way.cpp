@@ -11,8 +11,9 @@ constinit ShortWay* newest = nullptr;
 
 }  // namespace
 
-ShortWay::ShortWay(InstrumentListener& listener, const ShortOperations& operations) noexcept
-    : listener_(listener), class_(detail::tableOf(listener)), operations_(operations) {
+ShortWay::ShortWay(InstrumentListener& listener, const ShortOperations& operations,
+                   void* self) noexcept
+    : listener_(listener), class_(detail::tableOf(listener)), operations_(operations), self_(self) {
     const detail::Locked locked(detail::processState().listeners);
     next_ = newest;
     newest = this;
@@ -26,10 +27,10 @@ ShortWay::~ShortWay() {
     *place = next_;
 }
 
-const ShortOperations* ShortWay::of(const InstrumentListener& listener) noexcept {
+const ShortWay* ShortWay::of(const InstrumentListener& listener) noexcept {
     for (const ShortWay* way = newest; way; way = way->next_)
         if (&way->listener_ == &listener)
-            return way->class_ == detail::tableOf(listener) ? &way->operations_ : nullptr;
+            return way->class_ == detail::tableOf(listener) ? way : nullptr;
     return nullptr;
 }
 

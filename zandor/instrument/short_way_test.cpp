@@ -10,6 +10,7 @@
 
 #include "zandor/instrument/decided_events.hpp"
 #include "zandor/instrument/instrument.hpp"
+#include "zandor/instrument/kept_context.hpp"
 #include "zandor/instrument/recorder.hpp"
 #include "zandor/instrument/testing/event_log.hpp"
 
@@ -26,7 +27,7 @@ using ::testing::SizeIs;
 class ShortListener : public HandlerListener {
   public:
     explicit ShortListener(const ShortOperations& operations = takesAll)
-        : HandlerListener([this](auto&&...) { ++generally; }), shortWay_(*this, operations) {}
+        : HandlerListener([this](auto&&...) { ++generally; }), shortWay_(*this, operations, this) {}
     ~ShortListener() override { listeners.remove(*this); }
 
     std::uint64_t total() const { return shortly + generally; }
@@ -34,18 +35,17 @@ class ShortListener : public HandlerListener {
     std::atomic<std::uint64_t> shortly{0};
     std::atomic<std::uint64_t> generally{0};
     std::atomic<std::int64_t> latestTime{0};
+    std::vector<std::string> texts;  ///< contexts that came as words
 
-    static bool take(InstrumentListener& listener, const Opaque*, std::uint64_t, std::int64_t time,
-                     const detail::ListenerSlot*) noexcept {
-        auto& self = static_cast<ShortListener&>(listener);
+    static bool take(void* listener, const ShortEdge& edge) noexcept {
+        auto& self = *static_cast<ShortListener*>(listener);
         ++self.shortly;
-        self.latestTime = time;
+        self.latestTime = edge.time;
+        if (!edge.context.empty())
+            self.texts.push_back(test_support::textOf(readContext(edge.context)));
         return true;
     }
-    static bool leave(InstrumentListener&, const Opaque*, std::uint64_t, std::int64_t,
-                      const detail::ListenerSlot*) noexcept {
-        return false;
-    }
+    static bool leave(void*, const ShortEdge&) noexcept { return false; }
     static constexpr ShortOperations takesAll{
         .needsTime = true, .ignoresContext = false, .instant = take, .start = take, .stop = take};
     static constexpr ShortOperations leavesStops{
@@ -131,7 +131,57 @@ TEST_F(ShortWayTest, AClassDerivedFromAListenerHasNone) {
     EXPECT_EQ(derived.shortly, 0u);
 }
 
-TEST_F(ShortWayTest, EdgesWithContextReachThoseThatDoNotIgnoreItByTheirOperation) {
+TEST_F(ShortWayTest, ContextsComeAsWordsThatReadAsTheyWereGiven) {
+    InstrumentRecorder recorder;
+    ShortListener asking;
+    listeners.add(recorder);
+    listeners.add(asking);
+    emit();  // the recorder takes a thread's first event the general way
+    const std::uint64_t before = asking.shortly;
+    const Instrument solve{"short.context"};
+    { const Scope scope{solve, {{"n", 3}, {"method", "cg"}}}; }
+    solve.instant({{"n", -2.5}, {"on", true}});
+    EXPECT_EQ(asking.shortly, before + 3);
+    EXPECT_EQ(asking.texts,
+              (std::vector<std::string>{"method=cg n=3", "method=cg n=3", "n=-2.5 on=true"}));
+    const auto points = recorder.getEventPoints("short.context");
+    ASSERT_THAT(points, SizeIs(3));
+    for (std::size_t i = 0; i < points.size(); ++i)
+        EXPECT_EQ(test_support::textOf(points[i].context), asking.texts[i]);
+}
+
+TEST_F(ShortWayTest, ManyEntriesReachEachListenerByItsOperation) {
+    InstrumentRecorder recorder;
+    ShortListener asking;
+    listeners.add(recorder);
+    listeners.add(asking);
+    const Instrument solve{"short.many"};
+    const std::string text = "a=1 b=x c=3 d=y e=5";
+    const std::uint64_t before = asking.generally;
+    { const Scope scope{solve, {{"a", 1}, {"b", "x"}, {"c", 3}, {"d", "y"}, {"e", 5}}}; }
+    solve.stop(solve.start({{"a", 1}, {"b", "x"}, {"c", 3}, {"d", "y"}, {"e", 5}}));
+    EXPECT_EQ(asking.generally, before + 4);
+    for (const auto& point : recorder.getEventPoints("short.many"))
+        EXPECT_EQ(test_support::textOf(point.context), text);
+    EXPECT_THAT(recorder.getEvents("short.many"), SizeIs(2));
+}
+
+TEST_F(ShortWayTest, AListenerThatComesWhileAScopeIsOpenHearsItsContext) {
+    test_support::EventLog log;
+    const Instrument solve{"short.later"};
+    ShortListener early;
+    listeners.add(early);
+    {
+        const Scope few{solve, {{"n", 3u}, {"tol", 0.5}, {"method", "cg"}}};
+        const Scope many{solve, {{"a", 1}, {"b", "x"}, {"c", 3}, {"d", "y"}, {"e", 5}}};
+        listeners.add(log);
+    }
+    EXPECT_EQ(log.story(),
+              "stop short.later [a=1 b=x c=3 d=y e=5], "
+              "stop short.later [method=cg n=3 tol=0.5]");
+}
+
+TEST_F(ShortWayTest, DecidedStopsWithContextReachThoseThatDoNotIgnoreItByTheirOperation) {
     InstrumentRecorder recorder;
     ShortListener ignoring(ShortListener::leavesStops);
     ShortListener asking;
@@ -142,7 +192,8 @@ TEST_F(ShortWayTest, EdgesWithContextReachThoseThatDoNotIgnoreItByTheirOperation
     const std::uint64_t ignoringBefore = ignoring.shortly;
     const std::uint64_t askingBefore = asking.generally;
     const Instrument solve{"short.context"};
-    solve.instant({{"n", 3}, {"method", "cg"}});
+    const ContextArg context[] = {{"n", 3}, {"method", "cg"}};
+    tellStop(solve.handle(), context, tellStart(solve.handle(), context));
     EXPECT_EQ(ignoring.shortly, ignoringBefore + 1);
     EXPECT_EQ(asking.generally, askingBefore + 1);
     EXPECT_EQ(test_support::textOf(recorder.getEventPoints("short.context").at(0).context),

@@ -27,6 +27,8 @@ CountTable::~CountTable() {
 
 bool CountTable::countAny(const Opaque* instrument, const EventContext& context,
                           Lock& lock) noexcept {
+    if (context.empty() && countFirst(instrument))
+        return true;
     // The words go where they would stay, and stay there if they are new.
     const std::size_t wordCount = keptContextWords(context);
     if (wordCount > 0 && !(reserveWords(wordCount) && keepContext(context, freeWords_)))
@@ -57,16 +59,15 @@ bool CountTable::countAny(const Opaque* instrument, const EventContext& context,
     return true;
 }
 
-/// The entry, or the free one where it belongs.
-CountTable::Entry& CountTable::place(Slots& slots, const Opaque* instrument, ContextWords words,
-                                     std::uint32_t hash) noexcept {
-    for (std::size_t i = hash;; ++i) {
-        Entry& entry = slots.entries()[i & (slots.capacity - 1)];
-        const Opaque* const known = entry.instrument.load(std::memory_order_relaxed);
-        if (!known || (known == instrument && entry.hash == hash &&
-                       std::ranges::equal(entry.context(), words)))
-            return entry;
-    }
+/// Without context. False where the number is beyond those that have places, or there is no memory.
+bool CountTable::countFirst(const Opaque* instrument) noexcept {
+    if (!plain_.provideUpTo(instrument->id))
+        return false;
+    Count& count = plain_[instrument->id];
+    countIn(count);
+    // Pairs with the acquire in forEach.
+    count.instrument.store(instrument, std::memory_order_release);
+    return true;
 }
 
 /// Under the lock, so that no reset writes to what is being replaced.
@@ -81,7 +82,7 @@ bool CountTable::grow(Lock& lock) noexcept {
     larger->capacity = capacity;
     larger->bytes = bytes;
     larger->replaced = old;
-    forEach([&](Entry& entry) {
+    forEachEntry([&](Entry& entry) {
         const Opaque* const instrument = entry.instrument.load(std::memory_order_relaxed);
         Entry& moved = place(*larger, instrument, entry.context(), entry.hash);
         moved.words = entry.words;

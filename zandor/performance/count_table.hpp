@@ -1,5 +1,5 @@
-// One thread's counts by instrument and context: a hash table that only its thread changes, and
-// that others read meanwhile.
+// One thread's counts: those without context by the instrument's number, those with one in a hash
+// table. Only the thread itself changes them, and others read meanwhile.
 #pragma once
 
 #include <atomic>
@@ -9,29 +9,31 @@
 #include "zandor/instrument/event_context.hpp"
 #include "zandor/instrument/kept_context.hpp"
 #include "zandor/instrument/lock.hpp"
+#include "zandor/performance/mapped_chunks.hpp"
 
 namespace instrument::detail {
 
 class CountTable {
   public:
-    struct Entry {
+    /// All-zero is none.
+    struct alignas(32) Count {
         /// Null: free. Written last, release; pairs with the acquire of readers. Relaxed for the
         /// table's thread, which alone writes it.
         std::atomic<const Opaque*> instrument;
-        const std::uint64_t* words;
-        std::uint32_t wordCount;
-        std::uint32_t hash;
         // Written by the table's thread alone. Relaxed: whoever has to see a count learned of its
         // event otherwise.
         std::atomic<std::uint64_t> count;
         /// What was counted before the last reset. Under the lock; relaxed for readers.
         std::atomic<std::uint64_t> base;
 
-        ContextWords context() const noexcept { return {words, wordCount}; }
         std::uint64_t sinceReset() const noexcept {
             // The base first: a reset that comes in between is not seen then.
             const std::uint64_t before = base.load(std::memory_order_relaxed);
             return count.load(std::memory_order_relaxed) - before;
+        }
+        /// Under the lock.
+        void reset() noexcept {
+            base.store(count.load(std::memory_order_relaxed), std::memory_order_relaxed);
         }
     };
 
@@ -48,29 +50,48 @@ class CountTable {
     /// Counts one event. On the table's thread. False when the system gives no memory. The lock is
     /// taken where the table grows.
     bool count(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept {
-        return (context.empty() && countAgain(instrument)) || countAny(instrument, context, lock);
+        return (context.empty() && countAgain(instrument, {})) ||
+               countAny(instrument, context, lock);
     }
 
-    /// The same without context, where such an event was counted before; else does nothing.
-    bool countAgain(const Opaque* instrument) noexcept {
-        Entry* const known = find(instrument);
-        if (known)
-            countIn(*known);
-        return known != nullptr;
+    /// The same where such an event was counted before; else does nothing.
+    bool countAgain(const Opaque* instrument, ContextWords words) noexcept {
+        Count* const known = words.empty() ? plain_.find(instrument->id) : find(instrument, words);
+        if (!known || !known->instrument.load(std::memory_order_relaxed)) [[unlikely]]
+            return false;
+        countIn(*known);
+        return true;
     }
 
-    /// Calls visit(Entry&) for each entry. From any thread.
+    /// Calls visit(instrument, words, Count&) for each count. From any thread.
     template <class Visit>
     void forEach(Visit visit) {
-        // Pairs with the release in grow.
-        Slots* const slots = slots_.load(std::memory_order_acquire);
-        for (std::size_t i = 0; slots && i < slots->capacity; ++i)
-            if (Entry& entry = slots->entries()[i];
-                entry.instrument.load(std::memory_order_acquire))
-                visit(entry);
+        plain_.forEach([&](Count& count) {
+            if (const Opaque* const instrument = count.instrument.load(std::memory_order_acquire))
+                visit(*instrument, ContextWords(), count);
+        });
+        forEachEntry([&](Entry& entry) {
+            visit(*entry.instrument.load(std::memory_order_relaxed), entry.context(), entry);
+        });
     }
 
   private:
+    struct Entry : Count {
+        const std::uint64_t* words;
+        std::uint32_t wordCount;
+        std::uint32_t hash;
+
+        ContextWords context() const noexcept { return {words, wordCount}; }
+        bool is(const Opaque* of, ContextWords with, std::uint32_t hashed) const noexcept {
+            if (instrument.load(std::memory_order_relaxed) != of || hash != hashed ||
+                wordCount != with.size())
+                return false;
+            for (std::size_t i = 0; i < wordCount; ++i)
+                if (words[i] != with[i])
+                    return false;
+            return true;
+        }
+    };
     /// A power of two of entries follows. What it replaced stays for readers.
     struct Slots {
         std::size_t capacity;
@@ -84,8 +105,8 @@ class CountTable {
         Block* before;
     };
 
-    static void countIn(Entry& entry) noexcept {
-        entry.count.store(entry.count.load(std::memory_order_relaxed) + 1,
+    static void countIn(Count& count) noexcept {
+        count.count.store(count.count.load(std::memory_order_relaxed) + 1,
                           std::memory_order_relaxed);
     }
     static std::uint32_t hashOf(const Opaque* instrument, ContextWords words) noexcept {
@@ -95,22 +116,32 @@ class CountTable {
         return static_cast<std::uint32_t>(hash * 0x9e37'79b9'7f4a'7c15 >> 32);
     }
 
-    /// The entry of the instrument without context, where there is one.
-    Entry* find(const Opaque* instrument) const noexcept {
+    Entry* find(const Opaque* instrument, ContextWords words) const noexcept {
         Slots* const slots = slots_.load(std::memory_order_relaxed);
-        for (std::size_t i = hashOf(instrument, {}); slots; ++i) {
-            Entry& entry = slots->entries()[i & (slots->capacity - 1)];
-            const Opaque* const known = entry.instrument.load(std::memory_order_relaxed);
-            if (known == instrument && entry.wordCount == 0) [[likely]]
-                return &entry;
-            if (!known)
-                return nullptr;
-        }
-        return nullptr;
+        return slots ? &place(*slots, instrument, words, hashOf(instrument, words)) : nullptr;
     }
-    bool countAny(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept;
+    /// The entry, or the free one where it belongs.
     static Entry& place(Slots& slots, const Opaque* instrument, ContextWords words,
-                        std::uint32_t hash) noexcept;
+                        std::uint32_t hash) noexcept {
+        for (std::size_t i = hash;; ++i) {
+            Entry& entry = slots.entries()[i & (slots.capacity - 1)];
+            if (entry.is(instrument, words, hash) ||
+                !entry.instrument.load(std::memory_order_relaxed))
+                return entry;
+        }
+    }
+    template <class Visit>
+    void forEachEntry(Visit visit) {
+        // Pairs with the release in grow.
+        Slots* const slots = slots_.load(std::memory_order_acquire);
+        for (std::size_t i = 0; slots && i < slots->capacity; ++i)
+            if (Entry& entry = slots->entries()[i];
+                entry.instrument.load(std::memory_order_acquire))
+                visit(entry);
+    }
+
+    bool countAny(const Opaque* instrument, const EventContext& context, Lock& lock) noexcept;
+    bool countFirst(const Opaque* instrument) noexcept;
     bool grow(Lock& lock) noexcept;
     bool reserveWords(std::size_t count) noexcept;
 
@@ -121,6 +152,8 @@ class CountTable {
     Block* blocks_ = nullptr;
     std::uint64_t* freeWords_ = nullptr;
     std::uint64_t* endOfWords_ = nullptr;
+    /// Without context, by the instrument's number. Those beyond are in the hash table.
+    MappedChunks<Count, 2048, 512> plain_;
 };
 
 }  // namespace instrument::detail

@@ -16,7 +16,7 @@ namespace detail {
 class CounterCore {
   public:
     explicit CounterCore(InstrumentCounter& counter)
-        : counter_(counter), shortWay_(counter, shortOperations) {}
+        : counter_(counter), shortWay_(counter, shortOperations, this) {}
 
     void count(const Opaque* instrument, const EventContext& context) noexcept {
         CountTable* table = tables_.known(context);
@@ -26,21 +26,13 @@ class CounterCore {
             tables_.countLost();
     }
 
-    /// Whether it was counted before without a context, and is now again.
-    bool countAgain(const Opaque* instrument, const ListenerSlot* slots) noexcept {
-        CountTable* const table = tables_.known(slots);
-        return table && table->countAgain(instrument);
-    }
-
     /// Calls visit(name, words, count) for what was counted: once a thread, instrument and context.
     template <class Visit>
     void forEach(Visit visit) const {
         tables_.forEach(counter_, [&](CountTable& table) {
-            table.forEach([&](CountTable::Entry& entry) {
-                const Opaque* const instrument = entry.instrument.load(std::memory_order_relaxed);
-                if (const std::uint64_t count = entry.sinceReset(); count > 0)
-                    visit(std::string_view(instrument->name, instrument->nameLength),
-                          entry.context(), static_cast<std::int64_t>(count));
+            table.forEach([&](const Opaque& instrument, ContextWords words, const Count& counted) {
+                if (const std::uint64_t count = counted.sinceReset(); count > 0)
+                    visit(nameOf(instrument), words, static_cast<std::int64_t>(count));
             });
         });
     }
@@ -55,11 +47,9 @@ class CounterCore {
     void reset(std::string_view name) noexcept {
         tables_.forEach(counter_, [&](CountTable& table) {
             const Locked locked(tables_.lock());
-            table.forEach([&](CountTable::Entry& entry) {
-                const Opaque* const instrument = entry.instrument.load(std::memory_order_relaxed);
-                if (std::string_view(instrument->name, instrument->nameLength) == name)
-                    entry.base.store(entry.count.load(std::memory_order_relaxed),
-                                     std::memory_order_relaxed);
+            table.forEach([&](const Opaque& instrument, ContextWords, Count& counted) {
+                if (nameOf(instrument) == name)
+                    counted.reset();
             });
         });
     }
@@ -67,9 +57,15 @@ class CounterCore {
     std::uint64_t lost() const noexcept { return tables_.lost(); }
 
   private:
-    static bool countShortly(InstrumentListener& listener, const Opaque* instrument, std::uint64_t,
-                             std::int64_t, const ListenerSlot* slots) noexcept {
-        return static_cast<InstrumentCounter&>(listener).core_->countAgain(instrument, slots);
+    using Count = CountTable::Count;
+
+    static std::string_view nameOf(const Opaque& instrument) noexcept {
+        return {instrument.name, instrument.nameLength};
+    }
+    /// Where the same was counted before.
+    static bool countShortly(void* self, const ShortEdge& edge) noexcept {
+        CountTable* const table = static_cast<CounterCore*>(self)->tables_.known(edge.slots);
+        return table && table->countAgain(edge.instrument, edge.context);
     }
     static constexpr ShortOperations shortOperations{.needsTime = false,
                                                      .ignoresContext = false,

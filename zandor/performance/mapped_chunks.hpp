@@ -51,6 +51,26 @@ class MappedChunks {
         return true;
     }
 
+    /// Null where there is no memory for it. On the thread that adds.
+    T* find(std::size_t index) const noexcept {
+        if (index >= capacity) [[unlikely]]
+            return nullptr;
+        T* const chunk = chunks_[index / perChunk].load(std::memory_order_relaxed);
+        return chunk ? chunk + index % perChunk : nullptr;
+    }
+    /// Calls visit(T&) for all that there is memory for. From any thread.
+    template <class Visit>
+    void forEach(Visit visit) const {
+        for (const std::atomic<T*>& place : chunks_) {
+            // Pairs with the release in provide.
+            T* const chunk = place.load(std::memory_order_acquire);
+            if (!chunk)
+                return;
+            for (std::size_t i = 0; i < perChunk; ++i)
+                visit(chunk[i]);
+        }
+    }
+
     T& operator[](std::size_t index) const noexcept {
         return chunks_[index / perChunk].load(std::memory_order_acquire)[index % perChunk];
     }

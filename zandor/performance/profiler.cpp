@@ -58,7 +58,7 @@ struct CallSums {
 class ProfilerCore {
   public:
     explicit ProfilerCore(InstrumentProfiler& profiler)
-        : profiler_(profiler), shortWay_(profiler, shortOperations) {}
+        : profiler_(profiler), shortWay_(profiler, shortOperations, this) {}
 
     void noteOwn(const EventContext& context) noexcept {
         CallingContextTree* const tree = ownTree(context);
@@ -163,25 +163,20 @@ class ProfilerCore {
     }
 
     /// The calling thread's, where it is known: then it is that of its present source.
-    static CallingContextTree* treeOf(InstrumentListener& listener,
-                                      const ListenerSlot* slots) noexcept {
-        return static_cast<InstrumentProfiler&>(listener).core_->trees_.known(slots);
+    static CallingContextTree* treeOf(void* self, const ShortEdge& edge) noexcept {
+        return static_cast<ProfilerCore*>(self)->trees_.known(edge.slots);
     }
-    static bool noteShortly(InstrumentListener& listener, const Opaque*, std::uint64_t,
-                            std::int64_t, const ListenerSlot* slots) noexcept {
-        CallingContextTree* const tree = treeOf(listener, slots);
+    static bool noteShortly(void* self, const ShortEdge& edge) noexcept {
+        CallingContextTree* const tree = treeOf(self, edge);
         return tree && tree->hasFirstEvent();
     }
-    static bool startShortly(InstrumentListener& listener, const Opaque* instrument,
-                             std::uint64_t serial, std::int64_t time,
-                             const ListenerSlot* slots) noexcept {
-        CallingContextTree* const tree = treeOf(listener, slots);
-        return tree && tree->start(instrument, serial, time);
+    static bool startShortly(void* self, const ShortEdge& edge) noexcept {
+        CallingContextTree* const tree = treeOf(self, edge);
+        return tree && tree->start(edge.instrument, edge.serial, edge.time);
     }
-    static bool stopShortly(InstrumentListener& listener, const Opaque*, std::uint64_t serial,
-                            std::int64_t time, const ListenerSlot* slots) noexcept {
-        CallingContextTree* const tree = treeOf(listener, slots);
-        return tree && (tree->stop(serial, time), true);
+    static bool stopShortly(void* self, const ShortEdge& edge) noexcept {
+        CallingContextTree* const tree = treeOf(self, edge);
+        return tree && (tree->stop(edge.serial, edge.time), true);
     }
     static constexpr ShortOperations shortOperations{.needsTime = true,
                                                      .ignoresContext = true,

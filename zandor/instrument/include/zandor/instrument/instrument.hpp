@@ -138,21 +138,32 @@ class Instrument {
 namespace detail {
 
 struct OpenScope;
+class TextCache;
 
 /// The context of an open event, kept for its stop: texts are the library's own, so that the
 /// caller's need not outlive the start.
 class KeptContext {
   public:
+    /// So many are kept as the words that records have of them, more as arguments.
+    static constexpr std::size_t fewEntries = 4;
+    static constexpr std::size_t fewWords = 2 * fewEntries;
+
     KeptContext() noexcept {}
-    ZANDOR_INSTRUMENT_API void keep(ContextArgs context);
-    ContextArgs args() const noexcept { return {more_ ? more_.get() : few_, count_}; }
+    /// Throws std::bad_alloc.
+    void keep(ContextArgs context, TextCache& texts);
+    bool empty() const noexcept { return count_ == 0; }
+    bool isMany() const noexcept { return more_ != nullptr; }
+    // What there is of the two.
+    std::span<const std::uint64_t> few() const noexcept { return {few_, more_ ? 0 : count_}; }
+    ContextArgs many() const noexcept { return {more_.get(), more_ ? count_ : 0}; }
 
   private:
-    static constexpr std::size_t fewEntries = 4;
+    void keepMany(ContextArgs context, TextCache& texts);
+
     std::uint32_t count_ = 0;
     std::shared_ptr<const ContextArg[]> more_;
     union {
-        ContextArg few_[fewEntries];  // the first count_ are alive, unless more_ holds them
+        std::uint64_t few_[fewWords];  // the first count_ are alive, unless there are more
     };
 };
 
@@ -161,7 +172,7 @@ class KeptContext {
 ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle);
 ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle, ContextArgs context,
                                         KeptContext& kept);
-ZANDOR_INSTRUMENT_API void closeEvent(const Opaque* handle, ContextArgs kept, EventId id);
+ZANDOR_INSTRUMENT_API void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id);
 
 }  // namespace detail
 
@@ -234,7 +245,7 @@ inline OpenEvent Instrument::start(std::initializer_list<ContextArg> context) co
 
 inline void Instrument::stop(const OpenEvent& event) const {
     if (event.id_.sourceId != 0 && listeners.anyActive()) [[unlikely]]
-        detail::closeEvent(handle_, event.context_.args(), event.id_);
+        detail::closeEvent(handle_, event.context_, event.id_);
 }
 
 namespace detail {

@@ -7,11 +7,12 @@
 //
 //   class Totals : public InstrumentListener {
 //       ...
-//       const ShortWay shortWay_{*this, shortOperations};
+//       const ShortWay shortWay_{*this, shortOperations, this};
 //   };
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 #include "zandor/instrument/export.hpp"
 #include "zandor/instrument/instrument.hpp"
@@ -21,19 +22,25 @@ namespace instrument {
 
 class InstrumentListener;
 
+/// A start, a stop or an instant.
+struct ShortEdge {
+    const Opaque* instrument;
+    std::uint64_t serial;               ///< of the event, in the calling thread's own source
+    std::int64_t time;                  ///< of the monotonic clock
+    const detail::ListenerSlot* slots;  ///< what the thread keeps for listeners: see ListenerData
+    std::span<const std::uint64_t> context;  ///< as keepContext writes it
+};
+
 /// What a listener does with such edges instead of its own operations.
 struct ShortOperations {
     /// Takes no lock that is held for long, calls no code of others, and tells whether it did all
     /// that there is to do: where not, it has done nothing, and the listener's own operation is
-    /// called. The serial is that of the event in the calling thread's own source; the time is the
-    /// monotonic clock's; `slots` is what the thread keeps for listeners: see ListenerData.
-    using Operation = bool (*)(InstrumentListener& listener, const Opaque* instrument,
-                               std::uint64_t serial, std::int64_t time,
-                               const detail::ListenerSlot* slots) noexcept;
+    /// called. `self` is what was given with the operations.
+    using Operation = bool (*)(void* self, const ShortEdge& edge) noexcept;
 
     /// Else the time is 0, and no clock is read for it.
     bool needsTime = false;
-    /// Else it is told of edges without context only.
+    /// Whether it also takes edges whose context is there but not in `context`.
     bool ignoresContext = false;
     // Null where there is nothing to do.
     Operation instant = nullptr;
@@ -45,18 +52,21 @@ struct ShortOperations {
 /// classes that derive from it may have operations of their own, and have no short way.
 class ZANDOR_INSTRUMENT_API ShortWay {
   public:
-    ShortWay(InstrumentListener& listener, const ShortOperations& operations) noexcept;
+    ShortWay(InstrumentListener& listener, const ShortOperations& operations, void* self) noexcept;
     ~ShortWay();
     ShortWay(const ShortWay&) = delete;
     ShortWay& operator=(const ShortWay&) = delete;
 
     /// That of a listener, or null. Under the listeners' lock.
-    static const ShortOperations* of(const InstrumentListener& listener) noexcept;
+    static const ShortWay* of(const InstrumentListener& listener) noexcept;
+    const ShortOperations& operations() const noexcept { return operations_; }
+    void* self() const noexcept { return self_; }
 
   private:
     const InstrumentListener& listener_;
     const void* class_;
     const ShortOperations& operations_;
+    void* self_;
     ShortWay* next_;
 };
 
