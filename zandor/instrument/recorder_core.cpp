@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "listener_slots.hpp"
+#include "name_index.hpp"
 #include "recorder_writer.hpp"
 #include "source_info.hpp"
 #include "zandor/instrument/clock.hpp"
@@ -39,7 +40,10 @@ std::uint64_t relaxed(const std::atomic<std::uint64_t>& count) noexcept {
 }  // namespace
 
 RecorderCore::RecorderCore(const RecorderLimits& limits)
-    : limits_(resolved(limits)), number_(nextListenerNumber()), slot_(takeListenerSlot()) {}
+    : limits_(resolved(limits)),
+      nameIndex_(std::make_unique<NameIndex>()),
+      number_(nextListenerNumber()),
+      slot_(takeListenerSlot()) {}
 
 RecorderCore::~RecorderCore() {
     freeListenerSlot(slot_);

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "recorder_context.hpp"
@@ -29,6 +30,7 @@ struct RecorderState {
     // Events dropped before there was a track to count them. Relaxed: they only count.
     std::atomic<std::uint64_t> refused;
     std::atomic<std::uint64_t> failed;
+    std::uint64_t indexed;  ///< see RecorderCore::indexedRecording
 };
 
 /// One edge on its way into a chunk.
@@ -44,6 +46,8 @@ struct NewRecord {
 
     bool isStop() const noexcept { return kind == RecordKind::stop; }
 };
+
+class NameIndex;
 
 class RecorderCore {
   public:
@@ -84,6 +88,9 @@ class RecorderCore {
     }
     std::size_t maxBytes() const noexcept { return limits_.maxBytes; }
     Keep keep() const noexcept { return limits_.keep; }
+    NameIndex& nameIndex() noexcept { return *nameIndex_; }
+    /// The number of the recording that the index is of; for whoever uses it.
+    std::uint64_t& indexedRecording() noexcept { return state_->indexed; }
 
     // For the writer of a track, on its thread.
     Denial grow(Track& track, std::size_t words, Purpose purpose) noexcept;
@@ -105,6 +112,7 @@ class RecorderCore {
     void releaseRetired(const InstrumentListener& listener) noexcept;
 
     RecorderLimits limits_;
+    const std::unique_ptr<NameIndex> nameIndex_;
     /// Of the recording; never that of another. Changed under the lock. Relaxed: a thread that sees
     /// an older one writes to a generation that clear keeps until no thread is inside the recorder.
     std::atomic<std::uint64_t> number_;

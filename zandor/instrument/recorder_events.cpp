@@ -2,6 +2,7 @@
 #include <tuple>
 
 #include "control_registry.hpp"
+#include "name_index.hpp"
 #include "recorder_context.hpp"
 #include "recorder_core.hpp"
 #include "recorder_matching.hpp"
@@ -32,7 +33,7 @@ std::vector<InstrumentRecorder::Event> selectEvents(const InstrumentRecorder& re
     std::vector<InstrumentRecorder::Event> events;
     if (selection.isEmpty())
         return events;
-    const Recording recording = takeRecording(recorder);
+    const Recording recording = takeRecording(recorder, selection.instrument());
     const std::vector<std::string_view> labels = labelsOf(recording.sources);
     for (const RecordedEvent& event : recording.events) {
         if (!event.finished || !selection.hasInstrument(event.instrument->id))
@@ -115,7 +116,7 @@ std::vector<InstrumentRecorder::EventPoint> selectPoints(RecorderCore& core,
     if (selection.isEmpty())
         return {};
     PointSink sink(selection);
-    readEvents(core, sink);
+    readSelected(core, selection, sink);
     return sink.take();
 }
 

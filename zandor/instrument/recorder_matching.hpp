@@ -39,6 +39,13 @@ class OpenRun {
     void push(std::uint64_t serial, Open open) {
         entries_.push_back({serial, std::move(open), false});
     }
+    /// Calls `visit(serial, open)` with each that is open.
+    template <class Visit>
+    void forEach(Visit visit) const {
+        for (const Entry& entry : entries_)
+            if (!entry.closed)
+                visit(entry.serial, entry.open);
+    }
 
     /// Takes the event out, if it is open.
     std::optional<Open> take(std::uint64_t serial) {
@@ -96,26 +103,37 @@ class OpenRun {
 /// Points of one source come in order, but for stray stops. A stray stop has its own context.
 ///
 /// A view tells of stretches as Snapshot does. Their words need not stay when the next stretch
-/// comes, but for what it was asked to keep.
+/// comes, but for what it was asked to keep. One that finds foreign stops only as it shows
+/// stretches has findForeignStops(), to be said behind the last; before, it has none.
 template <class Sink, class View = const Snapshot>
 class Matcher {
   public:
     Matcher(View& snapshot, Sink& sink)
         : snapshot_(snapshot), sink_(sink), foreignlyStopped_(snapshot.foreignStops().size()) {}
 
-    void run() {
+    /// False where all has to be told anew, by another Matcher: a foreign stop that was only found
+    /// ends what its own thread had ended as well, and the first in time counts.
+    bool run() {
         snapshot_.forEachStretch([this](const Stretch& stretch, bool beginsTrack) {
             if (beginsTrack)
-                run_.clear();
+                endRun();
             readStretch(stretch);
         });
+        endRun();
+        if constexpr (findsForeignStops)
+            if (foreignlyStopped_.empty() && !takeLeftOpen())
+                return false;
         matchPending();
+        return true;
     }
 
   private:
     using Open = typename Sink::Open;
+    static constexpr bool findsForeignStops = requires(View view) { view.findForeignStops(); };
+    static constexpr bool isOfOneName = requires(View view) { view.whole(); };
 
     void readStretch(const Stretch& stretch) {
+        countRead(stretch);
         RecordReader reader(stretch.begin, stretch.end, stretch.state);
         for (Record record; reader.next(record);) {
             switch (record.kind) {
@@ -133,13 +151,38 @@ class Matcher {
                     break;
                 case RecordKind::source:
                     if (record.beginsRun)
-                        run_.clear();  // stops of what was open come as foreign ones now
+                        endRun();
                     break;
                 case RecordKind::deadBegin:
                 case RecordKind::deadStop:
                     break;
             }
         }
+    }
+
+    /// Stops of what is open come as foreign ones from now on.
+    void endRun() {
+        if constexpr (findsForeignStops)
+            if (foreignlyStopped_.empty())
+                run_.forEach([this](std::uint64_t serial, const Open& open) {
+                    leftOpen_.push_back({{runSource_, serial}, open});
+                });
+        run_.clear();
+    }
+
+    /// Foreign stops end what runs left open. Whether there is one for each.
+    bool takeLeftOpen() {
+        snapshot_.findForeignStops();
+        const EventIdSet& stops = snapshot_.foreignStops();
+        foreignlyStopped_.resize(stops.size());
+        for (auto& [id, open] : leftOpen_)
+            if (const std::size_t place = stops.find(id); place != EventIdSet::none)
+                foreignlyStopped_[place] = std::move(open);
+        return std::ranges::all_of(pending_, [&](const Point& stop) {
+            const std::size_t place = stops.find(stop.id);
+            return place == EventIdSet::none || foreignlyStopped_[place] ||
+                   snapshot_.isLost(stop.id);
+        });
     }
 
     Point pointOf(const Record& record) {
@@ -152,6 +195,7 @@ class Matcher {
         const std::size_t place = snapshot_.foreignStops().empty()
                                       ? EventIdSet::none
                                       : snapshot_.foreignStops().find(start.id);
+        runSource_ = start.id.sourceId;
         if (place == EventIdSet::none)
             run_.push(start.id.serialId, sink_.onStart(start));
         else
@@ -163,6 +207,12 @@ class Matcher {
             sink_.onStop(std::move(*open), stop);
         else
             addPending(stop);
+    }
+
+    bool isWanted(const Point& stray) const {
+        if constexpr (isOfOneName)
+            return snapshot_.wants(stray.instrument);
+        return true;
     }
 
     void addPending(Point stop) {
@@ -181,7 +231,7 @@ class Matcher {
             const std::size_t place = snapshot_.foreignStops().find(stop.id);
             if (place != EventIdSet::none && foreignlyStopped_[place])
                 sink_.onStop(*std::exchange(foreignlyStopped_[place], std::nullopt), stop);
-            else if (!snapshot_.isLost(stop.id))
+            else if (!snapshot_.isLost(stop.id) && isWanted(stop))
                 strays.push_back(stop);
         }
         giveContexts(strays);
@@ -199,8 +249,13 @@ class Matcher {
             return;
         ids.sort();
         std::vector<std::span<const Word>> contexts(ids.size());
-        snapshot_.forEachStretch(
-            [&](const Stretch& stretch, bool) { findContexts(stretch, ids, contexts); });
+        const auto find = [&](const Stretch& stretch, bool) {
+            findContexts(stretch, ids, contexts);
+        };
+        if constexpr (isOfOneName)
+            snapshot_.whole().forEachStretch(find);
+        else
+            snapshot_.forEachStretch(find);
         for (Point& stop : strays)
             if (stop.hasContextOfStart)
                 stop.context = contexts[ids.find(stop.id)];
@@ -208,6 +263,7 @@ class Matcher {
 
     void findContexts(const Stretch& stretch, const EventIdSet& ids,
                       std::vector<std::span<const Word>>& contexts) {
+        countRead(stretch);
         RecordReader reader(stretch.begin, stretch.end, stretch.state);
         for (Record record; reader.next(record);) {
             if (record.kind != RecordKind::start)
@@ -221,6 +277,8 @@ class Matcher {
     Sink& sink_;
     TimeReader times_;
     OpenRun<Open> run_;
+    std::uint64_t runSource_ = 0;
+    std::vector<std::pair<EventId, Open>> leftOpen_;     // while foreign stops are not known
     std::vector<std::optional<Open>> foreignlyStopped_;  // open starts, by place in foreignStops()
     std::vector<Point> pending_;
     std::uint64_t order_ = 0;

@@ -65,6 +65,7 @@ void startView(TrackView& view) noexcept {
 }  // namespace
 
 void (*snapshotTookTracks)(std::size_t count) = nullptr;
+std::atomic<std::uint64_t> bytesOfRecordsRead{0};
 
 void EventIdSet::sort() {
     std::sort(ids_.begin(), ids_.end(), less);
@@ -130,6 +131,7 @@ void Snapshot::takeForeignStops() {
             // Counted before the record was committed, whose acquire was above.
             if (stretch.chunk->foreignStops.load(std::memory_order_relaxed) == 0)
                 continue;
+            countRead(stretch);
             RecordReader reader(stretch.begin, stretch.end, stretch.state);
             for (Record record; reader.next(record);)
                 if (record.kind == RecordKind::foreignStop)

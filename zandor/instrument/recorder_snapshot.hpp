@@ -2,6 +2,7 @@
 // start is missing though it happened before.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <span>
 #include <vector>
@@ -19,7 +20,23 @@ struct Stretch {
     const Word* end;
     StreamState state;  ///< of the stream at `begin`
     const Chunk* chunk;
+
+    /// Whether it is all that its chunk has and will have.
+    bool isSealedChunk() const noexcept {
+        // Pairs with the release in sealing: with the newer chunk comes where this one ended.
+        return begin == chunk->begin() && chunk->next.load(std::memory_order_acquire) &&
+               chunk->sealedEnd.load(std::memory_order_relaxed) == end;
+    }
 };
+
+/// Bytes of records that readers of recorders went through, of this process; tests and the bench
+/// count them.
+ZANDOR_INSTRUMENT_API extern std::atomic<std::uint64_t> bytesOfRecordsRead;
+inline void countRead(const Stretch& stretch) noexcept {
+    const auto words = static_cast<std::uint64_t>(stretch.end - stretch.begin);
+    // Relaxed: it only counts.
+    bytesOfRecordsRead.fetch_add(words * sizeof(Word), std::memory_order_relaxed);
+}
 
 /// What a snapshot has of a track.
 struct TrackView {
@@ -90,6 +107,8 @@ class Snapshot {
     const LostRanges& lost() const noexcept { return lost_; }
     const RecorderDrops& drops() const noexcept { return drops_; }
     const Origin& origin() const noexcept { return origin_; }
+    /// The recording's number, which no other of the process has; 0: there is none.
+    std::uint64_t recording() const noexcept { return generation_ ? generation_->number : 0; }
 
   private:
     void viewNewTracks();

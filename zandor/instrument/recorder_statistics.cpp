@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "control_registry.hpp"
+#include "name_index.hpp"
 #include "recorder_context.hpp"
 #include "recorder_core.hpp"
 #include "recorder_matching.hpp"
@@ -159,7 +160,7 @@ std::vector<EventStats> groupedStats(RecorderCore& core, const Selection& select
     if (selection.isEmpty())
         return {};
     ContextSink sink(selection);
-    readEvents(core, sink);
+    readSelected(core, selection, sink);
     StatsMap map;
     for (const ContextSink::Group& group : sink.groups())
         if (group.sum.count > 0)
@@ -167,9 +168,9 @@ std::vector<EventStats> groupedStats(RecorderCore& core, const Selection& select
     return toRecords(map);
 }
 
-std::vector<Sum> sumsByInstrument(RecorderCore& core) {
+std::vector<Sum> sumsByInstrument(RecorderCore& core, const Selection& selection) {
     InstrumentSink sink;
-    readEvents(core, sink);
+    readSelected(core, selection, sink);
     return sink.sums();
 }
 
@@ -179,7 +180,7 @@ std::vector<Sum> sumsByInstrument(RecorderCore& core) {
 using detail::Selection;
 
 std::vector<InstrumentRecorder::EventStats> InstrumentRecorder::getAllEventStats() const {
-    const std::vector<detail::Sum> sums = detail::sumsByInstrument(core());
+    const std::vector<detail::Sum> sums = detail::sumsByInstrument(core(), Selection());
     std::vector<EventStats> records;
     for (std::uint32_t instrument = 0; instrument < sums.size(); ++instrument)
         if (const auto& [count, duration] = sums[instrument]; count > 0)
@@ -200,7 +201,7 @@ std::vector<InstrumentRecorder::EventStats> InstrumentRecorder::getAllEventStats
 InstrumentRecorder::EventStats InstrumentRecorder::getEventStats(std::string_view name) const {
     EventStats record{lastingText(name), {}};
     if (const Opaque* instrument = detail::findElement(name)) {
-        const std::vector<detail::Sum> sums = detail::sumsByInstrument(core());
+        const std::vector<detail::Sum> sums = detail::sumsByInstrument(core(), Selection(name));
         if (instrument->id < sums.size()) {
             record.count = sums[instrument->id].count;
             record.duration = sums[instrument->id].duration;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "name_index.hpp"
 #include "recorder_core.hpp"
 #include "recorder_matching.hpp"
 #include "recording_sink.hpp"
@@ -21,9 +22,10 @@ std::int64_t beginOf(const Origin& origin) {
 
 }  // namespace
 
-Recording takeRecording(const InstrumentRecorder& recorder) {
+Recording takeRecording(const InstrumentRecorder& recorder, const Opaque* instrument) {
     RecordingSink sink;
-    const SnapshotFacts facts = readEvents(recorder.core(), sink);
+    const SnapshotFacts facts = instrument ? readEventsOf(recorder.core(), instrument->id, sink)
+                                           : readEvents(recorder.core(), sink);
     Recording recording = sink.take();
     recording.drops = facts.drops;
     recording.externalAccounts = externalAccounts();

@@ -63,7 +63,8 @@ struct Recording : RecordingFacts {
     ContextArena contextArgs;                ///< of all of them
 };
 
-/// Takes a snapshot and decodes it.
-ZANDOR_INSTRUMENT_API Recording takeRecording(const InstrumentRecorder& recorder);
+/// Takes a snapshot and decodes it. Of one instrument all is in it; of others what came along.
+ZANDOR_INSTRUMENT_API Recording takeRecording(const InstrumentRecorder& recorder,
+                                              const Opaque* instrument = nullptr);
 
 }  // namespace instrument::detail
