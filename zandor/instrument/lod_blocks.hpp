@@ -47,6 +47,10 @@ class LodBlocks {
     /// Reads all records.
     void survey();
     const RecordingFacts& facts() const noexcept { return survey_->facts(); }
+    /// The place in facts().sources, if it is there.
+    std::optional<std::uint32_t> numberOf(SourceInfo* source) const {
+        return survey_->findNumber(source);
+    }
     TraceBlocks& blocks() noexcept { return blocks_; }
     std::uint64_t recordBytes() const noexcept { return blocks_.recordBytes(); }
     const TraceNames& names() const noexcept { return blocks_.names(); }

@@ -42,6 +42,12 @@ class SourceList {
         return latestPlace_;
     }
 
+    /// The place of one that appeared.
+    std::optional<std::uint32_t> find(SourceInfo* source) const {
+        const auto known = places_.find(source);
+        return known == places_.end() ? std::nullopt : std::optional(known->second);
+    }
+
     /// The sources by id, and for each place that was given the new one.
     std::pair<std::vector<RecordedSource>, std::vector<std::uint32_t>> sorted() const {
         std::vector<std::uint32_t> byId(sources_.size());

@@ -135,12 +135,11 @@ std::optional<std::int64_t> TraceBlocks::beginOf(const RecordBlock& block) {
 }
 
 std::optional<Stretch> TraceBlocks::load(RecordBlock& block) {
-    const bool isFirst = !block.wasRead;
     const auto records = loadAsTheyAre(block);
     if (!records)
         return std::nullopt;
     LoadedProcess& process = *processes_[block.entry.process];
-    process.adapt(*records, isFirst);
+    process.adapt(*records, !std::exchange(block.wasAdapted, true));
     return Stretch{records->data(), records->data() + records->size(),
                    process.stateAt(block.stretch), nullptr};
 }

@@ -36,6 +36,7 @@ struct RecordBlock {
     TraceStretch stretch;
     bool isReadable = true;
     bool wasRead = false;
+    bool wasAdapted = false;
     std::uint32_t events = 0;
     std::uint32_t open = 0;  ///< of these, how many no stop was found for
     std::int64_t firstStart = never;
@@ -50,6 +51,7 @@ struct RecordBlock {
         RecordBlock fresh{.entry = entry, .stretch = stretch};
         fresh.isReadable = isReadable;
         fresh.wasRead = wasRead;
+        fresh.wasAdapted = wasAdapted;
         *this = std::move(fresh);
     }
 };
@@ -80,6 +82,10 @@ class ZANDOR_INSTRUMENT_API TraceBlocks {
     /// Samples of lines, of all processes, with times as those of the records.
     LineSamples lineSamples();
 
+    /// Calls `visit(std::size_t process, std::span<const Word> untrusted)` with each outline.
+    template <class Visit>
+    void forEachOutline(Visit visit);
+
     /// The time of a block's first event, as far as a look at its beginning tells; not checked.
     std::optional<std::int64_t> beginOf(const RecordBlock& block);
 
@@ -103,5 +109,17 @@ class ZANDOR_INSTRUMENT_API TraceBlocks {
     std::uint64_t damaged_ = 0;
     std::uint64_t recordBytes_ = 0;
 };
+
+template <class Visit>
+void TraceBlocks::forEachOutline(Visit visit) {
+    for (const TraceIndexEntry& entry : reader_.blocks()) {
+        if (entry.kind != TraceBlock::outline || entry.process >= processes_.size())
+            continue;
+        if (const auto payload = reader_.payload(entry))
+            visit(entry.process, std::span<const Word>(*payload));
+        else
+            ++damaged_;
+    }
+}
 
 }  // namespace instrument::detail

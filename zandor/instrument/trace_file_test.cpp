@@ -96,6 +96,25 @@ TEST_F(TraceFileTest, GivesTheExportsThatTheRecorderGives) {
                 testing::IsSupersetOf({"worker 0", "worker 1", "worker 2", "its thread"}));
 }
 
+/// The stop of another thread may come first in time though it stands last in the file.
+TEST_F(TraceFileTest, TakesOfStopsOfSeveralThreadsTheFirst) {
+    std::uint64_t sources[2];
+    for (std::uint64_t& source : sources)
+        source = addExternalSource("other program", "its thread", 77, 78);
+    listeners.onEventStartAt(outer_.handle(), {}, {sources[0], 1}, 1000);
+    const auto stop = [&](std::size_t by, std::int64_t time) {
+        listeners.onEventStartAt(inner_.handle(), {}, {sources[by], 5}, 1000);
+        listeners.onEventStopAt(outer_.handle(), {}, {sources[0], 1}, time);
+        listeners.onEventStopAt(inner_.handle(), {}, {sources[by], 5}, 6000);
+    };
+    stop(0, 5000);
+    stop(1, 4000);
+    saveTraceFile(recorder_, folder_ / "a.vtrace");
+    EXPECT_EQ(jsonOf(TraceFile(folder_ / "a.vtrace")), jsonOfRecorder());
+    for (const std::uint64_t source : sources)
+        removeExternalSource(source);
+}
+
 TEST_F(TraceFileTest, TellsWhatWasDropped) {
     InstrumentRecorder small({.maxBytes = 128 * 1024});
     const Listening listening(small);
@@ -255,6 +274,19 @@ TEST(TraceFileLayout, IsThatOfTheDocument) {
     expectRow("stretch", "track", offsetof(TraceStretch, track));
     expectRow("stretch", "source", offsetof(TraceStretch, source));
     expectRow("stretch", "next serial", offsetof(TraceStretch, nextSerial));
+    expectRow("outline row", "source", offsetof(OutlineRow, source));
+    expectRow("outline row", "timed", offsetof(OutlineRow, timed));
+    expectRow("outline row", "is instants", offsetof(OutlineRow, isInstants));
+    expectRow("outline row", "place", offsetof(OutlineRow, place));
+    expectRow("outline row", "slices", offsetof(OutlineRow, slices));
+    expectRow("outline row", "end", sizeof(OutlineRow));
+    expectRow("outline slice", "begin", offsetof(OutlineSlice, begin));
+    expectRow("outline slice", "serial", offsetof(OutlineSlice, serial));
+    expectRow("outline slice", "busy", offsetof(OutlineSlice, busy));
+    expectRow("outline slice", "name", offsetof(OutlineSlice, name));
+    expectRow("outline slice", "events", offsetof(OutlineSlice, events));
+    expectRow("outline slice", "marks", offsetof(OutlineSlice, marks));
+    expectRow("outline slice", "end", sizeof(OutlineSlice));
     expectRow("index entry", "offset", offsetof(TraceIndexEntry, offset));
     expectRow("index entry", "bytes", offsetof(TraceIndexEntry, bytes));
     expectRow("index entry", "kind", offsetof(TraceIndexEntry, kind));

@@ -6,6 +6,7 @@
 //     journal     entries as in run files (see run_file.hpp)
 //     records     TraceStretch, then records as in chunks (see recorder_record.hpp)
 //     lost        LostRange, of starts and instants that were dropped
+//     outline     of each row OutlineRow, then its OutlineSlices
 //     lines       a stream of samples (see line_samples.hpp)
 //     index       TraceIndexEntry for each block before it
 //   TraceFileTail
@@ -39,6 +40,7 @@ enum class TraceBlock : std::uint32_t {
     lost = 4,
     index = 5,
     lines = 6,
+    outline = 7,
 };
 
 struct TraceBlockHead {
@@ -75,6 +77,28 @@ struct TraceStretch {
     std::uint64_t nextSerial = 0;
 };
 static_assert(sizeof(TraceStretch) == 24);
+
+/// Of an outline. What follows are its slices, by time.
+struct OutlineRow {
+    std::uint64_t source = 0;
+    std::uint64_t timed = 0;       ///< times are nanoseconds; else ticks
+    std::uint64_t isInstants = 0;  ///< a row of instants; else of nested events
+    std::uint64_t place = 0;       ///< of nested events: how many others were open
+    std::uint64_t slices = 0;
+};
+static_assert(sizeof(OutlineRow) == 40);
+
+/// An event, or several neighbours.
+struct OutlineSlice {
+    std::int64_t begin = 0;
+    std::int64_t end = 0;
+    std::uint64_t serial = 0;  ///< of an event alone
+    std::uint64_t busy = 0;    ///< the events' time, without the gaps
+    std::uint32_t name = 0;    ///< the number of an instrument: the one with most of the time
+    std::uint32_t events = 0;
+    std::uint64_t marks = 0;  ///< 1 instant, 2 had not ended
+};
+static_assert(sizeof(OutlineSlice) == 48);
 
 struct TraceIndexEntry {
     std::uint64_t offset = 0;  ///< of the block's head

@@ -20,6 +20,7 @@ class TraceSurvey::View {
           kept_(survey.keptWords_) {}
 
     const EventIdSet& foreignStops() const noexcept { return process_.foreignStops(); }
+    void findForeignStops() { process_.finishStops(); }
     bool isLost(EventId id) const noexcept { return process_.isLost(id); }
 
     template <class Visit>
@@ -120,18 +121,11 @@ TraceSurvey::TraceSurvey(TraceBlocks& blocks) : blocks_(blocks), contexts_(block
     keptWords_.clear();
 }
 
-/// Which starts are ended by foreign stops is known when all records were read: where there are
-/// any, they are read again.
 void TraceSurvey::survey(std::size_t process) {
     View view(*this, process);
     Sink sink(*this, view);
-    const std::size_t straysBefore = strayStops_.size();
-    Matcher<Sink, View>(view, sink).run();
-    LoadedProcess& loaded = *blocks_.processes()[process];
-    loaded.finishStops();
-    if (loaded.foreignStops().empty())
+    if (Matcher<Sink, View>(view, sink).run())
         return;
-    strayStops_.resize(straysBefore);
     for (RecordBlock& block : blocks_.recordsOf(process))
         block.forgetEvents();
     Matcher<Sink, View>(view, sink).run();

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <optional>
 #include <vector>
 
 #include "recorder_context.hpp"
@@ -18,8 +19,8 @@ struct OrderedPoint {
     std::uint64_t order;
 };
 
-/// Reads all records once, those of a process with stops on other threads twice. Stays small: of
-/// the events it keeps those stops that came in another block than the start.
+/// Reads all records once; twice those of a process where an event had stops of different threads.
+/// Stays small: of the events it keeps those stops that came in another block than the start.
 class TraceSurvey {
   public:
     explicit TraceSurvey(TraceBlocks& blocks);
@@ -30,6 +31,11 @@ class TraceSurvey {
     /// The place in facts().sources of a source that some block had. Throws std::runtime_error for
     /// another: the file is not what it was.
     std::uint32_t numberOf(SourceInfo* source);
+    /// The same; none for another.
+    std::optional<std::uint32_t> findNumber(SourceInfo* source) const {
+        const std::optional<std::uint32_t> place = sources_.find(source);
+        return place ? std::optional(numbers_.at(*place)) : std::nullopt;
+    }
 
   private:
     class View;

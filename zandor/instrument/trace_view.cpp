@@ -8,6 +8,7 @@
 
 #include "lod_flame.hpp"
 #include "lod_json.hpp"
+#include "lod_outline.hpp"
 #include "lod_turns.hpp"
 #include "lod_window.hpp"
 
@@ -53,6 +54,9 @@ class TraceView::Parts {
         for (const LodActivity& track : activity_)
             for (const std::int64_t begin : track.begins)
                 lastTime_ = std::max<std::int64_t>(lastTime_, begin);
+        outline_.emplace(blocks_.blocks());
+        lastTime_ = std::max<std::int64_t>(lastTime_, outline_->end());
+        outlineEnd_ = outline_->isEmpty() ? origin_ : lastTime_.load();
     }
 
     void read() {
@@ -82,6 +86,8 @@ class TraceView::Parts {
     bool readPiece();
     int percent() const;
     void tell(std::uint64_t bytes);
+    void appendThreads(LodJson& out) const;
+    void appendOutlineThreads(LodJson& out) const;
     std::vector<LodRowSlices> rowsWithin(std::int64_t begin, std::int64_t end, std::uint32_t pixels,
                                          LodSources threads, bool& isExact);
     std::vector<bool> namesWith(std::string_view text) const;
@@ -93,13 +99,16 @@ class TraceView::Parts {
     LodBlocks blocks_;
     std::vector<LodActivity> activity_;
     std::int64_t origin_ = 0;
+    std::int64_t outlineEnd_ = 0;
     std::atomic<std::int64_t> lastTime_ = 0;
     std::atomic<std::uint64_t> bytesRead_ = 0;
     std::atomic<bool> isStopped_ = false;
     std::atomic<Phase> phase_ = Phase::first;
 
-    // From the second phase on, for whoever's turn it is.
+    // For whoever's turn it is.
     LodTurns turns_;
+    std::optional<LodOutline> outline_;  // until all is read
+    // From the second phase on.
     std::optional<LodWindow> window_;
     std::optional<LodPyramid> pyramid_;
     std::optional<LodFlame> flame_;
@@ -116,6 +125,10 @@ void TraceView::Parts::tell(std::uint64_t bytes) {
 
 void TraceView::Parts::beginAgain() {
     const auto turn = turns_.work();
+    std::vector<std::optional<std::uint32_t>> numbers;
+    for (SourceInfo* const thread : outline_->threads())
+        numbers.push_back(blocks_.numberOf(thread));
+    outline_->renumber(numbers);
     const RecordingFacts& facts = blocks_.facts();
     lastTime_ = facts.lastTime;
     // A file may tell of any times; parts of these can be reckoned with.
@@ -146,19 +159,19 @@ bool TraceView::Parts::readPiece() {
         return true;
     }
     flame_->finish(blocks_.facts().sources.size());
+    outline_.reset();
     until_ = lastTime_.load();
     phase_ = Phase::whole;
     return false;
 }
 
-/// The first phase reads the records once or twice, which shows late. So each phase is a half.
+/// The first phase reads the records once, seldom twice, which shows late. So each phase is a half.
 int TraceView::Parts::percent() const {
     const auto half = [](double part, double whole) {
         return static_cast<int>(std::clamp(50 * part / std::max(whole, 1.0), 0.0, 49.0));
     };
     if (phase_ == Phase::first)
-        return half(static_cast<double>(bytesRead_),
-                    2 * static_cast<double>(blocks_.recordBytes()));
+        return half(static_cast<double>(bytesRead_), static_cast<double>(blocks_.recordBytes()));
     if (phase_ == Phase::ordered)
         return 50 + half(static_cast<double>(saturatingSubtract(until_, origin_)),
                          static_cast<double>(saturatingSubtract(lastTime_, origin_)));
@@ -212,45 +225,69 @@ std::string TraceView::Parts::activity() const {
 std::string TraceView::Parts::threads() {
     LodJson out(origin_);
     out.open('[');
-    if (phase_ != Phase::first) {
-        const auto turn = turns_.ask();
-        const auto& sources = blocks_.facts().sources;
-        for (std::uint32_t i = 0; i < std::min(sources.size(), mostThreads); ++i) {
-            out.open('[');
-            out.text(sources[i].processName.value_or(""));
-            out.number(sources[i].processId);
-            out.text(sources[i].name);
-            out.number(sources[i].threadId);
-            for (const auto kind :
-                 {LodRow::Kind::nested, LodRow::Kind::beside, LodRow::Kind::instants})
-                out.number(pyramid_->rowsOf(i, kind));
-            out.close(']');
-        }
-    }
+    const auto turn = turns_.ask();
+    if (phase_ == Phase::first)
+        appendOutlineThreads(out);
+    else
+        appendThreads(out);
     out.close(']');
     return std::move(out).taken();
 }
 
-/// Of the pyramid, where that is as fine as the screen, or else too many events had to be read.
-/// Coarser where that is too much.
+void TraceView::Parts::appendOutlineThreads(LodJson& out) const {
+    const auto threads = outline_->threads();
+    for (std::uint32_t i = 0; i < std::min(threads.size(), mostThreads); ++i) {
+        SourceInfo& source = *threads[i];
+        out.open('[');
+        out.text(source.processName->view());
+        out.number(source.processId);
+        out.text(source.name());
+        out.number(source.threadId);
+        out.numbers(outline_->rowsOf(i, LodRow::Kind::nested), 0,
+                    outline_->rowsOf(i, LodRow::Kind::instants));
+        out.close(']');
+    }
+}
+
+void TraceView::Parts::appendThreads(LodJson& out) const {
+    const auto& sources = blocks_.facts().sources;
+    for (std::uint32_t i = 0; i < std::min(sources.size(), mostThreads); ++i) {
+        out.open('[');
+        out.text(sources[i].processName.value_or(""));
+        out.number(sources[i].processId);
+        out.text(sources[i].name);
+        out.number(sources[i].threadId);
+        for (const auto kind : {LodRow::Kind::nested, LodRow::Kind::beside, LodRow::Kind::instants})
+            out.number(pyramid_->rowsOf(i, kind));
+        out.close(']');
+    }
+}
+
+/// Of the pyramid, where that is as fine as the screen, or else too many events had to be read; of
+/// the outline, as long as that goes farther. Coarser where that is too much.
 std::vector<LodRowSlices> TraceView::Parts::rowsWithin(std::int64_t begin, std::int64_t end,
                                                        std::uint32_t pixels, LodSources threads,
                                                        bool& isExact) {
     const int finest = lodShift(begin, end, pixels);
+    const bool isFine = phase_ == Phase::whole && pyramid_->shift() <= finest;
     std::optional<std::vector<LodEvent>> events;
-    if (phase_ != Phase::whole || pyramid_->shift() > finest)
+    if (phase_ != Phase::first && !isFine)
         events = window_->within(begin, end, threads, mostBytesAtOnce);
-    isExact = events || (phase_ == Phase::whole && pyramid_->shift() <= finest);
-    for (int shift = finest;; ++shift) {
-        std::vector<LodRowSlices> rows;
+    isExact = events || isFine;
+    const auto rowsAt = [&](int shift) {
         if (events) {
             LodPyramid exact(blocks_.facts().sources.size(), shift);
             for (const LodEvent& event : *events)
                 exact.add(event);
-            rows = exact.window(begin, end, shift, threads);
-        } else {
-            rows = pyramid_->window(begin, end, shift, threads);
+            return exact.window(begin, end, shift, threads);
         }
+        const bool isInPyramid =
+            phase_ == Phase::whole || (phase_ == Phase::ordered && end < until_);
+        return isInPyramid ? pyramid_->window(begin, end, shift, threads)
+                           : outline_->window(begin, end, shift, threads);
+    };
+    for (int shift = finest;; ++shift) {
+        std::vector<LodRowSlices> rows = rowsAt(shift);
         std::size_t slices = 0;
         for (const LodRowSlices& row : rows)
             slices += row.slices.size();
@@ -265,7 +302,7 @@ std::string TraceView::Parts::window(std::int64_t begin, std::int64_t end, std::
     out.open('{');
     out.member("begin", begin);
     out.member("end", end);
-    if (phase_ != Phase::first && begin < end) {
+    if (begin < end) {
         const auto turn = turns_.ask();
         bool isExact = false;
         const auto rows = rowsWithin(saturatingAdd(origin_, begin), saturatingAdd(origin_, end),
@@ -273,7 +310,7 @@ std::string TraceView::Parts::window(std::int64_t begin, std::int64_t end, std::
         out.key("exact");
         out.word(isExact ? "true" : "false");
         out.key("until");
-        out.time(until_);
+        out.time(std::max(until_.load(), outlineEnd_));
         appendRows(out, rows, blocks_.names());
     }
     out.close('}');

@@ -8,14 +8,18 @@
 #include <string>
 #include <thread>
 
+#include "outline_writer.hpp"
 #include "testing/recorder_support.hpp"
 #include "testing/temporary_folder.hpp"
+#include "trace_reader.hpp"
+#include "trace_writer.hpp"
 #include "zandor/instrument/source.hpp"
 #include "zandor/instrument/trace_file.hpp"
 
 namespace instrument {
 namespace {
 
+using namespace detail;
 namespace fs = std::filesystem;
 using test_support::Listening;
 using testing::AllOf;
@@ -120,11 +124,73 @@ TEST_F(TraceViewTest, TellsWhenThreadsWroteBeforeItReads) {
     TraceView view(saved());
     EXPECT_THAT(view.state(), HasSubstr("\"phase\":\"first\""));
     EXPECT_THAT(view.activity(), HasSubstr(",[0]]"));
-    EXPECT_EQ(view.window(0, 100, 10, 0, 0), "{\"begin\":0,\"end\":100}");
+    EXPECT_THAT(view.window(0, 100, 10, 0, 0), HasSubstr("\"until\":0,\"rows\":[]"));
     EXPECT_EQ(view.flame(0, 100), "{}");
     EXPECT_EQ(view.find("outer", {}, true), "null");
     EXPECT_EQ(view.details({}), "null");
     EXPECT_EQ(view.threads(), "[]");
+}
+
+std::string allOf(TraceView& view) {
+    return view.window(0, INT64_MAX / 2, 1, 0, 9);
+}
+
+TEST_F(TraceViewTest, ShowsWhatALargeFileTellsOfItselfBeforeItReads) {
+    constexpr int count = OutlineWriter::leastEvents;
+    std::thread([&] {
+        setThreadName("outlined");
+        const Scope outer{outer_};
+        for (int i = 0; i < count; ++i)
+            const Scope inner{inner_};
+    }).join();
+    TraceView view(saved());
+    EXPECT_THAT(view.state(), HasSubstr("\"phase\":\"first\""));
+    EXPECT_THAT(view.threads(), AllOf(HasSubstr("\"outlined\""), HasSubstr(",2,0,0]]")));
+    EXPECT_THAT(allOf(view), AllOf(HasSubstr("\"exact\":false"), HasSubstr("view.outer"),
+                                   HasSubstr("," + std::to_string(count) + ",0,")));
+    view.read();
+    EXPECT_THAT(allOf(view), HasSubstr("," + std::to_string(count) + ",0,"));
+    EXPECT_THAT(view.state(), HasSubstr("\"events\":" + std::to_string(count + 1)));
+}
+
+/// What outlines say is only shown, and never believed.
+TEST_F(TraceViewTest, SurvivesAnOutlineOfNonsense) {
+    for (int i = 0; i < 300; ++i) {
+        const Scope outer{outer_};
+        const Scope inner{inner_};
+    }
+    saveTraceFile(recorder_, file_);
+    const TraceReader reader(file_);
+    OutlineWriter outline;
+    for (const TraceIndexEntry& entry : reader.blocks())
+        if (entry.kind == TraceBlock::records) {
+            const std::vector<std::uint64_t> payload = *reader.payload(entry);
+            outline.add(*reader.stretch(entry), std::span(payload).subspan(3));
+        }
+    const std::vector<std::uint64_t> good = outline.take(0);
+    ASSERT_GT(good.size(), 1000u);
+    std::mt19937_64 random(7);
+    for (int round = 0; round < 50; ++round) {
+        std::vector<std::uint64_t> bad = good;
+        for (std::size_t i = random() % 20; i < bad.size(); i += 1 + random() % 400)
+            bad[i] = random() >> random() % 64;
+        bad.resize(bad.size() - random() % 2);
+        TraceWriter writer(folder_.path() / "bad.vtrace");
+        for (const TraceIndexEntry& entry : reader.blocks()) {
+            const std::vector<std::uint64_t> payload = *reader.payload(entry);
+            if (entry.kind == TraceBlock::process)
+                writer.beginProcess(recordIn<TraceProcess>(payload));
+            else
+                writer.copy(entry.kind, std::as_bytes(std::span(payload)).first(entry.bytes));
+        }
+        writer.copy(TraceBlock::outline, std::as_bytes(std::span(bad)));
+        writer.commit();
+        TraceView view(folder_.path() / "bad.vtrace");
+        view.threads();
+        allOf(view);
+        view.read();
+        EXPECT_THAT(view.state(), HasSubstr("\"events\":600"));
+    }
 }
 
 TEST_F(TraceViewTest, EndsReadingWhenItIsTold) {

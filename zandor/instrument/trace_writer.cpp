@@ -22,8 +22,15 @@ TraceWriter::TraceWriter(const std::filesystem::path& file) : sink_(file) {
 }
 
 void TraceWriter::beginProcess(const TraceProcess& process) {
+    endProcess();
     ++processes_;
     block(TraceBlock::process, bytesOf(process));
+}
+
+void TraceWriter::endProcess() {
+    const std::vector<Word> outline = outline_.take();
+    if (!outline.empty())
+        block(TraceBlock::outline, std::as_bytes(std::span(outline)));
 }
 
 void TraceWriter::journal(std::span<const std::byte> entries) {
@@ -35,10 +42,12 @@ void TraceWriter::records(const TraceStretch& stretch, std::span<const Word> rec
     if (records.empty())
         return;
     cleaned_.assign(records.begin(), records.end());
-    forEachRecord(wholeRecords(cleaned_), [](std::span<Word> record) {
+    const std::span<Word> whole = wholeRecords(cleaned_);
+    forEachRecord(whole, [](std::span<Word> record) {
         if (RecordHead(record[0]).kind() == RecordKind::source)
             record[3] = 0;
     });
+    outline_.add(stretch, whole);
     block(TraceBlock::records, bytesOf(stretch), std::as_bytes(std::span(cleaned_)));
 }
 
@@ -75,6 +84,7 @@ void TraceWriter::put(Bytes bytes) {
 }
 
 void TraceWriter::commit() {
+    endProcess();
     TraceFileTail tail;
     tail.index = offset_;
     const std::vector<TraceIndexEntry> index = index_;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "file_sink.hpp"
+#include "outline_writer.hpp"
 #include "recorder_storage.hpp"
 #include "trace_format.hpp"
 #include "zandor/instrument/export.hpp"
@@ -37,6 +38,7 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
 
   private:
     void block(TraceBlock kind, Bytes first, Bytes second = {});
+    void endProcess();
     void put(Bytes bytes);
 
     FileSink sink_;
@@ -44,6 +46,7 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
     std::uint32_t processes_ = 0;
     std::vector<TraceIndexEntry> index_;
     std::vector<Word> cleaned_;
+    OutlineWriter outline_;  // of the present process
 };
 
 }  // namespace instrument::detail

@@ -96,17 +96,28 @@ class Page {
   async takeState(state) {
     this.showHead(state);
     this.span.extend(state.duration);
-    if (state.phase !== 'first') {
-      const { lanes, chart } = this;
-      const isFirst = Boolean(chart.activity);
-      if (isFirst) lanes.threads = [];
-      if (isFirst || state.phase === 'whole') lanes.take(await askThreads());
-      chart.activity = null;
-      if (isFirst || state.phase === 'whole' || (!chart.exact && chart.windows.isIdle)) chart.refresh();
-      if (isFirst || state.phase === 'whole') this.moved();
-    }
-    this.chart.changed();
+    const { chart } = this;
+    const before = this.phase;
+    this.phase = state.phase;
+    if (this.phase !== before) await this.takeThreads(before === 'ordered');
+    else if (this.phase === 'ordered' && !chart.exact && chart.windows.isIdle) chart.refresh();
+    chart.changed();
     this.showRange();
+  }
+
+  /** They have other numbers in the outline, which some files do not have. */
+  async takeThreads(areKnown) {
+    const { lanes, chart } = this;
+    const threads = await askThreads();
+    if (this.phase === 'first' && threads.length === 0) return;
+    if (!areKnown) {
+      lanes.threads = [];
+      chart.rows = [];
+      chart.activity = null;
+    }
+    lanes.take(threads);
+    chart.refresh();
+    this.moved();
   }
 
   showHead({ file, phase, percent, failure, duration, events, threads, processes, dropped, damaged, originUtc }) {
@@ -124,9 +135,10 @@ class Page {
     progress.hidden = phase === 'whole' && !failure;
     progress.classList.toggle('failed', Boolean(failure));
     progress.firstElementChild.style.width = `${percent}%`;
+    const early = this.chart.activity ? 'the timeline shows when threads wrote' : 'the timeline is an outline';
     progress.lastElementChild.textContent = failure
       ? `reading ended: ${failure}`
-      : `reading, ${percent} % · ${phase === 'first' ? 'the timeline shows when threads wrote' : 'what is zoomed into is there already'}`;
+      : `reading, ${percent} % · ${phase === 'first' ? early : 'what is zoomed into is there already'}`;
   }
 
   showRange() {

@@ -41,8 +41,16 @@ export class Chart {
       this.isDrawing = false;
       this.painter.paint(this);
       this.label();
-      Object.assign(this.canvas.dataset, { begin: this.span.begin, end: this.span.end, shown: this.shown ?? '' });
+      this.tellState();
     });
+  }
+
+  /** What is drawn, for whoever drives the page. */
+  tellState() {
+    const { begin, end } = this.span;
+    const bars = this.rows.reduce((sum, { slices }) => sum + slices.length / 7, 0);
+    const settled = this.windows.isIdle ? 'yes' : '';
+    Object.assign(this.canvas.dataset, { begin, end, bars, settled, shown: this.shown ?? '', until: this.until ?? '' });
   }
 
   /** What is seen and as much again around it, so that moving finds something there. */

@@ -5,7 +5,8 @@
 //   std::jthread reader([&] { view.read(); });      // reads all of it, once
 //   view.window(begin, end, 1200, 0, 20);           // meanwhile and later
 //
-//   file -> blocks -> (one reading) -> pyramid of merged slices -> wide windows
+//   file -> outline                                            -> windows at first
+//        -> blocks -> (one reading) -> pyramid of merged slices -> wide windows
 //                  -> (as asked)    -> events of a few blocks   -> narrow windows
 //
 // Answers are JSON, of bounded size however long the recording is. Times are nanoseconds from the
@@ -40,21 +41,23 @@ class ZANDOR_INSTRUMENT_API TraceView {
     void stop() noexcept;
 
     /// How far reading is, and what is known of the whole: {"phase": "first", "ordered" or "whole",
-    /// "share", "until", "duration", "events", ..}. In the first phase there is nothing but
-    /// activity(); in the second, windows that are too wide to be read at once end at "until".
+    /// "percent", "duration", "events", ..}. In the first phase windows are of the file's outline;
+    /// so are those, in the second, that are too wide to be read at once.
     std::string state() const;
     /// When each thread wrote: [[process, thread, [time, ..]], ..], of no more than 200 threads and
     /// 2,000 times each. Known before anything is read.
     std::string activity() const;
     /// The threads with their rows: [[process, process id, name, thread id, rows of nested events,
-    /// rows of events that do not nest, whether there are instants], ..], at most 10,000.
+    /// rows of events that do not nest, whether there are instants], ..], at most 10,000. In the
+    /// first phase these are the threads of the outline, which have other numbers later.
     std::string threads();
 
     /// What threads `firstThread` to `lastThread` show of [begin, end) on so many pixels:
-    /// {"begin", "end", "exact", "rows": [[thread, kind, row, [slice, ..]], ..], "names": {..}}.
-    /// Kinds are 0 nested, 1 beside, 2 instants. A slice is seven numbers: start, duration, name,
-    /// events, marks, serial, nanoseconds inside events. Marks are 1 instant, 2 had not ended, 4
-    /// stops on another thread, 8 outlives what it began in. Not exact: rows are of merged slices.
+    /// {"begin", "end", "exact", "until", "rows": [[thread, kind, row, [slice, ..]], ..], "names":
+    /// {..}}. Kinds are 0 nested, 1 beside, 2 instants. A slice is seven numbers: start, duration,
+    /// name, events, marks, serial, nanoseconds inside events. Marks are 1 instant, 2 had not
+    /// ended, 4 stops on another thread, 8 outlives what it began in. Not exact: rows are of merged
+    /// slices, or of an outline, as far as that goes: to "until".
     std::string window(std::int64_t begin, std::int64_t end, std::uint32_t pixels,
                        std::uint32_t firstThread, std::uint32_t lastThread);
     /// The stacks of [begin, end), with times inside it: {"begin", "end", "threads": [[process,
