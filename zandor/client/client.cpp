@@ -13,6 +13,7 @@
 namespace zandor::client {
 
 constinit Client clients[mostClients] = {};
+constinit std::atomic<std::uint32_t> wantedClients{0};
 
 namespace {
 
@@ -39,6 +40,11 @@ Client* find(const zandor_client* handle) noexcept {
     // Acquire pairs with the release in open.
     const bool isOpen = client.generation.load(std::memory_order_acquire) == generationOf(handle);
     return isOpen ? &client : nullptr;
+}
+
+/// Relaxed: see setWanted.
+bool isAnyWanted() noexcept {
+    return wantedClients.load(std::memory_order_relaxed) != 0;
 }
 
 /// Which hosts want events of a client now, which is 0 in most programs at most times.
@@ -114,8 +120,8 @@ void exit(ThreadRings& thread) noexcept {
 }
 
 /// A start or an instant.
-zandor_event putNamed(wire::RecordKind kind, const zandor_client* handle, const char* name,
-                      const Context& context) noexcept {
+[[gnu::noinline]] zandor_event putNamed(wire::RecordKind kind, const zandor_client* handle,
+                                        const char* name, const Context& context) noexcept {
     Client* client = nullptr;
     const std::uint32_t hosts = wantedOf(handle, client);
     if (hosts == 0) [[likely]]
@@ -134,7 +140,7 @@ zandor_event putNamed(wire::RecordKind kind, const zandor_client* handle, const 
     return isTaken ? zandor_event{serial, origin} : zandor_event{0, 0};
 }
 
-void putStop(const zandor_client* handle, zandor_event event) noexcept {
+[[gnu::noinline]] void putStop(const zandor_client* handle, zandor_event event) noexcept {
     Client* client = nullptr;
     const std::uint32_t hosts = wantedOf(handle, client);
     if (event.serial == 0 || hosts == 0 || event.origin >> 32 != client->process)
@@ -234,14 +240,18 @@ void zandor_client_name_thread(const char* name) {
 
 zandor_event zandor_client_start(zandor_client* client, const char* name, const char* const* keys,
                                  const char* const* values, size_t n_context) {
+    if (!isAnyWanted()) [[likely]]
+        return {0, 0};
     return putNamed(wire::RecordKind::start, client, name, {keys, values, n_context});
 }
 
 void zandor_client_stop(zandor_client* client, zandor_event event) {
-    putStop(client, event);
+    if (isAnyWanted()) [[unlikely]]
+        putStop(client, event);
 }
 
 void zandor_client_instant(zandor_client* client, const char* name, const char* const* keys,
                            const char* const* values, size_t n_context) {
-    putNamed(wire::RecordKind::instant, client, name, {keys, values, n_context});
+    if (isAnyWanted()) [[unlikely]]
+        putNamed(wire::RecordKind::instant, client, name, {keys, values, n_context});
 }

@@ -20,7 +20,7 @@ inline constexpr std::size_t refusalsKept = 8;
 struct Client {
     /// Odd while it is open; each opening and closing counts one.
     std::atomic<std::uint32_t> generation;
-    /// Which sessions want events now, a bit each.
+    /// Which sessions want events now, a bit each. Relaxed: see setWanted.
     std::atomic<std::uint32_t> wanted;
     /// The process that events started here belong to.
     std::uint32_t process;
@@ -40,5 +40,9 @@ struct Client {
 
 /// There from the beginning, and never destroyed.
 extern constinit Client clients[mostClients];
+
+/// Which of them are wanted by any host, a bit each: 0 in most programs at most times. Relaxed: see
+/// setWanted.
+extern constinit std::atomic<std::uint32_t> wantedClients;
 
 }  // namespace zandor::client

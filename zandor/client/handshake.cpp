@@ -204,6 +204,19 @@ std::int64_t leaseOf(const Session& session) noexcept {
                                                    : 0;
 }
 
+namespace {
+
+/// By its own thread, which alone changes what is wanted of it, or the only one after a fork.
+void noteWhetherWanted(const Client& client) noexcept {
+    const std::uint32_t bit = 1u << (&client - clients);
+    if (client.wanted.load(std::memory_order_relaxed) != 0)
+        wantedClients.fetch_or(bit, std::memory_order_relaxed);
+    else
+        wantedClients.fetch_and(~bit, std::memory_order_relaxed);
+}
+
+}  // namespace
+
 void setWanted(Client& client, std::size_t host, bool isWanted) noexcept {
     const std::uint32_t bit = 1u << host;
     // Relaxed: a wish, which threads see soon; what they need to follow it is behind the epoch.
@@ -211,10 +224,12 @@ void setWanted(Client& client, std::size_t host, bool isWanted) noexcept {
         client.wanted.fetch_or(bit, std::memory_order_relaxed);
     else
         client.wanted.fetch_and(~bit, std::memory_order_relaxed);
+    noteWhetherWanted(client);
 }
 
 void abandonSessions(Client& client) noexcept {
     client.wanted.store(0);
+    noteWhetherWanted(client);
     for (Session& session : client.sessions) {
         if (session.stage == Session::Stage::none)
             continue;
