@@ -8,7 +8,6 @@ from . import _options
 from ._cli import UsageError
 from ._core import Trace, combine_traces, finish_run_folder
 from ._progress import Progress
-from ._pstats import save_pstats
 from ._record import check_writable
 from ._table import dropped
 
@@ -32,12 +31,20 @@ options of export:
 
 # How often a file is read for an export, without what depends on its content.
 _READINGS = {".speedscope.json": 3, ".json": 3, ".json.gz": 3, ".folded": 2, ".prof": 2}
+
+
+def _save_pstats(trace, path):
+    from ._pstats import save_pstats
+
+    save_pstats(trace, path)
+
+
 _WRITERS = {
     ".speedscope.json": Trace.save_speedscope,
     ".json": Trace.save_json,
     ".json.gz": Trace.save_json,
     ".folded": Trace.save_stacks,
-    ".prof": save_pstats,
+    ".prof": _save_pstats,
 }
 
 

@@ -1,9 +1,8 @@
 """How commands read what stands behind them: flags, options with values, and files."""
 
 import os
-import re
 
-from ._cli import UsageError
+from ._cli import UsageError, fullmatch
 
 _SIZES = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
 _UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
@@ -80,7 +79,7 @@ def path(_, text):
 
 def time(option, text):
     """Nanoseconds."""
-    match = re.fullmatch(r"(\d+(?:\.\d+)?)(ns|us|ms|s)", text, re.ASCII)
+    match = fullmatch(r"(\d+(?:\.\d+)?)(ns|us|ms|s)", text)
     if not match:
         raise UsageError(f"{option} takes a time such as 10us or 1.5ms, not {text!r}")
     return min(round(float(match[1]) * _UNITS[match[2]]), 2**63 - 1)
@@ -88,7 +87,7 @@ def time(option, text):
 
 def size(option, text):
     """Bytes."""
-    match = re.fullmatch(r"(\d+)([KMG])", text, re.ASCII)
+    match = fullmatch(r"(\d+)([KMG])", text)
     if not match or int(match[1]) == 0:
         raise UsageError(f"{option} takes a size such as 64M or 2G, not {text!r}")
     return min(int(match[1]) * _SIZES[match[2]], 2**64 - 1)
@@ -99,7 +98,7 @@ def number(of_what="", least=0, most=10**18 - 1):
     bounds = f" up to {most}" if most < 10**9 else ""
 
     def read(option, text):
-        if not re.fullmatch(r"\d{1,18}", text, re.ASCII) or not least <= int(text) <= most:
+        if not fullmatch(r"\d{1,18}", text) or not least <= int(text) <= most:
             raise UsageError(f"{option} takes a number{of_what and ' ' + of_what}{bounds}, not {text!r}")
         return int(text)
 

@@ -1,11 +1,12 @@
 """Files that are whole or not there."""
 
 import os
-import tempfile
 
 
 def write_whole(path, content):
     """Writes bytes beside the path and renames them to it."""
+    import tempfile
+
     folder, name = os.path.split(os.path.abspath(path))
     descriptor, beside = tempfile.mkstemp(prefix=f".{name[:50]}.", dir=folder)
     try:
