@@ -5,23 +5,42 @@
 #include <exception>
 
 #include "../src/open_event.hpp"
+#include "zandor/instrument/plain_events.hpp"
 
 namespace vantrace {
 
 [[gnu::always_inline]] inline instrument::EventId startCall(
-    const instrument::Opaque* instrument, instrument::ContextArgs context = {}) noexcept {
-    if (!instrument::listeners.anyActive())
-        return instrument::noListenerEventId;
+    const instrument::Opaque* instrument) noexcept {
+    nameThread();
     try {
-        return context.empty() ? startEvent(instrument) : startEvent(instrument, context);
+        return instrument::startPlain(instrument);
     } catch (const std::exception&) {
         return instrument::suppressedEventId;
     }
 }
 
 [[gnu::always_inline]] inline void stopCall(const instrument::Opaque* instrument,
-                                            instrument::EventId id,
-                                            instrument::ContextArgs context = {}) noexcept {
+                                            instrument::EventId id) noexcept {
+    try {
+        instrument::stopPlain(instrument, id);
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
+inline instrument::EventId startCall(const instrument::Opaque* instrument,
+                                     instrument::ContextArgs context) noexcept {
+    if (!instrument::listeners.anyActive())
+        return instrument::noListenerEventId;
+    try {
+        return startEvent(instrument, context);
+    } catch (const std::exception&) {
+        return instrument::suppressedEventId;
+    }
+}
+
+inline void stopCall(const instrument::Opaque* instrument, instrument::EventId id,
+                     instrument::ContextArgs context) noexcept {
     try {
         stopEvent(instrument, context, id);
     } catch (const std::exception&) {

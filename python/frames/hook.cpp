@@ -15,7 +15,6 @@
 #include "subscript.hpp"
 #include "task_name.hpp"
 #include "tracing.hpp"
-#include "zandor/instrument/call_events.hpp"
 #include "zandor/instrument/clock.hpp"
 
 namespace vantrace {
@@ -52,9 +51,9 @@ bool isResumed(const Frame* frame) noexcept {
 
 [[gnu::always_inline]] inline PyObject* evaluateEvent(PyThreadState* thread, Frame* frame,
                                                       int throws, const Opaque* instrument) {
-    const EventId id = instrument::enterCall(instrument);
+    const EventId id = startCall(instrument);
     PyObject* result = goOn(thread, frame, throws);
-    instrument::leaveCall(instrument, id);
+    stopCall(instrument, id);
     return result;
 }
 
@@ -114,7 +113,6 @@ PyObject* evaluateTraced(PyThreadState* thread, Frame* frame, int throws) {
         return evaluateOther(thread, frame, throws, function);
     if (function->mayBeSubscript)
         keepGeneral(thread->cframe->current_frame);
-    nameThread();
     const Opaque* instrument = instrumentOf(*function, frame);
     if (function->isCoroutine && isResumed(frame)) [[unlikely]]
         return evaluateStep(thread, frame, throws, instrument);

@@ -8,7 +8,6 @@
 #include <iterator>
 #include <memory>
 #include <new>
-#include <optional>
 #include <vector>
 
 #include "errors.hpp"
@@ -129,7 +128,7 @@ PyObject* newEvent(PyObject* name, const Opaque* instrument, PyObject* const* va
         event->values()[i] = Py_NewRef(values[i]);
     auto* object = reinterpret_cast<PyObject*>(event);
     event->state = ContextState::atoms;
-    if (!areAtoms(values, static_cast<std::size_t>(size))) {
+    if (size != 0 && !areAtoms(values, static_cast<std::size_t>(size))) {
         event->state = ContextState::mixed;
         PyObject_GC_Track(object);
     }
@@ -207,16 +206,28 @@ Entered start(EventObject& event) {
     return entered;
 }
 
+/// With a context, or in several threads or nested.
+[[gnu::noinline]] void enterGenerally(EventObject& event) {
+    Entered entered = start(event);
+    if (event.isEntered) {
+        if (!event.outer)
+            event.outer = std::make_unique<std::vector<Entered>>();
+        event.outer->push_back(std::move(event.entered));
+    }
+    event.entered = std::move(entered);
+    event.isEntered = true;
+}
+
 PyObject* enter(PyObject* self) {
     return guarded([&] {
         EventObject& event = eventOf(self);
-        Entered entered = start(event);
-        if (event.isEntered) [[unlikely]] {
-            if (!event.outer)
-                event.outer = std::make_unique<std::vector<Entered>>();
-            event.outer->push_back(std::move(event.entered));
+        if (event.names || event.isEntered) {
+            enterGenerally(event);
+            return Py_NewRef(self);
         }
-        event.entered = std::move(entered);
+        event.entered.id = instrument::listeners.anyActive() ? startEvent(event.instrument)
+                                                             : instrument::noListenerEventId;
+        event.entered.thread = currentThread();
         event.isEntered = true;
         return Py_NewRef(self);
     });
@@ -245,14 +256,22 @@ Entered takeEntered(EventObject& event) {
     return found;
 }
 
+void stop(EventObject& event) {
+    if (!event.isEntered) [[unlikely]]
+        raise(PyExc_RuntimeError, "the event was not entered");
+    if (event.names || event.outer) {
+        const Entered entered = takeEntered(event);
+        stopEvent(event.instrument, argsOf(event, entered), entered.id);
+        return;
+    }
+    event.isEntered = false;
+    stopEvent(event.instrument, {}, event.entered.id);
+}
+
 PyObject* leave(PyObject* self, bool withException) {
     return guarded([&] {
-        EventObject& event = eventOf(self);
-        if (!event.isEntered) [[unlikely]]
-            raise(PyExc_RuntimeError, "the event was not entered");
-        const Entered entered = takeEntered(event);
         try {
-            stopEvent(event.instrument, argsOf(event, entered), entered.id);
+            stop(eventOf(self));
         } catch (const std::exception&) {
             // The exception that ends the block is the one to hear about.
             if (!withException)
@@ -362,20 +381,31 @@ EventParts partsOf(PyObject* event) noexcept {
     return {self.instrument, self.values(), self.names};
 }
 
+namespace {
+
+[[gnu::noinline]] void emitInstant(const Opaque* instrument, PyObject* const* values,
+                                   PyObject* names) {
+    if (!instrument::listeners.anyActive())
+        return;
+    const CallContext given(values, names);
+    if (!isOn(instrument, given.args()))
+        return;
+    nameThread();
+    instrument::tellInstant(instrument, given.args());
+}
+
+}  // namespace
+
 PyObject* emitInstant(PyObject*, PyObject* const* arguments, Py_ssize_t count, PyObject* names) {
     return guarded([&] {
         if (count != 1) [[unlikely]]
             raise(PyExc_TypeError, "instant takes 1 positional argument, the name, got %zd", count);
         const Opaque* instrument = instrumentOf(arguments[0]);
-        if (!instrument::listeners.anyActive())
-            return Py_NewRef(Py_None);
-        std::optional<CallContext> given;
-        if (names)
-            given.emplace(arguments + 1, names);
-        const ContextArgs args = given ? given->args() : ContextArgs{};
-        if (isOn(instrument, args)) {
+        if (names) {
+            emitInstant(instrument, arguments + 1, names);
+        } else if (instrument::listeners.anyActive()) {
             nameThread();
-            instrument::tellInstant(instrument, args);
+            instrument::instantPlain(instrument);
         }
         return Py_NewRef(Py_None);
     });

@@ -3,7 +3,6 @@
 #include <structmember.h>
 
 #include <cstddef>
-#include <optional>
 
 #include "errors.hpp"
 #include "event.hpp"
@@ -50,6 +49,30 @@ PyObject* finish(const EventParts& event, ContextArgs context, EventId id, PyObj
     return nullptr;
 }
 
+/// The arguments of a call, as the interpreter gives them.
+struct Call {
+    PyObject* const* arguments;
+    std::size_t countAndFlag;
+    PyObject* names;
+
+    PyObject* of(PyObject* function) const {
+        return intoPython(
+            [&] { return PyObject_Vectorcall(function, arguments, countAndFlag, names); });
+    }
+};
+
+PyObject* callPlainly(PyObject* function, const EventParts& event, const Call& call) {
+    const EventId id = startEvent(event.instrument);
+    return finish(event, {}, id, call.of(function));
+}
+
+[[gnu::noinline]] PyObject* callWithContext(PyObject* function, const EventParts& event,
+                                            const Call& call) {
+    const CallContext given(event.values, event.names);
+    const EventId id = startEvent(event.instrument, given.args());
+    return finish(event, given.args(), id, call.of(function));
+}
+
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndFlag,
                PyObject* names) {
     const EventFunctionObject& function = functionOf(self);
@@ -57,14 +80,9 @@ PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndF
         return PyObject_Vectorcall(function.function, arguments, countAndFlag, names);
     return guarded([&] {
         const EventParts event = partsOf(function.event);
-        std::optional<CallContext> given;
-        if (event.names)
-            given.emplace(event.values, event.names);
-        const ContextArgs context = given ? given->args() : ContextArgs{};
-        const EventId id = startEvent(event.instrument, context);
-        PyObject* result = intoPython(
-            [&] { return PyObject_Vectorcall(function.function, arguments, countAndFlag, names); });
-        result = finish(event, context, id, result);
+        const Call given{arguments, countAndFlag, names};
+        PyObject* result = event.names ? callWithContext(function.function, event, given)
+                                       : callPlainly(function.function, event, given);
         if (!result)
             throw PythonError();
         return result;

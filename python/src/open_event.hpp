@@ -9,6 +9,7 @@
 #include "zandor/instrument/decided_events.hpp"
 #include "zandor/instrument/event_id.hpp"
 #include "zandor/instrument/listeners.hpp"
+#include "zandor/instrument/plain_events.hpp"
 
 namespace vantrace {
 
@@ -25,13 +26,17 @@ inline instrument::EventId startEvent(const instrument::Opaque* instrument,
 /// The same without context.
 inline instrument::EventId startEvent(const instrument::Opaque* instrument) {
     nameThread();
-    return instrument::detail::openEvent(instrument);
+    return instrument::startPlain(instrument);
 }
 
 /// Delivers the stop when the start was and a listener is active; the context is the start's.
 inline void stopEvent(const instrument::Opaque* instrument, instrument::ContextArgs context,
                       instrument::EventId id) {
-    if (id.sourceId != 0 && instrument::listeners.anyActive())
+    if (id.sourceId == 0 || !instrument::listeners.anyActive())
+        return;
+    if (context.empty())
+        instrument::stopPlain(instrument, id);
+    else
         instrument::tellStop(instrument, context, id);
 }
 

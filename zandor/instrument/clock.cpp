@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "clock_source.hpp"
+#include "plain_lane.hpp"
 #include "process_state.hpp"
 
 #if defined(__x86_64__)
@@ -104,6 +105,7 @@ void replaceClockSource(const ClockSource* replacement) noexcept {
     const Locked locked(processState().clock);
     install(replacement ? *replacement : bestSource());
     clockNumber.fetch_add(1, std::memory_order_relaxed);
+    outdateLanes();
 }
 
 void TickReader::find(std::uint64_t ticks) noexcept {

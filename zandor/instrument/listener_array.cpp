@@ -121,6 +121,7 @@ void publish(ListenerArray* array) noexcept {
     const bool isRecorder = isShort && array->count == 1 && array->shortly.recorder;
     onlyRecorder.store(isRecorder ? array : nullptr, std::memory_order_release);
     shortListeners.store(isShort ? array : nullptr, std::memory_order_release);
+    outdateLanes();
     if (areStopsIgnored)
         stopsMatter.store(false, std::memory_order_relaxed);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);

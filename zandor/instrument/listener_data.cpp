@@ -37,6 +37,7 @@ bool ListenerData::isOfThread(const EventContext& context) noexcept {
 void ListenerData::forgetAll() noexcept {
     // Pairs with the acquire in age.
     age_.store(detail::nextListenerNumber(), std::memory_order_release);
+    detail::outdateLanes();
 }
 
 bool ListenerData::isInsideListener() noexcept {

@@ -190,6 +190,7 @@ void RecorderCore::clear(const InstrumentListener& listener) noexcept {
     {
         const Locked locked(state_->lock);
         number_.store(nextListenerNumber(), std::memory_order_relaxed);
+        outdateLanes();
         state_->refused.store(0, std::memory_order_relaxed);
         state_->failed.store(0, std::memory_order_relaxed);
         Generation* const old = state_->current.load(std::memory_order_relaxed);

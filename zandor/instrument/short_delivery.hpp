@@ -69,6 +69,7 @@ class ShortDelivery {
     explicit operator bool() const noexcept { return state_ != nullptr; }
 
     ThreadState& state() const noexcept { return *state_; }
+    const ListenerArray& array() const noexcept { return *array_; }
     /// The identity that a start or instant is to be told with; it is taken when they say so.
     EventId nextId() const noexcept { return {state_->source.id, state_->source.serial + 1}; }
 

@@ -55,6 +55,7 @@ void releaseState(ThreadState& state) noexcept {
     releaseTagged(state);
     state.source = {};
     state.listenerData = {};
+    state.lane = {};
     state.scopes.clear();
     state.endingRounds = 0;
     state.owner.store(nullptr, std::memory_order_relaxed);

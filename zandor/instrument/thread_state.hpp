@@ -13,6 +13,7 @@
 #include <optional>
 
 #include "interned_text.hpp"
+#include "plain_lane.hpp"
 #include "scope_pool.hpp"
 #include "source_info.hpp"
 #include "zandor/instrument/fences.hpp"
@@ -72,6 +73,7 @@ struct alignas(64) ThreadState {
     ThreadSource source;
 
     alignas(64) std::array<ListenerSlot, listenerSlots + 1> listenerData;
+    alignas(64) PlainLane lane;
     TaggedSource* tagged;
     ScopePool scopes;
     TextCache texts;

@@ -178,11 +178,25 @@ class ProfilerCore {
         CallingContextTree* const tree = treeOf(self, edge);
         return tree && (tree->stop(edge.serial, edge.time), true);
     }
+    static void* dataOf(InstrumentListener& listener, const ListenerSlot* slots) noexcept {
+        return treeOf(listener, slots);
+    }
+    static bool startPlain(void* tree, const Opaque* instrument, std::uint64_t serial,
+                           std::int64_t time) noexcept {
+        return static_cast<CallingContextTree*>(tree)->start(instrument, serial, time);
+    }
+    static bool stopPlain(void* tree, std::uint64_t serial, std::int64_t time) noexcept {
+        static_cast<CallingContextTree*>(tree)->stop(serial, time);
+        return true;
+    }
+    static constexpr PlainOperations plainOperations{
+        .dataOf = dataOf, .start = startPlain, .stop = stopPlain};
     static constexpr ShortOperations shortOperations{.needsTime = true,
                                                      .ignoresContext = true,
                                                      .instant = noteShortly,
                                                      .start = startShortly,
-                                                     .stop = stopShortly};
+                                                     .stop = stopShortly,
+                                                     .plain = &plainOperations};
 
     const InstrumentProfiler& profiler_;
     ThreadShards<CallingContextTree> trees_;

@@ -31,6 +31,18 @@ struct ShortEdge {
     std::span<const std::uint64_t> context;  ///< as keepContext writes it
 };
 
+/// What a listener does with starts and stops of events without context, once it knows the thread;
+/// instants without context are nothing to it then.
+struct PlainOperations {
+    /// What it keeps for the calling thread, to be given to the others until it forgets its data;
+    /// null where it does not know the thread yet.
+    void* (*dataOf)(InstrumentListener& listener, const detail::ListenerSlot* slots) noexcept;
+    // As those of ShortOperations.
+    bool (*start)(void* data, const Opaque* instrument, std::uint64_t serial,
+                  std::int64_t time) noexcept;
+    bool (*stop)(void* data, std::uint64_t serial, std::int64_t time) noexcept;
+};
+
 /// What a listener does with such edges instead of its own operations.
 struct ShortOperations {
     /// Takes no lock that is held for long, calls no code of others, and tells whether it did all
@@ -46,6 +58,7 @@ struct ShortOperations {
     Operation instant = nullptr;
     Operation start = nullptr;
     Operation stop = nullptr;
+    const PlainOperations* plain = nullptr;  ///< null: it has none
 };
 
 /// Gives a listener a short way for as long as it lives. To be made by the listener's constructor:
