@@ -21,6 +21,8 @@ vantrace._decorate.IS_DISABLED = False
 ROUNDS = 20_000
 NAMES = tuple(f"name.{number}" for number in range(100))
 LITTLE_MEMORY = 16 << 20
+# As many as fill it: what comes after them goes where they were.
+INSTANTS_OF_MEMORY = LITTLE_MEMORY // 16 * 5 // 4
 
 
 class Timer:
@@ -59,7 +61,7 @@ def recorded(body, **setup):
     recording = vantrace.record(keep="last", max_bytes=LITTLE_MEMORY)
     with recording:
         sample = beyond(body, **setup)
-        for _ in range(600_000 // ROUNDS):
+        for _ in range(INSTANTS_OF_MEMORY // ROUNDS):
             loop(body, setup)()
 
     def recorded_sample():
