@@ -42,9 +42,10 @@ void makeLane() noexcept {
         return;
     PlainLane lane{version, array.mark(), track, nullptr, nullptr, nullptr, {}};
     if (const Registration* const other = otherOf(array)) {
-        lane.others = other->shortWay->plain;
+        const ShortWay& way = *other->shortWay;
+        lane.others = way.operations().plain;
         lane.listener = other->listener;
-        lane.data = lane.others ? lane.others->dataOf(*other->listener, slots) : nullptr;
+        lane.data = lane.others ? lane.others->dataOf(way.self(), slots) : nullptr;
         if (!lane.data)
             return;
     }

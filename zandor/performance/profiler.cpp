@@ -163,23 +163,23 @@ class ProfilerCore {
     }
 
     /// The calling thread's, where it is known: then it is that of its present source.
-    static CallingContextTree* treeOf(void* self, const ShortEdge& edge) noexcept {
-        return static_cast<ProfilerCore*>(self)->trees_.known(edge.slots);
+    static CallingContextTree* treeOf(void* self, const ListenerSlot* slots) noexcept {
+        return static_cast<ProfilerCore*>(self)->trees_.known(slots);
     }
     static bool noteShortly(void* self, const ShortEdge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(self, edge);
+        CallingContextTree* const tree = treeOf(self, edge.slots);
         return tree && tree->hasFirstEvent();
     }
     static bool startShortly(void* self, const ShortEdge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(self, edge);
+        CallingContextTree* const tree = treeOf(self, edge.slots);
         return tree && tree->start(edge.instrument, edge.serial, edge.time);
     }
     static bool stopShortly(void* self, const ShortEdge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(self, edge);
+        CallingContextTree* const tree = treeOf(self, edge.slots);
         return tree && (tree->stop(edge.serial, edge.time), true);
     }
-    static void* dataOf(InstrumentListener& listener, const ListenerSlot* slots) noexcept {
-        return treeOf(listener, slots);
+    static void* dataOf(void* self, const ListenerSlot* slots) noexcept {
+        return treeOf(self, slots);
     }
     static bool startPlain(void* tree, const Opaque* instrument, std::uint64_t serial,
                            std::int64_t time) noexcept {

@@ -35,8 +35,8 @@ struct ShortEdge {
 /// instants without context are nothing to it then.
 struct PlainOperations {
     /// What it keeps for the calling thread, to be given to the others until it forgets its data;
-    /// null where it does not know the thread yet.
-    void* (*dataOf)(InstrumentListener& listener, const detail::ListenerSlot* slots) noexcept;
+    /// null where it does not know the thread yet. `self` is as in ShortOperations.
+    void* (*dataOf)(void* self, const detail::ListenerSlot* slots) noexcept;
     // As those of ShortOperations.
     bool (*start)(void* data, const Opaque* instrument, std::uint64_t serial,
                   std::int64_t time) noexcept;
