@@ -35,8 +35,9 @@ class Ring {
     std::uint64_t epoch() const noexcept { return epoch_; }
 
     /// Each puts one event, or counts why not.
-    bool putNamed(wire::RecordKind kind, const char* name, const Context& context,
-                  std::uint64_t serial, std::uint64_t ticks) noexcept {
+    [[gnu::always_inline]] bool putNamed(wire::RecordKind kind, const char* name,
+                                         const Context& context, std::uint64_t serial,
+                                         std::uint64_t ticks) noexcept {
         std::uint32_t id = 0;
         wire::Drop cause{};
         if (!names_.find(name, id, cause)) [[unlikely]]
