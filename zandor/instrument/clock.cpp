@@ -9,6 +9,7 @@
 #include "clock_source.hpp"
 #include "plain_lane.hpp"
 #include "process_state.hpp"
+#include "zandor/instrument/tick_conversion.hpp"
 
 #if defined(__x86_64__)
 #include <cpuid.h>
@@ -129,6 +130,15 @@ std::uint64_t ticks() noexcept {
 
 std::int64_t toNanoseconds(std::uint64_t ticks) {
     return detail::TickReader()(ticks);
+}
+
+TickConversion::TickConversion() : reader_(std::make_unique<detail::TickReader>()) {}
+TickConversion::~TickConversion() = default;
+TickConversion::TickConversion(TickConversion&&) noexcept = default;
+TickConversion& TickConversion::operator=(TickConversion&&) noexcept = default;
+
+std::int64_t TickConversion::operator()(std::uint64_t ticks) const noexcept {
+    return (*reader_)(ticks);
 }
 
 std::int64_t now() noexcept {

@@ -131,10 +131,10 @@ void ExternalClient::takeOffer(const wire::RingOffer& untrusted, FileDescriptor 
             throw BrokenRules("two rings in one slot");
     ExternalRing ring(std::move(file),
                       {session_, untrusted.ring, terms_.namesBytes, terms_.dataBytes});
-    const ExternalTimes times(ring.clock());
+    ExternalTimes times(ring.clock());
     control_.setHead(untrusted.slot, 0);
     delivery_.begin(ring);
-    rings_.push_back({untrusted.slot, untrusted.ring, std::move(ring), times});
+    rings_.push_back({untrusted.slot, untrusted.ring, std::move(ring), std::move(times)});
 }
 
 void ExternalClient::collect(ExternalRing::Buffer& buffer) {

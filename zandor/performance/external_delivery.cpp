@@ -39,8 +39,7 @@ void ExternalTimes::takeNow() noexcept {
 
 std::int64_t ExternalTimes::at(std::uint64_t untrustedTicks) const {
     const std::uint64_t ticks = std::min(untrustedTicks, nowTicks_);
-    return clock_ == wire::Clock::tsc ? clock::toNanoseconds(ticks)
-                                      : static_cast<std::int64_t>(ticks);
+    return clock_ == wire::Clock::tsc ? toNanoseconds_(ticks) : static_cast<std::int64_t>(ticks);
 }
 
 ExternalThread::ExternalThread(std::string_view processName, std::uint64_t processId,

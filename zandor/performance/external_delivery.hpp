@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "zandor/instrument/context.hpp"
+#include "zandor/instrument/tick_conversion.hpp"
 #include "zandor/performance/external_ring.hpp"
 
 namespace instrument::detail {
@@ -22,7 +23,7 @@ struct DeliveryAccount {
     std::uint64_t unmatched = 0;  ///< stops of events that were not, or no longer, known
 };
 
-/// Ticks of a client's clock as this process's times.
+/// Ticks of a client's clock as this process's times. Of one ring, whose times are in order.
 class ZANDOR_PERFORMANCE_API ExternalTimes {
   public:
     /// Throws BrokenRules for a clock that this machine does not have.
@@ -34,6 +35,7 @@ class ZANDOR_PERFORMANCE_API ExternalTimes {
   private:
     wire::Clock clock_;
     std::uint64_t nowTicks_ = 0;
+    clock::TickConversion toNanoseconds_;
 };
 
 /// An event between its start and its stop.
