@@ -240,8 +240,8 @@ CallingContextTree::Frame* CallingContextTree::popEnded() noexcept {
     if (caller.isBelow)
         return childOf(caller.parent, instrument, start);
     const bool mayBeKnown = caller.childKeys.back() != 0 && slots_;
-    const std::uint32_t known = mayBeKnown ? slotOf(caller, instrument) : 0;
-    return known != 0 ? &nodes_[known] : addNode(caller, instrument, start);
+    CallNode* const known = mayBeKnown ? slotOf(keyOf(caller, instrument)).node : nullptr;
+    return known ? known : addNode(caller, instrument, start);
 }
 
 bool isCalledBy(const CallNode& node, const Opaque* instrument) noexcept {
@@ -274,7 +274,8 @@ CallNode* CallingContextTree::addNode(CallNode& parent, const Opaque* instrument
     node.min.store(INT64_MAX, std::memory_order_relaxed);
     node.max.store(INT64_MIN, std::memory_order_relaxed);
     if (isBeyond) {
-        slotOf(parent, instrument) = count;
+        const std::uint64_t key = keyOf(parent, instrument);
+        slotOf(key) = {key, &node};
     } else {
         parent.childKeys[place] = CallNode::keyOf(instrument);
         parent.childNodes[place] = &node;
@@ -301,13 +302,11 @@ InstrumentCalls* CallingContextTree::callsOf(const Opaque* instrument) noexcept 
 }
 
 /// Where the child stands, or would.
-std::uint32_t& CallingContextTree::slotOf(const CallNode& parent,
-                                          const Opaque* instrument) const noexcept {
-    const std::uint64_t key = std::uint64_t{parent.number} << 32 | instrument->id;
+CallingContextTree::Slot& CallingContextTree::slotOf(std::uint64_t key) const noexcept {
     std::size_t place = key * 0x9e37'79b9'7f4a'7c15 >> 32;
     for (;; ++place) {
-        std::uint32_t& slot = slots_[place & (slotCount_ - 1)];
-        if (slot == 0 || (nodes_[slot].parent == &parent && nodes_[slot].instrument == instrument))
+        Slot& slot = slots_[place & (slotCount_ - 1)];
+        if (slot.key == key || slot.key == 0)
             return slot;
     }
 }
@@ -317,14 +316,13 @@ bool CallingContextTree::provideSlot() noexcept {
     if (++slotsUsed_ * 2 < slotCount_)
         return true;
     const std::size_t count = std::max(slotCount_ * 2, firstSlots);
-    auto* const larger = static_cast<std::uint32_t*>(mapMemory(count * sizeof *slots_));
+    auto* const larger = static_cast<Slot*>(mapMemory(count * sizeof(Slot)));
     if (!larger)
         return false;
-    const std::span<std::uint32_t> before(std::exchange(slots_, larger),
-                                          std::exchange(slotCount_, count));
-    for (const std::uint32_t node : before)
-        if (node != 0)
-            slotOf(*nodes_[node].parent, nodes_[node].instrument) = node;
+    const std::span<Slot> before(std::exchange(slots_, larger), std::exchange(slotCount_, count));
+    for (const Slot& slot : before)
+        if (slot.key != 0)
+            slotOf(slot.key) = slot;
     if (before.data())
         unmapMemory(before.data(), before.size_bytes());
     return true;

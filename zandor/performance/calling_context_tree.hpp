@@ -175,6 +175,15 @@ class CallingContextTree {
     };
     static_assert(sizeof(Frame) == 64);
 
+    /// A child and its key, so that looking for it touches no other child; all-zero is free.
+    struct Slot {
+        std::uint64_t key;
+        CallNode* node;
+    };
+    static std::uint64_t keyOf(const CallNode& parent, const Opaque* instrument) noexcept {
+        return std::uint64_t{parent.number} << 32 | CallNode::keyOf(instrument);
+    }
+
     Frame* top() const noexcept { return top_.load(std::memory_order_relaxed); }
     Frame* above(Frame* frame) noexcept;
     Frame* provideFrame(Frame* below) noexcept;
@@ -182,7 +191,7 @@ class CallingContextTree {
     CallNode* findOrAdd(CallNode& caller, const Opaque* instrument, std::int64_t start) noexcept;
     CallNode* addNode(CallNode& parent, const Opaque* instrument, std::int64_t start) noexcept;
     InstrumentCalls* callsOf(const Opaque* instrument) noexcept;
-    std::uint32_t& slotOf(const CallNode& parent, const Opaque* instrument) const noexcept;
+    Slot& slotOf(std::uint64_t key) const noexcept;
     bool provideSlot() noexcept;
 
     bool stopGenerally(std::uint64_t serial, std::int64_t time) noexcept;
@@ -207,9 +216,8 @@ class CallingContextTree {
     std::uint64_t takesSeen_ = 0;
 
     std::atomic<std::uint32_t> nodeCount_{0};
-    /// The nodes that their parents have no place for, by parent and instrument: a hash table of
-    /// their numbers, 0 is free.
-    std::uint32_t* slots_ = nullptr;
+    /// The nodes that their parents have no place for: a hash table.
+    Slot* slots_ = nullptr;
     std::size_t slotCount_ = 0;  ///< a power of two
     std::size_t slotsUsed_ = 0;
 
