@@ -86,14 +86,6 @@ class UsageError(Exception):
     """What the command line got wrong; the program ends with status 2."""
 
 
-def fullmatch(pattern, value):
-    """The match of an option's value, its digits those of ASCII; or None."""
-    # Compiling patterns takes as long as all else that most commands import.
-    import re
-
-    return re.fullmatch(pattern, value, re.ASCII)
-
-
 def console():
     """What the installed command `vantrace` calls."""
     return main(sys.argv[1:])

@@ -29,9 +29,6 @@ options of export:
   --split SIZE          several .json files of at most that size each; as 500K, 100M, 1G
 """
 
-# How often a file is read for an export, without what depends on its content.
-_READINGS = {".speedscope.json": 3, ".json": 3, ".json.gz": 3, ".folded": 2, ".prof": 2}
-
 
 def _save_pstats(trace, path):
     from ._pstats import save_pstats
@@ -39,6 +36,8 @@ def _save_pstats(trace, path):
     save_pstats(trace, path)
 
 
+# How often a file is read for an export, without what depends on its content.
+_READINGS = {".speedscope.json": 3, ".json": 3, ".json.gz": 3, ".folded": 2, ".prof": 2}
 _WRITERS = {
     ".speedscope.json": Trace.save_speedscope,
     ".json": Trace.save_json,

@@ -2,7 +2,7 @@
 
 import os
 
-from ._cli import UsageError, fullmatch
+from ._cli import UsageError
 
 _SIZES = {"K": 1 << 10, "M": 1 << 20, "G": 1 << 30}
 _UNITS = {"ns": 1, "us": 1_000, "ms": 1_000_000, "s": 1_000_000_000}
@@ -69,6 +69,13 @@ def take(target, option, arguments, flags, values):
 # What reads values: each is called with the option's name and its text.
 
 
+def _fullmatch(pattern, text):
+    # Compiling patterns takes as long as all else that most commands import.
+    import re
+
+    return re.fullmatch(pattern, text, re.ASCII)
+
+
 def text(_, text):
     return text
 
@@ -79,7 +86,7 @@ def path(_, text):
 
 def time(option, text):
     """Nanoseconds."""
-    match = fullmatch(r"(\d+(?:\.\d+)?)(ns|us|ms|s)", text)
+    match = _fullmatch(r"(\d+(?:\.\d+)?)(ns|us|ms|s)", text)
     if not match:
         raise UsageError(f"{option} takes a time such as 10us or 1.5ms, not {text!r}")
     return min(round(float(match[1]) * _UNITS[match[2]]), 2**63 - 1)
@@ -87,7 +94,7 @@ def time(option, text):
 
 def size(option, text):
     """Bytes."""
-    match = fullmatch(r"(\d+)([KMG])", text)
+    match = _fullmatch(r"(\d+)([KMG])", text)
     if not match or int(match[1]) == 0:
         raise UsageError(f"{option} takes a size such as 64M or 2G, not {text!r}")
     return min(int(match[1]) * _SIZES[match[2]], 2**64 - 1)
@@ -98,7 +105,7 @@ def number(of_what="", least=0, most=10**18 - 1):
     bounds = f" up to {most}" if most < 10**9 else ""
 
     def read(option, text):
-        if not fullmatch(r"\d{1,18}", text) or not least <= int(text) <= most:
+        if not _fullmatch(r"\d{1,18}", text) or not least <= int(text) <= most:
             raise UsageError(f"{option} takes a number{of_what and ' ' + of_what}{bounds}, not {text!r}")
         return int(text)
 
