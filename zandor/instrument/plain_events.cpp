@@ -55,6 +55,8 @@ void makeLane() noexcept {
 [[gnu::noinline]] EventId startGenerally(const Opaque* handle) {
     if (!listeners.anyActive())
         return noListenerEventId;
+    if (!handle->enabled.load(std::memory_order_relaxed))
+        return disabledEventId;
     const EventId id = openEvent(handle);
     makeLane();
     return id;
