@@ -145,7 +145,8 @@ def test_short_events_can_be_left_out_of_the_trace(run, tmp_path):
     [("self", "__main__.busy"), ("total", "__main__.<module>"), ("name", "__main__.<module>")],
 )
 def test_the_table_is_sorted_as_asked(run, key, first):
-    assert next(iter(rows(run("--sort", key)))) == first
+    # What the script imports takes as long as the disk does.
+    assert next(name for name in rows(run("--sort", key)) if name != "import") == first
 
 
 def test_the_table_sorted_by_calls(run):
