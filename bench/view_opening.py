@@ -98,7 +98,7 @@ class PeakMemory:
 
     def _look(self):
         while not self._ended.wait(0.1):
-            pids = [pid for pid in descendants(os.getpid()) if pid != self._leave_out]
+            pids = set(descendants(os.getpid())).difference(self._leave_out)
             self.most = max(self.most, sum(number_in(pid, "smaps_rollup", "Pss:") for pid in pids))
 
 
@@ -124,6 +124,7 @@ def moving(browser, when):
 
 def measure(file):
     browser = DrivenBrowser()
+    others = descendants(os.getpid())  # what drives the browser
     with tempfile.NamedTemporaryFile("w", suffix=".html") as blank:
         blank.write("<!doctype html><html data-ready>")
         blank.flush()
@@ -135,20 +136,29 @@ def measure(file):
         text=True,
     )
     try:
-        with PeakMemory(server.pid) as peak:
+        with PeakMemory({server.pid, *others}) as peak:
             browser.open(server.stdout.readline().split()[1])
             wait(browser, SHOWN, "the first picture")
             shown, used = time.monotonic() - began, cpu_seconds(server.pid)
-            print(f"{os.path.basename(file)}: first picture {shown:.1f} s "
-                  f"(server {used:.2f} s CPU), load {os.getloadavg()[0]:.1f}")
+            print(
+                f"{os.path.basename(file)}: first picture {shown:.1f} s "
+                f"(server {used:.2f} s CPU), load {os.getloadavg()[0]:.1f}",
+                flush=True,
+            )
             moving(browser, "meanwhile")
             wait(browser, "document.documentElement.dataset.phase === 'whole'", "all")
-            print(f"  all read {time.monotonic() - began:.1f} s "
-                  f"(server {cpu_seconds(server.pid):.1f} s CPU)")
+            print(
+                f"  all read {time.monotonic() - began:.1f} s "
+                f"(server {cpu_seconds(server.pid):.1f} s CPU)",
+                flush=True,
+            )
             wait(browser, SHOWN, "the whole picture")
             moving(browser, "then")
-        print(f"  memory at most: server {number_in(server.pid, 'status', 'VmHWM'):.0f} MB, "
-              f"browser {peak.most:.0f} MB", flush=True)
+        print(
+            f"  memory at most: server {number_in(server.pid, 'status', 'VmHWM'):.0f} MB, "
+            f"browser {peak.most:.0f} MB",
+            flush=True,
+        )
     finally:
         server.send_signal(signal.SIGINT)
         server.wait()

@@ -61,7 +61,7 @@ class ZANDOR_INSTRUMENT_API OutlineWriter {
     std::int64_t latest_ = 0;
     std::uint64_t track_ = 0;
     std::uint64_t events_ = 0;
-    int shift_ = 0;
+    int shift_ = 14;  // narrower cells are not worth their memory
     std::size_t size_ = 0;
     std::size_t most_ = mostSlices;
 };

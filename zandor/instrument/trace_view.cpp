@@ -335,6 +335,8 @@ std::string TraceView::Parts::flame(std::int64_t begin, std::int64_t end) {
             nodes = flame_->between(first, last);
             begin = first * parts.width();
             end = (last + 1) * parts.width();
+            if (phase_ == Phase::ordered)  // no more is in it yet
+                end = std::clamp(saturatingSubtract(until_, origin_), begin, end);
         }
         out.member("begin", begin);
         out.member("end", end);

@@ -155,10 +155,8 @@ TEST_F(TraceViewTest, ShowsWhatALargeFileTellsOfItselfBeforeItReads) {
 
 /// What outlines say is only shown, and never believed.
 TEST_F(TraceViewTest, SurvivesAnOutlineOfNonsense) {
-    for (int i = 0; i < 300; ++i) {
-        const Scope outer{outer_};
-        const Scope inner{inner_};
-    }
+    for (int i = 0; i < 600; ++i)
+        event(i % 2 == 0 ? outer_ : inner_, 100'000 * i, 100'000 * i + 90'000);
     saveTraceFile(recorder_, file_);
     const TraceReader reader(file_);
     OutlineWriter outline;

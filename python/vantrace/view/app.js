@@ -100,7 +100,7 @@ class Page {
     const before = this.phase;
     this.phase = state.phase;
     if (this.phase !== before) await this.takeThreads(before === 'ordered');
-    else if (this.phase === 'ordered' && !chart.exact && chart.windows.isIdle) chart.refresh();
+    else if (this.phase === 'ordered' && chart.until !== undefined && chart.windows.isIdle) chart.refresh();
     chart.changed();
     this.showRange();
   }
