@@ -4,13 +4,13 @@
 #include <tbb/concurrent_queue.h>
 
 #include <cstdarg>
-#include <cstdio>
 #include <memory>
 #include <mutex>
 #include <new>
 #include <string>
 #include <thread>
 
+#include "vantrace/instrument/line_format.hpp"
 #include "zandor/runtime/console.hpp"
 
 namespace instrument {
@@ -84,10 +84,10 @@ void DeferredLines::afterFork() {
 }  // namespace
 
 int deferredPrintf(const char* format, ...) {
-    char line[2048] = "";
+    char line[2048];
     std::va_list arguments;
     va_start(arguments, format);
-    const int length = std::vsnprintf(line, sizeof line, format, arguments);
+    const int length = vantrace::formatLine(line, sizeof line, format, arguments);
     va_end(arguments);
     lines().print(line);
     return length;

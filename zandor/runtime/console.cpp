@@ -5,8 +5,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -43,6 +45,12 @@ int hand(const char* text, int length) noexcept {
     return sink(text, static_cast<std::size_t>(length)) < 0 ? -1 : length;
 }
 
+/// What is too long for the result's type is refused, as the standard library does.
+int handText(const char* text) noexcept {
+    const std::size_t length = std::strlen(text);
+    return length <= INT_MAX ? hand(text, static_cast<int>(length)) : -1;
+}
+
 }  // namespace
 
 ConsoleSink setConsoleSink(ConsoleSink sink) noexcept {
@@ -55,6 +63,12 @@ int utPrintf(const char* format, ...) {
     char shortText[1024];
     std::va_list arguments;
     va_start(arguments, format);
+    // A text as it is, which is what most callers have.
+    if (std::strcmp(format, "%s") == 0) {
+        const char* const text = va_arg(arguments, const char*);
+        va_end(arguments);
+        return zandor::handText(text ? text : "(null)");
+    }
     std::va_list again;
     va_copy(again, arguments);
     const int length = std::vsnprintf(shortText, sizeof shortText, format, arguments);
