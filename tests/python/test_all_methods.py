@@ -94,3 +94,11 @@ def test_the_aggregator_does_nothing_where_there_is_no_client():
         aggregator.collectEvents()
         aggregator.stop()
         aggregator.stop()
+
+
+def test_a_stop_of_an_id_that_nobody_was_given_is_recorded(recorder):
+    instruments = vantrace.performance.instrument.instruments
+    for source, serial in [(0, 0), (7, 0), (0, 7)]:
+        instruments.stopEvent("nobody's", ["n", "1"], source, serial)
+    recorder.stop()
+    assert len(recorder.getAllEventPoints()) == 3

@@ -200,6 +200,8 @@ void Snapshot::takeLosses() {
 }
 
 LostRanges::LostRanges(std::vector<LostRange> ranges) : ranges_(std::move(ranges)) {
+    // Of none: the host may well stop what has this id.
+    std::erase_if(ranges_, [](const LostRange& range) { return range.source == 0; });
     std::sort(ranges_.begin(), ranges_.end(), [](const LostRange& a, const LostRange& b) {
         return std::tie(a.source, a.first) < std::tie(b.source, b.first);
     });
