@@ -173,8 +173,8 @@ inline void addOthers(std::map<std::string, Effect>& table) {
 #undef ACT
 #undef ACT_ON_MODEL
 
-inline const std::map<std::string, Effect>& effects() {
-    static const std::map<std::string, Effect> table = [] {
+inline std::map<std::string, Effect>& effects() {
+    static std::map<std::string, Effect> table = [] {
         std::map<std::string, Effect> made;
         addControls(made);
         addRecorder(made);

@@ -26,6 +26,7 @@
 #include "fuzz/method_table.hpp"
 #include "fuzz/seeds.hpp"
 #include "fuzz/understood_call.hpp"
+#include "fuzz/wrong_rows.hpp"
 #include "vantrace/instrument/method_tables.hpp"
 #include "vantrace/module/entry.hpp"
 #include "vantrace/performance/method_tables.hpp"
@@ -149,8 +150,11 @@ class Run {
             return anyValue(input_);
         if (loadsLibraries(method))
             return libraryFor(type);
-        if (type == "char")
-            return Value::array(charArray(anyText(input_)));
+        if (type == "char") {
+            if (input_.ConsumeIntegralInRange(0, 3) != 0)
+                text_ = anyText(input_);
+            return Value::array(charArray(text_));
+        }
         if (type == "KobsFactoryString vector")
             return Value::array(anyTexts(input_));
         if (type == "logical scalar")
@@ -215,6 +219,10 @@ class Run {
                             refused);
             else
                 expect(refused, "values that the method cannot take");
+            if (meant && meant->list.size() == 2) {
+                ruled_ = meant->text;
+                rule_ = meant->list;
+            }
             if (!refused && takesResult && method.name.ends_with("startEvent"))
                 learnId(result);
         }
@@ -290,6 +298,13 @@ class Run {
         expect(controls.isEnabled(name) == model_.controls.isOn(name), "a switch");
         expect(controls.isEnabled(name, set) == model_.controls.isOn(name, {{"n", value}}),
                "a rule");
+        if (!rule_.empty()) {
+            const Context context{{rule_[0], rule_[1]}};
+            instrument::ContextSet latest;
+            latest.insert({rule_[0], rule_[1]});
+            expect(controls.isEnabled(ruled_, latest) == model_.controls.isOn(ruled_, context),
+                   "the latest rule");
+        }
         expect(manager::instance()->getNumPendingTasks(true) ==
                    static_cast<int>(model_.tasks.pending.size()),
                "pending tasks");
@@ -300,6 +315,9 @@ class Run {
     FuzzedDataProvider& input_;
     MethodsModel& model_;
     std::vector<Id> ids_;
+    std::u16string text_;  ///< of a call before: calls of the same name meet
+    std::string ruled_;    ///< the name of the latest call that had one entry
+    Strings rule_;         ///< and that entry
 };
 
 }  // namespace
@@ -320,4 +338,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         run.callAny();
     registered.swap(model.controls.registered);
     return 0;
+}
+
+int fuzzing::checkModel() {
+    const std::filesystem::path shared = folder();
+    const int status = checkByWrongRows(LLVMFuzzerTestOneInput);
+    std::filesystem::remove_all(shared);
+    return status;
 }
