@@ -4,10 +4,15 @@
 #include <cstdint>
 #include <optional>
 #include <span>
+#include <utility>
+#include <vector>
 
 #include "recording.hpp"
 
 namespace instrument::detail {
+
+/// Sources and times, sorted.
+using Meetings = std::vector<std::pair<std::uint32_t, std::int64_t>>;
 
 class ZANDOR_INSTRUMENT_API EventStream {
   public:
@@ -23,6 +28,10 @@ class ZANDOR_INSTRUMENT_API EventStream {
     virtual std::span<const RecordedEvent> nextEvents() = 0;
     /// The same of points, by time, source, order in the source.
     virtual std::span<const RecordedPoint> nextPoints() = 0;
+
+    /// Where events that last, and stop on their own thread, start just where another of their
+    /// source stopped. Null where that is not known, or some duration is negative.
+    virtual const Meetings* meetings() const noexcept { return nullptr; }
 
     /// Whether exports tell more of an event than its name and times.
     virtual bool hasArgs() const noexcept { return true; }

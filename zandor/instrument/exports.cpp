@@ -6,6 +6,7 @@
 #include "zandor/instrument/file_sink.hpp"
 #include "zandor/instrument/recorder_core.hpp"
 #include "zandor/instrument/recorder_snapshot.hpp"
+#include "zandor/instrument/recorder_stream.hpp"
 #include "zandor/instrument/recording.hpp"
 #include "zandor/instrument/source_info.hpp"
 #include "zandor/instrument/summary.hpp"
@@ -20,9 +21,8 @@ class StringSink : public TextSink {
   public:
     /// Makes room for what a trace of the recording commonly takes, so that the text seldom moves;
     /// memory that is not written to costs nothing.
-    explicit StringSink(const detail::Recording& recording) {
-        text_.reserve(4096 + 128 * (recording.events.size() + recording.strayPoints.size()) +
-                      32 * recording.contextArgs.size());
+    explicit StringSink(const InstrumentRecorder& recorder) {
+        text_.reserve(4096 + 4 * recorder.bytesInUse());
     }
     void write(std::string_view text) override { text_ += text; }
     std::string take() { return std::move(text_); }
@@ -35,18 +35,23 @@ class StringSink : public TextSink {
 
 TextSink::~TextSink() = default;
 
+// UTC has steps that many events share, whose order is that of their ends: pieces would part them.
 void writeTraceEventJson(const InstrumentRecorder& recorder, TimeSystem timeSystem,
                          std::chrono::nanoseconds minimumDuration, TextSink& sink) {
-    const auto recording = detail::takeRecording(recorder);
-    detail::writeTraceEventJson(recording, timeSystem, minimumDuration.count(), sink);
+    if (timeSystem == TimeSystem::utc) {
+        const auto recording = detail::takeRecording(recorder);
+        detail::writeTraceEventJson(recording, timeSystem, minimumDuration.count(), sink);
+        return;
+    }
+    detail::RecorderStream stream(recorder);
+    detail::writeTraceEventJson(stream, timeSystem, minimumDuration.count(), sink);
 }
 
 std::string getAllCompleteEventsTraceEventJson(const InstrumentRecorder& recorder,
                                                TimeSystem timeSystem,
                                                std::chrono::nanoseconds minimumDuration) {
-    const auto recording = detail::takeRecording(recorder);
-    StringSink sink(recording);
-    detail::writeTraceEventJson(recording, timeSystem, minimumDuration.count(), sink);
+    StringSink sink(recorder);
+    writeTraceEventJson(recorder, timeSystem, minimumDuration, sink);
     return sink.take();
 }
 

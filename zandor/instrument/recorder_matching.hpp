@@ -103,7 +103,8 @@ class OpenRun {
 /// Points of one source come in order, but for stray stops. A stray stop has its own context.
 ///
 /// A view tells of stretches as Snapshot does. Their words need not stay when the next stretch
-/// comes, but for what it was asked to keep. One that finds foreign stops only as it shows
+/// comes, but for what it was asked to keep. Each visit returns where it ended, for views that cut
+/// stretches. One that finds foreign stops only as it shows
 /// stretches has findForeignStops(), to be said behind the last; before, it has none.
 template <class Sink, class View = const Snapshot>
 class Matcher {
@@ -117,7 +118,7 @@ class Matcher {
         snapshot_.forEachStretch([this](const Stretch& stretch, bool beginsTrack) {
             if (beginsTrack)
                 endRun();
-            readStretch(stretch);
+            return readStretch(stretch);
         });
         endRun();
         if constexpr (findsForeignStops)
@@ -132,31 +133,34 @@ class Matcher {
     static constexpr bool findsForeignStops = requires(View view) { view.findForeignStops(); };
     static constexpr bool isOfOneName = requires(View view) { view.whole(); };
 
-    void readStretch(const Stretch& stretch) {
+    RecordReader readStretch(const Stretch& stretch) {
         countRead(stretch);
         RecordReader reader(stretch.begin, stretch.end, stretch.state);
         for (Record record; reader.next(record);) {
-            switch (record.kind) {
-                case RecordKind::start:
-                    readStart(pointOf(record));
-                    break;
-                case RecordKind::instant:
-                    sink_.onInstant(pointOf(record));
-                    break;
-                case RecordKind::stop:
-                    readStop(pointOf(record));
-                    break;
-                case RecordKind::foreignStop:
-                    addPending(pointOf(record));
-                    break;
-                case RecordKind::source:
-                    if (record.beginsRun)
-                        endRun();
-                    break;
-                case RecordKind::deadBegin:
-                case RecordKind::deadStop:
-                    break;
-            }
+            if (record.kind == RecordKind::start)
+                readStart(pointOf(record));
+            else if (record.kind == RecordKind::stop)
+                readStop(pointOf(record));
+            else
+                readOther(record);
+        }
+        return reader;
+    }
+
+    void readOther(const Record& record) {
+        switch (record.kind) {
+            case RecordKind::instant:
+                sink_.onInstant(pointOf(record));
+                break;
+            case RecordKind::foreignStop:
+                addPending(pointOf(record));
+                break;
+            case RecordKind::source:
+                if (record.beginsRun)
+                    endRun();
+                break;
+            default:
+                break;  // dead
         }
     }
 
@@ -250,7 +254,7 @@ class Matcher {
         ids.sort();
         std::vector<std::span<const Word>> contexts(ids.size());
         const auto find = [&](const Stretch& stretch, bool) {
-            findContexts(stretch, ids, contexts);
+            return findContexts(stretch, ids, contexts);
         };
         if constexpr (isOfOneName)
             snapshot_.whole().forEachStretch(find);
@@ -261,8 +265,8 @@ class Matcher {
                 stop.context = contexts[ids.find(stop.id)];
     }
 
-    void findContexts(const Stretch& stretch, const EventIdSet& ids,
-                      std::vector<std::span<const Word>>& contexts) {
+    RecordReader findContexts(const Stretch& stretch, const EventIdSet& ids,
+                              std::vector<std::span<const Word>>& contexts) {
         countRead(stretch);
         RecordReader reader(stretch.begin, stretch.end, stretch.state);
         for (Record record; reader.next(record);) {
@@ -271,6 +275,7 @@ class Matcher {
             if (const std::size_t place = ids.find(record.id); place != EventIdSet::none)
                 contexts[place] = snapshot_.keep(record.context);
         }
+        return reader;
     }
 
     View& snapshot_;

@@ -101,7 +101,7 @@ struct Record {
     std::span<const Word> context;
 };
 
-/// Reads the records of a stretch of a stream.
+/// Reads the records of a stretch of a stream: those that begin before its end.
 class RecordReader {
   public:
     RecordReader(const Word* begin, const Word* end, StreamState state) noexcept
@@ -113,7 +113,7 @@ class RecordReader {
 
     /// Gives the next record, or false at the end.
     bool next(Record& record) noexcept {
-        if (position_ == end_)
+        if (position_ >= end_)
             return false;
         const RecordHead head{position_[0]};
         record.kind = head.kind();
@@ -126,28 +126,22 @@ class RecordReader {
     }
 
   private:
+    // No switch: most records are plain, and branches that are foretold cost less than a jump
+    // table.
     void readIdentity(RecordHead head, Record& record) noexcept {
-        switch (record.kind) {
-            case RecordKind::start:
-            case RecordKind::instant:
-            case RecordKind::deadBegin:
-                record.id = {state_.source, state_.nextSerial + head.serial()};
-                state_.nextSerial = record.id.serialId + 1;
-                break;
-            case RecordKind::stop:
-            case RecordKind::deadStop:
-                record.id = {state_.source, state_.nextSerial - head.serial()};
-                break;
-            case RecordKind::foreignStop:
-                record.id = {position_[2], position_[3]};
-                break;
-            case RecordKind::source:
-                record.id = {position_[1], position_[2]};
-                record.beginsRun =
-                    record.id.sourceId != state_.source || record.id.serialId < state_.nextSerial;
-                state_ = {record.id.sourceId, record.id.serialId,
-                          reinterpret_cast<SourceInfo*>(position_[3])};
-                break;
+        if (record.kind == RecordKind::stop || record.kind == RecordKind::deadStop) {
+            record.id = {state_.source, state_.nextSerial - head.serial()};
+        } else if (record.kind == RecordKind::foreignStop) [[unlikely]] {
+            record.id = {position_[2], position_[3]};
+        } else if (record.kind == RecordKind::source) [[unlikely]] {
+            record.id = {position_[1], position_[2]};
+            record.beginsRun =
+                record.id.sourceId != state_.source || record.id.serialId < state_.nextSerial;
+            state_ = {record.id.sourceId, record.id.serialId,
+                      reinterpret_cast<SourceInfo*>(position_[3])};
+        } else {
+            record.id = {state_.source, state_.nextSerial + head.serial()};
+            state_.nextSerial = record.id.serialId + 1;
         }
         record.source = state_.source;
         record.sourceInfo = state_.info;

@@ -22,17 +22,26 @@ std::int64_t beginOf(const Origin& origin) {
 
 }  // namespace
 
+RecordingFacts factsOf(const SnapshotFacts& snapshot) {
+    RecordingFacts facts;
+    facts.drops = snapshot.drops;
+    facts.externalAccounts = externalAccounts();
+    facts.originMonotonic = beginOf(snapshot.origin);
+    if (facts.originMonotonic != 0)
+        facts.originUtc = facts.originMonotonic + snapshot.origin.utcOffset;
+    facts.processId = static_cast<std::uint64_t>(getpid());
+    return facts;
+}
+
 Recording takeRecording(const InstrumentRecorder& recorder, const Opaque* instrument) {
     RecordingSink sink;
-    const SnapshotFacts facts = instrument ? readEventsOf(recorder.core(), instrument->id, sink)
-                                           : readEvents(recorder.core(), sink);
+    const SnapshotFacts snapshot = instrument ? readEventsOf(recorder.core(), instrument->id, sink)
+                                              : readEvents(recorder.core(), sink);
     Recording recording = sink.take();
-    recording.drops = facts.drops;
-    recording.externalAccounts = externalAccounts();
-    recording.originMonotonic = beginOf(facts.origin);
-    if (recording.originMonotonic != 0)
-        recording.originUtc = recording.originMonotonic + facts.origin.utcOffset;
-    recording.processId = static_cast<std::uint64_t>(getpid());
+    RecordingFacts facts = factsOf(snapshot);
+    facts.sources = std::move(recording.sources);
+    facts.lastTime = recording.lastTime;
+    static_cast<RecordingFacts&>(recording) = std::move(facts);
     return recording;
 }
 

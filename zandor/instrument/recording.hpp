@@ -63,6 +63,10 @@ struct Recording : RecordingFacts {
     ContextArena contextArgs;                ///< of all of them
 };
 
+struct SnapshotFacts;
+/// All but the sources and the latest time.
+RecordingFacts factsOf(const SnapshotFacts& snapshot);
+
 /// Takes a snapshot and decodes it. Of one instrument all is in it; of others what came along.
 ZANDOR_INSTRUMENT_API Recording takeRecording(const InstrumentRecorder& recorder,
                                               const Opaque* instrument = nullptr);

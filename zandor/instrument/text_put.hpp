@@ -1,6 +1,7 @@
 // Texts and numbers written at a place that has room, which is returned moved behind them.
 #pragma once
 
+#include <array>
 #include <charconv>
 #include <concepts>
 #include <cstddef>
@@ -29,20 +30,43 @@ inline char* putHexadecimal(char* at, std::uint64_t number) noexcept {
     return std::to_chars(at, at + longestNumber, number, 16).ptr;
 }
 
-/// Nanoseconds as microseconds with three decimals.
+/// The digits of 0 to 999, each number in four bytes.
+inline constexpr auto threeDigits = [] {
+    std::array<char, 4000> digits{};
+    for (std::size_t number = 0; number < 1000; ++number) {
+        digits[4 * number] = static_cast<char>('0' + number / 100);
+        digits[4 * number + 1] = static_cast<char>('0' + number / 10 % 10);
+        digits[4 * number + 2] = static_cast<char>('0' + number % 10);
+    }
+    return digits;
+}();
+
+/// Three digits, and a byte behind them that is to be written over.
+inline char* putThreeDigits(char* at, std::uint64_t number) noexcept {
+    std::memcpy(at, &threeDigits[4 * number], 4);
+    return at + 3;
+}
+
+/// Decimal text, three digits at a time.
+inline char* putDecimal(char* at, std::uint64_t number) noexcept {
+    if (number >= 1000)
+        return putThreeDigits(putDecimal(at, number / 1000), number % 1000);
+    const std::size_t zeros = (number < 10) + (number < 100);
+    std::memcpy(at, &threeDigits[4 * number + zeros], 3);
+    return at + 3 - zeros;
+}
+
+/// Nanoseconds as microseconds with three decimals, and a byte behind them that is to be written
+/// over.
 inline char* putMicroseconds(char* at, std::int64_t nanoseconds) noexcept {
     auto magnitude = static_cast<std::uint64_t>(nanoseconds);
     if (nanoseconds < 0) {
         *at++ = '-';
         magnitude = 0 - magnitude;
     }
-    at = putNumber(at, magnitude / 1000);
-    const auto decimals = static_cast<unsigned>(magnitude % 1000);
+    at = putDecimal(at, magnitude / 1000);
     *at++ = '.';
-    *at++ = static_cast<char>('0' + decimals / 100);
-    *at++ = static_cast<char>('0' + decimals / 10 % 10);
-    *at++ = static_cast<char>('0' + decimals % 10);
-    return at;
+    return putThreeDigits(at, magnitude % 1000);
 }
 
 }  // namespace instrument::detail

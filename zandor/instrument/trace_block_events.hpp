@@ -15,7 +15,7 @@ struct EventEntry {
     using Item = RecordedEvent;
     static const Item& itemOf(const RecordedEvent& event) noexcept { return event; }
     static std::int64_t timeOf(const RecordedEvent& event) noexcept { return event.start; }
-    static std::int64_t firstOf(const RecordBlock& block) noexcept { return block.firstStart; }
+    static std::int64_t firstOf(const auto& block) noexcept { return block.firstStart; }
     static bool less(const RecordedEvent& a, const RecordedEvent& b) noexcept {
         return std::tie(a.start, a.source, a.serial) < std::tie(b.start, b.source, b.serial);
     }
@@ -25,7 +25,7 @@ struct PointEntry {
     using Item = RecordedPoint;
     static const Item& itemOf(const OrderedPoint& entry) noexcept { return entry.point; }
     static std::int64_t timeOf(const OrderedPoint& entry) noexcept { return entry.point.time; }
-    static std::int64_t firstOf(const RecordBlock& block) noexcept { return block.firstPoint; }
+    static std::int64_t firstOf(const auto& block) noexcept { return block.firstPoint; }
     static bool less(const OrderedPoint& a, const OrderedPoint& b) noexcept {
         return std::tie(a.point.time, a.point.source, a.order) <
                std::tie(b.point.time, b.point.source, b.order);

@@ -5,6 +5,7 @@
 #include "zandor/instrument/clock.hpp"
 #include "zandor/instrument/counter_point.hpp"
 #include "zandor/instrument/json_args.hpp"
+#include "zandor/instrument/json_heads.hpp"
 #include "zandor/instrument/json_text.hpp"
 #include "zandor/instrument/text_buffer.hpp"
 #include "zandor/instrument/trace_layout.hpp"
@@ -114,15 +115,26 @@ class Writer {
 
     void appendComplete(const PlacedEvent& placed) {
         const RecordedEvent& event = *placed.event;
-        beginName(",\n{\"ph\":\"X\",\"name\":\"", event.instrument);
-        char* at = out_.roomFor(longestMembers);
-        at = putMembers(at, "\",\"cat\":\"event\",", event.source, placed.start);
+        beginComplete(event.instrument);
+        char* at = putMembers(out_.roomFor(longestMembers), "", event.source, placed.start);
         // The difference may lie outside the range that the times are in.
         at = putMicroseconds(
             put(at, ",\"dur\":"),
             saturatingSubtract(time_.nanoseconds(placed.end), time_.nanoseconds(placed.start)));
         out_.writtenTo(at);
         appendArgs(event);
+    }
+
+    /// A complete event up to its category.
+    void beginComplete(const Opaque* instrument) {
+        char* const begin = out_.roomFor(TextBuffer::longestRoom);
+        if (char* const end = heads_.put(begin, instrument)) [[likely]]
+            return out_.writtenTo(end);
+        beginName(",\n{\"ph\":\"X\",\"name\":\"", instrument);
+        out_.append("\",\"cat\":\"event\",");
+        // Longer ones may have left the buffer.
+        if (instrument->nameLength <= JsonHeads::longest)
+            heads_.remember(instrument, {begin, out_.roomFor(0)});
     }
 
     /// An event that is no part of its thread's nesting; where it changes threads, with an arrow.
@@ -267,6 +279,7 @@ class Writer {
     const TraceTracks tracks_;
     TraceLayout layout_;
     TextBuffer out_;
+    JsonHeads heads_;
     TraceItemSink* const items_;
     std::span<const RecordedPoint> points_;  // that are yet to come
     bool pointsEnded_ = false;

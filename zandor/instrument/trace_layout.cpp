@@ -19,6 +19,10 @@ TraceLayout::TraceLayout(EventStream& stream, const TraceTime& time, std::int64_
     const std::int64_t latest = time.at(facts.lastTime);
     if (time.step() == 1 && latest >= TraceDoubles::careFrom)
         doubles_.emplace(facts.sources.size(), latest);
+    if (shortest_ == 0 && time.step() == 1 && !doubles_)
+        meetings_ = stream.meetings();
+    if (meetings_)
+        return;
     forEachRunOfStream([this](std::span<const std::size_t> run) {
         endIsMet_.resize(before_ + events_.size());
         for (const std::size_t index : run)
@@ -38,7 +42,7 @@ void TraceLayout::markMetEnds(std::size_t index) {
     const std::int64_t end = time_.at(closingTime(stream_.facts(), event));
     if (stopsElsewhere(event) || end <= start)
         return;
-    const std::int64_t reach = start - (doubles_ ? doubles_->slack() : 0);
+    const std::int64_t reach = start - slack();
     auto open = open_.of(event.source);
     while (!open.empty() && open.top().outlives <= event.start) {
         if (open.top().shown.end >= reach)
@@ -82,7 +86,7 @@ PlacedEvent TraceLayout::place(std::size_t index) {
     }
     const TraceSpan* parent = open.empty() ? nullptr : &open.top().shown;
     const std::int64_t end =
-        fittingEnd(event.source, {placed.start, placed.end}, endIsMet_[before_ + index], parent);
+        fittingEnd(event.source, {placed.start, placed.end}, isMet(index), parent);
     // Without room it is still what encloses others, which have no room either.
     OpenEvent& opened = open.push();
     opened.outlives = outlives(event);

@@ -6,8 +6,8 @@
 // no time left, or had none, goes out as an instant; what overlaps without nesting, or stops on
 // another thread, as an asynchronous pair. Starts stay where they are.
 //
-// Two passes over the events. Besides them this takes a bit an event, and 40 bytes an event that
-// is open at once.
+// Two passes over the events, the first of which is left out where the stream tells what ends meet.
+// Besides them this takes a bit an event then, and 40 bytes an event that is open at once.
 #pragma once
 
 #include <cstdint>
@@ -81,8 +81,16 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
         return saturatingSubtract(closingTime(stream_.facts(), event), event.start) >= shortest_;
     }
     void markMetEnds(std::size_t index);
+    bool isMet(std::size_t index) const {
+        if (!meetings_)
+            return endIsMet_[before_ + index];
+        return !meetings_->empty() &&
+               std::ranges::binary_search(
+                   *meetings_, std::pair(events_[index].source, outlives(events_[index])));
+    }
     PlacedEvent place(std::size_t index);
     std::span<const PlacedEvent> placeTogether(std::span<const std::size_t> run);
+    std::int64_t slack() const noexcept { return doubles_ ? doubles_->slack() : 0; }
     std::int64_t fittingEnd(std::uint32_t source, TraceSpan span, bool isMet,
                             const TraceSpan* parent);
 
@@ -93,6 +101,8 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
     const std::int64_t shortest_;  // that is kept: a negative duration never is
     std::uint64_t leftOutNegative_ = 0;
     std::uint64_t leftOutShort_ = 0;
+    /// As the stream tells; null where it does not, or more has to be known.
+    const Meetings* meetings_ = nullptr;
     /// By event: another starts on its end, or so close behind that doubles may meet.
     std::vector<bool> endIsMet_;
     SourceStacks<OpenEvent> open_;

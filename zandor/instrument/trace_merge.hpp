@@ -8,6 +8,7 @@
 #include <memory>
 #include <span>
 #include <tuple>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -16,17 +17,18 @@
 namespace instrument::detail {
 
 /// `Traits` is EventEntry or PointEntry, for entries of its kind.
-template <class Entry, class Traits>
+template <class Entry, class Traits, class Block = RecordBlock>
 class TraceMerge {
   public:
     using Item = typename Traits::Item;
 
     /// Begins with these blocks, by the time of their first; and entries that are in memory.
-    void begin(std::vector<RecordBlock*> blocks, BlockItems<Entry> resident = {}) {
+    void begin(std::vector<Block*> blocks, BlockItems<Entry> resident = {}) {
         waiting_ = std::move(blocks);
         std::ranges::stable_sort(waiting_, std::greater<>(),
-                                 [](const RecordBlock* block) { return Traits::firstOf(*block); });
+                                 [](const Block* block) { return Traits::firstOf(*block); });
         active_.clear();
+        passed_.reset();
         finished_.clear();
         add(std::move(resident));
     }
@@ -37,6 +39,10 @@ class TraceMerge {
     std::span<const Item> next(Load load) {
         items_.clear();
         finished_.clear();
+        passed_.reset();
+        loadOverlapping(load);
+        if (const auto alone = takeAlone(); !alone.empty())
+            return alone;
         for (bool isFull = false; !isFull;) {
             loadOverlapping(load);
             if (active_.empty())
@@ -82,9 +88,33 @@ class TraceMerge {
         while (!waiting_.empty() &&
                (active_.empty() ||
                 Traits::firstOf(*waiting_.back()) <= Traits::timeOf(active_.front()->front()))) {
-            RecordBlock& block = *waiting_.back();
+            Block& block = *waiting_.back();
             waiting_.pop_back();
             add(load(block));
+        }
+    }
+
+    /// What the only block has before any other, as it stands there: most have no other beside
+    /// them.
+    std::span<const Item> takeAlone() {
+        if constexpr (!std::is_same_v<Entry, Item>) {
+            return {};
+        } else {
+            if (active_.size() != 1)
+                return {};
+            Active& only = *active_.front();
+            std::span<const Entry> items = std::span(only.block.items).subspan(only.next);
+            if (!waiting_.empty()) {
+                const auto end = std::ranges::lower_bound(items, Traits::firstOf(*waiting_.back()),
+                                                          {}, Traits::timeOf);
+                items = items.first(static_cast<std::size_t>(end - items.begin()));
+            }
+            only.next += items.size();
+            if (only.isAtEnd()) {
+                passed_ = std::move(active_.front());
+                active_.clear();
+            }
+            return items;
         }
     }
 
@@ -114,10 +144,11 @@ class TraceMerge {
         return items_.size() >= enough || (finished_.size() >= mostFinished && !items_.empty());
     }
 
-    std::vector<RecordBlock*> waiting_;   // the first in time last
+    std::vector<Block*> waiting_;         // the first in time last
     std::vector<ActivePtr> active_;       // a heap, the first in time on top
     std::vector<ContextArena> finished_;  // of blocks that items were of
     std::vector<Item> items_;
+    ActivePtr passed_;  // that all items of were given where they stand
     std::int64_t lastTime_ = 0;
 };
 

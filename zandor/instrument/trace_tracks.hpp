@@ -17,10 +17,11 @@ class TraceTracks {
 
     /// The metadata events: names, order, and the system's own ids.
     void append(TextBuffer& out) const;
-    /// Puts `"pid":1,"tid":1` of a source: up to longestIds bytes.
+    /// Puts `"pid":1,"tid":1` of a source: up to longestIds bytes, the last of them to be written
+    /// over.
     char* putIds(char* at, std::uint32_t source) const noexcept {
-        at = putNumber(put(at, "\"pid\":"), processes_[source]);
-        return putNumber(put(at, ",\"tid\":"), source + 1);
+        at = putDecimal(put(at, "\"pid\":"), processes_[source]);
+        return putDecimal(put(at, ",\"tid\":"), source + 1);
     }
     static constexpr std::size_t longestIds = 2 * (longestNumber + 8);
 

@@ -30,7 +30,8 @@ class ZANDOR_INSTRUMENT_API TextSink {
 };
 
 /// All complete events as trace-event JSON. Events shorter than `minimumDuration` are left out;
-/// a negative one keeps all, instants too.
+/// a negative one keeps all, instants too. Records are read where they stand: a full recorder
+/// takes nothing new until the sink has all.
 ZANDOR_INSTRUMENT_API void writeTraceEventJson(const InstrumentRecorder& recorder,
                                                TimeSystem timeSystem,
                                                std::chrono::nanoseconds minimumDuration,
