@@ -15,6 +15,7 @@
 #include "trace_writer.hpp"
 #include "zandor/instrument/source.hpp"
 #include "zandor/instrument/trace_file.hpp"
+#include "zandor/runtime/sanitizers.hpp"
 
 namespace instrument {
 namespace {
@@ -168,7 +169,7 @@ TEST_F(TraceViewTest, SurvivesAnOutlineOfNonsense) {
     const std::vector<std::uint64_t> good = outline.take(0);
     ASSERT_GT(good.size(), 1000u);
     std::mt19937_64 random(7);
-    for (int round = 0; round < 50; ++round) {
+    for (int round = 0; round < (ZANDOR_SANITIZED ? 10 : 50); ++round) {
         std::vector<std::uint64_t> bad = good;
         for (std::size_t i = random() % 20; i < bad.size(); i += 1 + random() % 400)
             bad[i] = random() >> random() % 64;
@@ -265,7 +266,7 @@ TEST_F(TraceViewTest, ReadsDamagedFilesWithoutHarm) {
     std::ifstream stream(file_, std::ios::binary);
     const std::string good{std::istreambuf_iterator<char>(stream), {}};
     std::mt19937 random(1);
-    for (int round = 0; round < 200; ++round) {
+    for (int round = 0; round < (ZANDOR_SANITIZED ? 40 : 200); ++round) {
         std::string bad = good;
         for (int change = 0; change < 3; ++change)
             bad[random() % bad.size()] = static_cast<char>(random());
