@@ -55,7 +55,7 @@ struct LostRange {
     std::uint64_t last = 0;
 
     bool has(EventId id) const noexcept {
-        return source == id.sourceId && first <= id.serialId && id.serialId <= last;
+        return source != 0 && source == id.sourceId && first <= id.serialId && id.serialId <= last;
     }
 };
 
