@@ -1,5 +1,6 @@
 #include "hook.hpp"
 
+#include <cxxabi.h>
 #include <pthread.h>
 
 #include <new>
@@ -177,10 +178,18 @@ void adoptRunningFrames(const Frame* innermost) {
     }
 }
 
+/// What is thrown in a thread is kept in memory that is taken at the first throw, and a process
+/// that has none left by then is ended at once. So it is taken early.
+void prepareToThrow() noexcept {
+    [[maybe_unused]] void* volatile taken = abi::__cxa_get_globals();
+}
+
 /// Looks at the calling thread for the first time in the session.
 void lookAtThread(PyThreadState* thread) noexcept {
-    if (!tracedThread.limit)
+    if (!tracedThread.limit) {
         tracedThread.limit = stackLimit();
+        prepareToThrow();
+    }
     tracedThread.session = tracing.session;
     tracedThread.usual = 0;
     tracedThread.isImporting = false;

@@ -64,6 +64,7 @@ def test_with_threads_that_run_coroutines(ends_in_silence):
             """
 started = threading.Barrier(3)
 async def main():
+    asyncio.get_running_loop().slow_callback_duration = 60  # the barrier may take its time
     tasks = [asyncio.create_task(wait(), name=f"task {n}") for n in range(3)]
     await asyncio.sleep(0)
     started.wait()
