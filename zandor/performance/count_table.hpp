@@ -93,7 +93,7 @@ class CountTable {
         }
     };
     /// A power of two of entries follows. What it replaced stays for readers.
-    struct Slots {
+    struct alignas(Entry) Slots {
         std::size_t capacity;
         std::size_t bytes;
         Slots* replaced;
