@@ -405,6 +405,7 @@ def test_functions_that_come_and_go_have_their_right_names():
     }
 
 
+@pytest.mark.unsanitized  # which keeps freed memory for a while
 @pytest.mark.parametrize("functions", [50_000, pytest.param(2_000_000, marks=pytest.mark.soak)])
 def test_memory_stays_flat_while_functions_come_and_go(functions):
     """In an interpreter of its own: the bigger it is, the longer Python lets garbage wait."""
