@@ -192,7 +192,9 @@ class OpenEvent {
 class Scope {
   public:
     explicit Scope(const Instrument& instrument)
-        : handle_(instrument.handle()), id_(openIfOn(instrument.handle())), withContext_(nullptr) {}
+        : handle_(instrument.handle()),
+          id_(instrument.isOn() ? detail::openEvent(instrument.handle()) : noListenerEventId),
+          withContext_(nullptr) {}
     Scope(const Instrument& instrument, std::initializer_list<ContextArg> context)
         : handle_(nullptr),
           id_(noListenerEventId),
@@ -211,13 +213,6 @@ class Scope {
     Scope& operator=(const Scope&) = delete;
 
   private:
-    static EventId openIfOn(const Opaque* handle) {
-        // Straight on is what most scopes meet while somebody listens.
-        if (listeners.anyActive()) [[likely]]
-            if (handle->enabled.load(std::memory_order_relaxed)) [[unlikely]]
-                return detail::openEvent(handle);
-        return noListenerEventId;
-    }
     // Not told `this`, so that a scope without event stays in registers.
     ZANDOR_INSTRUMENT_API static detail::OpenScope* open(const Opaque* handle, ContextArgs context);
     ZANDOR_INSTRUMENT_API static void close(detail::OpenScope* event) noexcept;
