@@ -59,11 +59,6 @@ void coldPairs(benchmark::State& state) {
     }
 }
 
-void coldTicks(benchmark::State& state) {
-    coldPairs<bench::TwoTicks>(state);
-}
-BENCHMARK(coldTicks)->Iterations(1)->UseManualTime();
-
 void coldPrototypePair(benchmark::State& state) {
     const bench::PrototypeRecording recording(std::size_t{1} << 16);
     coldPairs<bench::PrototypeScope>(state);

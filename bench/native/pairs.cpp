@@ -68,8 +68,6 @@ void floorTwoTicks(benchmark::State& state) {
     }
 }
 BENCHMARK(floorTwoTicks);
-// Threads have their floor among as many.
-BENCHMARK(floorTwoTicks)->Threads(2);
 
 void floorTwoTicksNested(benchmark::State& state) {
     nestedPairs<TwoTicks>(state);
