@@ -37,6 +37,17 @@ void Queue::add(Row row) {
         startWriter();
     held.unlock();
     rowsCame_.notify_one();
+    tell();
+}
+
+/// Not on the writing thread: the console may need what whoever waits for that thread holds.
+void Queue::tell() {
+    std::unique_lock held(lock_);
+    const std::string why = std::exchange(untold_, {});
+    held.unlock();
+    if (!why.empty())
+        utPrintf("vantrace: product statistics are not kept: %s\n",
+                 instrument::detail::withoutControls(why).c_str());
 }
 
 /// The program's signals stay with its own threads.
@@ -58,6 +69,8 @@ void Queue::startWriter() {
 void Queue::flush() {
     std::unique_lock held(lock_);
     rowsWent_.wait(held, [this, upTo = added_] { return done_ >= upTo; });
+    held.unlock();
+    tell();
 }
 
 void Queue::close() {
@@ -68,6 +81,7 @@ void Queue::close() {
     rowsCame_.notify_one();
     if (writer.joinable())
         writer.join();
+    tell();
 }
 
 void Queue::drop() noexcept {
@@ -96,15 +110,9 @@ void Queue::run() {
             continue;
         }
         dropped_ += rows.size();
+        if (!std::exchange(told_, true))
+            untold_ = why;
         rowsWent_.notify_all();
-        // Whoever waited for the rows may hold what the console needs: the line comes after they
-        // were let go.
-        if (!std::exchange(told_, true)) {
-            held.unlock();
-            utPrintf("vantrace: product statistics are not kept: %s\n",
-                     instrument::detail::withoutControls(why).c_str());
-            held.lock();
-        }
     }
 }
 

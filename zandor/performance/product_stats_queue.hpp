@@ -53,6 +53,8 @@ class ZANDOR_PERFORMANCE_API Queue {
   private:
     void startWriter();
     void run();
+    /// Says why rows were not written, once.
+    void tell();
     /// Empty when the rows are written; else why not.
     std::string write(const std::vector<Row>& rows);
 
@@ -69,6 +71,7 @@ class ZANDOR_PERFORMANCE_API Queue {
     std::uint64_t dropped_ = 0;
     bool closed_ = false;
     bool told_ = false;
+    std::string untold_;  // why rows were not written, until somebody says so
 };
 
 }  // namespace performance::productStats
