@@ -101,6 +101,13 @@ bool prepareShortWay(ListenerArray& array) noexcept {
            });
 }
 
+void publishShortWays(const ListenerArray* ofRecorder, const ListenerArray* ofAll) noexcept {
+    // Release pairs with the acquire in ShortDelivery.
+    onlyRecorder.store(ofRecorder, std::memory_order_release);
+    shortListeners.store(ofAll, std::memory_order_release);
+    outdateLanes();
+}
+
 // The flags may lag behind the array by a moment, but never for good.
 void publish(ListenerArray* array) noexcept {
     if (array)
@@ -117,11 +124,8 @@ void publish(ListenerArray* array) noexcept {
     // Release pairs with the acquire in protectOnlyListener.
     InstrumentListener* const only = onlyOneOf(array);
     onlyListener.store(only, std::memory_order_release);
-    // Release pairs with the acquire in ShortDelivery.
     const bool isRecorder = isShort && array->count == 1 && array->shortly.recorder;
-    onlyRecorder.store(isRecorder ? array : nullptr, std::memory_order_release);
-    shortListeners.store(isShort ? array : nullptr, std::memory_order_release);
-    outdateLanes();
+    publishShortWays(isRecorder ? array : nullptr, isShort ? array : nullptr);
     if (areStopsIgnored)
         stopsMatter.store(false, std::memory_order_relaxed);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);
@@ -185,7 +189,8 @@ void unregisterListener(InstrumentListener& listener) noexcept {
     const ListenerArray& old = *arrayInForce();
     if (old.count == 1)
         return publish(nullptr);
-    // Without memory for a smaller array the mark alone keeps calls away.
+    // Without memory for a smaller array the mark alone keeps calls away, where it is looked at.
+    publishShortWays(nullptr, nullptr);
     if (ListenerArray* made = makeArray(old.count - 1)) {
         std::remove_copy(old.begin(), old.end(), placesOf(*made), leaving);
         publish(made);
