@@ -1,5 +1,6 @@
 #include "zandor/instrument/external_accounts.hpp"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -12,7 +13,11 @@ namespace detail {
 
 namespace {
 
-using Accounts = std::map<std::uint64_t, ExternalAccount>;
+struct KnownAccount {
+    ExternalAccount figures;
+    bool hasEnded = false;
+};
+using Accounts = std::map<std::uint64_t, KnownAccount>;
 
 constexpr std::size_t mostAccounts = 1024;
 
@@ -33,12 +38,27 @@ void add(ExternalAccount& sum, const ExternalAccount& account) {
         sum.drops[cause] += count;
 }
 
-void mergeOldest(Accounts& accounts) {
-    ExternalAccount& sum = accounts[0];
+/// Of those that have ended, for who still lives will tell all of its figures again. False where
+/// there is none.
+bool mergeOldest(Accounts& accounts) {
+    const auto oldest = std::find_if(accounts.upper_bound(0), accounts.end(),
+                                     [](const auto& entry) { return entry.second.hasEnded; });
+    if (oldest == accounts.end())
+        return false;
+    ExternalAccount& sum = accounts[0].figures;
     sum.name = "earlier clients";
-    const auto oldest = accounts.upper_bound(0);
-    add(sum, oldest->second);
+    add(sum, oldest->second.figures);
     accounts.erase(oldest);
+    return true;
+}
+
+void keep(ExternalAccount account, bool hasEnded) {
+    const Locked locked(processState().externalAccounts);
+    Accounts& accounts = accountsOfProcess();
+    const std::uint64_t client = account.client;
+    accounts[client] = {std::move(account), hasEnded};
+    while (hasEnded && accounts.size() > mostAccounts && mergeOldest(accounts)) {
+    }
 }
 
 }  // namespace
@@ -47,15 +67,11 @@ void mergeOldest(Accounts& accounts) {
 using namespace detail;
 
 void setExternalAccount(ExternalAccount account) {
-    const Locked locked(processState().externalAccounts);
-    Accounts& accounts = accountsOfProcess();
-    accounts[account.client] = std::move(account);
-    if (accounts.size() > mostAccounts)
-        mergeOldest(accounts);
+    keep(std::move(account), false);
 }
 
 void endExternalAccount(const ExternalAccount& account) {
-    setExternalAccount(account);
+    keep(account, true);
     journalAccount(account.client, textOf(account));
 }
 
@@ -63,7 +79,7 @@ std::vector<ExternalAccount> externalAccounts() {
     const Locked locked(processState().externalAccounts);
     std::vector<ExternalAccount> all;
     for (const auto& [client, account] : accountsOfProcess())
-        all.push_back(account);
+        all.push_back(account.figures);
     return all;
 }
 

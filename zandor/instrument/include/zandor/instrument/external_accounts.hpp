@@ -21,8 +21,8 @@ struct ExternalAccount {
     std::map<std::string, std::uint64_t> drops;  ///< by cause
 };
 
-/// Puts the account in the place of an earlier one of the same client. Of many clients the oldest
-/// accounts become one, whose client number is 0.
+/// Puts the account in the place of an earlier one of the same client. Of more than a thousand the
+/// oldest of clients that are gone become one, whose client number is 0.
 ZANDOR_INSTRUMENT_API void setExternalAccount(ExternalAccount account);
 /// The same for a client that is gone: recordings that lie in files are told of it.
 ZANDOR_INSTRUMENT_API void endExternalAccount(const ExternalAccount& account);
