@@ -92,8 +92,8 @@ class Courier {
         if (files[1].revents)
             folder_.takeNotice();
         for (std::size_t host = 0; host < mostHosts; ++host)
-            if (files[2 + host].revents)
-                hear(client_, host);
+            if (files[2 + host].revents && !hear(client_, host))
+                folder_.askAgain();
         return true;
     }
 

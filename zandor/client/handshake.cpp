@@ -126,18 +126,22 @@ Session* sessionFor(Client& client) noexcept {
     return freeSession(client);
 }
 
-void hearWelcome(Client& client, std::size_t host) noexcept {
+/// False where the answer came while there was no descriptor left for what belongs to it.
+bool hearWelcome(Client& client, std::size_t host) noexcept {
     Session& session = client.sessions[host];
     wire::Welcome welcome{};
     int control = -1;
     const Receipt receipt = receivePacket(session.socket, &welcome, sizeof welcome, control);
+    const bool isIncomplete = receipt == Receipt::packet && isSound(welcome) && control < 0;
     if (receipt == Receipt::packet && enter(session, welcome, control, client.clock)) {
         ZANDOR_TEST_POINT("client.joined");
     } else if (receipt != Receipt::nothing) {
-        noteRefusal(client, session.host);
+        if (!isIncomplete)
+            noteRefusal(client, session.host);
         leave(client, host);
     }
     closeFile(control);
+    return !isIncomplete;
 }
 
 void hearRenewal(Client& client, std::size_t host) noexcept {
@@ -169,11 +173,11 @@ bool join(Client& client, int folder, const char* host) noexcept {
     return session->stage == Session::Stage::greeted;
 }
 
-void hear(Client& client, std::size_t host) noexcept {
+bool hear(Client& client, std::size_t host) noexcept {
     if (client.sessions[host].stage == Session::Stage::greeted)
-        hearWelcome(client, host);
-    else
-        hearRenewal(client, host);
+        return hearWelcome(client, host);
+    hearRenewal(client, host);
+    return true;
 }
 
 void leave(Client& client, std::size_t host) noexcept {

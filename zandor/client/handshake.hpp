@@ -10,8 +10,8 @@ namespace zandor::client {
 /// Connects and says hello, where a session is free and the host was not refused. False where it is
 /// to be tried again.
 bool join(Client& client, int folder, const char* host) noexcept;
-/// Takes what the host of a session sent.
-void hear(Client& client, std::size_t host) noexcept;
+/// Takes what the host of a session sent. False where it is to be joined again.
+bool hear(Client& client, std::size_t host) noexcept;
 void leave(Client& client, std::size_t host) noexcept;
 /// Whether nothing is left of a session that is over; takes it apart where nobody uses it.
 bool takeApart(Session& session) noexcept;

@@ -67,6 +67,7 @@ void HostFolder::visitAll(Visitor visit, void* context) noexcept {
     if (!entries) {
         if (copy >= 0)
             close(copy);
+        askAgain();
         return;
     }
     while (const dirent* entry = readdir(entries))

@@ -1,7 +1,5 @@
 #include "zandor/performance/external_client.hpp"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <atomic>
 #include <cstring>
@@ -19,11 +17,6 @@ using zandor::client::receivePacket;
 using zandor::client::sendPacket;
 
 namespace {
-
-/// Whether the system has a descriptor left: one that comes when there is none would be lost.
-bool canReceiveFile(int any) noexcept {
-    return static_cast<bool>(FileDescriptor(fcntl(any, F_DUPFD_CLOEXEC, 0)));
-}
 
 std::string nameOf(const wire::Hello& untrusted) {
     return {untrusted.name, strnlen(untrusted.name, sizeof untrusted.name)};
@@ -104,7 +97,8 @@ void ExternalClient::wake() noexcept {
 
 bool ExternalClient::receive() {
     while (!isGone_) {
-        if (!canReceiveFile(socket_.get()))
+        // One that comes when there is none left would be lost.
+        if (!areFilesLeft(socket_.get(), 1))
             return false;
         wire::RingOffer untrusted{};
         int file = -1;

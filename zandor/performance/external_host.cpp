@@ -239,6 +239,11 @@ void ExternalHost::hearNewcomers() {
 
 /// Whether the newcomer is one no more.
 bool ExternalHost::hear(Newcomer& newcomer) {
+    // What comes with the hello, and what goes with the answer: refused, it would not come again.
+    if (!areFilesLeft(newcomer.socket.get(), 2)) {
+        isStarved_ = true;
+        return false;
+    }
     wire::Hello untrusted{};
     int file = -1;
     const Receipt receipt =

@@ -1,5 +1,6 @@
 #include "zandor/performance/file_descriptor.hpp"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -50,6 +51,11 @@ FileDescriptor::~FileDescriptor() {
     std::atomic<std::uint64_t>* const word = wordOf(file_);
     if (!word || (word->fetch_and(~bitOf(file_)) & bitOf(file_)) != 0)
         ::close(file_);
+}
+
+bool areFilesLeft(int any, int count) noexcept {
+    const FileDescriptor one(fcntl(any, F_DUPFD_CLOEXEC, 0));
+    return one && (count == 1 || areFilesLeft(any, count - 1));
 }
 
 }  // namespace instrument::detail

@@ -27,4 +27,7 @@ class ZANDOR_PERFORMANCE_API FileDescriptor {
     int file_ = -1;
 };
 
+/// Whether the process may open so many files more. `any` is one that is open.
+bool areFilesLeft(int any, int count) noexcept;
+
 }  // namespace instrument::detail

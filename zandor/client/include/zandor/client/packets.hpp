@@ -61,7 +61,8 @@ inline Receipt receivePacket(int socket, void* packet, std::size_t bytes,
     message.msg_iov = &part;
     message.msg_iovlen = 1;
     message.msg_control = room.bytes;
-    message.msg_controllen = sizeof room.bytes;
+    // Not all of the room, which for its alignment holds two: the second would stay open for ever.
+    message.msg_controllen = CMSG_LEN(sizeof descriptor);
     const ssize_t got = recvmsg(socket, &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
     if (got < 0)
         return errno == EAGAIN || errno == EINTR ? Receipt::nothing : Receipt::end;
