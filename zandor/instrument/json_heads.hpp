@@ -3,17 +3,25 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string_view>
 
 #include "zandor/instrument/instrument.hpp"
 
 namespace instrument::detail {
 
-/// Remembers beginnings of names that came of late, but for long ones.
+/// Remembers beginnings of names that came of late, but for long ones. Instruments whose numbers
+/// are near each other, as a program's are, do not displace each other.
 class JsonHeads {
   public:
+    JsonHeads() {
+        if (!slots_)
+            throw std::bad_alloc();
+    }
+
     /// Puts what is remembered, for which there is room for `longest` bytes, and gives its end;
     /// null for nothing.
     char* put(char* at, const Opaque* instrument) const noexcept {
@@ -38,20 +46,23 @@ class JsonHeads {
 
   private:
     static constexpr std::size_t firstPart = 64;
-    static constexpr unsigned slotBits = 10;
+    static constexpr std::size_t slotCount = 4096;
 
     struct Slot {
         const Opaque* instrument;
         std::uint32_t length;
         char text[longest];
     };
+    struct Free {
+        void operator()(Slot* slots) const noexcept { std::free(slots); }
+    };
 
     Slot& slotOf(const Opaque* instrument) const noexcept {
-        const auto address = reinterpret_cast<std::uintptr_t>(instrument);
-        return slots_[(address * std::uint64_t{0x9e37'79b9'7f4a'7c15}) >> (64 - slotBits)];
+        return slots_[instrument->id % slotCount];
     }
 
-    std::unique_ptr<Slot[]> slots_ = std::make_unique<Slot[]>(std::size_t{1} << slotBits);
+    /// Zero, and no memory before they are used.
+    std::unique_ptr<Slot[], Free> slots_{static_cast<Slot*>(std::calloc(slotCount, sizeof(Slot)))};
 };
 
 }  // namespace instrument::detail

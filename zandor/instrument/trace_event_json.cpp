@@ -178,13 +178,14 @@ class Writer {
     }
 
     void appendInstantsUntil(std::int64_t time) {
-        if (!withInstants_)
+        if (time < nextPoint_ || !withInstants_)
             return;
         while (hasPoint() && points_.front().time <= time) {
             appendPoint(points_.front());
             endItem();
             points_ = points_.subspan(1);
         }
+        nextPoint_ = hasPoint() ? points_.front().time : INT64_MAX;
     }
 
     bool hasPoint() {
@@ -283,6 +284,7 @@ class Writer {
     TraceItemSink* const items_;
     std::span<const RecordedPoint> points_;  // that are yet to come
     bool pointsEnded_ = false;
+    std::int64_t nextPoint_ = INT64_MIN;  // no point is earlier
     std::uint64_t pairs_ = 0;
 };
 

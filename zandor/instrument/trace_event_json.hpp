@@ -9,8 +9,8 @@
 
 namespace instrument::detail {
 
-/// Takes a buffer of 64 KiB, 128 KiB for names, 40 bytes an event that is open at once, and where
-/// ends may meet a bit an event. An exception of the sink passes through.
+/// Takes a buffer of 64 KiB, up to 512 KiB for names, 40 bytes an event that is open at once, and
+/// where ends may meet a bit an event. An exception of the sink passes through.
 ZANDOR_INSTRUMENT_API void writeTraceEventJson(EventStream& stream, TimeSystem timeSystem,
                                                std::int64_t minimumDuration, TextSink& sink);
 inline void writeTraceEventJson(const Recording& recording, TimeSystem timeSystem,

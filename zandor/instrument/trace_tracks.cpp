@@ -28,11 +28,21 @@ void appendTextMember(TextBuffer& out, std::string_view name, std::uint64_t numb
 TraceTracks::TraceTracks(const RecordingFacts& facts) : facts_(facts) {
     std::map<std::tuple<std::optional<std::string_view>, std::uint64_t>, std::uint32_t> numbers;
     processes_.reserve(facts.sources.size());
+    ids_.reserve(facts.sources.size());
     for (const RecordedSource& source : facts.sources) {
         const auto next = static_cast<std::uint32_t>(numbers.size() + 1);
         processes_.push_back(
             numbers.try_emplace({source.processName, source.processId}, next).first->second);
+        ids_.push_back(makeIds(processes_.back(), static_cast<std::uint32_t>(processes_.size())));
     }
+}
+
+TraceTracks::Ids TraceTracks::makeIds(std::uint32_t process, std::uint32_t thread) noexcept {
+    Ids ids{};
+    char* const end =
+        putDecimal(put(putDecimal(put(ids.text, "\"pid\":"), process), ",\"tid\":"), thread);
+    ids.length = static_cast<std::uint32_t>(end - ids.text);
+    return ids;
 }
 
 void TraceTracks::append(TextBuffer& out) const {

@@ -1,7 +1,9 @@
 // Processes and threads of a trace.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "zandor/instrument/recording.hpp"
@@ -17,15 +19,22 @@ class TraceTracks {
 
     /// The metadata events: names, order, and the system's own ids.
     void append(TextBuffer& out) const;
-    /// Puts `"pid":1,"tid":1` of a source: up to longestIds bytes, the last of them to be written
-    /// over.
+    /// Puts `"pid":1,"tid":1` of a source, in a place that has room for longestIds bytes.
     char* putIds(char* at, std::uint32_t source) const noexcept {
-        at = putDecimal(put(at, "\"pid\":"), processes_[source]);
-        return putDecimal(put(at, ",\"tid\":"), source + 1);
+        const Ids& ids = ids_[source];
+        // At a fixed size, which takes no call.
+        std::memcpy(at, ids.text, longestIds);
+        return at + ids.length;
     }
-    static constexpr std::size_t longestIds = 2 * (longestNumber + 8);
+    static constexpr std::size_t longestIds = 44;
 
   private:
+    struct Ids {
+        std::uint32_t length;
+        char text[longestIds];
+    };
+    static Ids makeIds(std::uint32_t process, std::uint32_t thread) noexcept;
+
     void appendProcess(TextBuffer& out, std::uint32_t firstSource) const;
     void appendThread(TextBuffer& out, std::uint32_t source) const;
     void appendHead(TextBuffer& out, std::string_view name, std::uint32_t source) const;
@@ -34,6 +43,7 @@ class TraceTracks {
 
     const RecordingFacts& facts_;
     std::vector<std::uint32_t> processes_;  // by source
+    std::vector<Ids> ids_;                  // the same
 };
 
 }  // namespace instrument::detail
