@@ -32,37 +32,37 @@ struct Point {
 template <class Open>
 class OpenRun {
   public:
-    void clear() noexcept {
-        entries_.clear();
-        closed_ = 0;
-    }
+    void clear() noexcept { size_ = closed_ = 0; }
     void push(std::uint64_t serial, Open open) {
-        entries_.push_back({serial, std::move(open), false});
+        if (size_ == entries_.size()) [[unlikely]]
+            entries_.emplace_back();
+        Entry& entry = entries_[size_++];
+        entry.serial = serial;
+        entry.open = std::move(open);
+        entry.closed = false;
     }
     /// Calls `visit(serial, open)` with each that is open.
     template <class Visit>
     void forEach(Visit visit) const {
-        for (const Entry& entry : entries_)
+        for (const Entry& entry : std::span(entries_).first(size_))
             if (!entry.closed)
                 visit(entry.serial, entry.open);
     }
 
-    /// Takes the event out, if it is open.
-    std::optional<Open> take(std::uint64_t serial) {
-        if (entries_.empty())
-            return std::nullopt;
-        if (entries_.back().serial == serial)
-            return takeLast();
-        const auto found =
-            std::lower_bound(entries_.begin(), entries_.end(), serial,
-                             [](const Entry& entry, std::uint64_t s) { return entry.serial < s; });
-        if (found == entries_.end() || found->serial != serial || found->closed)
-            return std::nullopt;
-        found->closed = true;
-        ++closed_;
-        std::optional<Open> open(found->open);
-        dropClosed();
-        return open;
+    /// Takes the event out, if it is open; else gives null. It stays where it is until the next
+    /// call.
+    Open* take(std::uint64_t serial) noexcept {
+        if (size_ == 0)
+            return nullptr;
+        Entry& last = entries_[size_ - 1];
+        if (last.serial != serial) [[unlikely]]
+            return takeInside(serial);
+        --size_;
+        while (closed_ > 0 && entries_[size_ - 1].closed) {
+            --size_;
+            --closed_;
+        }
+        return &last.open;
     }
 
   private:
@@ -72,25 +72,28 @@ class OpenRun {
         bool closed;
     };
 
-    std::optional<Open> takeLast() {
-        std::optional<Open> open(std::move(entries_.back().open));
-        entries_.pop_back();
-        while (!entries_.empty() && entries_.back().closed) {
-            entries_.pop_back();
-            --closed_;
-        }
-        return open;
+    Open* takeInside(std::uint64_t serial) noexcept {
+        dropClosed();
+        const std::span<Entry> entries = std::span(entries_).first(size_);
+        const auto found = std::ranges::lower_bound(entries, serial, {}, &Entry::serial);
+        if (found == entries.end() || found->serial != serial || found->closed)
+            return nullptr;
+        found->closed = true;
+        ++closed_;
+        return &found->open;
     }
 
     /// Keeps events that end in the order of their starts from piling up.
-    void dropClosed() {
-        if (closed_ < 32 || closed_ * 2 < entries_.size())
+    void dropClosed() noexcept {
+        if (closed_ < 32 || closed_ * 2 < size_)
             return;
-        std::erase_if(entries_, [](const Entry& entry) { return entry.closed; });
+        const std::span<Entry> entries = std::span(entries_).first(size_);
+        size_ -= std::ranges::remove_if(entries, &Entry::closed).size();
         closed_ = 0;
     }
 
-    std::vector<Entry> entries_;  // the last is open
+    std::vector<Entry> entries_;  // those in use first, the last of which is open
+    std::size_t size_ = 0;        // of those in use
     std::size_t closed_ = 0;
 };
 
@@ -207,7 +210,7 @@ class Matcher {
     }
 
     void readStop(const Point& stop) {
-        if (std::optional<Open> open = run_.take(stop.id.serialId))
+        if (Open* const open = run_.take(stop.id.serialId)) [[likely]]
             sink_.onStop(std::move(*open), stop);
         else
             addPending(stop);

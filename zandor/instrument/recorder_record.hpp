@@ -120,41 +120,48 @@ class RecordReader {
         record.timed = head.timed();
         record.instrument = head.instrument();
         record.time = position_[1];
-        readIdentity(head, record);
-        readContext(head, record);
+        readContext(head, readIdentity(head, record), record);
         return true;
     }
 
   private:
     // No switch: most records are plain, and branches that are foretold cost less than a jump
-    // table.
-    void readIdentity(RecordHead head, Record& record) noexcept {
+    // table. Gives where its context is.
+    const Word* readIdentity(RecordHead head, Record& record) noexcept {
+        record.source = state_.source;
+        record.sourceInfo = state_.info;
         if (record.kind == RecordKind::stop || record.kind == RecordKind::deadStop) {
             record.id = {state_.source, state_.nextSerial - head.serial()};
         } else if (record.kind == RecordKind::foreignStop) [[unlikely]] {
             record.id = {position_[2], position_[3]};
+            return position_ + wordsOf(RecordKind::foreignStop);
         } else if (record.kind == RecordKind::source) [[unlikely]] {
-            record.id = {position_[1], position_[2]};
-            record.beginsRun =
-                record.id.sourceId != state_.source || record.id.serialId < state_.nextSerial;
-            state_ = {record.id.sourceId, record.id.serialId,
-                      reinterpret_cast<SourceInfo*>(position_[3])};
+            readSource(record);
+            return position_ + wordsOf(RecordKind::source);
         } else {
             record.id = {state_.source, state_.nextSerial + head.serial()};
             state_.nextSerial = record.id.serialId + 1;
         }
+        return position_ + wordsOf(RecordKind::start);
+    }
+
+    void readSource(Record& record) noexcept {
+        record.id = {position_[1], position_[2]};
+        record.beginsRun =
+            record.id.sourceId != state_.source || record.id.serialId < state_.nextSerial;
+        state_ = {record.id.sourceId, record.id.serialId,
+                  reinterpret_cast<SourceInfo*>(position_[3])};
         record.source = state_.source;
         record.sourceInfo = state_.info;
     }
 
-    void readContext(RecordHead head, Record& record) noexcept {
-        const Word* context = position_ + wordsOf(record.kind);
+    void readContext(RecordHead head, const Word* context, Record& record) noexcept {
         std::size_t count = head.context();
-        record.hasContextOfStart = count == RecordHead::contextOfStart;
-        if (record.hasContextOfStart)
-            count = 0;
-        else if (count == RecordHead::contextIsCounted)
-            count = *context++;
+        record.hasContextOfStart = false;
+        if (count >= RecordHead::contextIsCounted) [[unlikely]] {
+            record.hasContextOfStart = count == RecordHead::contextOfStart;
+            count = record.hasContextOfStart ? 0 : *context++;
+        }
         record.context = {context, count};
         position_ = context + count;
     }

@@ -210,7 +210,7 @@ BlockItems<RecordedEvent> RecorderStream::eventsOf(const RecordWindow& window) {
             if (stoppedElsewhere.empty() || stoppedElsewhere.find(record.id) == EventIdSet::none)
                 run_.push(record.id.serialId, place);
         } else if (record.kind == RecordKind::stop) {
-            if (const std::optional<std::uint32_t> open = run_.take(record.id.serialId)) {
+            if (const std::uint32_t* const open = run_.take(record.id.serialId)) {
                 events[*open].stop = times_.of(record);
                 events[*open].finished = true;
             }

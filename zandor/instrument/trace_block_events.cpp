@@ -93,7 +93,7 @@ BlockItems<RecordedEvent> BlockEvents::events(RecordBlock& block, bool withConte
             if (stoppedElsewhere.empty() || stoppedElsewhere.find(record.id) == EventIdSet::none)
                 run_.push(record.id.serialId, place);
         } else if (record.kind == RecordKind::stop) {
-            if (const std::optional<std::uint32_t> open = run_.take(record.id.serialId)) {
+            if (const std::uint32_t* const open = run_.take(record.id.serialId)) {
                 RecordedEvent& event = found.items[*open];
                 event.stop = reader.timeOf(record);
                 event.stopSource = reader.sourceOf(record);
