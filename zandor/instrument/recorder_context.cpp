@@ -158,8 +158,9 @@ ContextTable::ContextTable(const RecordNames& names) : names_(names), contexts_(
 
 std::uint32_t ContextTable::placeOfWords(std::span<const Word> words) {
     const std::uint64_t hash = hashOf(words);
+    const std::size_t mask = slots_.size() - 1;
     for (std::size_t slot = hash;; ++slot) {
-        const std::uint32_t place = slots_[slot % slots_.size()];
+        const std::uint32_t place = slots_[slot & mask];
         if (place == 0)
             return add(words, hash);
         const Context& known = contexts_[place];

@@ -114,10 +114,15 @@ class RecorderStream::Survey {
 
     Edges& edgesOf(const Point& point) {
         stream_.facts_.lastTime = std::max(stream_.facts_.lastTime, point.time);
-        latestPlace_ = stream_.sources_.placeOf(point.source);
+        if (point.source != latestSource_) [[unlikely]]
+            changeSource(point.source);
+        return edges_[latestPlace_];
+    }
+    void changeSource(SourceInfo* source) {
+        latestSource_ = source;
+        latestPlace_ = stream_.sources_.placeOf(source);
         if (latestPlace_ >= edges_.size())
             edges_.resize(latestPlace_ + 1);
-        return edges_[latestPlace_];
     }
     void noteOrder(const Edges& edges, std::int64_t time) noexcept {
         stream_.meetingsAreKnown_ = stream_.meetingsAreKnown_ && time >= edges.latest;
@@ -136,9 +141,28 @@ class RecorderStream::Survey {
 
     RecorderStream& stream_;
     const View& view_;
-    std::vector<Edges> edges_;  // by place of the source
+    std::vector<Edges> edges_{1};  // by place of the source
+    SourceInfo* latestSource_ = nullptr;
     std::uint32_t latestPlace_ = 0;
     std::size_t openMeetings_ = 0;  // of events that were not seen to stop
+};
+
+/// The number of the source that records are of, as long as it is the same.
+class RecorderStream::SourceNumber {
+  public:
+    explicit SourceNumber(RecorderStream& stream) noexcept : stream_(stream) {}
+    std::uint32_t of(SourceInfo* source) {
+        if (source != source_) [[unlikely]] {
+            source_ = source;
+            number_ = stream_.numberOf(source);
+        }
+        return number_;
+    }
+
+  private:
+    RecorderStream& stream_;
+    SourceInfo* source_ = nullptr;
+    std::uint32_t number_ = 0;
 };
 
 RecorderStream::RecorderStream(const InstrumentRecorder& recorder) : snapshot_(recorder.core()) {
@@ -190,23 +214,24 @@ BlockItems<RecordedEvent> RecorderStream::eventsOf(const RecordWindow& window) {
     ContextTable contexts;
     const EventIdSet& stoppedElsewhere = snapshot_.foreignStops();
     std::vector<RecordedEvent>& events = found.items;
+    std::int64_t latest = INT64_MIN;
     bool isInOrder = true;
+    SourceNumber source(*this);
     run_.clear();
     events.reserve(window.events);
     RecordReader reader(window.stretch.begin, window.stretch.end, window.stretch.state);
     for (Record record; reader.next(record);) {
         if (record.kind == RecordKind::start) {
             const auto place = static_cast<std::uint32_t>(events.size());
-            const std::int64_t time = times_.of(record);
-            isInOrder = isInOrder && (place == 0 || events.back().start < time);
-            const std::uint32_t source = numberOf(record.sourceInfo);
-            events.push_back({.start = time,
-                              .stop = time,
-                              .serial = record.id.serialId,
-                              .instrument = instrumentFromId(record.instrument),
-                              .source = source,
-                              .stopSource = source,
-                              .context = contexts.argsOf(contexts.placeOf(record.context))});
+            RecordedEvent& event = events.emplace_back();
+            event.start = event.stop = times_.of(record);
+            event.serial = record.id.serialId;
+            event.instrument = instrumentFromId(record.instrument);
+            event.source = event.stopSource = source.of(record.sourceInfo);
+            if (!record.context.empty())
+                event.context = contexts.argsOf(contexts.placeOf(record.context));
+            isInOrder = isInOrder && latest < event.start;
+            latest = event.start;
             if (stoppedElsewhere.empty() || stoppedElsewhere.find(record.id) == EventIdSet::none)
                 run_.push(record.id.serialId, place);
         } else if (record.kind == RecordKind::stop) {

@@ -43,6 +43,7 @@ class ZANDOR_INSTRUMENT_API RecorderStream : public EventStream {
   private:
     class View;
     class Survey;
+    class SourceNumber;
 
     BlockItems<RecordedEvent> eventsOf(const RecordWindow& window);
     BlockItems<OrderedPoint> pointsOf(const RecordWindow& window);

@@ -12,13 +12,13 @@ bool stopsElsewhere(const RecordedEvent& event) noexcept {
 
 TraceLayout::TraceLayout(EventStream& stream, const TraceTime& time, std::int64_t minimumDuration)
     : stream_(stream),
+      facts_(stream.facts()),
       time_(time),
       shortest_(std::max<std::int64_t>(minimumDuration, 0)),
-      open_(stream.facts().sources.size()) {
-    const RecordingFacts& facts = stream.facts();
-    const std::int64_t latest = time.at(facts.lastTime);
+      open_(facts_.sources.size()) {
+    const std::int64_t latest = time.at(facts_.lastTime);
     if (time.step() == 1 && latest >= TraceDoubles::careFrom)
-        doubles_.emplace(facts.sources.size(), latest);
+        doubles_.emplace(facts_.sources.size(), latest);
     if (shortest_ == 0 && time.step() == 1 && !doubles_)
         meetings_ = stream.meetings();
     if (meetings_)
@@ -39,7 +39,7 @@ void TraceLayout::markMetEnds(std::size_t index) {
         return;
     }
     const std::int64_t start = time_.at(event.start);
-    const std::int64_t end = time_.at(closingTime(stream_.facts(), event));
+    const std::int64_t end = time_.at(closingTime(facts_, event));
     if (stopsElsewhere(event) || end <= start)
         return;
     const std::int64_t reach = start - slack();
@@ -70,7 +70,7 @@ std::span<const PlacedEvent> TraceLayout::placeTogether(std::span<const std::siz
 
 PlacedEvent TraceLayout::place(std::size_t index) {
     const RecordedEvent& event = events_[index];
-    PlacedEvent placed{&event, time_.at(event.start), time_.at(closingTime(stream_.facts(), event)),
+    PlacedEvent placed{&event, time_.at(event.start), time_.at(closingTime(facts_, event)),
                        TraceShape::asyncPair};
     if (stopsElsewhere(event))
         return placed;

@@ -78,7 +78,7 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
         });
     }
     bool isKept(const RecordedEvent& event) const noexcept {
-        return saturatingSubtract(closingTime(stream_.facts(), event), event.start) >= shortest_;
+        return saturatingSubtract(closingTime(facts_, event), event.start) >= shortest_;
     }
     void markMetEnds(std::size_t index);
     bool isMet(std::size_t index) const {
@@ -95,6 +95,7 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
                             const TraceSpan* parent);
 
     EventStream& stream_;
+    const RecordingFacts& facts_;
     std::span<const RecordedEvent> events_;  // the present piece
     std::size_t before_ = 0;                 // events of the pieces before it
     const TraceTime& time_;
