@@ -22,7 +22,7 @@ kobs::Cell toCell(kobs::factory::hxArrayProxy result) {
     return std::bit_cast<kobs::Cell>(result.release());
 }
 
-bool takesResult(std::int32_t& requested, const char* dataType) {
+bool takesResult(std::int32_t& requested, std::string_view dataType) {
     if (requested == 0)
         requested = 1;
     if (requested < 0)

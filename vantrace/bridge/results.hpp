@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -28,7 +29,7 @@ kobs::Cell toCell(const std::vector<std::string>& texts);
 kobs::Cell toCell(kobs::factory::hxArrayProxy result);
 
 /// Whether the caller of a method takes its result, which counts as asked for when the count is 0.
-bool takesResult(std::int32_t& requested, const char* dataType);
+bool takesResult(std::int32_t& requested, std::string_view dataType);
 
 template <typename Result>
 void storeResult(Result&& result, std::int32_t& requested, kobs::Cell* cells) {

@@ -149,6 +149,20 @@ TEST(InternedTexts, AreTheSameObjectWhereTheyAreEqual) {
     EXPECT_EQ(makeInterned(std::string_view("a\0b", 3)).text().size(), 3u);
 }
 
+TEST(InternedTexts, AreDistinctWhereOneCharacterDiffersInTextsOfAnyLength) {
+    for (std::size_t length = 0; length < 40; ++length) {
+        const std::string text(length, 'a');
+        EXPECT_EQ(makeInterned(text), makeInterned(std::string(text)));
+        EXPECT_EQ(makeInterned(text).text(), text);
+        for (std::size_t i = 0; i < length; ++i) {
+            std::string other = text;
+            other[i] = 'b';
+            EXPECT_NE(makeInterned(text), makeInterned(other)) << other;
+            EXPECT_EQ(makeInterned(other).text(), other);
+        }
+    }
+}
+
 TEST(InternedTexts, AreTheSameObjectForThreadsThatInternThemTogether) {
     constexpr std::size_t threadCount = 4;
     constexpr int count = 500;

@@ -1,6 +1,7 @@
 #include <array>
 #include <atomic>
-#include <functional>
+#include <cstdint>
+#include <cstring>
 #include <memory>
 #include <mutex>
 
@@ -14,7 +15,7 @@ namespace {
 /// Entries are never destroyed: texts are interned for the life of the process.
 struct Entry {
     const std::string text;
-    const std::size_t hash;
+    const std::uint64_t hash;
     const Entry* const next;
 };
 
@@ -25,13 +26,50 @@ constexpr std::size_t bucketCount = 4096;
 // under the lock.
 constinit std::array<std::atomic<const Entry*>, bucketCount> buckets{};
 
-const Entry* find(const Entry* entry, std::string_view text, std::size_t hash) noexcept {
-    while (entry && (entry->hash != hash || entry->text != text))
+std::uint64_t mix(std::uint64_t hash, std::uint64_t part) noexcept {
+    hash = (hash ^ part) * 0x9e37'79b9'7f4a'7c15;
+    return hash ^ hash >> 32;
+}
+
+std::uint64_t wordAt(const char* text) noexcept {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text, sizeof word);
+    return word;
+}
+
+/// Of whole words, the last of which may lie over the one before: each result of a published method
+/// looks its type's name up.
+std::uint64_t hashOf(std::string_view text) noexcept {
+    std::uint64_t hash = text.size();
+    if (text.size() < sizeof hash) {
+        for (const char character : text)
+            hash = mix(hash, static_cast<unsigned char>(character));
+        return hash;
+    }
+    const char* const last = text.data() + text.size() - sizeof hash;
+    for (const char* word = text.data(); word < last; word += sizeof hash)
+        hash = mix(hash, wordAt(word));
+    return mix(hash, wordAt(last));
+}
+
+bool isEqual(std::string_view known, std::string_view text) noexcept {
+    constexpr std::size_t word = sizeof(std::uint64_t);
+    if (known.size() != text.size() || text.size() < word)
+        return known == text;
+    const std::size_t last = text.size() - word;
+    for (std::size_t at = 0; at < last; at += word)
+        if (wordAt(known.data() + at) != wordAt(text.data() + at))
+            return false;
+    return wordAt(known.data() + last) == wordAt(text.data() + last);
+}
+
+const Entry* find(const Entry* entry, std::string_view text, std::uint64_t hash) noexcept {
+    while (entry && (entry->hash != hash || !isEqual(entry->text, text)))
         entry = entry->next;
     return entry;
 }
 
-const Entry* insert(std::atomic<const Entry*>& bucket, std::string_view text, std::size_t hash) {
+const Entry* insert(std::atomic<const Entry*>& bucket, std::string_view text, std::uint64_t hash) {
     const std::lock_guard lock(zandor::internLock);
     // Relaxed: written under the lock only. The release pairs with the acquire in makeInterned.
     const Entry* first = bucket.load(std::memory_order_relaxed);
@@ -45,7 +83,7 @@ const Entry* insert(std::atomic<const Entry*>& bucket, std::string_view text, st
 }  // namespace
 
 InternedString makeInterned(std::string_view text) {
-    const std::size_t hash = std::hash<std::string_view>()(text);
+    const std::uint64_t hash = hashOf(text);
     std::atomic<const Entry*>& bucket = buckets[hash % bucketCount];
     // Pairs with the release in insert.
     const Entry* entry = find(bucket.load(std::memory_order_acquire), text, hash);
