@@ -35,6 +35,9 @@ bool asContextInteger(PyObject* integer, ContextValue& value) {
 }  // namespace
 
 bool asContextNumber(PyObject* object, ContextValue& value) {
+    // Asking for derived types costs a call where the type is another.
+    if (PyLong_CheckExact(object))
+        return asContextInteger(object, value);
     if (PyFloat_Check(object)) {
         value = ContextValue(PyFloat_AS_DOUBLE(object));
         return true;

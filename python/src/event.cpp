@@ -2,22 +2,19 @@
 
 #include <structmember.h>
 
-#include <array>
 #include <cstddef>
-#include <cstdint>
 #include <iterator>
 #include <memory>
-#include <new>
 #include <vector>
 
 #include "errors.hpp"
 #include "event_function.hpp"
+#include "event_object.hpp"
 #include "instrument_cache.hpp"
 #include "open_event.hpp"
 
 namespace vantrace {
 
-using instrument::ContextArg;
 using instrument::ContextArgs;
 using instrument::EventId;
 using instrument::Opaque;
@@ -29,132 +26,32 @@ const void* currentThread() noexcept {
     return &isThreadNameKnown;
 }
 
-/// An event that was entered and not left yet.
-struct Entered {
-    const void* thread = nullptr;
-    EventId id;
-    std::unique_ptr<CallContext> context;  ///< where it is mixed and the start was delivered
-};
-
-struct CallableHead {
-    PyObject_VAR_HEAD vectorcallfunc call;
-};
-
-/// What is known about the context of an event object.
-enum class ContextState : std::uint8_t {
-    atoms,  ///< immutable values that were not looked at yet, or none
-    made,   ///< its arguments stand ready
-    mixed,  ///< other values: arguments are made at each entering
-};
-
-/// The context's arguments and its values follow.
-struct EventObject {
-    CallableHead head;
-    const Opaque* instrument;
-    PyObject* name;
-    PyObject* names;  ///< of the context: a tuple, or null
-    bool isEntered;
-    ContextState state;
-    Entered entered;
-    std::unique_ptr<std::vector<Entered>> outer;  ///< entered before `entered`, latest last
-
-    ContextArg* args() noexcept { return reinterpret_cast<ContextArg*>(this + 1); }
-    PyObject** values() noexcept { return reinterpret_cast<PyObject**>(args() + Py_SIZE(&head)); }
-};
-constexpr std::size_t entrySize = sizeof(ContextArg) + sizeof(PyObject*);
-
 // Immortal, as the module is.
 PyObject* eventType = nullptr;
 
-EventObject& eventOf(PyObject* self) noexcept {
-    return *reinterpret_cast<EventObject*>(self);
-}
-
-Py_ssize_t contextSize(EventObject& event) noexcept {
-    return Py_SIZE(&event.head);
-}
-
-// Objects that ended wait here for their next use, by the size of their context. Guarded by the
-// interpreter's lock.
-struct FreeEvents {
-    static constexpr std::size_t most = 16;
-    std::size_t count;
-    std::array<EventObject*, most> objects;
-};
-constinit std::array<FreeEvents, 5> freeEvents{};
-
-EventObject* allocate(Py_ssize_t size) {
-    if (static_cast<std::size_t>(size) < freeEvents.size()) {
-        FreeEvents& free = freeEvents[static_cast<std::size_t>(size)];
-        if (free.count != 0) {
-            EventObject* event = free.objects[--free.count];
-            PyObject_InitVar(reinterpret_cast<PyVarObject*>(event), asType(eventType), size);
-            return event;
-        }
-    }
-    EventObject* event = PyObject_GC_NewVar(EventObject, asType(eventType), size);
-    if (!event)
-        throw PythonError();
-    new (&event->entered) Entered();
-    new (&event->outer) std::unique_ptr<std::vector<Entered>>();
-    event->isEntered = false;
-    return event;
-}
-
-void release(EventObject* event) noexcept {
-    const auto size = static_cast<std::size_t>(contextSize(*event));
-    if (size < freeEvents.size() && freeEvents[size].count < FreeEvents::most) {
-        FreeEvents& free = freeEvents[size];
-        free.objects[free.count++] = event;
-        return;
-    }
-    event->entered.~Entered();
-    event->outer.~unique_ptr();
-    PyObject_GC_Del(event);
-}
-
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndFlag,
                PyObject* names);
-
-PyObject* newEvent(PyObject* name, const Opaque* instrument, PyObject* const* values,
-                   PyObject* names) {
-    const Py_ssize_t size = names ? PyTuple_GET_SIZE(names) : 0;
-    EventObject* event = allocate(size);
-    event->head.call = call;
-    event->instrument = instrument;
-    event->name = Py_NewRef(name);
-    event->names = Py_XNewRef(names);
-    for (Py_ssize_t i = 0; i < size; ++i)
-        event->values()[i] = Py_NewRef(values[i]);
-    auto* object = reinterpret_cast<PyObject*>(event);
-    event->state = ContextState::atoms;
-    if (size != 0 && !areAtoms(values, static_cast<std::size_t>(size))) {
-        event->state = ContextState::mixed;
-        PyObject_GC_Track(object);
-    }
-    return object;
-}
 
 PyObject* create(PyObject*, PyObject* const* arguments, std::size_t countAndFlag, PyObject* names) {
     return guarded([&] {
         const Py_ssize_t count = PyVectorcall_NARGS(countAndFlag);
         if (count != 1) [[unlikely]]
             raise(PyExc_TypeError, "event takes 1 positional argument, the name, got %zd", count);
-        return newEvent(arguments[0], instrumentOf(arguments[0]), arguments + 1, names);
+        return newEvent(asType(eventType), call, arguments[0], arguments + 1, names);
     });
 }
 
 int traverse(PyObject* self, visitproc visit, void* arg) {
     EventObject& event = eventOf(self);
     Py_VISIT(Py_TYPE(self));
-    for (Py_ssize_t i = 0; i < contextSize(event); ++i)
+    for (Py_ssize_t i = 0; i < event.contextSize(); ++i)
         Py_VISIT(event.values()[i]);
     return 0;
 }
 
 int clear(PyObject* self) {
     EventObject& event = eventOf(self);
-    for (Py_ssize_t i = 0; i < contextSize(event); ++i) {
+    for (Py_ssize_t i = 0; i < event.contextSize(); ++i) {
         PyObject* value = event.values()[i];
         event.values()[i] = Py_NewRef(Py_None);
         Py_XDECREF(value);
@@ -162,29 +59,8 @@ int clear(PyObject* self) {
     return 0;
 }
 
-void deallocate(PyObject* self) {
-    PyTypeObject* type = Py_TYPE(self);
-    EventObject& event = eventOf(self);
-    PyObject_GC_UnTrack(self);
-    if (event.isEntered) [[unlikely]] {
-        event.entered = Entered();
-        event.outer.reset();
-        event.isEntered = false;
-    }
-    for (Py_ssize_t i = 0; i < contextSize(event); ++i)
-        Py_DECREF(event.values()[i]);
-    Py_XDECREF(event.names);
-    Py_DECREF(event.name);
-    release(&event);
-    Py_DECREF(type);
-}
-
 ContextArgs argsOf(EventObject& event, const Entered& entered) noexcept {
-    if (entered.context)
-        return entered.context->args();
-    if (event.state != ContextState::made)
-        return {};
-    return {event.args(), static_cast<std::size_t>(contextSize(event))};
+    return entered.context ? entered.context->args() : event.madeArgs();
 }
 
 void makeArgs(EventObject& event, Entered& entered) {
@@ -206,7 +82,7 @@ Entered start(EventObject& event) {
     return entered;
 }
 
-/// With a context, or in several threads or nested.
+/// With a context that is not made yet, or in several threads or nested.
 [[gnu::noinline]] void enterGenerally(EventObject& event) {
     Entered entered = start(event);
     if (event.isEntered) {
@@ -218,15 +94,21 @@ Entered start(EventObject& event) {
     event.isEntered = true;
 }
 
+EventId startMade(EventObject& event) {
+    if (!instrument::listeners.anyActive())
+        return instrument::noListenerEventId;
+    return event.names ? startEvent(event.instrument, event.madeArgs())
+                       : startEvent(event.instrument);
+}
+
 PyObject* enter(PyObject* self) {
     return guarded([&] {
         EventObject& event = eventOf(self);
-        if (event.names || event.isEntered) {
+        if (event.state != ContextState::made || event.isEntered) {
             enterGenerally(event);
             return Py_NewRef(self);
         }
-        event.entered.id = instrument::listeners.anyActive() ? startEvent(event.instrument)
-                                                             : instrument::noListenerEventId;
+        event.entered.id = startMade(event);
         event.entered.thread = currentThread();
         event.isEntered = true;
         return Py_NewRef(self);
@@ -259,13 +141,13 @@ Entered takeEntered(EventObject& event) {
 void stop(EventObject& event) {
     if (!event.isEntered) [[unlikely]]
         raise(PyExc_RuntimeError, "the event was not entered");
-    if (event.names || event.outer) {
+    if (event.state == ContextState::mixed || event.outer) {
         const Entered entered = takeEntered(event);
         stopEvent(event.instrument, argsOf(event, entered), entered.id);
         return;
     }
     event.isEntered = false;
-    stopEvent(event.instrument, {}, event.entered.id);
+    stopEvent(event.instrument, event.madeArgs(), event.entered.id);
 }
 
 PyObject* leave(PyObject* self, bool withException) {
@@ -313,7 +195,7 @@ PyObject* context(PyObject* self, void*) {
     return guarded([&] {
         EventObject& event = eventOf(self);
         Ref values = Ref::take(PyDict_New());
-        for (Py_ssize_t i = 0; i < contextSize(event); ++i)
+        for (Py_ssize_t i = 0; i < event.contextSize(); ++i)
             check(
                 PyDict_SetItem(values.get(), PyTuple_GET_ITEM(event.names, i), event.values()[i]));
         return values.release();
@@ -338,7 +220,7 @@ constexpr char doc[] =
 
 PyType_Slot slots[] = {
     {Py_tp_doc, const_cast<char*>(doc)},
-    {Py_tp_dealloc, asSlot(deallocate)},
+    {Py_tp_dealloc, asSlot(deallocateEvent)},
     {Py_tp_traverse, asSlot(traverse)},
     {Py_tp_clear, asSlot(clear)},
     {Py_tp_repr, asSlot(repr)},
@@ -348,7 +230,7 @@ PyType_Slot slots[] = {
     {0, nullptr},
 };
 
-PyType_Spec spec = {"vantrace.event", sizeof(EventObject), entrySize,
+PyType_Spec spec = {"vantrace.event", sizeof(EventObject), eventEntrySize,
                     Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC | Py_TPFLAGS_HAVE_VECTORCALL, slots};
 
 PyType_Slot phaseSlots[] = {

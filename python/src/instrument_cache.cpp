@@ -11,13 +11,7 @@ namespace vantrace {
 
 namespace {
 
-/// A name that is kept alive, so that no other object can have its address.
-struct KnownName {
-    PyObject* name;
-    const instrument::Opaque* instrument;
-};
-
-/// Names whose hashes end in the same bits, the one that came last first: a cache line.
+/// Names whose hashes end in the same bits, the one that came last first.
 struct alignas(64) KnownNames {
     std::array<KnownName, 4> places;
 };
@@ -37,10 +31,11 @@ bool isEqual(PyObject* known, PyObject* name, Py_hash_t hash) noexcept {
 
 void keep(KnownNames& names, KnownName added) noexcept {
     std::rotate(names.places.begin(), names.places.end() - 1, names.places.end());
-    PyObject* before = names.places.front().name;
+    const KnownName before = names.places.front();
     Py_INCREF(added.name);
     names.places.front() = added;
-    Py_XDECREF(before);
+    Py_XDECREF(before.name);
+    Py_XDECREF(before.spare);
 }
 
 const instrument::Opaque* registered(PyObject* name) {
@@ -59,21 +54,26 @@ const instrument::Opaque* registered(PyObject* name) {
         if (isEqual(known.name, name, hash))
             return known.instrument;
     const instrument::Opaque* instrument = registered(name);
-    keep(names, {name, instrument});
+    keep(names, {name, instrument, nullptr});
     return instrument;
 }
 
 }  // namespace
 
+KnownName* knownName(PyObject* name) noexcept {
+    if (!PyUnicode_CheckExact(name)) [[unlikely]]
+        return nullptr;
+    // Where there is no hash yet, it is none of those that are known.
+    const Py_hash_t hash = reinterpret_cast<PyASCIIObject*>(name)->hash;
+    for (KnownName& known : namesBeside(hash).places)
+        if (known.name == name) [[likely]]
+            return &known;
+    return nullptr;
+}
+
 const instrument::Opaque* instrumentOf(PyObject* name) {
-    if (PyUnicode_CheckExact(name)) [[likely]] {
-        // Where there is no hash yet, it is none of those that are known.
-        const Py_hash_t hash = reinterpret_cast<PyASCIIObject*>(name)->hash;
-        for (const KnownName& known : namesBeside(hash).places)
-            if (known.name == name) [[likely]]
-                return known.instrument;
-    }
-    return lookUp(name);
+    const KnownName* const known = knownName(name);
+    return known ? known->instrument : lookUp(name);
 }
 
 }  // namespace vantrace
