@@ -7,8 +7,8 @@
 #include <string_view>
 
 #include "clock_source.hpp"
-#include "plain_lane.hpp"
 #include "process_state.hpp"
+#include "short_lane.hpp"
 #include "zandor/instrument/tick_conversion.hpp"
 
 #if defined(__x86_64__)

@@ -1,5 +1,6 @@
 #include "zandor/instrument/decided_events.hpp"
 
+#include "listener_array.hpp"
 #include "short_delivery.hpp"
 
 namespace instrument {
@@ -11,39 +12,17 @@ namespace {
 /// An identity that nobody was told.
 constexpr EventId none{};
 
-template <RecordKind kind>
-[[gnu::noinline]] EventId beginShortly(const Opaque* handle, ContextArgs context) {
-    if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        const FewWords few(context, several.state().texts);
-        const EventId id = several.nextId();
-        if (few && several.begin<kind>(handle, few.words(), id)) [[likely]]
-            return id;
-    }
-    return none;
-}
-
 /// None where it has to go the general way.
 template <RecordKind kind>
 [[gnu::always_inline]] inline EventId begin(const Opaque* handle, ContextArgs context) {
     if (context.size() > KeptContext::fewEntries) [[unlikely]]
         return none;
-    if (const ShortDelivery only(onlyRecorder); only) [[likely]] {
-        const FewWords few(context, only.state().texts);
-        const EventId id = only.nextId();
-        if (few && only.recordBegin<kind>(handle, few.words(), id)) [[likely]]
-            return id;
+    if (const InsideLane lane; lane) [[likely]] {
+        const FewWords few(context, lane.state().texts);
+        if (few && lane.begin<kind>(handle, few.words())) [[likely]]
+            return latestId(lane.state());
     }
-    return beginShortly<kind>(handle, context);
-}
-
-[[gnu::noinline]] void stopShortly(const Opaque* handle, ContextArgs context, EventId id) {
-    if (!stopsMatter.load(std::memory_order_relaxed))
-        return;
-    if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        if (several.stop(handle, {{}, context}, id)) [[likely]]
-            return;
-    }
-    listeners.onEventStop(handle, context, id);
+    return none;
 }
 
 }  // namespace
@@ -54,10 +33,11 @@ EventId tellStart(const Opaque* handle, ContextArgs context) {
 }
 
 void tellStop(const Opaque* handle, ContextArgs context, EventId id) {
-    if (const ShortDelivery only(onlyRecorder);
-        only && only.recordStop(handle, !context.empty(), id)) [[likely]]
+    if (!stopsMatter.load(std::memory_order_relaxed))
         return;
-    stopShortly(handle, context, id);
+    if (const InsideLane lane; lane && lane.stop(handle, {{}, context}, id)) [[likely]]
+        return;
+    listeners.onEventStop(handle, context, id);
 }
 
 EventId tellInstant(const Opaque* handle, ContextArgs context) {

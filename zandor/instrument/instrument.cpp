@@ -7,9 +7,11 @@
 #include "blocks.hpp"
 #include "control_registry.hpp"
 #include "delivery.hpp"
+#include "listener_array.hpp"
 #include "short_delivery.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/decided_events.hpp"
+#include "zandor/instrument/plain_events.hpp"
 
 namespace instrument {
 namespace detail {
@@ -28,10 +30,6 @@ ContextArg keepArg(const ContextArg& arg, TextCache& texts) {
     return {name, keepText(arg.value.text(), texts)};
 }
 
-EventId nextId(ThreadState& state) noexcept {
-    return {state.source.id, ++state.source.serial};
-}
-
 void deliverStart(ThreadState& state, const Opaque* handle, ContextArgs given, EventId id) {
     callListeners<&InstrumentListener::onStart>(
         state, handle, EventContextAccess::ofArgs(state, state.source, given, false), id);
@@ -46,40 +44,12 @@ void deliverStop(ThreadState& state, const Opaque* handle, const KeptContext& ke
         state, handle, EventContextAccess::ofArgs(state, state.source, context.args(), true), id);
 }
 
-/// Decided already.
-[[gnu::noinline]] EventId openForAll(const Opaque* handle) {
-    const Inside inside;
-    if (!inside) [[unlikely]] {
-        countSuppressed();
-        return suppressedEventId;
-    }
-    const EventId id = nextId(inside.state());
-    deliverStart(inside.state(), handle, {}, id);
-    return id;
-}
-
-[[gnu::noinline]] EventId openShortly(const Opaque* handle) {
-    if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        if (const EventId id = several.nextId(); several.begin<RecordKind::start>(handle, {}, id))
-            [[likely]]
-            return id;
-    }
-    return openForAll(handle);
-}
-
 [[gnu::noinline]] void closeForAll(const Opaque* handle, const KeptContext& kept, EventId id) {
     const Inside inside;
     if (inside) [[likely]]
         deliverStop(inside.state(), handle, kept, id);
     else
         countSuppressed();
-}
-
-[[gnu::noinline]] void closeShortly(const Opaque* handle, EventId id) {
-    if (const ShortDelivery several(shortListeners); several && several.stop(handle, {}, id))
-        [[likely]]
-        return;
-    closeForAll(handle, {}, id);
 }
 
 /// To the calling thread's pool where it has one.
@@ -111,19 +81,9 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
         countSuppressed();
         return nullptr;
     }
-    OpenScopePtr event = keepScope(inside.state(), handle, context, nextId(inside.state()));
+    OpenScopePtr event = keepScope(inside.state(), handle, context, takeId(inside.state()));
     deliverStart(inside.state(), handle, context, event->id);
     return event.release();
-}
-
-[[gnu::noinline]] OpenScope* openShortly(const Opaque* handle, ContextArgs context) {
-    if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        OpenScopePtr event = keepScope(several.state(), handle, context, several.nextId());
-        if (!event->context.isMany() &&
-            several.begin<RecordKind::start>(handle, event->context.few(), event->id)) [[likely]]
-            return event.release();
-    }
-    return openForAll(handle, context);
 }
 
 [[gnu::noinline]] void closeForAll(OpenScope* ended) noexcept {
@@ -139,15 +99,6 @@ using OpenScopePtr = std::unique_ptr<OpenScope, GiveBack>;
     } catch (...) {
         // Nobody can be told in a destructor.
     }
-}
-
-[[gnu::noinline]] void closeShortly(OpenScope* ended) noexcept {
-    if (const ShortDelivery several(shortListeners); several && !ended->context.isMany())
-        [[likely]] {
-        if (several.stop(ended->handle, {ended->context.few(), {}}, ended->id)) [[likely]]
-            return several.state().scopes.giveBack(ended);
-    }
-    closeForAll(ended);
 }
 
 }  // namespace
@@ -169,25 +120,13 @@ void KeptContext::keep(ContextArgs context, TextCache& texts) {
     count_ = static_cast<std::uint32_t>(context.size());
 }
 
-EventId openEvent(const Opaque* handle) {
-    if (!handle->enabled.load(std::memory_order_relaxed)) [[unlikely]]
-        return disabledEventId;
-    if (const ShortDelivery only(onlyRecorder); only) [[likely]] {
-        if (const EventId id = only.nextId(); only.recordBegin<RecordKind::start>(handle, {}, id))
-            [[likely]]
-            return id;
-    }
-    return openShortly(handle);
-}
-
 EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) {
     if (!isOnFor(handle, context))
         return disabledEventId;
-    if (const ShortDelivery several(shortListeners); several) [[likely]] {
-        kept.keep(context, several.state().texts);
-        const EventId id = several.nextId();
-        if (!kept.isMany() && several.begin<RecordKind::start>(handle, kept.few(), id)) [[likely]]
-            return id;
+    if (const InsideLane lane; lane) [[likely]] {
+        kept.keep(context, lane.state().texts);
+        if (!kept.isMany() && lane.begin<RecordKind::start>(handle, kept.few())) [[likely]]
+            return latestId(lane.state());
     }
     const Inside inside;
     if (!inside) {
@@ -195,7 +134,7 @@ EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) 
         return suppressedEventId;
     }
     kept.keep(context, inside.state().texts);
-    const EventId id = nextId(inside.state());
+    const EventId id = takeId(inside.state());
     deliverStart(inside.state(), handle, context, id);
     return id;
 }
@@ -203,8 +142,10 @@ EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) 
 void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id) {
     if (!stopsMatter.load(std::memory_order_relaxed))
         return;
-    if (const ShortDelivery several(shortListeners);
-        several && !kept.isMany() && several.stop(handle, {kept.few(), {}}, id)) [[likely]]
+    if (kept.empty())
+        return stopPlain(handle, id);
+    if (const InsideLane lane; lane && !kept.isMany() && lane.stop(handle, {kept.few(), {}}, id))
+        [[likely]]
         return;
     closeForAll(handle, kept, id);
 }
@@ -223,42 +164,32 @@ const Opaque* Instrument::registerName(std::string_view name) {
 }
 
 void Instrument::emitInstant(const Opaque* handle, ContextArgs context) {
-    if (detail::isOnFor(handle, context))
+    if (context.empty())
+        instantPlain(handle);
+    else if (detail::isOnFor(handle, context))
         tellInstant(handle, context);
 }
 
 detail::OpenScope* Scope::open(const Opaque* handle, ContextArgs context) {
     if (!detail::isOnFor(handle, context))
         return nullptr;
-    if (const detail::ShortDelivery only(detail::onlyRecorder); only) [[likely]] {
+    if (const detail::InsideLane lane; lane) [[likely]] {
+        detail::ThreadState& state = lane.state();
         detail::OpenScopePtr event =
-            detail::keepScope(only.state(), handle, context, only.nextId());
-        if (!event->context.isMany() && only.recordBegin<detail::RecordKind::start>(
-                                            handle, event->context.few(), event->id)) [[likely]]
+            detail::keepScope(state, handle, context, detail::nextId(state));
+        if (!event->context.isMany() &&
+            lane.begin<detail::RecordKind::start>(handle, event->context.few())) [[likely]]
             return event.release();
     }
-    return detail::openShortly(handle, context);
+    return detail::openForAll(handle, context);
 }
 
 void Scope::close(detail::OpenScope* ended) noexcept {
-    if (const detail::ShortDelivery only(detail::onlyRecorder); only) [[likely]] {
-        if (only.recordStop(ended->handle, !ended->context.empty(), ended->id)) [[likely]]
-            return only.state().scopes.giveBack(ended);
+    if (const detail::InsideLane lane; lane && !ended->context.isMany()) [[likely]] {
+        if (lane.stop(ended->handle, {ended->context.few(), {}}, ended->id)) [[likely]]
+            return lane.state().scopes.giveBack(ended);
     }
-    detail::closeShortly(ended);
-}
-
-void Scope::close(const Opaque* handle, EventId id) noexcept {
-    if (!detail::stopsMatter.load(std::memory_order_relaxed))
-        return;
-    if (const detail::ShortDelivery only(detail::onlyRecorder);
-        only && only.recordStop(handle, false, id)) [[likely]]
-        return;
-    try {
-        detail::closeShortly(handle, id);
-    } catch (...) {
-        // Nobody can be told in a destructor.
-    }
+    detail::closeForAll(ended);
 }
 
 }  // namespace instrument

@@ -17,7 +17,7 @@ std::size_t sizeFor(std::uint32_t count) noexcept {
 
 ListenerArray* makeArray(std::uint32_t count) noexcept {
     void* memory = allocateBlock(sizeFor(count));
-    return memory ? ::new (memory) ListenerArray{count, nullptr, {}} : nullptr;
+    return memory ? ::new (memory) ListenerArray{count, nullptr, false, nullptr} : nullptr;
 }
 
 Registration** placesOf(ListenerArray& array) noexcept {
@@ -34,8 +34,7 @@ void freeArray(ListenerArray* array) noexcept {
 bool isInUse(const ListenerArray* array) noexcept {
     bool used = false;
     forEachThread([&](const ThreadState& state) {
-        used = used || state.snapshot.load(std::memory_order_acquire) == array ||
-               state.calling.load(std::memory_order_acquire) == array->mark();
+        used = used || state.snapshot.load(std::memory_order_acquire) == array;
     });
     return used;
 }
@@ -60,29 +59,20 @@ InstrumentListener* onlyOneOf(const ListenerArray* array) noexcept {
     return registration.removed.load(std::memory_order_relaxed) ? nullptr : registration.listener;
 }
 
-void addCall(ShortListeners::Calls& calls, ShortOperations::Operation tell,
-             const Registration& registration) noexcept {
-    if (tell)
-        *std::ranges::find(calls, nullptr, &ShortCall::tell) = {
-            tell, registration.shortWay->self(), registration.listener,
-            registration.shortWay->operations().ignoresContext};
+/// Whether the listeners of the array can be told by lanes; notes its recorder.
+bool canAllBeShort(ListenerArray& array) noexcept {
+    return array.count <= LaneCalls::most &&
+           std::ranges::all_of(array, [&](const Registration* registration) {
+               if (registration->removed.load(std::memory_order_relaxed))
+                   return false;
+               const RecorderCore* const recorder = recorderIn(*registration->listener);
+               return recorder ? !std::exchange(array.recorder, recorder)
+                               : registration->shortWay != nullptr;
+           });
 }
 
-/// False where it has no short way, or there is one recorder already.
-bool addShortly(ShortListeners& all, const Registration& registration) noexcept {
-    if (const RecorderCore* const recorder = recorderIn(*registration.listener)) {
-        all.needsTicks = true;
-        return !std::exchange(all.recorder, recorder);
-    }
-    if (!registration.shortWay)
-        return false;
-    const ShortOperations& way = registration.shortWay->operations();
-    all.needsTime = all.needsTime || way.needsTime;
-    all.needsTicks = all.needsTicks || way.needsTime;
-    addCall(all.instants, way.instant, registration);
-    addCall(all.starts, way.start, registration);
-    addCall(all.stops, way.stop, registration);
-    return true;
+bool hearsStops(const Registration* registration) noexcept {
+    return !registration->shortWay || registration->shortWay->operations().stop;
 }
 
 /// Threads that go the short way have no fence of their own.
@@ -92,30 +82,15 @@ bool needNoFence() noexcept {
     return heavyFenceReachesAll.load(std::memory_order_relaxed);
 }
 
-/// Whether all of them have a short way; then the array has what these need.
-bool prepareShortWay(ListenerArray& array) noexcept {
-    return array.count <= ShortListeners::most && needNoFence() &&
-           std::ranges::all_of(array, [&](const Registration* registration) {
-               return !registration->removed.load(std::memory_order_relaxed) &&
-                      addShortly(array.shortly, *registration);
-           });
-}
-
-void publishShortWays(const ListenerArray* ofRecorder, const ListenerArray* ofAll) noexcept {
-    // Release pairs with the acquire in ShortDelivery.
-    onlyRecorder.store(ofRecorder, std::memory_order_release);
-    shortListeners.store(ofAll, std::memory_order_release);
-    outdateLanes();
-}
-
 // The flags may lag behind the array by a moment, but never for good.
 void publish(ListenerArray* array) noexcept {
     if (array)
         for (Registration* registration : *array)
             ++registration->arrays;
-    const bool isShort = array && prepareShortWay(*array);
+    if (array)
+        array->isShort = canAllBeShort(*array) && needNoFence();
     const bool areStopsIgnored =
-        !array || (isShort && !array->shortly.recorder && !array->shortly.stops.front().tell);
+        !array || (array->isShort && std::ranges::none_of(*array, hearsStops));
     // Whoever sees a listener that hears stops must see this, too.
     if (!areStopsIgnored)
         stopsMatter.store(true, std::memory_order_relaxed);
@@ -124,8 +99,8 @@ void publish(ListenerArray* array) noexcept {
     // Release pairs with the acquire in protectOnlyListener.
     InstrumentListener* const only = onlyOneOf(array);
     onlyListener.store(only, std::memory_order_release);
-    const bool isRecorder = isShort && array->count == 1 && array->shortly.recorder;
-    publishShortWays(isRecorder ? array : nullptr, isShort ? array : nullptr);
+    lanesArePossible.store(array && array->isShort, std::memory_order_relaxed);
+    outdateLanes();
     if (areStopsIgnored)
         stopsMatter.store(false, std::memory_order_relaxed);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);
@@ -151,8 +126,7 @@ Registration* makeRegistration(InstrumentListener& listener) noexcept {
 
 constinit std::atomic<ListenerArray*> listenersInForce{nullptr};
 constinit std::atomic<InstrumentListener*> onlyListener{nullptr};
-constinit std::atomic<const ListenerArray*> shortListeners{nullptr};
-constinit std::atomic<const ListenerArray*> onlyRecorder{nullptr};
+constinit std::atomic<bool> lanesArePossible{false};
 constinit std::atomic<bool> stopsMatter{false};
 
 Registration* findRegistration(const InstrumentListener& listener) noexcept {
@@ -186,11 +160,11 @@ void unregisterListener(InstrumentListener& listener) noexcept {
         return;
     // Release: what was done before the removal is seen by whoever skips the listener.
     leaving->removed.store(true, std::memory_order_release);
+    outdateLanes();
     const ListenerArray& old = *arrayInForce();
     if (old.count == 1)
         return publish(nullptr);
-    // Without memory for a smaller array the mark alone keeps calls away, where it is looked at.
-    publishShortWays(nullptr, nullptr);
+    // Without memory for a smaller array the mark alone keeps calls away.
     if (ListenerArray* made = makeArray(old.count - 1)) {
         std::remove_copy(old.begin(), old.end(), placesOf(*made), leaving);
         publish(made);

@@ -5,11 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "short_listeners.hpp"
 #include "thread_state.hpp"
 #include "zandor/instrument/listener.hpp"
 
 namespace instrument::detail {
+
+class RecorderCore;
 
 /// A listener's stay among the registered ones. Shared by the arrays that hold it.
 struct Registration {
@@ -25,12 +26,9 @@ struct Registration {
 struct ListenerArray {
     std::uint32_t count;
     ListenerArray* nextRetired;
-    /// Before it is published, where each has a short way.
-    ShortListeners shortly;
-
-    /// What a thread that is inside any of them by their short ways has in its `calling`: no
-    /// listener's address, nor a state's.
-    const void* mark() const noexcept { return reinterpret_cast<const std::byte*>(this) + 1; }
+    // Before it is published.
+    bool isShort;  ///< at most one recorder, and each of the others has a short way
+    const RecorderCore* recorder;
 
     Registration* const* begin() const noexcept {
         return reinterpret_cast<Registration* const*>(this + 1);
@@ -38,23 +36,16 @@ struct ListenerArray {
     Registration* const* end() const noexcept { return begin() + count; }
 };
 
-/// Whether it is the mark of some array. All other things that a thread may be calling are aligned.
-inline bool isListenersMark(const void* calling) noexcept {
-    return (reinterpret_cast<std::uintptr_t>(calling) & 1) != 0;
-}
-
 /// Null when nobody is registered. Each release pairs with the acquire of who delivers; relaxed
 /// under the listeners' lock, or where only null is asked for.
 extern constinit std::atomic<ListenerArray*> listenersInForce;
 /// The one that is registered, while it is the only one; else null.
 extern constinit std::atomic<InstrumentListener*> onlyListener;
-/// The same as `listenersInForce` while each has a short way, and heavyFence reaches all threads;
-/// else null.
-extern constinit std::atomic<const ListenerArray*> shortListeners;
+/// Whether those of `listenersInForce` can be told by threads' lanes, and heavyFence reaches all
+/// threads: relaxed, it may lag behind the array.
+extern constinit std::atomic<bool> lanesArePossible;
 /// Whether any listener may do something about stops: relaxed, it may lag behind the array.
 extern constinit std::atomic<bool> stopsMatter;
-/// The same while a recorder is the only one.
-extern constinit std::atomic<const ListenerArray*> onlyRecorder;
 
 /// The only listener, for as long as the thread's `calling` shows it. Null when there are none or
 /// several.

@@ -14,8 +14,9 @@ using detail::putBegin;
 using detail::RecorderCore;
 using detail::RecordKind;
 
-detail::EdgeOrigin originOf(const EventContext& context) noexcept {
-    return {context.slots(), context.source()};
+/// Of the thread that delivers the event; null where it has none yet.
+detail::Track* trackOf(const RecorderCore& core, const EventContext& context) noexcept {
+    return core.knownTrack(context.slots());
 }
 
 [[gnu::noinline]] void record(RecorderCore& core, RecordKind kind, const Opaque* instrument,
@@ -36,7 +37,8 @@ template <RecordKind kind>
 [[gnu::always_inline]] inline void putOrRecord(RecorderCore& core, const Opaque* instrument,
                                                const EventContext& context, EventId id) noexcept {
     const std::uint64_t ticks = EventContextAccess::ticks(context);
-    if (!context.empty() || !putBegin<kind>(core, originOf(context), instrument, {}, id, ticks))
+    detail::Track* const track = trackOf(core, context);
+    if (!track || !context.empty() || !putBegin<kind>(*track, instrument, {}, id, ticks))
         [[unlikely]]
         record(core, kind, instrument, context, id);
 }
@@ -108,8 +110,9 @@ void InstrumentRecorder::onStop(const Opaque* instrument, const EventContext& co
     const std::uint64_t ticks = EventContextAccess::ticks(context);
     const bool hasContext = !context.empty();
     const bool isKept = !hasContext || context.argsAreKept();
-    if (!isKept || !putStop(*core_, originOf(context), instrument, hasContext, id, ticks))
-        [[unlikely]]
+    detail::Track* const track = trackOf(*core_, context);
+    if (!track || !isKept || context.sourceId() != id.sourceId ||
+        !putStop(*track, instrument, hasContext, id, ticks)) [[unlikely]]
         record(*core_, RecordKind::stop, instrument, context, id);
 }
 

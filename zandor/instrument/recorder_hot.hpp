@@ -7,17 +7,10 @@
 #include <cstdint>
 #include <span>
 
-#include "clock_source.hpp"
 #include "recorder_context.hpp"
-#include "recorder_core.hpp"
+#include "recorder_storage.hpp"
 
 namespace instrument::detail {
-
-/// Who delivers an edge, and whose it is.
-struct EdgeOrigin {
-    const ListenerSlot* slots;
-    const SourceInfo* source;
-};
 
 /// Pairs with the acquire of readers: with the tail come the records before it.
 [[gnu::always_inline]] inline void commit(Track& track, Word* end) noexcept {
@@ -26,46 +19,40 @@ struct EdgeOrigin {
 
 /// A start or an instant. The words of its context are less than RecordHead::contextIsCounted.
 template <RecordKind kind>
-[[gnu::always_inline]] inline bool putBegin(const RecorderCore& core, EdgeOrigin origin,
-                                            const Opaque* instrument, std::span<const Word> context,
-                                            EventId id, std::uint64_t ticks) noexcept {
-    Track* const track = core.knownTrack(origin.slots);
-    if (!track || track->stream.info != origin.source || track->stream.nextSerial != id.serialId)
-        [[unlikely]]
-        return false;
-    Word* const head = track->tail.load(std::memory_order_relaxed);  // this thread's own
+[[gnu::always_inline]] inline bool putBegin(Track& track, const Opaque* instrument,
+                                            std::span<const Word> context, EventId id,
+                                            std::uint64_t ticks) noexcept {
+    Word* const head = track.tail.load(std::memory_order_relaxed);  // this thread's own
     Word* end = head + wordsOf(kind);
-    if (end + context.size() > track->limit) [[unlikely]]
+    if (track.stream.source != id.sourceId || track.stream.nextSerial != id.serialId ||
+        end + context.size() > track.limit) [[unlikely]]
         return false;
     head[0] = RecordHead(kind, false, context.size(), instrument->id, 0).word();
     head[1] = ticks;
     for (const Word word : context)
         *end++ = word;
-    track->stream.nextSerial = id.serialId + 1;
+    track.stream.nextSerial = id.serialId + 1;
     if constexpr (kind == RecordKind::start)
-        ++track->open;
-    commit(*track, end);
+        ++track.open;
+    commit(track, end);
     return true;
 }
 
-[[gnu::always_inline]] inline bool putStop(const RecorderCore& core, EdgeOrigin origin,
-                                           const Opaque* instrument, bool hasContext, EventId id,
-                                           std::uint64_t ticks) noexcept {
-    Track* const track = core.knownTrack(origin.slots);
-    if (!track || track->stream.info != origin.source || track->stream.source != id.sourceId ||
-        id.serialId < track->runFirst || track->hasLost) [[unlikely]]
-        return false;
-    Word* const head = track->tail.load(std::memory_order_relaxed);  // this thread's own
+/// The stop of an event of the source that it comes from, too.
+[[gnu::always_inline]] inline bool putStop(Track& track, const Opaque* instrument, bool hasContext,
+                                           EventId id, std::uint64_t ticks) noexcept {
+    Word* const head = track.tail.load(std::memory_order_relaxed);  // this thread's own
     Word* const end = head + wordsOf(RecordKind::stop);
-    const std::uint64_t back = track->stream.nextSerial - id.serialId;
-    if (end > track->limit || back - 1 >= RecordHead::serialLimit - 1) [[unlikely]]
+    const std::uint64_t back = track.stream.nextSerial - id.serialId;
+    if (track.stream.source != id.sourceId || id.serialId < track.runFirst || track.hasLost ||
+        back - 1 >= RecordHead::serialLimit - 1 || end > track.limit) [[unlikely]]
         return false;
     head[0] = RecordHead(RecordKind::stop, false, hasContext ? RecordHead::contextOfStart : 0,
                          instrument->id, back)
                   .word();
     head[1] = ticks;
-    --track->open;
-    commit(*track, end);
+    --track.open;
+    commit(track, end);
     return true;
 }
 

@@ -1,11 +1,10 @@
-// The short ways of an edge: to a recorder that listens alone, whose record is put where it belongs
-// without a call, and to several listeners that each have a short way.
+// The short way of an edge that a thread tells of its own event: to a recorder, whose record is put
+// where it belongs without a call, and to listeners that have short ways, by the thread's lane.
 #pragma once
 
-#include "event_context_access.hpp"
-#include "latest_line.hpp"
-#include "listener_array.hpp"
+#include "recorder_context.hpp"
 #include "recorder_hot.hpp"
+#include "thread_state.hpp"
 
 namespace instrument::detail {
 
@@ -34,131 +33,147 @@ class FewWords {
     const Word* end_;
 };
 
-/// The calling thread's mark that it is inside all listeners of an array. Empty where anything is
-/// not as usual; then another way decides what is.
-class ShortDelivery {
+/// Marks the calling thread as inside all listeners of its lane. Null where it has none that holds,
+/// or is inside a listener.
+[[gnu::always_inline]] inline ThreadState* enterLane() noexcept {
+    ThreadState* const state = threadLocals.state;
+    if (!state->isOfThisThread() || state->isInside()) [[unlikely]]
+        return nullptr;
+    // Release, as every store of it: whoever waits for a listener may see any later one.
+    state->calling.store(state->laneMark(), std::memory_order_release);
+    // For the compiler: the processor's fence is the heavy one of those who wait for a listener,
+    // which reaches every thread where there are lanes.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+    // Acquire pairs with outdateLanes.
+    if (lanesVersion.load(std::memory_order_acquire) == state->lane.version) [[likely]]
+        return state;
+    state->calling.store(nullptr, std::memory_order_release);
+    return nullptr;
+}
+[[gnu::always_inline]] inline void leaveLane(ThreadState& state) noexcept {
+    // Release pairs with the acquire of those who wait for a listener.
+    state.calling.store(nullptr, std::memory_order_release);
+}
+/// As enterLane, where the lane is to be found first. Null also where some listener has to be told
+/// the general way first.
+ThreadState* enterNewLane() noexcept;
+
+/// What a start or an instant is told with by the lane; it is taken when the lane says so.
+[[gnu::always_inline]] inline EventId nextId(const ThreadState& state) noexcept {
+    return {state.source.id, state.source.serial + 1};
+}
+
+/// The identity of what was told last.
+[[gnu::always_inline]] inline EventId latestId(const ThreadState& state) noexcept {
+    return {state.source.id, state.source.serial};
+}
+
+/// The calls that a kind of edge is for.
+template <RecordKind kind>
+const LaneCall* callsOf(const LaneCalls& calls) noexcept {
+    if constexpr (kind == RecordKind::start)
+        return calls.starts.data();
+    else if constexpr (kind == RecordKind::stop)
+        return calls.stops.data();
+    else
+        return calls.instants.data();
+}
+
+// For a thread that is inside its lane.
+
+[[gnu::always_inline]] inline EventId takeId(ThreadState& state) noexcept {
+    return {state.source.id, ++state.source.serial};
+}
+
+[[gnu::always_inline]] inline std::uint64_t readClock(const ThreadState& state) noexcept {
+    return state.lane.needsTicks ? readTsc() : 0;
+}
+[[gnu::always_inline]] inline std::int64_t timeOf(ThreadState& state,
+                                                  std::uint64_t ticks) noexcept {
+    return state.lane.needsTime ? state.laneListeners.timeOf(ticks) : 0;
+}
+
+/// A listener that cannot take the short way hears the edge as others do.
+template <RecordKind kind>
+void tellGenerally(ThreadState& state, InstrumentListener& listener, const Opaque* handle,
+                   std::uint64_t serial, std::uint64_t ticks, const EdgeContext& context) noexcept;
+
+/// Tells the listeners beside the recorder.
+template <RecordKind kind>
+[[gnu::always_inline]] inline void tellOthers(ThreadState& state, const Opaque* handle,
+                                              std::uint64_t serial, std::uint64_t ticks,
+                                              const EdgeContext& context) noexcept {
+    const std::int64_t time = timeOf(state, ticks);
+    for (const LaneCall* call = callsOf<kind>(state.laneListeners.ofAny); call->tell; ++call) {
+        const bool isShort = context.args.empty() || call->ignoresContext;
+        if (!isShort || !call->tell(call->data, handle, serial, time, context.words)) [[unlikely]]
+            tellGenerally<kind>(state, *call->listener, handle, serial, ticks, context);
+    }
+}
+
+/// Has the recorder take a start or an instant, if there is one; false where it cannot.
+template <RecordKind kind>
+[[gnu::always_inline]] inline bool recordBegin(ThreadState& state, const Opaque* handle,
+                                               std::span<const Word> context,
+                                               std::uint64_t ticks) noexcept {
+    const EventId id = nextId(state);
+    Track* const track = state.lane.track;
+    if (track && !putBegin<kind>(*track, handle, context, id, ticks)) [[unlikely]]
+        return false;
+    state.source.serial = id.serialId;
+    return true;
+}
+
+/// The same for a stop.
+[[gnu::always_inline]] inline bool recordStop(ThreadState& state, const Opaque* handle,
+                                              bool hasContext, EventId id,
+                                              std::uint64_t ticks) noexcept {
+    Track* const track = state.lane.track;
+    return id.sourceId == state.source.id &&
+           (!track || putStop(*track, handle, hasContext, id, ticks));
+}
+
+/// The calling thread inside its lane, for edges with context. Empty where it cannot be there.
+class InsideLane {
   public:
-    /// To the listeners of the array that stands in `place`.
-    [[gnu::always_inline]] explicit ShortDelivery(
-        const std::atomic<const ListenerArray*>& place) noexcept {
-        ThreadState* const state = threadLocals.state;
-        const ListenerArray* const array = place.load(std::memory_order_relaxed);
-        if (!array || !state->isOfThisThread() || state->isInside()) [[unlikely]]
-            return;
-        // Release, as every store of it: whoever waits for a listener may see any later one.
-        state->calling.store(array->mark(), std::memory_order_release);
-        // For the compiler: the processor's fence is the heavy one of those who wait for a listener
-        // or free the array, which reaches every thread where there are short ways.
-        std::atomic_signal_fence(std::memory_order_seq_cst);
-        // Acquire pairs with the release that published the array.
-        if (place.load(std::memory_order_acquire) != array) [[unlikely]] {
-            state->calling.store(nullptr, std::memory_order_release);
-            return;
-        }
-        state_ = state;
-        array_ = array;
+    [[gnu::always_inline]] InsideLane() noexcept : state_(enterLane()) {
+        if (!state_) [[unlikely]]
+            state_ = enterNewLane();
     }
-    [[gnu::always_inline]] ~ShortDelivery() {
-        // Release pairs with the acquire of those who wait for a listener or free the array.
+    [[gnu::always_inline]] ~InsideLane() {
         if (state_) [[likely]]
-            state_->calling.store(nullptr, std::memory_order_release);
+            leaveLane(*state_);
     }
-    ShortDelivery(const ShortDelivery&) = delete;
-    ShortDelivery& operator=(const ShortDelivery&) = delete;
+    InsideLane(const InsideLane&) = delete;
+    InsideLane& operator=(const InsideLane&) = delete;
 
     explicit operator bool() const noexcept { return state_ != nullptr; }
-
     ThreadState& state() const noexcept { return *state_; }
-    const ListenerArray& array() const noexcept { return *array_; }
-    /// The identity that a start or instant is to be told with; it is taken when they say so.
-    EventId nextId() const noexcept { return {state_->source.id, state_->source.serial + 1}; }
 
-    // Whether they did it. A stop's context is its start's.
+    // Whether it was told.
 
-    /// Where the array is a recorder's alone: a start or an instant.
+    /// A start or an instant.
     template <RecordKind kind>
-    [[gnu::always_inline]] bool recordBegin(const Opaque* handle, std::span<const Word> context,
-                                            EventId id) const noexcept {
-        if (!ticksAreTsc() ||
-            !putBegin<kind>(*recorder(), origin(), handle, context, id, readTsc())) [[unlikely]]
+    [[gnu::always_inline]] bool begin(const Opaque* handle,
+                                      std::span<const Word> context) const noexcept {
+        const std::uint64_t ticks = readClock(*state_);
+        if (!recordBegin<kind>(*state_, handle, context, ticks)) [[unlikely]]
             return false;
-        state_->source.serial = id.serialId;
+        tellOthers<kind>(*state_, handle, state_->source.serial, ticks, {context, {}});
         return true;
     }
-    [[gnu::always_inline]] bool recordStop(const Opaque* handle, bool hasContext,
-                                           EventId id) const noexcept {
-        return ticksAreTsc() && putStop(*recorder(), origin(), handle, hasContext, id, readTsc());
-    }
-
-    /// To all listeners: a start or an instant.
-    template <RecordKind kind>
-    [[gnu::always_inline]] bool begin(const Opaque* handle, std::span<const Word> context,
-                                      EventId id) const noexcept {
-        const std::uint64_t ticks = readTicksIfNeeded();
-        if (recorder() && !putBegin<kind>(*recorder(), origin(), handle, context, id, ticks))
-            [[unlikely]]
-            return false;
-        state_->source.serial = id.serialId;
-        const ShortEdge edge = edgeOf(handle, id, ticks, context);
-        if constexpr (kind == RecordKind::start)
-            tell<&InstrumentListener::onStart>(array_->shortly.starts, edge, ticks, {context, {}});
-        else
-            tell<&InstrumentListener::onInstant>(array_->shortly.instants, edge, ticks,
-                                                 {context, {}});
-        return true;
-    }
+    /// A stop, with its start's context.
     [[gnu::always_inline]] bool stop(const Opaque* handle, const EdgeContext& context,
                                      EventId id) const noexcept {
-        if (id.sourceId != state_->source.id) [[unlikely]]
+        const std::uint64_t ticks = readClock(*state_);
+        if (!recordStop(*state_, handle, !context.empty(), id, ticks)) [[unlikely]]
             return false;
-        const std::uint64_t ticks = readTicksIfNeeded();
-        if (recorder() && !putStop(*recorder(), origin(), handle, !context.empty(), id, ticks))
-            [[unlikely]]
-            return false;
-        const ShortEdge edge = edgeOf(handle, id, ticks, context.words);
-        tell<&InstrumentListener::onStop>(array_->shortly.stops, edge, ticks, context);
+        tellOthers<RecordKind::stop>(*state_, handle, id.serialId, ticks, context);
         return true;
     }
 
   private:
-    const RecorderCore* recorder() const noexcept { return array_->shortly.recorder; }
-    EdgeOrigin origin() const noexcept {
-        return {state_->listenerData.data(), state_->source.info};
-    }
-    std::uint64_t readTicksIfNeeded() const noexcept {
-        return array_->shortly.needsTicks ? readTicks() : 0;
-    }
-    [[gnu::always_inline]] ShortEdge edgeOf(const Opaque* handle, EventId id, std::uint64_t ticks,
-                                            std::span<const Word> context) const noexcept {
-        return {handle, id.serialId, array_->shortly.needsTime ? latestLine.timeOf(ticks) : 0,
-                state_->listenerData.data(), context};
-    }
-
-    /// One that cannot take the short way hears the edge as others do.
-    template <auto operation>
-    [[gnu::always_inline]] void tell(const ShortListeners::Calls& calls, const ShortEdge& edge,
-                                     std::uint64_t ticks,
-                                     const EdgeContext& context) const noexcept {
-        for (const ShortCall* call = calls.data(); call->tell; ++call) {
-            const bool isShort = context.args.empty() || call->ignoresContext;
-            if (!isShort || !call->tell(call->self, edge)) [[unlikely]]
-                tellGenerally<operation>(*state_, *call->listener, edge, ticks, context);
-        }
-    }
-    template <auto operation>
-    [[gnu::noinline]] static void tellGenerally(ThreadState& state, InstrumentListener& listener,
-                                                const ShortEdge& edge, std::uint64_t ticks,
-                                                const EdgeContext& given) noexcept {
-        const KeptArgs kept(given.words);
-        const bool areKept = given.args.empty();
-        EventContext context = EventContextAccess::ofArgs(
-            state, state.source, areKept ? kept.args() : given.args, areKept);
-        EventContextAccess::giveTicks(context, ticks);
-        (listener.*operation)(edge.instrument, context, {state.source.id, edge.serial});
-    }
-
-    ThreadState* state_ = nullptr;
-    const ListenerArray* array_ = nullptr;
+    ThreadState* state_;
 };
 
 }  // namespace instrument::detail

@@ -37,21 +37,34 @@ class ShortListener : public HandlerListener {
     std::atomic<std::int64_t> latestTime{0};
     std::vector<std::string> texts;  ///< contexts that came as words
 
-    static bool take(void* listener, const ShortEdge& edge) noexcept {
+    static void* dataOf(void* self, const detail::ListenerSlot*) noexcept { return self; }
+    static bool take(void* listener, const Opaque*, std::uint64_t, std::int64_t time,
+                     ContextWords context) noexcept {
         auto& self = *static_cast<ShortListener*>(listener);
         ++self.shortly;
-        self.latestTime = edge.time;
-        if (!edge.context.empty())
-            self.texts.push_back(test_support::textOf(readContext(edge.context)));
+        self.latestTime = time;
+        if (!context.empty())
+            self.texts.push_back(test_support::textOf(readContext(context)));
         return true;
     }
-    static bool leave(void*, const ShortEdge&) noexcept { return false; }
-    static constexpr ShortOperations takesAll{
-        .needsTime = true, .ignoresContext = false, .instant = take, .start = take, .stop = take};
-    static constexpr ShortOperations leavesStops{
-        .needsTime = false, .ignoresContext = true, .instant = take, .start = take, .stop = leave};
+    static bool leave(void*, const Opaque*, std::uint64_t, std::int64_t, ContextWords) noexcept {
+        return false;
+    }
+    static constexpr ShortOperations takesAll{.needsTime = true,
+                                              .ignoresContext = false,
+                                              .dataOf = dataOf,
+                                              .instant = take,
+                                              .start = take,
+                                              .stop = take};
+    static constexpr ShortOperations leavesStops{.needsTime = false,
+                                                 .ignoresContext = true,
+                                                 .dataOf = dataOf,
+                                                 .instant = take,
+                                                 .start = take,
+                                                 .stop = leave};
     static constexpr ShortOperations ignoresStops{.needsTime = false,
                                                   .ignoresContext = true,
+                                                  .dataOf = dataOf,
                                                   .instant = take,
                                                   .start = take,
                                                   .stop = nullptr};

@@ -56,6 +56,7 @@ void releaseState(ThreadState& state) noexcept {
     state.source = {};
     state.listenerData = {};
     state.lane = {};
+    state.laneListeners = {};
     state.scopes.clear();
     state.endingRounds = 0;
     state.owner.store(nullptr, std::memory_order_relaxed);
@@ -75,11 +76,11 @@ void threadEnds(void* value) noexcept {
         releaseState(state);
 }
 
-/// Where the thread is inside all listeners of an array, it is for a moment only.
+/// Where the thread may be inside all listeners of its lane, it is for a moment only.
 bool mayBeInside(const ThreadState& state, const InstrumentListener& listener) noexcept {
     // Pairs with the release when a delivery goes on to another listener, or ends.
     const void* const calling = state.calling.load(std::memory_order_acquire);
-    return calling == &listener || isListenersMark(calling);
+    return calling == &listener || isLaneMark(calling);
 }
 
 }  // namespace

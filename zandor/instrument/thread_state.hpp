@@ -13,8 +13,8 @@
 #include <optional>
 
 #include "interned_text.hpp"
-#include "plain_lane.hpp"
 #include "scope_pool.hpp"
+#include "short_lane.hpp"
 #include "source_info.hpp"
 #include "zandor/instrument/fences.hpp"
 #include "zandor/instrument/listener_slot.hpp"
@@ -60,20 +60,21 @@ struct alignas(64) ThreadState {
     /// the thread's own store tells it anything.
     std::atomic<const ThreadLocals*> owner;
     /// Null while the thread delivers no event. Else the listener that it is calling, or the mark
-    /// of a ListenerArray while it calls all of those, which this protects; or `noListener` before,
+    /// of the thread's lane while it calls all of those that this has; or `noListener` before,
     /// between and after them. What the thread did in a listener it releases when it goes on; those
-    /// who wait for the listener, or free the array, acquire it. Relaxed for the thread itself.
+    /// who wait for the listener acquire it. Relaxed for the thread itself.
     std::atomic<const void*> calling;
+    LaneHead lane;
+    ThreadSource source;
+
+    alignas(64) std::array<ListenerSlot, listenerSlots + 1> listenerData;
     /// Protects the listeners that the thread is going through, where there are several: released
     /// when it leaves them, acquired by those who free the array.
     std::atomic<const ListenerArray*> snapshot;
     /// Odd while the thread is inside a ReadSection: released at its end, acquired in
     /// everybodyLeft.
     std::atomic<std::uint64_t> readSections;
-    ThreadSource source;
-
-    alignas(64) std::array<ListenerSlot, listenerSlots + 1> listenerData;
-    alignas(64) PlainLane lane;
+    alignas(64) LaneListeners laneListeners;
     TaggedSource* tagged;
     ScopePool scopes;
     TextCache texts;
@@ -91,6 +92,9 @@ struct alignas(64) ThreadState {
     bool isOfThisThread() const noexcept;
     /// No listener's address.
     const void* noListener() const noexcept { return this; }
+    /// What the thread has in its `calling` while it may be inside any listener of its lane: no
+    /// listener's address, nor a state's.
+    const void* laneMark() const noexcept { return reinterpret_cast<const std::byte*>(this) + 1; }
     /// Whether the thread delivers an event. For itself and its signal handlers.
     bool isInside() const noexcept { return calling.load(std::memory_order_relaxed) != nullptr; }
 
@@ -105,6 +109,11 @@ struct alignas(64) ThreadState {
     ThreadSource* taggedSource(std::uint64_t tag) noexcept;
 };
 static_assert(offsetof(ThreadState, listenerData) == 64);
+
+/// Whether it is a lane's. All other things that a thread may be calling are aligned.
+inline bool isLaneMark(const void* calling) noexcept {
+    return (reinterpret_cast<std::uintptr_t>(calling) & 1) != 0;
+}
 
 extern constinit thread_local ThreadLocals threadLocals;
 

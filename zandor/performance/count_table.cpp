@@ -55,7 +55,7 @@ bool CountTable::countAny(const Opaque* instrument, const EventContext& context,
         freeWords_ += wordCount;
         ++used_;
     }
-    countIn(*entry);
+    entry->countOne();
     return true;
 }
 
@@ -64,7 +64,7 @@ bool CountTable::countFirst(const Opaque* instrument) noexcept {
     if (!plain_.provideUpTo(instrument->id))
         return false;
     Count& count = plain_[instrument->id];
-    countIn(count);
+    count.countOne();
     // Pairs with the acquire in forEach.
     count.instrument.store(instrument, std::memory_order_release);
     return true;

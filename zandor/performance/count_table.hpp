@@ -9,23 +9,15 @@
 #include "zandor/instrument/event_context.hpp"
 #include "zandor/instrument/kept_context.hpp"
 #include "zandor/instrument/lock.hpp"
+#include "zandor/instrument/short_way.hpp"
 #include "zandor/performance/mapped_chunks.hpp"
 
 namespace instrument::detail {
 
 class CountTable {
   public:
-    /// All-zero is none.
-    struct alignas(32) Count {
-        /// Null: free. Written last, release; pairs with the acquire of readers. Relaxed for the
-        /// table's thread, which alone writes it.
-        std::atomic<const Opaque*> instrument;
-        // Written by the table's thread alone. Relaxed: whoever has to see a count learned of its
-        // event otherwise.
-        std::atomic<std::uint64_t> count;
-        /// What was counted before the last reset. Under the lock; relaxed for readers.
-        std::atomic<std::uint64_t> base;
-
+    /// Its base is written under the lock; relaxed for readers.
+    struct Count : ShortCount {
         std::uint64_t sinceReset() const noexcept {
             // The base first: a reset that comes in between is not seen then.
             const std::uint64_t before = base.load(std::memory_order_relaxed);
@@ -36,6 +28,8 @@ class CountTable {
             base.store(count.load(std::memory_order_relaxed), std::memory_order_relaxed);
         }
     };
+
+    static_assert(sizeof(Count) == sizeof(ShortCount), "a row of them is one of short counts");
 
     explicit CountTable(const void* thread) noexcept : thread_(thread) {}
     ~CountTable();
@@ -59,9 +53,13 @@ class CountTable {
         Count* const known = words.empty() ? plain_.find(instrument->id) : find(instrument, words);
         if (!known || !known->instrument.load(std::memory_order_relaxed)) [[unlikely]]
             return false;
-        countIn(*known);
+        known->countOne();
         return true;
     }
+
+    /// Those without context, by the instrument's number; null when the system gives no memory. On
+    /// the table's thread.
+    ShortCount* plainCounts() noexcept { return plain_.provide(0) ? plain_.find(0) : nullptr; }
 
     /// Calls visit(instrument, words, Count&) for each count. From any thread.
     template <class Visit>
@@ -105,10 +103,6 @@ class CountTable {
         Block* before;
     };
 
-    static void countIn(Count& count) noexcept {
-        count.count.store(count.count.load(std::memory_order_relaxed) + 1,
-                          std::memory_order_relaxed);
-    }
     static std::uint32_t hashOf(const Opaque* instrument, ContextWords words) noexcept {
         std::uint64_t hash = instrument->id + 1;
         for (const std::uint64_t word : words)
@@ -153,7 +147,7 @@ class CountTable {
     std::uint64_t* freeWords_ = nullptr;
     std::uint64_t* endOfWords_ = nullptr;
     /// Without context, by the instrument's number. Those beyond are in the hash table.
-    MappedChunks<Count, 2048, 512> plain_;
+    MappedChunks<Count, ShortOperations::counts, 512> plain_;
 };
 
 }  // namespace instrument::detail

@@ -62,16 +62,24 @@ class CounterCore {
     static std::string_view nameOf(const Opaque& instrument) noexcept {
         return {instrument.name, instrument.nameLength};
     }
+    static void* tableOf(void* self, const ListenerSlot* slots) noexcept {
+        return static_cast<CounterCore*>(self)->tables_.known(slots);
+    }
     /// Where the same was counted before.
-    static bool countShortly(void* self, const ShortEdge& edge) noexcept {
-        CountTable* const table = static_cast<CounterCore*>(self)->tables_.known(edge.slots);
-        return table && table->countAgain(edge.instrument, edge.context);
+    static bool countShortly(void* table, const Opaque* instrument, std::uint64_t, std::int64_t,
+                             ContextWords context) noexcept {
+        return static_cast<CountTable*>(table)->countAgain(instrument, context);
+    }
+    static ShortCount* countsOf(void* table) noexcept {
+        return static_cast<CountTable*>(table)->plainCounts();
     }
     static constexpr ShortOperations shortOperations{.needsTime = false,
                                                      .ignoresContext = false,
+                                                     .dataOf = tableOf,
                                                      .instant = countShortly,
                                                      .start = countShortly,
-                                                     .stop = nullptr};
+                                                     .stop = nullptr,
+                                                     .countsOf = countsOf};
 
     const InstrumentCounter& counter_;
     ThreadShards<CountTable> tables_;

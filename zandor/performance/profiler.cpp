@@ -4,6 +4,7 @@
 #include <map>
 
 #include "zandor/instrument/controls.hpp"
+#include "zandor/instrument/kept_context.hpp"
 #include "zandor/instrument/short_way.hpp"
 #include "zandor/performance/calling_context_tree.hpp"
 #include "zandor/performance/profile_table.hpp"
@@ -163,40 +164,28 @@ class ProfilerCore {
     }
 
     /// The calling thread's, where it is known: then it is that of its present source.
-    static CallingContextTree* treeOf(void* self, const ListenerSlot* slots) noexcept {
+    static void* treeOf(void* self, const ListenerSlot* slots) noexcept {
         return static_cast<ProfilerCore*>(self)->trees_.known(slots);
     }
-    static bool noteShortly(void* self, const ShortEdge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(self, edge.slots);
-        return tree && tree->hasFirstEvent();
+    static bool noteShortly(void* tree, const Opaque*, std::uint64_t, std::int64_t,
+                            ContextWords) noexcept {
+        return static_cast<CallingContextTree*>(tree)->hasFirstEvent();
     }
-    static bool startShortly(void* self, const ShortEdge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(self, edge.slots);
-        return tree && tree->start(edge.instrument, edge.serial, edge.time);
-    }
-    static bool stopShortly(void* self, const ShortEdge& edge) noexcept {
-        CallingContextTree* const tree = treeOf(self, edge.slots);
-        return tree && (tree->stop(edge.serial, edge.time), true);
-    }
-    static void* dataOf(void* self, const ListenerSlot* slots) noexcept {
-        return treeOf(self, slots);
-    }
-    static bool startPlain(void* tree, const Opaque* instrument, std::uint64_t serial,
-                           std::int64_t time) noexcept {
+    static bool startShortly(void* tree, const Opaque* instrument, std::uint64_t serial,
+                             std::int64_t time, ContextWords) noexcept {
         return static_cast<CallingContextTree*>(tree)->start(instrument, serial, time);
     }
-    static bool stopPlain(void* tree, std::uint64_t serial, std::int64_t time) noexcept {
+    static bool stopShortly(void* tree, const Opaque*, std::uint64_t serial, std::int64_t time,
+                            ContextWords) noexcept {
         static_cast<CallingContextTree*>(tree)->stop(serial, time);
         return true;
     }
-    static constexpr PlainOperations plainOperations{
-        .dataOf = dataOf, .start = startPlain, .stop = stopPlain};
     static constexpr ShortOperations shortOperations{.needsTime = true,
                                                      .ignoresContext = true,
+                                                     .dataOf = treeOf,
                                                      .instant = noteShortly,
                                                      .start = startShortly,
-                                                     .stop = stopShortly,
-                                                     .plain = &plainOperations};
+                                                     .stop = stopShortly};
 
     const InstrumentProfiler& profiler_;
     ThreadShards<CallingContextTree> trees_;

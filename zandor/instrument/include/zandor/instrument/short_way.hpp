@@ -3,7 +3,7 @@
 // While every listener that is registered has one (a recorder has its own), an edge that a thread
 // tells of its own event goes to them without an EventContext and without virtual calls:
 //
-//   const ShortOperations shortOperations{.needsTime = true, .start = ..., .stop = ...};
+//   const ShortOperations shortOperations{.dataOf = ..., .start = ..., .stop = ...};
 //
 //   class Totals : public InstrumentListener {
 //       ...
@@ -11,6 +11,7 @@
 //   };
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <span>
 
@@ -22,43 +23,49 @@ namespace instrument {
 
 class InstrumentListener;
 
-/// A start, a stop or an instant.
-struct ShortEdge {
-    const Opaque* instrument;
-    std::uint64_t serial;               ///< of the event, in the calling thread's own source
-    std::int64_t time;                  ///< of the monotonic clock
-    const detail::ListenerSlot* slots;  ///< what the thread keeps for listeners: see ListenerData
-    std::span<const std::uint64_t> context;  ///< as keepContext writes it
-};
+/// One thread's count of an instrument's starts and instants without context. All-zero is none.
+struct alignas(32) ShortCount {
+    /// Null: nothing is counted here. Written last, release; pairs with the acquire of readers.
+    /// Relaxed for the thread, which alone writes it.
+    std::atomic<const Opaque*> instrument;
+    /// Written by the thread alone. Relaxed: whoever has to see a count learned of its event
+    /// otherwise.
+    std::atomic<std::uint64_t> count;
+    /// What was counted before the last reset; the listener's.
+    std::atomic<std::uint64_t> base;
 
-/// What a listener does with starts and stops of events without context, once it knows the thread;
-/// instants without context are nothing to it then.
-struct PlainOperations {
-    /// What it keeps for the calling thread, to be given to the others until it forgets its data;
-    /// null where it does not know the thread yet. `self` is as in ShortOperations.
-    void* (*dataOf)(void* self, const detail::ListenerSlot* slots) noexcept;
-    // As those of ShortOperations.
-    bool (*start)(void* data, const Opaque* instrument, std::uint64_t serial,
-                  std::int64_t time) noexcept;
-    bool (*stop)(void* data, std::uint64_t serial, std::int64_t time) noexcept;
+    void countOne() noexcept {
+        count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
 };
 
 /// What a listener does with such edges instead of its own operations.
 struct ShortOperations {
-    /// Takes no lock that is held for long, calls no code of others, and tells whether it did all
-    /// that there is to do: where not, it has done nothing, and the listener's own operation is
-    /// called. `self` is what was given with the operations.
-    using Operation = bool (*)(void* self, const ShortEdge& edge) noexcept;
+    /// `data` is what dataOf gave; `serial` is the event's, in the calling thread's own source;
+    /// `time` is of the monotonic clock, and `context` as keepContext writes it. Takes no lock that
+    /// is held for long, calls no code of others, and tells whether it did all that there is to do:
+    /// where not, it has done nothing, and the listener's own operation is called.
+    using Operation = bool (*)(void* data, const Opaque* instrument, std::uint64_t serial,
+                               std::int64_t time, std::span<const std::uint64_t> context) noexcept;
 
     /// Else the time is 0, and no clock is read for it.
     bool needsTime = false;
     /// Whether it also takes edges whose context is there but not in `context`.
     bool ignoresContext = false;
+    /// What it keeps for the calling thread, which has these slots (see ListenerData); it is given
+    /// to the operations until the listener forgets its data. Null where it does not know the
+    /// thread yet. `self` is what was given with the operations.
+    void* (*dataOf)(void* self, const detail::ListenerSlot* slots) noexcept;
     // Null where there is nothing to do.
     Operation instant = nullptr;
     Operation start = nullptr;
     Operation stop = nullptr;
-    const PlainOperations* plain = nullptr;  ///< null: it has none
+    /// Null, or gives a row of as many counts as `counts` says, by the instruments' numbers; null
+    /// for none. Where an instrument is in its place there, its starts and instants without context
+    /// are counted without a call; the listener's own operations put it there. `data` is what
+    /// dataOf gave; the row stays as long.
+    ShortCount* (*countsOf)(void* data) noexcept = nullptr;
+    static constexpr std::uint32_t counts = 2048;
 };
 
 /// Gives a listener a short way for as long as it lives. To be made by the listener's constructor:
