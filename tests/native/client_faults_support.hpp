@@ -1,5 +1,5 @@
-// Processes that die and stop at labelled instants. For one file of a program, which is built of
-// copies of the two sides whose test points act.
+// Processes that die and stop at labelled instants: programs of copies of the two sides whose test
+// points act, which each program defines.
 #pragma once
 
 #include <signal.h>
@@ -25,6 +25,11 @@ struct Fault {
 };
 inline Fault fault;
 
+inline void meet(const char* label) {
+    if (std::strcmp(label, fault.label) == 0 && fault.passes-- == 0)
+        kill(getpid(), fault.signal);
+}
+
 class FaultyClients : public ClientTest {
   protected:
     ~FaultyClients() override { fault = {}; }
@@ -37,9 +42,3 @@ class FaultyClients : public ClientTest {
 };
 
 }  // namespace client_tests
-
-extern "C" [[gnu::used]] inline void zandor_test_point(const char* label) {
-    using client_tests::fault;
-    if (std::strcmp(label, fault.label) == 0 && fault.passes-- == 0)
-        kill(getpid(), fault.signal);
-}

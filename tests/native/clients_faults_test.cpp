@@ -12,6 +12,10 @@
 #include "zandor/performance/external_socket.hpp"
 #include "zandor/runtime/sanitizers.hpp"
 
+extern "C" void zandor_test_point(const char* label) {
+    client_tests::meet(label);
+}
+
 namespace client_tests {
 namespace {
 

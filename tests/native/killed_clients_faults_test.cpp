@@ -5,6 +5,10 @@
 
 #include "client_faults_support.hpp"
 
+extern "C" void zandor_test_point(const char* label) {
+    client_tests::meet(label);
+}
+
 namespace client_tests {
 namespace {
 

@@ -7,6 +7,10 @@
 #include "client_faults_support.hpp"
 #include "rogue_client.hpp"
 
+extern "C" void zandor_test_point(const char* label) {
+    client_tests::meet(label);
+}
+
 namespace client_tests {
 namespace {
 

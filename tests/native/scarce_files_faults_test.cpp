@@ -5,7 +5,8 @@
 #include <sys/resource.h>
 
 #include "client_faults_support.hpp"
-#include "zandor/client/test_point.h"
+#include "zandor/client/packets.hpp"
+#include "zandor/client/wire.hpp"
 #include "zandor/performance/external_client.hpp"
 #include "zandor/performance/external_socket.hpp"
 #include "zandor/runtime/sanitizers.hpp"
@@ -15,7 +16,7 @@ namespace {
 
 std::atomic<int> connections{0};
 
-}
+}  // namespace
 }  // namespace client_tests
 
 extern "C" void zandor_test_point(const char* label) {
@@ -28,6 +29,7 @@ namespace {
 
 using instrument::detail::ExternalSocket;
 using instrument::detail::FileDescriptor;
+namespace wire = zandor::client::wire;
 using zandor::client::Receipt;
 using zandor::client::receivePacket;
 
