@@ -88,7 +88,9 @@ class OpenRun {
         if (closed_ < 32 || closed_ * 2 < size_)
             return;
         const std::span<Entry> entries = std::span(entries_).first(size_);
-        size_ -= std::ranges::remove_if(entries, &Entry::closed).size();
+        const auto isClosed = [](const Entry& entry) { return entry.closed; };
+        const auto end = std::remove_if(entries.begin(), entries.end(), isClosed);
+        size_ = static_cast<std::size_t>(end - entries.begin());
         closed_ = 0;
     }
 
