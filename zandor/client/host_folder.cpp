@@ -3,16 +3,10 @@
 #include <dirent.h>
 #include <string.h>
 #include <sys/inotify.h>
-#include <sys/stat.h>
 
 namespace zandor::client {
 
 namespace {
-
-bool isGone(int folder) noexcept {
-    struct stat status;
-    return fstat(folder, &status) != 0 || status.st_nlink == 0;
-}
 
 int watchFolder(int folder) noexcept {
     const int watch = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
@@ -26,53 +20,53 @@ int watchFolder(int folder) noexcept {
     return -1;
 }
 
+/// Whether the folder that is watched is where it was, as far as the kernel tells.
+bool isInPlace(const inotify_event& notice) noexcept {
+    return (notice.mask & (IN_IGNORED | IN_MOVE_SELF | IN_Q_OVERFLOW)) == 0;
+}
+
 }  // namespace
 
 HostFolder::~HostFolder() {
-    forget();
+    endWatch();
 }
 
-void HostFolder::forget() noexcept {
+void HostFolder::endWatch() noexcept {
     if (watch_ >= 0)
         close(watch_);
-    if (folder_ >= 0)
-        close(folder_);
-    watch_ = folder_ = -1;
-}
-
-void HostFolder::find() noexcept {
-    if (folder_ >= 0 && isGone(folder_))
-        forget();
-    if (folder_ < 0)
-        folder_ = openRuntimeFolder(candidates_);
-    // Before the folder is read: no socket comes unseen between the two.
-    if (folder_ >= 0 && watch_ < 0)
-        watch_ = watchFolder(folder_);
+    watch_ = -1;
 }
 
 void HostFolder::takeNotice() noexcept {
     alignas(inotify_event) char notices[4096];
-    while (::read(watch_, notices, sizeof notices) > 0) {
-    }
+    bool isStill = true;
+    for (ssize_t got = 0; (got = ::read(watch_, notices, sizeof notices)) > 0;)
+        for (ssize_t at = 0; at < got;) {
+            const auto& notice = *reinterpret_cast<const inotify_event*>(notices + at);
+            isStill = isStill && isInPlace(notice);
+            at += static_cast<ssize_t>(sizeof notice + notice.len);
+        }
+    if (!isStill)
+        endWatch();
     isToBeRead_ = hasNews_ = true;
 }
 
 void HostFolder::visitAll(Visitor visit, void* context) noexcept {
     isToBeRead_ = hasNews_ = false;
-    find();
-    if (folder_ < 0)
-        return;
-    const int copy = openat(folder_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    DIR* const entries = copy < 0 ? nullptr : fdopendir(copy);
+    const int folder = openRuntimeFolder(candidates_);
+    // Before the folder is read: no socket comes unseen between the two.
+    if (folder >= 0 && watch_ < 0)
+        watch_ = watchFolder(folder);
+    DIR* const entries = folder < 0 ? nullptr : fdopendir(folder);
     if (!entries) {
-        if (copy >= 0)
-            close(copy);
+        if (folder >= 0)
+            close(folder);
         askAgain();
         return;
     }
     while (const dirent* entry = readdir(entries))
         if (strncmp(entry->d_name, hostPrefix, sizeof hostPrefix - 1) == 0)
-            visit(context, folder_, entry->d_name);
+            visit(context, folder, entry->d_name);
     closedir(entries);
 }
 

@@ -5,7 +5,8 @@
 
 namespace zandor::client {
 
-/// Watched by notices of the kernel where it gives them, else read again and again.
+/// Watched by notices of the kernel where it gives them, else read again and again. It is open only
+/// while it is read: the kernel would not tell of the removal of an open one.
 class HostFolder {
   public:
     explicit HostFolder(const RuntimeFolders& candidates) noexcept : candidates_(candidates) {}
@@ -14,7 +15,7 @@ class HostFolder {
     HostFolder& operator=(const HostFolder&) = delete;
 
     bool isToBeRead() const noexcept { return isToBeRead_; }
-    bool isWatched() const noexcept { return watch_ >= 0 && folder_ >= 0; }
+    bool isWatched() const noexcept { return watch_ >= 0; }
     /// To be polled; -1 where there is none.
     int watch() const noexcept { return watch_; }
     /// Takes what the watch has to say.
@@ -35,11 +36,9 @@ class HostFolder {
   private:
     using Visitor = void (*)(void* context, int folder, const char* name);
     void visitAll(Visitor visit, void* context) noexcept;
-    void find() noexcept;
-    void forget() noexcept;
+    void endWatch() noexcept;
 
     const RuntimeFolders& candidates_;
-    int folder_ = -1;
     int watch_ = -1;
     bool isToBeRead_ = true;
     bool hasNews_ = true;
