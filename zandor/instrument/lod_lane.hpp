@@ -1,8 +1,10 @@
 // One row of a timeline, with no more detail than a screen can show.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <vector>
 
 #include "lod_event.hpp"
@@ -21,7 +23,39 @@ struct LodSlice {
     std::uint32_t events = 1;  ///< no more than 2^32 - 1 are counted
     std::uint32_t marks = 0;   ///< as LodEvent has them, of any
 
-    ZANDOR_INSTRUMENT_API static LodSlice of(const LodEvent& event) noexcept;
+    static LodSlice of(const LodEvent& event) noexcept {
+        const std::uint64_t width = distance(event.start, event.end);
+        return {event.start, event.end, event.serial, width, width, event.name, 1, event.marks};
+    }
+    bool isNarrow(int shift) const noexcept {
+        return distance(begin, end) < std::uint64_t{1} << shift;
+    }
+    /// Adds the neighbour behind it.
+    void merge(const LodSlice& next) noexcept {
+        vote(next);
+        end = next.end;
+        busy += next.busy;
+        marks |= next.marks;
+        constexpr std::uint64_t most = std::numeric_limits<std::uint32_t>::max();
+        events = static_cast<std::uint32_t>(std::min(std::uint64_t{events} + next.events, most));
+    }
+
+  private:
+    static std::uint64_t distance(std::int64_t from, std::int64_t to) noexcept {
+        return static_cast<std::uint64_t>(to) - static_cast<std::uint64_t>(from);
+    }
+    // Weighted majority vote: its outcome does not depend on how the slices were merged before, as
+    // far as a name with more than half of the time goes.
+    void vote(const LodSlice& next) noexcept {
+        if (name == next.name) {
+            lead += next.lead;
+        } else if (lead >= next.lead) {
+            lead -= next.lead;
+        } else {
+            lead = next.lead - lead;
+            name = next.name;
+        }
+    }
 };
 
 /// Slices of one row: they do not overlap. Those narrower than a cell, 2^shift nanoseconds, are
@@ -32,7 +66,18 @@ class ZANDOR_INSTRUMENT_API LodLane {
     static constexpr int largestShift = 62;
 
     /// What begins before the last one's end is cut.
-    void add(LodSlice slice, int shift);
+    void add(LodSlice slice, int shift) {
+        if (!slices_.empty()) {
+            slice.begin = std::max(slice.begin, slices_.back().end);
+            slice.end = std::max(slice.begin, slice.end);
+        }
+        const bool narrow = slice.isNarrow(shift);
+        if (mayGrow_ && narrow && slices_.back().begin >> shift == slice.begin >> shift)
+            slices_.back().merge(slice);
+        else
+            slices_.push_back(slice);
+        mayGrow_ = narrow;
+    }
     /// Merges what is too narrow for wider cells.
     void coarsen(int shift);
     std::size_t size() const noexcept { return slices_.size(); }

@@ -51,6 +51,11 @@ void TraceWriter::records(const TraceStretch& stretch, std::span<const Word> rec
     block(TraceBlock::records, bytesOf(stretch), std::as_bytes(std::span(cleaned_)));
 }
 
+void TraceWriter::recordsOfOneSource(const TraceStretch& stretch, std::span<const Word> records) {
+    outline_.add(stretch, records);
+    block(TraceBlock::records, bytesOf(stretch), std::as_bytes(records));
+}
+
 void TraceWriter::lost(std::span<const LostRange> ranges) {
     if (!ranges.empty())
         block(TraceBlock::lost, std::as_bytes(ranges));

@@ -27,6 +27,8 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
     void journal(std::span<const std::byte> entries);
     /// Records; what source records have of this process's memory is left out.
     void records(const TraceStretch& stretch, std::span<const Word> records);
+    /// The same of whole records, of which none is a source record.
+    void recordsOfOneSource(const TraceStretch& stretch, std::span<const Word> records);
     void lost(std::span<const LostRange> ranges);
     /// A stream of samples of the process, if there are any.
     void lines(Bytes stream);
