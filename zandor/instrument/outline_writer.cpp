@@ -37,20 +37,12 @@ OutlineWriter::Rows& OutlineWriter::rowsOf(Key key) {
 }
 
 void OutlineWriter::addRecord(const Record& record) {
-    const auto time = static_cast<std::int64_t>(record.time);
-    LodEvent event{time, time, record.id.serialId, record.instrument, 0, 0};
     switch (record.kind) {
         case RecordKind::start:
-            ++events_;
-            latest_ = time;
-            source_ = record.source;
-            if (open_.size() < mostOpen)
-                open_.push_back({event, record.timed});
+            begin(record);
             break;
         case RecordKind::instant:
-            ++events_;
-            event.marks = LodEvent::isInstant;
-            put(rowsOf({record.source, record.timed}).instants, event);
+            addInstant(record);
             break;
         case RecordKind::stop:
         case RecordKind::foreignStop:
@@ -66,6 +58,26 @@ void OutlineWriter::addRecord(const Record& record) {
     }
 }
 
+void OutlineWriter::begin(const Record& start) {
+    ++events_;
+    latest_ = static_cast<std::int64_t>(start.time);
+    source_ = start.source;
+    if (open_.size() >= mostOpen)
+        return;
+    Open& open = open_.emplace_back();
+    open.event.start = open.event.end = latest_;
+    open.event.serial = start.id.serialId;
+    open.event.name = start.instrument;
+    open.timed = start.timed;
+}
+
+void OutlineWriter::addInstant(const Record& instant) {
+    ++events_;
+    const auto time = static_cast<std::int64_t>(instant.time);
+    put(rowsOf({instant.source, instant.timed}).instants,
+        {time, time, instant.id.serialId, instant.instrument, 0, LodEvent::isInstant});
+}
+
 void OutlineWriter::finish(const Record& stop) {
     if (stop.id.sourceId != source_)
         return;
@@ -74,12 +86,12 @@ void OutlineWriter::finish(const Record& stop) {
         --place;
     if (place == 0 || open_[place - 1].event.serial != stop.id.serialId)
         return;
-    Open open = open_[--place];
-    open_.erase(open_.begin() + static_cast<std::ptrdiff_t>(place));
+    Open& open = open_[--place];
     latest_ = static_cast<std::int64_t>(stop.time);
     open.event.end = latest_;
-    if (place == open_.size() && open.timed == stop.timed)
+    if (place + 1 == open_.size() && open.timed == stop.timed)
         putNested({source_, open.timed}, place, open.event);
+    open_.erase(open_.begin() + static_cast<std::ptrdiff_t>(place));
 }
 
 /// What is open has not ended, or by another thread.

@@ -41,12 +41,14 @@ class ZANDOR_INSTRUMENT_API OutlineWriter {
     /// One that is open.
     struct Open {
         LodEvent event;
-        bool timed;
+        bool timed = false;
     };
     using Key = std::pair<std::uint64_t, bool>;  // source, timed
 
     Rows& rowsOf(Key key);
     void addRecord(const Record& record);
+    void begin(const Record& start);
+    void addInstant(const Record& instant);
     void finish(const Record& stop);
     void put(LodLane& lane, const LodEvent& event);
     void putNested(Key key, std::size_t place, const LodEvent& event);
