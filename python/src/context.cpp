@@ -35,9 +35,8 @@ bool asContextInteger(PyObject* integer, ContextValue& value) {
 }  // namespace
 
 bool asContextNumber(PyObject* object, ContextValue& value) {
-    // Asking for derived types costs a call where the type is another.
-    if (PyLong_CheckExact(object))
-        return asContextInteger(object, value);
+    if (asFrequentNumber(object, value)) [[likely]]
+        return true;
     if (PyFloat_Check(object)) {
         value = ContextValue(PyFloat_AS_DOUBLE(object));
         return true;

@@ -15,6 +15,29 @@ namespace vantrace {
 /// bool, int of 64 bits, float: as they are. False for other objects.
 bool asContextNumber(PyObject* object, instrument::ContextValue& value);
 
+/// An int of a machine word, as most are, or a float: without a call. False for other objects.
+inline bool asFrequentNumber(PyObject* object, instrument::ContextValue& value) noexcept {
+    if (PyFloat_CheckExact(object)) {
+        value = instrument::ContextValue(PyFloat_AS_DOUBLE(object));
+        return true;
+    }
+#if PY_VERSION_HEX < 0x030c0000
+    if (PyLong_CheckExact(object)) {
+        // So many digits, and with the sign of the number.
+        const Py_ssize_t size = Py_SIZE(object);
+        if (size < -1 || size > 1)
+            return false;
+        const auto digit =
+            size == 0
+                ? 0
+                : static_cast<long long>(reinterpret_cast<PyLongObject*>(object)->ob_digit[0]);
+        value = instrument::ContextValue(size < 0 ? -digit : digit);
+        return true;
+    }
+#endif
+    return false;
+}
+
 /// Whether all of these values are immutable objects that context is made of without running code.
 bool areAtoms(PyObject* const* values, std::size_t count) noexcept;
 

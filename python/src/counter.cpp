@@ -15,7 +15,9 @@ namespace {
 /// Integers beyond 64 bits, and what has only __float__ or __index__, as reals.
 ContextValue valueOf(PyObject* number) {
     ContextValue value;
-    if (!PyBool_Check(number) && asContextNumber(number, value)) [[likely]]
+    if (asFrequentNumber(number, value)) [[likely]]
+        return value;
+    if (!PyBool_Check(number) && asContextNumber(number, value))
         return value;
     const double real = intoPython([&] { return PyFloat_AsDouble(number); });
     if (real == -1 && PyErr_Occurred())

@@ -6,6 +6,7 @@
 
 #include "errors.hpp"
 #include "event.hpp"
+#include "kept_error.hpp"
 #include "open_event.hpp"
 
 namespace vantrace {
@@ -17,6 +18,7 @@ namespace {
 
 struct EventFunctionObject {
     PyObject_HEAD vectorcallfunc call;
+    const instrument::Opaque* plain;  ///< the event's instrument; null where it has a context
     PyObject* event;
     PyObject* function;
     PyObject* attributes;  ///< __dict__
@@ -31,22 +33,25 @@ EventFunctionObject& functionOf(PyObject* self) noexcept {
     return *reinterpret_cast<EventFunctionObject*>(self);
 }
 
+/// Ends the event of a function that raised an exception, which is the one to hear about.
+[[gnu::noinline]] void stopFailed(const instrument::Opaque* instrument, ContextArgs context,
+                                  EventId id) {
+    const KeptError error;
+    guardedStatus([&] { stopEvent(instrument, context, id); });
+}
+
 /// Ends the event. Gives null, and drops the result, where a listener threw and the function did
 /// not.
-PyObject* finish(const EventParts& event, ContextArgs context, EventId id, PyObject* result) {
-    if (result) {
-        const int status = guardedStatus([&] { stopEvent(event.instrument, context, id); });
-        if (status < 0)
-            Py_CLEAR(result);
-        return result;
+PyObject* finish(const instrument::Opaque* instrument, ContextArgs context, EventId id,
+                 PyObject* result) {
+    if (!result) [[unlikely]] {
+        stopFailed(instrument, context, id);
+        return nullptr;
     }
-    PyObject* type = nullptr;
-    PyObject* value = nullptr;
-    PyObject* traceback = nullptr;
-    PyErr_Fetch(&type, &value, &traceback);
-    guardedStatus([&] { stopEvent(event.instrument, context, id); });
-    PyErr_Restore(type, value, traceback);
-    return nullptr;
+    const int status = guardedStatus([&] { stopEvent(instrument, context, id); });
+    if (status < 0) [[unlikely]]
+        Py_CLEAR(result);
+    return result;
 }
 
 /// The arguments of a call, as the interpreter gives them.
@@ -61,16 +66,16 @@ struct Call {
     }
 };
 
-PyObject* callPlainly(PyObject* function, const EventParts& event, const Call& call) {
-    const EventId id = startEvent(event.instrument);
-    return finish(event, {}, id, call.of(function));
+PyObject* callPlainly(const EventFunctionObject& function, const Call& call) {
+    const EventId id = startEvent(function.plain);
+    return finish(function.plain, {}, id, call.of(function.function));
 }
 
-[[gnu::noinline]] PyObject* callWithContext(PyObject* function, const EventParts& event,
-                                            const Call& call) {
+[[gnu::noinline]] PyObject* callWithContext(const EventFunctionObject& function, const Call& call) {
+    const EventParts event = partsOf(function.event);
     const CallContext given(event.values, event.names);
     const EventId id = startEvent(event.instrument, given.args());
-    return finish(event, given.args(), id, call.of(function));
+    return finish(event.instrument, given.args(), id, call.of(function.function));
 }
 
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndFlag,
@@ -78,14 +83,10 @@ PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndF
     const EventFunctionObject& function = functionOf(self);
     if (!instrument::listeners.anyActive())
         return PyObject_Vectorcall(function.function, arguments, countAndFlag, names);
+    // Where it gives null, the exception is set, as where something throws.
     return guarded([&] {
-        const EventParts event = partsOf(function.event);
         const Call given{arguments, countAndFlag, names};
-        PyObject* result = event.names ? callWithContext(function.function, event, given)
-                                       : callPlainly(function.function, event, given);
-        if (!result)
-            throw PythonError();
-        return result;
+        return function.plain ? callPlainly(function, given) : callWithContext(function, given);
     });
 }
 
@@ -247,6 +248,8 @@ PyObject* make(PyObject* type, PyObject* arguments, const char* format) {
         Ref object = Ref::take(asType(type)->tp_alloc(asType(type), 0));
         EventFunctionObject& self = functionOf(object.get());
         self.call = call;
+        const EventParts parts = partsOf(event);
+        self.plain = parts.names ? nullptr : parts.instrument;
         self.event = Py_NewRef(event);
         self.function = Py_NewRef(function);
         return object.release();

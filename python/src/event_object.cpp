@@ -71,8 +71,8 @@ EventObject* makeEvent(PyTypeObject* type, vectorcallfunc call, const Opaque* in
 
 /// A float, or an int of 64 bits: numbers of which nobody can tell one object from another.
 bool asPlainNumber(PyObject* object, instrument::ContextValue& value) {
-    return (PyFloat_CheckExact(object) || PyLong_CheckExact(object)) &&
-           asContextNumber(object, value);
+    return asFrequentNumber(object, value) ||
+           (PyLong_CheckExact(object) && asContextNumber(object, value));
 }
 
 /// Numbers in the place of those that the context had.
