@@ -95,7 +95,7 @@ class _Wheel:
 
     def add_package(self, folder):
         for path in sorted(folder.rglob("*")):
-            if path.is_file():
+            if path.is_file() and path.suffix != ".pyc":  # pip makes those where it installs
                 self._add(path.relative_to(folder).as_posix(), path.read_bytes())
 
     def add_libraries(self, folder):

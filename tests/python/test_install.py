@@ -1,8 +1,11 @@
 """What is installed serves from any folder: CMake projects, pkg-config, pip and Debian packages."""
 
+import importlib.util
+import marshal
 import os
 import re
 import shutil
+import struct
 import subprocess
 import sys
 from pathlib import Path
@@ -55,6 +58,16 @@ def check(*command, **options):
     )
     assert done.returncode == 0, done.stdout + done.stderr
     return done.stdout
+
+
+def byte_code_of(package):
+    """What the interpreter reads instead of a package's files, where it is as new as they are."""
+    for path in sorted(package.rglob("*.py")):
+        compiled = Path(importlib.util.cache_from_source(path))
+        content = compiled.read_bytes()
+        _, flags, modified, size = struct.unpack_from("<4sIII", content)
+        assert (flags, modified, size) == (0, int(path.stat().st_mtime), path.stat().st_size)
+        yield path, marshal.loads(content[16:])
 
 
 @pytest.fixture(name="outside")
@@ -129,9 +142,17 @@ def test_the_debian_package_runs_where_it_is_unpacked(tmp_path, outside):
         env=outside | {"PYTHONPATH": str(root / "usr/lib/python3/dist-packages")},
     )
     assert found.startswith(str(root))
+    for path, code in byte_code_of(Path(found.strip()).parent):
+        assert code.co_filename == f"/{path.relative_to(root)}"
     types = {path.name for path in Path(found.strip()).parent.glob("*.pyi")}
     assert {"__init__.pyi", "_published.pyi"} <= types
     assert check(root / "usr/bin/vantrace", "--version", env=outside).startswith("vantrace ")
+
+
+def test_the_package_is_installed_with_its_byte_code():
+    package = Path(vantrace.__file__).parent
+    files = {path.name: code.co_filename for path, code in byte_code_of(package)}
+    assert files["_record.py"] == str(package / "_record.py")
 
 
 def test_importing_prints_nothing(tmp_path):
