@@ -11,6 +11,7 @@ import sys
 from pathlib import Path
 
 from vantrace import _core, host
+from vantrace._argument_names import argument_names
 
 HEAD = """\
 # Made from the published tree. No module of this name runs.
@@ -68,8 +69,9 @@ def result_type(method):
 
 
 def call_signature(name, method):
-    numbered = [f"arg{number}: {kind}" for number, kind in enumerate(argument_types(method), 1)]
-    return f"def {name}({', '.join(['self', *numbered, '/'])}) -> {result_type(method)}"
+    types = zip(argument_names(method), argument_types(method))
+    named = [f"{argument}: {kind}" for argument, kind in types]
+    return f"def {name}({', '.join(['self', *named, '/'])}) -> {result_type(method)}"
 
 
 def method_lines(method):

@@ -2,6 +2,8 @@
 
 from inspect import Parameter, Signature
 
+from ._argument_names import argument_names
+
 _ARGUMENTS = {
     "logical scalar": bool,
     "int32 scalar": int,
@@ -16,14 +18,12 @@ _RESULTS = _ARGUMENTS | {"void": None, "any": Signature.empty}
 
 
 def signature(method):
-    """Positional arguments, named by nothing but their order."""
+    """Of positional arguments: a published method takes none by their names."""
     parameters = [
         Parameter(
-            f"arg{number}",
-            Parameter.POSITIONAL_ONLY,
-            annotation=_ARGUMENTS.get(data_type, data_type),
+            name, Parameter.POSITIONAL_ONLY, annotation=_ARGUMENTS.get(data_type, data_type)
         )
-        for number, data_type in enumerate(method.inputs, 1)
+        for name, data_type in zip(argument_names(method), method.inputs)
     ]
     [result] = method.outputs or ["void"]
     return Signature(parameters, return_annotation=_RESULTS.get(result, result))

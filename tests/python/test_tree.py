@@ -2,12 +2,13 @@
 
 import inspect
 import json
+import operator
 import pydoc
 
 import pytest
 
 from conftest import run_python
-from vantrace import host, performance
+from vantrace import _core, host, performance
 
 TEXT, LIST, UNSIGNED = "char", "KobsFactoryString vector", "uint64 scalar"
 LOGICAL, REAL, INTEGER = "logical scalar", "double scalar", "int32 scalar"
@@ -298,6 +299,7 @@ def test_methods_tell_their_signature():
     parameters = inspect.signature(method).parameters.values()
     assert [p.kind for p in parameters] == [inspect.Parameter.POSITIONAL_ONLY] * 2
     assert [p.annotation for p in parameters] == [str, "list[str]"]
+    assert [p.name for p in parameters] == ["name", "context"]
     assert inspect.signature(performance.instrument.recorder.start).return_annotation is None
 
 
@@ -308,6 +310,33 @@ def test_every_method_has_a_signature_and_help():
     text = pydoc.render_doc(method, renderer=pydoc.plaintext)
     assert "getModuleList() -> 'list[str]'" in text or "getModuleList()" in text
     assert "getModuleList() -> KobsFactoryString vector" in text
+
+
+@pytest.mark.parametrize(
+    "path, arguments",
+    [
+        ("instrument.instruments.stopEvent", ["name", "context", "sourceId", "serialId"]),
+        ("utils.queueSleepTask", ["milliseconds"]),
+        ("cooperativeTaskManager.process", ["microseconds"]),
+    ],
+)
+def test_signatures_name_the_arguments(path, arguments):
+    method = operator.attrgetter(path)(performance)
+    assert list(inspect.signature(method).parameters) == arguments
+    text = pydoc.render_doc(method, renderer=pydoc.plaintext)
+    assert f"{method.__name__}({arguments[0]}: " in text
+
+
+def test_no_argument_of_ours_is_known_by_its_order_alone():
+    def methods_below(namespace):
+        yield from namespace.methods()
+        for child in namespace.namespaces():
+            yield from methods_below(child)
+
+    [root] = [root for root in _core.roots() if root.name == "performance"]
+    signatures = [inspect.signature(method) for method in methods_below(root)]
+    assert sum(len(signature.parameters) for signature in signatures) > 40
+    assert not [s for s in signatures if any(name.startswith("arg") for name in s.parameters)]
 
 
 def test_help_of_a_namespace_lists_its_members():
