@@ -55,6 +55,7 @@ class record:
         self.path = None if path is None else os.fspath(path)
         if path is not None:
             writer(self.path)
+        self._kind = {"keep": keep, "exact": exact, "functions": functions, "c_calls": c_calls}
         self._recorder = Recorder(max_bytes=max_bytes, keep=keep, folder=folder)
         self._totals = None
         if exact:
@@ -103,6 +104,11 @@ class record:
                 raise
             # The block's own exception is the one to hear about.
             error.add_note(f"vantrace: the trace was not written: {failure}")
+
+    def _like(self, **options):
+        """Another one that records in the same way, whatever it takes for an event, in memory of its
+        own."""
+        return record(**self._kind | options)
 
     def _stop_listening(self):
         if self._lines:

@@ -215,7 +215,8 @@ class _Report:
         if not self._table or self._is_part():
             return losses(self._recording)
         style = style_of(self._stderr)
-        found = list(lines(self._recording, duration, cpu_time, self._options, style))
+        listeners = self._options.listeners()
+        found = list(lines(self._recording, duration, cpu_time, self._options, style, listeners))
         try:
             os.unlink(os.path.join(self._folder, _UNSAID))
         except FileNotFoundError:

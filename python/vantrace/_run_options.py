@@ -40,6 +40,12 @@ class RunOptions:
         """Whether any other option than that one was given."""
         return vars(self) != vars(RunOptions()) | {name: getattr(self, name)}
 
+    def listeners(self):
+        """The published listeners that hear the events, too, but for the logger: what that costs is
+        the printing."""
+        asked = {"counter": self.count, "profiler": self.profile}
+        return [name for name, is_asked in asked.items() if is_asked]
+
     def recording(self):
         """What vantrace.record takes of these."""
         return {

@@ -50,13 +50,14 @@ def _has_colours(stream):
     return is_terminal and not os.environ.get("NO_COLOR") and os.environ.get("TERM") != "dumb"
 
 
-def lines(recording, duration, cpu_time, options, style):
+def lines(recording, duration, cpu_time, options, style, listeners=()):
     """The lines for a recording that lasted so many nanoseconds, and took so many of CPU time.
 
-    `recording` is a vantrace.record, or tells the same; without a CPU time that is left out.
+    `recording` is a vantrace.record, or tells the same; without a CPU time that is left out. The
+    listeners are published ones that heard the events, too.
     """
     rows = sorted_rows(recording, options)
-    yield from head(recording, rows, duration, cpu_time)
+    yield from head(recording, rows, duration, cpu_time, listeners)
     shown = rows[: options.top or None]
     if rows:
         yield from aligned(list(cells(recording, shown, duration)), style)
@@ -68,7 +69,7 @@ def sorted_rows(recording, options):
     return sorted(recording.summary(), key=ORDERS[options.sort])
 
 
-def head(recording, rows, duration, cpu_time):
+def head(recording, rows, duration, cpu_time, listeners=()):
     """The lines above the table."""
     threads = len(recording.threads())
     calls = sum(row.count for row in rows)
@@ -77,7 +78,7 @@ def head(recording, rows, duration, cpu_time):
         f"{counted(calls, 'event')}"
     )
     if cpu_time is not None:
-        yield _cost_text(cpu_time, calls, recording.functions())
+        yield _cost_text(cpu_time, _cost_of(recording, calls, listeners))
     yield from _widest(rows)
 
 
@@ -95,13 +96,13 @@ def tail(recording, left_out, style=None):
     yield from losses(recording)
 
 
-def _cost_text(cpu_time, events, functions):
+def _cost_of(recording, events, listeners):
     from . import _cost
 
-    if functions:
-        cost = _cost.of_calls(events, functions["collapsed_calls"])
-    else:
-        cost = _cost.of_events(events)
+    return _cost.of_tracing(recording, events, listeners)
+
+
+def _cost_text(cpu_time, cost):
     return f"vantrace: {time_text(cpu_time)} CPU time, of that about {time_text(cost)} for tracing"
 
 
