@@ -46,13 +46,21 @@ template <RecordKind kind>
 // in them, so that they may be the last thing that is called.
 
 template <RecordKind kind>
+[[gnu::noinline]] void tellGenerally(ThreadState& state, InstrumentListener& listener) noexcept {
+    const LaneEdge& edge = state.laneListeners.edge;
+    tellGenerally<kind>(state, listener, edge.handle, edge.serial, edge.ticks, {});
+}
+
+/// What is kept over the calls is in the lane: there are few registers for it.
+template <RecordKind kind>
 [[gnu::always_inline]] inline void tellAllAndLeave(ThreadState& state, const Opaque* handle,
                                                    std::uint64_t serial,
                                                    std::uint64_t ticks) noexcept {
-    const std::int64_t time = timeOf(state, ticks);
+    LaneEdge& edge = state.laneListeners.edge;
+    edge = {handle, serial, ticks, timeOf(state, ticks)};
     for (const LaneCall* call = callsOf<kind>(state.laneListeners.ofPlain); call->tell; ++call)
-        if (!call->tell(call->data, handle, serial, time, {})) [[unlikely]]
-            tellGenerally<kind>(state, *call->listener, handle, serial, ticks, {});
+        if (!call->tell(call->data, edge.handle, edge.serial, edge.time, {})) [[unlikely]]
+            tellGenerally<kind>(state, *call->listener);
     leaveLane(state);
 }
 

@@ -54,12 +54,21 @@ struct LaneCalls {
     std::array<LaneCall, most + 1> instants;
 };
 
+/// An edge without context, while listeners are told of it.
+struct LaneEdge {
+    const Opaque* handle;
+    std::uint64_t serial;
+    std::uint64_t ticks;
+    std::int64_t time;
+};
+
 /// The listeners beside the recorder, which comes first, whenever it was registered: none of those
 /// that have a short way can tell.
 struct LaneListeners {
     /// Of edges without context; null where nobody counts.
     ShortCount* counts;
     InstrumentListener* counter;
+    LaneEdge edge;
     TickReader timeOf;
     LaneCalls ofPlain;  ///< but for the counter, where there are counts
     LaneCalls ofAny;

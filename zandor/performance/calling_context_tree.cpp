@@ -12,6 +12,8 @@ namespace {
 
 constexpr std::uint32_t deepest = 1024;
 constexpr std::size_t firstSlots = 1024;
+/// The word of the ground: no open call's, and not ended.
+constexpr std::uint64_t noCall = ~std::uint64_t{1};
 
 /// Relaxed: written by the tree's thread alone.
 template <class Number>
@@ -23,6 +25,7 @@ void increase(std::atomic<Number>& sum, Number by) noexcept {
 
 CallingContextTree::CallingContextTree(const Key& key) noexcept : key_(key), source_(key.source) {
     ground_.node.store(&root_, std::memory_order_relaxed);
+    ground_.word.store(noCall, std::memory_order_relaxed);
 }
 
 CallingContextTree::~CallingContextTree() {
@@ -41,54 +44,106 @@ void CallingContextTree::setSource(std::uint64_t source) noexcept {
     source_.store(source, std::memory_order_relaxed);
 }
 
+namespace {
+
+/// Whether children of it are in the tree's table.
+bool mayHaveInTable(const CallNode& parent) noexcept {
+    return parent.depth >= deepest || parent.childKeys.back() != 0;
+}
+
+/// Null where it is not among those that the parent has at hand.
+[[gnu::always_inline]] inline CallNode* childAtHand(const CallNode& parent,
+                                                    const Opaque* instrument) noexcept {
+    const std::uint32_t key = CallNode::keyOf(instrument);
+    for (std::size_t place = 0; place < CallNode::children; ++place)
+        if (parent.childKeys[place] == key) [[likely]]
+            return parent.childNodes[place];
+    return nullptr;
+}
+
+}  // namespace
+
+// Of the frequent edges all calls are the last thing that is done, so that nothing is kept over
+// one.
+
 bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
                                std::int64_t time) noexcept {
-    Frame* caller = top();
-    if (caller->isEnded()) [[unlikely]]
-        caller = popEnded();
-    if (caller == &ground_) [[unlikely]]
-        note(time);
-    Frame* const frame = above(caller);
-    if (!frame) [[unlikely]]
-        return false;
-    CallNode* const parent = frame->below->node.load(std::memory_order_relaxed);
-    CallNode* const node = childOf(parent, instrument, time);
+    Frame* const caller = top();
+    Frame* const frame = caller->above;
+    if (caller->isEnded() || !frame || (caller == &ground_ && !hasFirstEvent())) [[unlikely]]
+        return startGenerally(instrument, serial, time);
+    CallNode* const node = childAtHand(*caller->node.load(std::memory_order_relaxed), instrument);
     if (!node) [[unlikely]]
-        return false;
-    frame->isNested = node->isNested;
-    frame->isBelow = node->isBelow;
-    if (node->isBelow && node->all->openBelow++ > 0) [[unlikely]]
-        frame->isNested = true;
-    frame->inside = 0;
-    frame->start.store(time, std::memory_order_relaxed);
-    frame->node.store(node, std::memory_order_relaxed);
-    // Pairs with the acquire of those who take the call: with the word come start and node.
-    frame->word.store(serial << 1, std::memory_order_release);
-    top_.store(frame, std::memory_order_relaxed);
+        return startGenerally(instrument, serial, time);
+    frame->isBelow = false;
+    open(*frame, *node, serial, time);
     return true;
 }
 
-bool CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
+[[gnu::noinline]] bool CallingContextTree::startGenerally(const Opaque* instrument,
+                                                          std::uint64_t serial,
+                                                          std::int64_t time) noexcept {
+    Frame* const caller = popEnded();
+    if (caller == &ground_)
+        note(time);
+    Frame* const frame = above(caller);
+    if (!frame)
+        return false;
+    CallNode* const node =
+        childOf(*frame->below->node.load(std::memory_order_relaxed), instrument, time);
+    if (!node)
+        return false;
+    frame->isBelow = node->isBelow;
+    frame->isNested = node->isBelow && node->all->openBelow++ > 0;
+    open(*frame, *node, serial, time);
+    return true;
+}
+
+/// A call of the node, on top of the stack.
+[[gnu::always_inline]] inline void CallingContextTree::open(Frame& frame, CallNode& node,
+                                                            std::uint64_t serial,
+                                                            std::int64_t time) noexcept {
+    frame.inside = 0;
+    frame.start.store(time, std::memory_order_relaxed);
+    frame.node.store(&node, std::memory_order_relaxed);
+    // Pairs with the acquire of those who take the call: with the word come start and node.
+    frame.word.store(serial << 1, std::memory_order_release);
+    top_.store(&frame, std::memory_order_relaxed);
+}
+
+void CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
     Frame& frame = *top();
-    const bool isTop = frame.word.load(std::memory_order_relaxed) == serial << 1 && serial != 0;
-    if (!isTop || !takeOwn(frame, serial)) [[unlikely]]
+    if (frame.word.load(std::memory_order_relaxed) != serial << 1) [[unlikely]]
         return stopGenerally(serial, time);
+    if (!markOwn(frame, serial) || frame.isBelow) [[unlikely]]
+        return stopMarked(serial, time);
     end(frame, time);
     pop(frame);
-    return true;
+}
+
+/// Of the innermost call, which is marked as ended, and may have been taken.
+[[gnu::noinline]] void CallingContextTree::stopMarked(std::uint64_t serial,
+                                                      std::int64_t time) noexcept {
+    Frame& frame = *top();
+    if (wasTaken(frame, serial))
+        note(time);
+    else
+        end(frame, time);
+    popEnded();
 }
 
 /// Of a call that is not the innermost, is none, or is being taken.
-[[gnu::noinline]] bool CallingContextTree::stopGenerally(std::uint64_t serial,
+[[gnu::noinline]] void CallingContextTree::stopGenerally(std::uint64_t serial,
                                                          std::int64_t time) noexcept {
     note(time);
     Frame* const frame = frameOf(serial);
     const std::uint64_t open = serial << 1;
-    if (!frame || frame->word.load(std::memory_order_relaxed) != open || !takeOwn(*frame, serial))
-        return false;
+    if (!frame || frame->word.load(std::memory_order_relaxed) != open)
+        return;
+    if (!markOwn(*frame, serial) && wasTaken(*frame, serial))
+        return;
     end(*frame, time);
     popEnded();
-    return true;
 }
 
 /// The place above one; null when the system gives no memory. Where there is none but the lowest,
@@ -131,21 +186,21 @@ CallingContextTree::Frame* CallingContextTree::frameOf(std::uint64_t serial) noe
     return low < depth && serialAt(low) == serial ? &frames_[low] : nullptr;
 }
 
-/// Whoever takes a call counts it: its own thread, which saw it open, or another one.
-[[gnu::always_inline]] inline bool CallingContextTree::takeOwn(Frame& frame,
+/// Whoever takes a call counts it: its own thread, which saw it open, or another one. False where
+/// wasTaken has to tell.
+[[gnu::always_inline]] inline bool CallingContextTree::markOwn(Frame& frame,
                                                                std::uint64_t serial) noexcept {
     frame.word.store(serial << 1 | takenBit, std::memory_order_relaxed);
     // Pairs with the heavy fence in takeForeign: one of the two sees the other.
     lightFence();
     // Pairs with the release at the end of a take: then its mark is seen.
-    const std::uint64_t takes = takes_.load(std::memory_order_acquire);
-    return takes == takesSeen_ || !wasTaken(frame, serial);
+    return takes_.load(std::memory_order_acquire) == takesSeen_;
 }
 
 bool CallingContextTree::takeForeign(Frame& frame, std::uint64_t serial) noexcept {
     const Locked locked(takeLock_);
     takes_.fetch_add(1, std::memory_order_relaxed);
-    // Pairs with the light fence in takeOwn.
+    // Pairs with the light fence in markOwn.
     heavyFence();
     frame.takenSerial.store(serial, std::memory_order_relaxed);
     std::uint64_t open = serial << 1;
@@ -153,7 +208,7 @@ bool CallingContextTree::takeForeign(Frame& frame, std::uint64_t serial) noexcep
         frame.word.compare_exchange_strong(open, open | takenBit, std::memory_order_acq_rel);
     if (!taken)
         frame.takenSerial.store(0, std::memory_order_relaxed);
-    // Pairs with the acquire in takeOwn.
+    // Pairs with the acquire in markOwn.
     takes_.fetch_add(1, std::memory_order_release);
     return taken;
 }
@@ -181,7 +236,7 @@ std::optional<TakenCall> CallingContextTree::take(std::uint64_t serial) noexcept
 }
 
 bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noexcept {
-    CallNode* const node = childOf(&root_, call.instrument, call.start);
+    CallNode* const node = childOf(root_, call.instrument, call.start);
     if (!node)
         return false;
     count(*node, {stop - call.start, 0, call.isNested});
@@ -192,7 +247,9 @@ bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noex
                                                            std::int64_t time) noexcept {
     const std::int64_t duration = time - frame.start.load(std::memory_order_relaxed);
     frame.below->inside += duration;
-    count(*frame.node.load(std::memory_order_relaxed), {duration, frame.inside, frame.isNested});
+    CallNode& node = *frame.node.load(std::memory_order_relaxed);
+    const bool isNested = node.isNested || (frame.isBelow && frame.isNested);
+    count(node, {duration, frame.inside, isNested});
 }
 
 /// Takes the innermost call off the stack.
@@ -223,25 +280,16 @@ CallingContextTree::Frame* CallingContextTree::popEnded() noexcept {
     node.calls.store(node.calls.load(std::memory_order_relaxed) + 1, std::memory_order_release);
 }
 
-[[gnu::always_inline]] inline CallNode* CallingContextTree::childOf(CallNode* parent,
-                                                                    const Opaque* instrument,
-                                                                    std::int64_t start) noexcept {
-    const std::uint32_t key = CallNode::keyOf(instrument);
-    for (std::size_t place = 0; place < CallNode::children; ++place)
-        if (parent->childKeys[place] == key) [[likely]]
-            return parent->childNodes[place];
-    return findOrAdd(*parent, instrument, start);
-}
-
-/// Beyond the deepest level all are children of the path up to there.
-[[gnu::noinline]] CallNode* CallingContextTree::findOrAdd(CallNode& caller,
-                                                          const Opaque* instrument,
-                                                          std::int64_t start) noexcept {
-    if (caller.isBelow)
-        return childOf(caller.parent, instrument, start);
-    const bool mayBeKnown = caller.childKeys.back() != 0 && slots_;
-    CallNode* const known = mayBeKnown ? slotOf(keyOf(caller, instrument)).node : nullptr;
-    return known ? known : addNode(caller, instrument, start);
+/// Beyond the deepest level all are children of the path up to there. Null when the system gives no
+/// memory.
+CallNode* CallingContextTree::childOf(CallNode& caller, const Opaque* instrument,
+                                      std::int64_t start) noexcept {
+    CallNode& parent = caller.isBelow ? *caller.parent : caller;
+    if (CallNode* const known = childAtHand(parent, instrument))
+        return known;
+    const bool mayBeKnown = mayHaveInTable(parent) && slots_;
+    CallNode* const known = mayBeKnown ? slotOf(keyOf(parent, instrument)).node : nullptr;
+    return known ? known : addNode(parent, instrument, start);
 }
 
 bool isCalledBy(const CallNode& node, const Opaque* instrument) noexcept {
@@ -256,7 +304,7 @@ CallNode* CallingContextTree::addNode(CallNode& parent, const Opaque* instrument
     const std::uint32_t count = std::max(nodeCount_.load(std::memory_order_relaxed), 1u);
     const auto place = static_cast<std::size_t>(std::ranges::find(parent.childKeys, 0u) -
                                                 parent.childKeys.begin());
-    const bool isBeyond = place == CallNode::children;
+    const bool isBeyond = place == CallNode::children || mayHaveInTable(parent);
     if (!nodes_.provide(count) || (isBeyond && !provideSlot()))
         return nullptr;
     InstrumentCalls* const all = callsOf(instrument);

@@ -33,13 +33,15 @@ struct alignas(64) CallNode {
 
     // What a call from here looks at, in one line.
     const Opaque* instrument;
-    InstrumentCalls* all;
+    CallNode* parent;
     /// Its first children. Programs touch much memory between two calls, so that they are looked
-    /// for where the caller is; those beyond are in a table of the tree's.
+    /// for where the caller is; those beyond are in a table of the tree's, as are all that are
+    /// below its deepest level.
     std::array<std::uint32_t, children> childKeys;
     std::array<CallNode*, children> childNodes;
 
-    CallNode* parent;
+    // What a call of its own looks at when it ends, in one line.
+    InstrumentCalls* all;
     std::int64_t firstStart;
     /// Released when all else of the call is counted, acquired by readers: then it is there.
     /// Relaxed for the tree's thread.
@@ -59,7 +61,7 @@ struct alignas(64) CallNode {
     /// Of a child: never 0, which stands for none.
     static std::uint32_t keyOf(const Opaque* instrument) noexcept { return instrument->id + 1; }
 };
-static_assert(offsetof(CallNode, parent) == 64 && sizeof(CallNode) == 128);
+static_assert(offsetof(CallNode, all) == 64 && sizeof(CallNode) == 128);
 
 /// A call that ended.
 struct EndedCall {
@@ -119,8 +121,8 @@ class CallingContextTree {
 
     /// False when the system gives no memory: then the call does not count.
     bool start(const Opaque* instrument, std::uint64_t serial, std::int64_t time) noexcept;
-    /// False for a call that is not open here.
-    bool stop(std::uint64_t serial, std::int64_t time) noexcept;
+    /// Does nothing for a call that is not open here.
+    void stop(std::uint64_t serial, std::int64_t time) noexcept;
     /// Takes an open call out, from another thread.
     std::optional<TakenCall> take(std::uint64_t serial) noexcept;
     /// Counts a call that this thread took from another one.
@@ -162,8 +164,8 @@ class CallingContextTree {
         std::atomic<CallNode*> node;
         std::atomic<std::uint32_t> place;  ///< how high; never changed
         // Its thread's alone.
-        bool isNested;
-        bool isBelow;  ///< as of the node
+        bool isBelow;   ///< as of the node
+        bool isNested;  ///< of one below: another call of the instrument is open there
         std::int64_t inside;
         Frame* below;
         Frame* above;  ///< null where the stack never was as high
@@ -187,16 +189,18 @@ class CallingContextTree {
     Frame* top() const noexcept { return top_.load(std::memory_order_relaxed); }
     Frame* above(Frame* frame) noexcept;
     Frame* provideFrame(Frame* below) noexcept;
-    CallNode* childOf(CallNode* parent, const Opaque* instrument, std::int64_t start) noexcept;
-    CallNode* findOrAdd(CallNode& caller, const Opaque* instrument, std::int64_t start) noexcept;
+    CallNode* childOf(CallNode& caller, const Opaque* instrument, std::int64_t start) noexcept;
     CallNode* addNode(CallNode& parent, const Opaque* instrument, std::int64_t start) noexcept;
     InstrumentCalls* callsOf(const Opaque* instrument) noexcept;
     Slot& slotOf(std::uint64_t key) const noexcept;
     bool provideSlot() noexcept;
 
-    bool stopGenerally(std::uint64_t serial, std::int64_t time) noexcept;
+    bool startGenerally(const Opaque* instrument, std::uint64_t serial, std::int64_t time) noexcept;
+    void open(Frame& frame, CallNode& node, std::uint64_t serial, std::int64_t time) noexcept;
+    void stopMarked(std::uint64_t serial, std::int64_t time) noexcept;
+    void stopGenerally(std::uint64_t serial, std::int64_t time) noexcept;
     Frame* frameOf(std::uint64_t serial) noexcept;
-    bool takeOwn(Frame& frame, std::uint64_t serial) noexcept;
+    bool markOwn(Frame& frame, std::uint64_t serial) noexcept;
     bool takeForeign(Frame& frame, std::uint64_t serial) noexcept;
     bool wasTaken(const Frame& frame, std::uint64_t serial) noexcept;
     static void end(Frame& frame, std::int64_t time) noexcept;
