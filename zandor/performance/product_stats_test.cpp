@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pwd.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
@@ -93,6 +94,30 @@ TEST_F(ProductStats, StandInTheUsersStateFolder) {
     setenv("XDG_STATE_HOME", "relative", 1);
     setenv("HOME", "/home/somebody", 1);
     EXPECT_EQ(databaseFile(), "/home/somebody/.local/state/vantrace/product_stats.db");
+    // Then what the system says of the user.
+    const std::filesystem::path home = ::getpwuid(::getuid())->pw_dir;
+    for (const char* nowhere : {"", "relative"}) {
+        setenv("HOME", nowhere, 1);
+        EXPECT_EQ(databaseFile(), home / ".local/state/vantrace/product_stats.db");
+    }
+}
+
+TEST_F(ProductStats, CountTheRowsThatAFullQueueHasNoRoomFor) {
+    Queue queue;
+    queue.add({0, Kind::time, "before", "", 1});
+    queue.flush();
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(databaseFile().c_str(), &other), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr), SQLITE_OK);
+    // The writing thread has taken some of them, and waits.
+    constexpr std::size_t rows = 2 * Queue::capacity + 1;
+    for (std::size_t i = 0; i < rows; ++i)
+        queue.add({0, Kind::time, "x", "", 1});
+    ASSERT_EQ(sqlite3_close(other), SQLITE_OK);
+    queue.flush();
+    EXPECT_GT(queue.dropped(), 0u);
+    EXPECT_THAT(query(databaseFile(), "SELECT count(*) FROM event WHERE name = 'x'"),
+                ElementsAre(std::to_string(rows - queue.dropped())));
 }
 
 TEST_F(ProductStats, AreForTheUserAlone) {

@@ -52,15 +52,9 @@ std::size_t characters(std::string_view utf8) {
 std::string nameCell(std::string_view given) {
     std::string name = given.empty() ? "(unnamed)" : withoutControls(given);
     if (characters(name) > nameColumns) {
+        // Whole ones: a character counts no more when its first byte is gone.
         while (characters(name) > nameColumns - 3)
             name.pop_back();
-        // A character of which only the beginning is left.
-        while (!name.empty() && (static_cast<unsigned char>(name.back()) & 0x80) != 0) {
-            const bool begins = !continuesCharacter(name.back());
-            name.pop_back();
-            if (begins)
-                break;
-        }
         name.append("...");
     }
     return name.append(nameColumns - std::min(nameColumns, characters(name)), ' ');

@@ -346,6 +346,7 @@ TEST(ProfileTable, IsEightyColumnsWideWithTheWidestTimeFirst) {
         {"a name that does not fit into its column at all", 1'000'000'000'000, 5, 5'432'100'000'000,
          4'000'000'000'000, 1, 1, 1, 1},
         {"Größe des Gitters: äöü äöü äöü äöü äöü", 1, 7, 12'345'678, 345'678, 1, 1, 1, 1},
+        {"eine zu lange Größe der Matrizenäöü", 1, 7, 1'000'000, 0, 1, 1, 1, 1},
         {"", 3, 9, 0, 0, 0, 0, 0, 0},
         {"two\nlines", 1, 9, 99'996, 0, 0, 0, 0, 0},
     });
@@ -353,6 +354,7 @@ TEST(ProfileTable, IsEightyColumnsWideWithTheWidestTimeFirst) {
               "event                                      calls      total       self   self %\n"
               "a name that does not fit into i... 1000000000000     5432 s     4000 s    100.0\n"
               "Größe des Gitters: äöü äöü äöü ...             1   12.35 ms   345.7 us      0.0\n"
+              "eine zu lange Größe der Matrize...             1   1.000 ms       0 ns      0.0\n"
               "two?lines                                      1   100.0 us       0 ns      0.0\n"
               "short                                         12     999 ns     999 ns      0.0\n"
               "(unnamed)                                      3       0 ns       0 ns      0.0\n");
