@@ -88,7 +88,7 @@ TEST_F(Aggregator, CountsEventsThatNobodyListensTo) {
     const auto account = accountOf("of this process");
     EXPECT_EQ(account.published, 3u);
     EXPECT_EQ(account.drops.at("unheard"), 2u);
-    EXPECT_EQ(account.drops.at("unmatched"), 1u);  // the stop, of a start that was not delivered
+    EXPECT_EQ(account.drops.at("disabled"), 1u);  // the stop, of a start that was not delivered
     expectBalanced(account);
 }
 
