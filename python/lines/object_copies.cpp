@@ -14,7 +14,9 @@ constexpr Py_ssize_t mostBytes = 4 << 20;
 void appendUtf8(std::string& text, std::uint32_t character) {
     const auto put = [&](std::uint32_t byte) { text.push_back(static_cast<char>(byte)); };
     const auto putRest = [&](unsigned shift) { put(0x80 | (character >> shift & 0x3f)); };
-    if (character < 0x80) {
+    if (character >= 0xdc80 && character <= 0xdcff) {
+        put(character & 0xff);  // a byte of a file's name that is not UTF-8, as Python keeps it
+    } else if (character < 0x80) {
         put(character);
     } else if (character < 0x800) {
         put(0xc0 | character >> 6);
