@@ -39,7 +39,11 @@ if(VANTRACE_SANITIZE)
     add_compile_options(-fsanitize=fuzzer-no-link)
   endif()
 elseif(VANTRACE_COVERAGE)
-  add_compile_options(-O0 -fprofile-instr-generate -fcoverage-mapping)
+  # Counts are in mapped files while they are made, for tests fork and kill processes; and they have
+  # their place whatever the environment says, for tests clear it.
+  set(counts ${PROJECT_BINARY_DIR}/native-counts/%4m%c.profraw)
+  add_compile_options(-O0 -fprofile-instr-generate=${counts} -fcoverage-mapping
+    "SHELL:-mllvm -runtime-counter-relocation")
   add_link_options(-fprofile-instr-generate)
 else()
   add_compile_options(-fstack-protector-strong -fstack-clash-protection)

@@ -22,8 +22,12 @@ function(vantrace_precompile target)
   endif()
 endfunction()
 
-# Tests run for less long than it takes to optimise them: with g++ and a sanitizer by far.
+# Tests run for less long than it takes to optimise them: with g++ and a sanitizer by far. Where
+# branches are counted, nothing is optimised.
 function(vantrace_optimise_as_test target)
+  if(VANTRACE_COVERAGE)
+    return()
+  endif()
   target_compile_options(${target} PRIVATE $<IF:$<AND:$<CONFIG:Debug>,$<CXX_COMPILER_ID:GNU>>,-O0,-O1> -g1)
 endfunction()
 

@@ -58,7 +58,8 @@ class Kernel:
 
     def end(self):
         self._client.stop_channels()
-        self._manager.shutdown_kernel(now=True)
+        # At once, but where what ran is counted: a process tells of that when it ends by itself.
+        self._manager.shutdown_kernel(now="COVERAGE_PROCESS_START" not in os.environ)
 
     def run(self, source, interrupt_at=None):
         """Runs a cell; interrupts it when it has printed that text."""
