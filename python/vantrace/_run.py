@@ -18,6 +18,7 @@ from ._listeners import Listeners
 from ._record import check_writable, record
 from ._supervise import Child, RunFolder, end_like
 from ._table import printable
+from ._untraced import untraced
 
 _LONGEST_COMMAND = 100
 _RESERVE = 4 << 20
@@ -268,7 +269,7 @@ class Output:
     def finish(self):
         """Makes the trace of what the folder has, and says where it is; whether that was possible."""
         try:
-            for command, reason in _children.untraced(self.run_folder):
+            for command, reason in untraced(self.run_folder):
                 _say(sys.stderr, f"vantrace: not traced, for {printable(reason)}: {_shortened(command)}")
             path = self._path or self._fresh_path()
             whole = self._write(path)

@@ -284,3 +284,42 @@ def test_the_guide_s_example(run, tmp_path):
     assert (done.returncode, done.stdout) == (0, "285\n")
     assert len(found["__main__.square"]) == 10
     assert len(found["__main__.other"]) == 1
+
+
+@pytest.mark.parametrize(
+    "start",
+    [
+        "os.system(COMMAND)",
+        "os.popen(COMMAND).close()",
+        "subprocess.run(COMMAND, shell=True)",
+        "subprocess.run(['bash', '--norc', '-ec', 'cd .; if true; then A=1 exec ' + COMMAND + ' 2>&1; fi'])",
+        "os.waitpid(os.posix_spawn(sys.executable, [sys.executable, '-I', 'other.py'], os.environ), 0)",
+        "os.spawnv(os.P_WAIT, sys.executable, [sys.executable, '-I', 'other.py'])",
+        "os.execlp(sys.executable, sys.executable, '-I', 'other.py')",
+        "os.execve(sys.executable, [sys.executable, '-I', 'other.py'], os.environ)",
+    ],
+)
+def test_an_interpreter_that_a_shell_or_the_process_itself_becomes_is_named(run, tmp_path, start):
+    (tmp_path / "other.py").write_text("pass\n")
+    done, _ = run(f"import os, subprocess, sys\nCOMMAND = sys.executable + ' -I other.py'\n{start}\n")
+    assert done.returncode == 0, done.stderr
+    named = [line for line in done.stderr.splitlines() if "not traced" in line]
+    assert named == [f"vantrace: not traced, for the option -I: {sys.executable} -I other.py"]
+
+
+@pytest.mark.parametrize(
+    "start",
+    [
+        "os.system('echo python3 -I other.py')",
+        "os.system('echo \"; python3 -I other.py\"')",
+        "os.system('cat > python3 < /dev/null')",
+        "os.system(sys.executable + ' other.py -I')",
+        "os.system('echo \"')",
+        "try: os.execv('/nowhere/python3', ['python3', '-I'])\nexcept OSError: pass",
+    ],
+)
+def test_nothing_is_named_that_does_not_start_untraced(run, tmp_path, start):
+    (tmp_path / "other.py").write_text("pass\n")
+    done, _ = run(f"import os, sys\n{start}\n")
+    assert done.returncode == 0
+    assert "not traced" not in done.stderr
