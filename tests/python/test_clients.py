@@ -184,6 +184,7 @@ def test_run_collects_from_clients(tmp_path):
         "import vantrace\nfrom vantrace import client\n"
         "wait_until(lambda: client._joined.is_wanted)\n"
         "for i in range(100):\n    with vantrace.event('worker step'): pass\n"
+        "client._joined.instant('too long' * 1000)\n"
     )
     script.write_text(
         "import os, subprocess, sys\n"
@@ -197,15 +198,17 @@ def test_run_collects_from_clients(tmp_path):
     )
     assert done.returncode == 0, done.stderr
     assert re.search(
-        r"vantrace: client worker \(process \d+\): 200 published, 200 delivered\n", done.stderr
+        r"vantrace: client worker \(process \d+\): 201 published, 200 delivered, "
+        r"1 dropped \(oversize\)\n",
+        done.stderr,
     )
     trace = json.loads((tmp_path / "t.json").read_text())
     steps = [event for event in trace["traceEvents"] if event["name"] == "worker step"]
     assert len(steps) == 100
     processes = {e["args"]["name"] for e in trace["traceEvents"] if e["name"] == "process_name"}
     assert "worker" in processes
-    account = {key: trace["metadata"][f"client_1_{key}"] for key in ("name", "published", "delivered")}
-    assert account == {"name": "worker", "published": "200", "delivered": "200"}
+    keys = ("name", "published", "delivered", "dropped_oversize")
+    assert [trace["metadata"][f"client_1_{key}"] for key in keys] == ["worker", "201", "200", "1"]
 
 
 def test_clients_are_listed(tmp_path):
