@@ -1,0 +1,48 @@
+#include "text_put.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <random>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace instrument::detail {
+namespace {
+
+/// Numbers of all lengths: beside powers of ten, and at random.
+std::vector<std::uint64_t> manyNumbers() {
+    std::vector<std::uint64_t> numbers{0, std::numeric_limits<std::uint64_t>::max()};
+    std::uint64_t power = 1;
+    for (int digits = 1; digits <= 20; ++digits, power *= 10)
+        numbers.insert(numbers.end(), {power - 1, power, power + 1, power * 5 + power / 7});
+    std::mt19937_64 random(1);
+    for (int i = 0; i < 100'000; ++i)
+        numbers.push_back(random() >> i % 64);
+    return numbers;
+}
+
+TEST(TextPut, DecimalTextIsThatOfTheNumber) {
+    for (const std::uint64_t number : manyNumbers()) {
+        char text[2 * longestNumber];
+        ASSERT_EQ(std::string(text, putDecimal(text, number)), std::to_string(number));
+    }
+}
+
+TEST(TextPut, MicrosecondsHaveThreeDecimals) {
+    for (const std::uint64_t number : manyNumbers()) {
+        const auto nanoseconds = static_cast<std::int64_t>(number);
+        std::string expected = std::to_string(nanoseconds);
+        const std::size_t sign = nanoseconds < 0;
+        if (expected.size() < sign + 4)
+            expected.insert(sign, sign + 4 - expected.size(), '0');
+        expected.insert(expected.size() - 3, ".");
+        char text[2 * longestNumber];
+        ASSERT_EQ(std::string(text, putMicroseconds(text, nanoseconds)), expected);
+    }
+}
+
+}  // namespace
+}  // namespace instrument::detail
