@@ -41,6 +41,11 @@ PyObject* create(PyObject*, PyObject* const* arguments, std::size_t countAndFlag
     });
 }
 
+/// event.__new__; calls of the type itself do not come here.
+PyObject* construct(PyTypeObject* type, PyObject* arguments, PyObject* names) {
+    return PyObject_Call(reinterpret_cast<PyObject*>(type), arguments, names);
+}
+
 int traverse(PyObject* self, visitproc visit, void* arg) {
     EventObject& event = eventOf(self);
     Py_VISIT(Py_TYPE(self));
@@ -94,25 +99,34 @@ Entered start(EventObject& event) {
     event.isEntered = true;
 }
 
-EventId startMade(EventObject& event) {
-    if (!instrument::listeners.anyActive())
-        return instrument::noListenerEventId;
-    return event.names ? startEvent(event.instrument, event.madeArgs())
-                       : startEvent(event.instrument);
+void noteEntered(EventObject& event, EventId id) noexcept {
+    event.entered.id = id;
+    event.entered.thread = currentThread();
+    event.isEntered = true;
 }
 
-PyObject* enter(PyObject* self) {
+/// With listeners, or not as usual.
+[[gnu::noinline]] PyObject* enterTold(PyObject* self) {
     return guarded([&] {
         EventObject& event = eventOf(self);
-        if (event.state != ContextState::made || event.isEntered) {
+        if (!event.isUsual() || event.isEntered) [[unlikely]]
             enterGenerally(event);
-            return Py_NewRef(self);
-        }
-        event.entered.id = startMade(event);
-        event.entered.thread = currentThread();
-        event.isEntered = true;
+        else if (event.names)
+            noteEntered(event, startEvent(event.instrument, event.madeArgs()));
+        else
+            noteEntered(event, startEvent(event.instrument));
         return Py_NewRef(self);
     });
+}
+
+// While nobody listens the next two are a few steps without a call.
+
+PyObject* enter(PyObject* self) {
+    EventObject& event = eventOf(self);
+    if (instrument::listeners.anyActive() || !event.isUsual() || event.isEntered)
+        return enterTold(self);
+    noteEntered(event, instrument::noListenerEventId);
+    return Py_NewRef(self);
 }
 
 /// Takes out what the calling thread entered last, or else what was entered last.
@@ -141,7 +155,7 @@ Entered takeEntered(EventObject& event) {
 void stop(EventObject& event) {
     if (!event.isEntered) [[unlikely]]
         raise(PyExc_RuntimeError, "the event was not entered");
-    if (event.state == ContextState::mixed || event.outer) {
+    if (!event.isUsual()) [[unlikely]] {
         const Entered entered = takeEntered(event);
         stopEvent(event.instrument, argsOf(event, entered), entered.id);
         return;
@@ -150,7 +164,7 @@ void stop(EventObject& event) {
     stopEvent(event.instrument, event.madeArgs(), event.entered.id);
 }
 
-PyObject* leave(PyObject* self, bool withException) {
+[[gnu::noinline]] PyObject* leaveTold(PyObject* self, bool withException) {
     return guarded([&] {
         try {
             stop(eventOf(self));
@@ -163,6 +177,22 @@ PyObject* leave(PyObject* self, bool withException) {
     });
 }
 
+PyObject* leave(PyObject* self, bool withException) {
+    EventObject& event = eventOf(self);
+    if (event.entered.id.sourceId != 0 || !event.isUsual() || !event.isEntered)
+        return leaveTold(self, withException);
+    event.isEntered = false;
+    return Py_NewRef(Py_None);
+}
+
+[[gnu::noinline]] PyObject* decorateOnly(PyObject* self, PyObject* const* arguments,
+                                         Py_ssize_t count, PyObject* names) {
+    if (count == 1 && !names)
+        return guarded([&] { return decorate(self, arguments[0]).release(); });
+    PyErr_SetString(PyExc_TypeError, "an event decorates one function");
+    return nullptr;
+}
+
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndFlag,
                PyObject* names) {
     const Py_ssize_t count = PyVectorcall_NARGS(countAndFlag);
@@ -171,11 +201,8 @@ PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndF
             return enter(self);
         if (count == 3)
             return leave(self, arguments[0] != Py_None);
-        if (count == 1)
-            return guarded([&] { return decorate(self, arguments[0]).release(); });
     }
-    PyErr_SetString(PyExc_TypeError, "an event decorates one function");
-    return nullptr;
+    return decorateOnly(self, arguments, count, names);
 }
 
 /// What __enter__ and __exit__ are: the event itself.
@@ -220,6 +247,7 @@ constexpr char doc[] =
 
 PyType_Slot slots[] = {
     {Py_tp_doc, const_cast<char*>(doc)},
+    {Py_tp_new, asSlot(construct)},
     {Py_tp_dealloc, asSlot(deallocateEvent)},
     {Py_tp_traverse, asSlot(traverse)},
     {Py_tp_clear, asSlot(clear)},
@@ -250,6 +278,10 @@ void addEvents(PyObject* module) {
     const Ref itself = Ref::take(PyType_GenericAlloc(asType(phaseType.get()), 0));
     check(PyObject_SetAttrString(eventType, "__enter__", itself.get()));
     check(PyObject_SetAttrString(eventType, "__exit__", itself.get()));
+    // The interpreter specialises calls of types that do not change and have a __new__ of their
+    // own.
+    asType(eventType)->tp_flags |= Py_TPFLAGS_IMMUTABLETYPE;
+    PyType_Modified(asType(eventType));
     check(PyModule_AddObjectRef(module, "event", eventType));
     addEventFunction(module);
 }

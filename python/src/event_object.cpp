@@ -125,15 +125,16 @@ void keepSpare(KnownName& known, EventObject& event) {
 
 PyObject* newEvent(PyTypeObject* type, vectorcallfunc call, PyObject* name, PyObject* const* values,
                    PyObject* names) {
-    KnownName* known = knownName(name);
+    const KnownName* const known = knownName(name);
     if (known) [[likely]] {
         if (PyObject* spare = useSpare(*known, values, names)) [[likely]]
             return spare;
     }
     const Opaque* instrument = known ? known->instrument : instrumentOf(name);
     EventObject* event = makeEvent(type, call, instrument, name, values, names);
-    if (known)
-        keepSpare(*known, *event);
+    // Again: making it may have had the collector run code that looked names up.
+    if (KnownName* const now = knownName(name))
+        keepSpare(*now, *event);
     return objectOf(event);
 }
 

@@ -46,6 +46,8 @@ struct EventObject {
         return reinterpret_cast<instrument::ContextArg*>(this + 1);
     }
     PyObject** values() noexcept { return reinterpret_cast<PyObject**>(args() + contextSize()); }
+    /// Whether its context stands ready, and it was never entered by several at once.
+    bool isUsual() const noexcept { return state == ContextState::made && !outer; }
     Py_ssize_t contextSize() const noexcept { return Py_SIZE(&head); }
     instrument::ContextArgs madeArgs() noexcept {
         if (state != ContextState::made)

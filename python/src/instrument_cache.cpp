@@ -1,7 +1,6 @@
 #include "instrument_cache.hpp"
 
 #include <algorithm>
-#include <array>
 
 #include "errors.hpp"
 #include "text.hpp"
@@ -9,19 +8,9 @@
 
 namespace vantrace {
 
-namespace {
-
-/// Names whose hashes end in the same bits, the one that came last first.
-struct alignas(64) KnownNames {
-    std::array<KnownName, 4> places;
-};
-
-// Guarded by the interpreter's lock.
 constinit std::array<KnownNames, 256> knownNames{};
 
-KnownNames& namesBeside(Py_hash_t hash) noexcept {
-    return knownNames[static_cast<std::size_t>(hash) % knownNames.size()];
-}
+namespace {
 
 /// Texts that are made anew for each event are equal, but not the same.
 bool isEqual(PyObject* known, PyObject* name, Py_hash_t hash) noexcept {
@@ -59,17 +48,6 @@ const instrument::Opaque* registered(PyObject* name) {
 }
 
 }  // namespace
-
-KnownName* knownName(PyObject* name) noexcept {
-    if (!PyUnicode_CheckExact(name)) [[unlikely]]
-        return nullptr;
-    // Where there is no hash yet, it is none of those that are known.
-    const Py_hash_t hash = reinterpret_cast<PyASCIIObject*>(name)->hash;
-    for (KnownName& known : namesBeside(hash).places)
-        if (known.name == name) [[likely]]
-            return &known;
-    return nullptr;
-}
 
 const instrument::Opaque* instrumentOf(PyObject* name) {
     const KnownName* const known = knownName(name);

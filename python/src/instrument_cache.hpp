@@ -1,6 +1,9 @@
 // The instruments of Python's event names.
 #pragma once
 
+#include <array>
+#include <cstddef>
+
 #include "python_api.hpp"
 #include "zandor/instrument/control_element.hpp"
 
@@ -13,9 +16,30 @@ struct KnownName {
     PyObject* spare;  ///< an event of this name, for its next use; or null
 };
 
+/// Names whose hashes end in the same bits, the one that came last first.
+struct alignas(64) KnownNames {
+    std::array<KnownName, 4> places;
+};
+
+/// Guarded by the interpreter's lock.
+extern constinit std::array<KnownNames, 256> knownNames;
+
+inline KnownNames& namesBeside(Py_hash_t hash) noexcept {
+    return knownNames[static_cast<std::size_t>(hash) % knownNames.size()];
+}
+
 /// What is known of a name, until the next one is looked up. Null where it is not known by its
 /// address: names that the interpreter interned, as those in source code are, mostly are.
-KnownName* knownName(PyObject* name) noexcept;
+inline KnownName* knownName(PyObject* name) noexcept {
+    if (!PyUnicode_CheckExact(name)) [[unlikely]]
+        return nullptr;
+    // Where there is no hash yet, it is none of those that are known.
+    const Py_hash_t hash = reinterpret_cast<PyASCIIObject*>(name)->hash;
+    for (KnownName& known : namesBeside(hash).places)
+        if (known.name == name) [[likely]]
+            return &known;
+    return nullptr;
+}
 
 /// The instrument of a name, registered if it was not. Throws PythonError with a TypeError for what
 /// is no str, std::invalid_argument for a name with a NUL inside.

@@ -125,3 +125,13 @@ def test_as_many_objects_as_names(recorder):
     before = sys.getallocatedblocks()
     work(5_000)
     assert sys.getallocatedblocks() - before < 1_000
+
+
+def test_new_makes_an_event_as_a_call_does(recorder):
+    with vantrace.event.__new__(vantrace.event, "made", k=1) as event:
+        assert (event.name, event.context) == ("made", {"k": 1})
+    assert completed(recorder) == [("made", {"k": "1"})]
+    with pytest.raises(TypeError, match="takes 1 positional argument"):
+        vantrace.event.__new__(vantrace.event)
+    with pytest.raises(TypeError):
+        vantrace.event.__new__(int, "made")
