@@ -87,8 +87,10 @@ class ZANDOR_INSTRUMENT_API TickConverter {
 /// Converts many ticks that are mostly in order, as a recording's are.
 class ZANDOR_INSTRUMENT_API TickReader {
   public:
+    /// Whether these convert at once.
+    bool covers(std::uint64_t ticks) const noexcept { return line_.covers(ticks); }
     std::int64_t operator()(std::uint64_t ticks) noexcept {
-        if (!line_.covers(ticks)) [[unlikely]]
+        if (!covers(ticks)) [[unlikely]]
             find(ticks);
         return line_.at(ticks);
     }

@@ -33,7 +33,7 @@ EventId tellStart(const Opaque* handle, ContextArgs context) {
 }
 
 void tellStop(const Opaque* handle, ContextArgs context, EventId id) {
-    if (!stopsMatter.load(std::memory_order_relaxed))
+    if (!listeners.anyHearsStops())
         return;
     if (const InsideLane lane; lane && lane.stop(handle, {{}, context}, id)) [[likely]]
         return;

@@ -140,7 +140,7 @@ EventId openEvent(const Opaque* handle, ContextArgs context, KeptContext& kept) 
 }
 
 void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id) {
-    if (!stopsMatter.load(std::memory_order_relaxed))
+    if (!listeners.anyHearsStops())
         return;
     if (kept.empty())
         return stopPlain(handle, id);

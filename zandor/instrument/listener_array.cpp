@@ -93,7 +93,7 @@ void publish(ListenerArray* array) noexcept {
         !array || (array->isShort && std::ranges::none_of(*array, hearsStops));
     // Whoever sees a listener that hears stops must see this, too.
     if (!areStopsIgnored)
-        stopsMatter.store(true, std::memory_order_relaxed);
+        listeners.anyListenerHearsStops.store(true, std::memory_order_relaxed);
     // Release pairs with the acquire in protectListeners.
     ListenerArray* old = listenersInForce.exchange(array, std::memory_order_acq_rel);
     // Release pairs with the acquire in protectOnlyListener.
@@ -102,7 +102,7 @@ void publish(ListenerArray* array) noexcept {
     lanesArePossible.store(array && array->isShort, std::memory_order_relaxed);
     outdateLanes();
     if (areStopsIgnored)
-        stopsMatter.store(false, std::memory_order_relaxed);
+        listeners.anyListenerHearsStops.store(false, std::memory_order_relaxed);
     listeners.anyListenerActive.store(array != nullptr, std::memory_order_relaxed);
     if (old) {
         ListenerArray*& retired = processState().retiredListeners;
@@ -127,7 +127,6 @@ Registration* makeRegistration(InstrumentListener& listener) noexcept {
 constinit std::atomic<ListenerArray*> listenersInForce{nullptr};
 constinit std::atomic<InstrumentListener*> onlyListener{nullptr};
 constinit std::atomic<bool> lanesArePossible{false};
-constinit std::atomic<bool> stopsMatter{false};
 
 Registration* findRegistration(const InstrumentListener& listener) noexcept {
     if (const ListenerArray* array = arrayInForce())

@@ -44,8 +44,6 @@ extern constinit std::atomic<InstrumentListener*> onlyListener;
 /// Whether those of `listenersInForce` can be told by threads' lanes, and heavyFence reaches all
 /// threads: relaxed, it may lag behind the array.
 extern constinit std::atomic<bool> lanesArePossible;
-/// Whether any listener may do something about stops: relaxed, it may lag behind the array.
-extern constinit std::atomic<bool> stopsMatter;
 
 /// The only listener, for as long as the thread's `calling` shows it. Null when there are none or
 /// several.

@@ -46,30 +46,46 @@ template <RecordKind kind>
 // in them, so that they may be the last thing that is called.
 
 template <RecordKind kind>
-[[gnu::noinline]] void tellGenerally(ThreadState& state, InstrumentListener& listener) noexcept {
-    const LaneEdge& edge = state.laneListeners.edge;
-    tellGenerally<kind>(state, listener, edge.handle, edge.serial, edge.ticks, {});
+[[gnu::noinline]] void tellListeners(ThreadState& state, const Opaque* handle, std::uint64_t serial,
+                                     std::uint64_t ticks) noexcept {
+    const std::int64_t time = timeOf(state, ticks);
+    for (const LaneCall* call = callsOf<kind>(state.laneListeners.ofPlain); call->tell; ++call)
+        if (!call->tell(call->data, handle, serial, time, {})) [[unlikely]]
+            tellGenerally<kind>(state, *call->listener, handle, serial, ticks, {});
 }
 
-/// What is kept over the calls is in the lane: there are few registers for it.
+/// Tells one listener, as there mostly is. What a call that goes wrong needs is kept in the lane:
+/// registers that are kept over a call cost more.
+template <RecordKind kind>
+[[gnu::always_inline]] inline void tellOnly(ThreadState& state, const LaneCall& call,
+                                            const Opaque* handle, std::uint64_t serial,
+                                            std::uint64_t ticks) noexcept {
+    const std::int64_t time = timeOf(state, ticks);
+    LaneEdge& edge = state.laneListeners.edge;
+    edge = {handle, serial, ticks};
+    if (!call.tell(call.data, handle, serial, time, {})) [[unlikely]]
+        tellGenerally<kind>(state, *callsOf<kind>(state.laneListeners.ofPlain)->listener,
+                            edge.handle, edge.serial, edge.ticks, {});
+}
+
 template <RecordKind kind>
 [[gnu::always_inline]] inline void tellAllAndLeave(ThreadState& state, const Opaque* handle,
                                                    std::uint64_t serial,
                                                    std::uint64_t ticks) noexcept {
-    LaneEdge& edge = state.laneListeners.edge;
-    edge = {handle, serial, ticks, timeOf(state, ticks)};
-    for (const LaneCall* call = callsOf<kind>(state.laneListeners.ofPlain); call->tell; ++call)
-        if (!call->tell(call->data, edge.handle, edge.serial, edge.time, {})) [[unlikely]]
-            tellGenerally<kind>(state, *call->listener);
+    const LaneCall* const calls = callsOf<kind>(state.laneListeners.ofPlain);
+    const bool hasTime = !state.lane.needsTime || state.laneListeners.timeOf.covers(ticks);
+    if (hasTime && calls[0].tell && !calls[1].tell) [[likely]]
+        tellOnly<kind>(state, calls[0], handle, serial, ticks);
+    else
+        tellListeners<kind>(state, handle, serial, ticks);
     leaveLane(state);
 }
 
 template <RecordKind kind>
 [[gnu::noinline]] EventId beginAndLeave(ThreadState& state, const Opaque* handle,
                                         std::uint64_t ticks) noexcept {
-    const EventId id = latestId(state);
-    tellAllAndLeave<kind>(state, handle, id.serialId, ticks);
-    return id;
+    tellAllAndLeave<kind>(state, handle, state.source.serial, ticks);
+    return latestId(state);
 }
 
 [[gnu::noinline]] void stopAndLeave(ThreadState& state, const Opaque* handle, std::uint64_t serial,
@@ -186,8 +202,7 @@ EventId detail::openEvent(const Opaque* handle) {
 }
 
 void Scope::close(const Opaque* handle, EventId id) noexcept {
-    if (stopsMatter.load(std::memory_order_relaxed)) [[likely]]
-        stop(enterLane(), handle, id, closeGenerally);
+    stop(enterLane(), handle, id, closeGenerally);
 }
 
 }  // namespace instrument

@@ -8,8 +8,6 @@
 
 namespace instrument::detail {
 
-constinit std::atomic<std::uint64_t> lanesVersion{1};
-
 namespace {
 
 /// The listeners that are registered, for a thread that makes its lane: none of them goes, nor the
@@ -88,6 +86,7 @@ bool findLane(ThreadState& state, const ListenerArray& array) noexcept {
     lane.needsTicks = lane.track || lane.needsTime;
     if (lane.needsTicks && !ticksAreTsc())
         return false;
+    lane.hasListeners = others.ofAny.starts.front().tell || others.ofAny.instants.front().tell;
     lane.hasCounts = others.counts;
     lane.tellsStarts = others.ofPlain.starts.front().tell;
     lane.tellsStops = others.ofPlain.stops.front().tell;
@@ -111,7 +110,7 @@ constexpr auto operationOf = kind == RecordKind::start  ? &InstrumentListener::o
     if (!state || state->isInside())
         return nullptr;
     // Acquire pairs with outdateLanes: what changes later outdates this lane, too.
-    const std::uint64_t version = lanesVersion.load(std::memory_order_acquire);
+    const std::uint64_t version = listeners.version.load(std::memory_order_acquire);
     {
         const ListenersOfLane present(*state);
         state->lane = {};

@@ -45,7 +45,7 @@ class FewWords {
     // which reaches every thread where there are lanes.
     std::atomic_signal_fence(std::memory_order_seq_cst);
     // Acquire pairs with outdateLanes.
-    if (lanesVersion.load(std::memory_order_acquire) == state->lane.version) [[likely]]
+    if (listeners.version.load(std::memory_order_acquire) == state->lane.version) [[likely]]
         return state;
     state->calling.store(nullptr, std::memory_order_release);
     return nullptr;
@@ -100,9 +100,8 @@ void tellGenerally(ThreadState& state, InstrumentListener& listener, const Opaqu
 
 /// Tells the listeners beside the recorder.
 template <RecordKind kind>
-[[gnu::always_inline]] inline void tellOthers(ThreadState& state, const Opaque* handle,
-                                              std::uint64_t serial, std::uint64_t ticks,
-                                              const EdgeContext& context) noexcept {
+[[gnu::noinline]] void tellOthers(ThreadState& state, const Opaque* handle, std::uint64_t serial,
+                                  std::uint64_t ticks, const EdgeContext& context) noexcept {
     const std::int64_t time = timeOf(state, ticks);
     for (const LaneCall* call = callsOf<kind>(state.laneListeners.ofAny); call->tell; ++call) {
         const bool isShort = context.args.empty() || call->ignoresContext;
@@ -159,7 +158,8 @@ class InsideLane {
         const std::uint64_t ticks = readClock(*state_);
         if (!recordBegin<kind>(*state_, handle, context, ticks)) [[unlikely]]
             return false;
-        tellOthers<kind>(*state_, handle, state_->source.serial, ticks, {context, {}});
+        if (state_->lane.hasListeners)
+            tellOthers<kind>(*state_, handle, state_->source.serial, ticks, {context, {}});
         return true;
     }
     /// A stop, with its start's context.
@@ -168,7 +168,8 @@ class InsideLane {
         const std::uint64_t ticks = readClock(*state_);
         if (!recordStop(*state_, handle, !context.empty(), id, ticks)) [[unlikely]]
             return false;
-        tellOthers<RecordKind::stop>(*state_, handle, id.serialId, ticks, context);
+        if (state_->lane.tellsStops)
+            tellOthers<RecordKind::stop>(*state_, handle, id.serialId, ticks, context);
         return true;
     }
 

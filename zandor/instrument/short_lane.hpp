@@ -8,29 +8,28 @@
 #include <cstdint>
 
 #include "clock_source.hpp"
+#include "zandor/instrument/listeners.hpp"
 #include "zandor/instrument/short_way.hpp"
 
 namespace instrument::detail {
 
 struct Track;
 
-/// Another number whenever anything that lanes hold may have changed: listeners, their data, the
-/// clock.
-extern constinit std::atomic<std::uint64_t> lanesVersion;
-
-/// To be called after the change and before the heavy fence of those who wait for threads inside
-/// listeners: a thread that is not seen inside then finds its lane outdated.
+/// To be called when anything that lanes hold has changed: listeners, their data, the clock; before
+/// the heavy fence of those who wait for threads inside listeners: a thread that is not seen inside
+/// then finds its lane outdated.
 inline void outdateLanes() noexcept {
     // Release pairs with the acquire of those who make a lane: they find what was changed before.
-    lanesVersion.fetch_add(1, std::memory_order_release);
+    listeners.version.fetch_add(1, std::memory_order_release);
 }
 
 /// What each edge looks at. All-zero is no lane.
 struct LaneHead {
-    std::uint64_t version;
-    Track* track;  ///< of the recorder; null where there is none
+    std::uint64_t version;  ///< as of the listeners, when it was made
+    Track* track;           ///< of the recorder; null where there is none
     bool needsTicks;
     bool needsTime;
+    bool hasListeners;  ///< beside the recorder
     bool hasCounts;
     // Whether listeners are to be called of edges without context.
     bool tellsStarts;
@@ -59,7 +58,6 @@ struct LaneEdge {
     const Opaque* handle;
     std::uint64_t serial;
     std::uint64_t ticks;
-    std::int64_t time;
 };
 
 /// The listeners beside the recorder, which comes first, whenever it was registered: none of those

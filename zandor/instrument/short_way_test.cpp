@@ -36,6 +36,8 @@ class ShortListener : public HandlerListener {
     std::atomic<std::uint64_t> generally{0};
     std::atomic<std::int64_t> latestTime{0};
     std::vector<std::string> texts;  ///< contexts that came as words
+    /// For those that count.
+    std::unique_ptr<ShortCount[]> counts = std::make_unique<ShortCount[]>(ShortOperations::counts);
 
     static void* dataOf(void* self, const detail::ListenerSlot*) noexcept { return self; }
     static bool take(void* listener, const Opaque*, std::uint64_t, std::int64_t time,
@@ -50,6 +52,16 @@ class ShortListener : public HandlerListener {
     static bool leave(void*, const Opaque*, std::uint64_t, std::int64_t, ContextWords) noexcept {
         return false;
     }
+    static ShortCount* countsOf(void* listener) noexcept {
+        return static_cast<ShortListener*>(listener)->counts.get();
+    }
+    static constexpr ShortOperations counting{.needsTime = false,
+                                              .ignoresContext = false,
+                                              .dataOf = dataOf,
+                                              .instant = take,
+                                              .start = take,
+                                              .stop = nullptr,
+                                              .countsOf = countsOf};
     static constexpr ShortOperations takesAll{.needsTime = true,
                                               .ignoresContext = false,
                                               .dataOf = dataOf,
@@ -130,6 +142,30 @@ TEST_F(ShortWayTest, WhatAShortWayLeavesReachesTheOperation) {
     emit();
     EXPECT_EQ(leaving.shortly, 2u);
     EXPECT_EQ(leaving.generally, 1u);
+}
+
+TEST_F(ShortWayTest, CountsAddUpWithoutACallWhereAnInstrumentIsInItsPlace) {
+    const Instrument counted{"short.counted"};
+    const Instrument other{"short.uncounted"};
+    ShortListener counting(ShortListener::counting);
+    ShortListener beside;
+    listeners.add(counting);
+    listeners.add(beside);
+    ShortCount& count = counting.counts[counted.handle()->id];
+    count.instrument = counted.handle();
+    for (int i = 0; i < 10; ++i) {
+        const Scope scope{counted};
+        counted.instant();
+    }
+    EXPECT_EQ(count.count, 20u);
+    EXPECT_EQ(counting.total(), 0u);
+    EXPECT_EQ(beside.total(), 30u);
+    { const Scope scope{other}; }
+    EXPECT_EQ(counting.generally, 1u) << "what is not in its place goes to the operation";
+    { const Scope scope{counted, {{"n", 1}}}; }
+    EXPECT_EQ(counting.shortly, 1u) << "what has a context goes to the short operation";
+    EXPECT_EQ(count.count, 20u);
+    EXPECT_EQ(beside.total(), 34u);
 }
 
 TEST_F(ShortWayTest, AClassDerivedFromAListenerHasNone) {

@@ -33,6 +33,16 @@
 
 #define ZANDOR_CLIENT_API __attribute__((visibility("default")))
 
+/* Functions that frequent events call: without a step in between. */
+#if defined(__has_attribute)
+#if __has_attribute(noplt)
+#define ZANDOR_CLIENT_DIRECT ZANDOR_CLIENT_API __attribute__((noplt))
+#endif
+#endif
+#ifndef ZANDOR_CLIENT_DIRECT
+#define ZANDOR_CLIENT_DIRECT ZANDOR_CLIENT_API
+#endif
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -66,16 +76,16 @@ ZANDOR_CLIENT_API void zandor_client_name_thread(const char* name);
 /* Starts an event with `n_context` context entries, of which keys and values are the names and
  * texts. All texts are copied before it returns. A name or key has up to 1,023 bytes, an event up
  * to 64 entries and 16 KiB of values: one with more is dropped and counted. */
-ZANDOR_CLIENT_API zandor_event zandor_client_start(zandor_client* client, const char* name,
-                                                   const char* const* keys,
-                                                   const char* const* values, size_t n_context);
+ZANDOR_CLIENT_DIRECT zandor_event zandor_client_start(zandor_client* client, const char* name,
+                                                      const char* const* keys,
+                                                      const char* const* values, size_t n_context);
 
 /* Stops it, from any thread. */
-ZANDOR_CLIENT_API void zandor_client_stop(zandor_client* client, zandor_event event);
+ZANDOR_CLIENT_DIRECT void zandor_client_stop(zandor_client* client, zandor_event event);
 
-ZANDOR_CLIENT_API void zandor_client_instant(zandor_client* client, const char* name,
-                                             const char* const* keys, const char* const* values,
-                                             size_t n_context);
+ZANDOR_CLIENT_DIRECT void zandor_client_instant(zandor_client* client, const char* name,
+                                                const char* const* keys, const char* const* values,
+                                                size_t n_context);
 
 #ifdef __cplusplus
 }

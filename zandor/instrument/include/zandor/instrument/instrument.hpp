@@ -130,7 +130,7 @@ class Instrument {
 
   private:
     ZANDOR_INSTRUMENT_API static const Opaque* registerName(std::string_view name);
-    ZANDOR_INSTRUMENT_API static void emitInstant(const Opaque* handle, ContextArgs context);
+    ZANDOR_INSTRUMENT_DIRECT static void emitInstant(const Opaque* handle, ContextArgs context);
 
     const Opaque* handle_;
 };
@@ -169,10 +169,10 @@ class KeptContext {
 
 /// Decides by the switch and the context rules, and delivers. Gives a reserved identity when it did
 /// not.
-ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle);
-ZANDOR_INSTRUMENT_API EventId openEvent(const Opaque* handle, ContextArgs context,
-                                        KeptContext& kept);
-ZANDOR_INSTRUMENT_API void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id);
+ZANDOR_INSTRUMENT_DIRECT EventId openEvent(const Opaque* handle);
+ZANDOR_INSTRUMENT_DIRECT EventId openEvent(const Opaque* handle, ContextArgs context,
+                                           KeptContext& kept);
+ZANDOR_INSTRUMENT_DIRECT void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id);
 
 }  // namespace detail
 
@@ -204,19 +204,22 @@ class Scope {
     /// A scope without event.
     Scope() noexcept : handle_(nullptr), id_(noListenerEventId), withContext_(nullptr) {}
     ~Scope() {
-        if (id_.sourceId != 0) [[unlikely]]
-            close(handle_, id_);
-        else if (withContext_) [[unlikely]]
+        if (id_.sourceId != 0) [[unlikely]] {
+            if (listeners.anyHearsStops())
+                close(handle_, id_);
+        } else if (withContext_) [[unlikely]] {
             close(withContext_);
+        }
     }
     Scope(const Scope&) = delete;
     Scope& operator=(const Scope&) = delete;
 
   private:
     // Not told `this`, so that a scope without event stays in registers.
-    ZANDOR_INSTRUMENT_API static detail::OpenScope* open(const Opaque* handle, ContextArgs context);
-    ZANDOR_INSTRUMENT_API static void close(detail::OpenScope* event) noexcept;
-    ZANDOR_INSTRUMENT_API static void close(const Opaque* handle, EventId id) noexcept;
+    ZANDOR_INSTRUMENT_DIRECT static detail::OpenScope* open(const Opaque* handle,
+                                                            ContextArgs context);
+    ZANDOR_INSTRUMENT_DIRECT static void close(detail::OpenScope* event) noexcept;
+    ZANDOR_INSTRUMENT_DIRECT static void close(const Opaque* handle, EventId id) noexcept;
 
     // An event without context, or one with.
     const Opaque* const handle_;
@@ -244,7 +247,7 @@ inline OpenEvent Instrument::start(std::initializer_list<ContextArg> context) co
 }
 
 inline void Instrument::stop(const OpenEvent& event) const {
-    if (event.id_.sourceId != 0 && listeners.anyActive()) [[unlikely]]
+    if (event.id_.sourceId != 0 && listeners.anyHearsStops()) [[unlikely]]
         detail::closeEvent(handle_, event.context_, event.id_);
 }
 

@@ -27,13 +27,18 @@ class InstrumentListener;
 class ZANDOR_INSTRUMENT_API Listeners {
   public:
     /// Whether at least one listener is registered. Relaxed: a thread may see it a moment late.
-    std::atomic<bool> anyListenerActive{false};
+    alignas(64) std::atomic<bool> anyListenerActive{false};
+    /// Whether any of them may do something about stops. Relaxed, as above.
+    std::atomic<bool> anyListenerHearsStops{false};
 
     constexpr Listeners() noexcept = default;
     Listeners(const Listeners&) = delete;
     Listeners& operator=(const Listeners&) = delete;
 
     bool anyActive() const noexcept { return anyListenerActive.load(std::memory_order_relaxed); }
+    bool anyHearsStops() const noexcept {
+        return anyListenerHearsStops.load(std::memory_order_relaxed);
+    }
 
     /// Registers a listener behind those already there; does nothing for one that is there.
     void add(InstrumentListener& listener);
@@ -68,8 +73,12 @@ class ZANDOR_INSTRUMENT_API Listeners {
     void onEventStop(const Opaque* handle, std::span<const ContextArg> context, EventId id);
     EventId onEventInstant(const Opaque* handle, std::span<const ContextArg> context);
 
+    /// The library's own, here in the line that every event looks at: another number whenever
+    /// anything may have changed that threads found out about the listeners.
+    std::atomic<std::uint64_t> version{1};
+
   private:
-    [[maybe_unused]] std::uint8_t reserved_[63]{};
+    [[maybe_unused]] std::uint8_t reserved_[48]{};
 };
 static_assert(sizeof(Listeners) == 64);
 
