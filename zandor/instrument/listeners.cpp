@@ -2,6 +2,7 @@
 
 #include "control_registry.hpp"
 #include "delivery.hpp"
+#include "set_edges.hpp"
 #include "unloading.hpp"
 #include "zandor/instrument/instrument.hpp"
 
@@ -99,17 +100,21 @@ std::uint64_t Listeners::suppressedEvents() const noexcept {
 
 EventId Listeners::onEventStart(const Opaque* handle, ContextSet&& context,
                                 std::optional<std::uint64_t> tag) {
-    return deliverNew<&InstrumentListener::onStart>(handle, context, tag);
+    const EventId id = tag ? EventId() : beginByLane<RecordKind::start>(handle, context);
+    return id != EventId() ? id : deliverNew<&InstrumentListener::onStart>(handle, context, tag);
 }
 
 void Listeners::onEventStop(const Opaque* handle, ContextSet&& context, EventId id,
                             std::optional<std::uint64_t> tag) {
-    deliverStop(handle, context, id, tag);
+    if (tag || !stopByLane(handle, context, id))
+        deliverStop(handle, context, id, tag);
 }
 
 void Listeners::onEventInstant(const Opaque* handle, ContextSet&& context,
                                std::optional<std::uint64_t> tag) {
-    deliverNew<&InstrumentListener::onInstant>(handle, context, tag);
+    const EventId id = tag ? EventId() : beginByLane<RecordKind::instant>(handle, context);
+    if (id == EventId())
+        deliverNew<&InstrumentListener::onInstant>(handle, context, tag);
 }
 
 void Listeners::onEventStartAt(const Opaque* handle, ContextSet&& context, EventId id,
