@@ -59,6 +59,8 @@ NameIndex::ChunkNames NameIndex::read(const Stretch& stretch, OpenRun<std::uint3
                 if (record.beginsRun)
                     run.clear();
                 break;
+            case RecordKind::skip:
+            case RecordKind::base:
             case RecordKind::deadBegin:
             case RecordKind::deadStop:
                 break;

@@ -52,6 +52,8 @@ void OutlineWriter::addRecord(const Record& record) {
             if (record.beginsRun)
                 endRun();
             break;
+        case RecordKind::skip:
+        case RecordKind::base:
         case RecordKind::deadBegin:
         case RecordKind::deadStop:
             break;

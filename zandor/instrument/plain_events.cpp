@@ -119,6 +119,41 @@ bool tellsListeners(const LaneHead& lane) noexcept {
     return kind == RecordKind::start ? lane.tellsStarts : lane.tellsInstants;
 }
 
+// What one word has no room for takes two.
+
+template <RecordKind kind>
+[[gnu::noinline]] bool recordFarBegin(ThreadState& state, const Opaque* handle,
+                                      std::uint64_t ticks) noexcept {
+    if (!recordBegin<kind>(state, handle, {}, ticks))
+        return false;
+    renewBase(*state.lane.track, ticks);
+    return true;
+}
+[[gnu::noinline]] bool recordFarStop(ThreadState& state, const Opaque* handle, EventId id,
+                                     std::uint64_t ticks) noexcept {
+    return recordStop(state, handle, false, id, ticks);
+}
+
+template <RecordKind kind>
+[[gnu::always_inline]] inline bool recordPlainBegin(ThreadState& state, const Opaque* handle,
+                                                    std::uint64_t ticks) noexcept {
+    const EventId id = nextId(state);
+    Track* const track = state.lane.track;
+    if (track && !putShortBegin<kind>(*track, handle, id, ticks)) [[unlikely]]
+        return recordFarBegin<kind>(state, handle, ticks);
+    state.source.serial = id.serialId;
+    return true;
+}
+[[gnu::always_inline]] inline bool recordPlainStop(ThreadState& state, const Opaque* handle,
+                                                   EventId id, std::uint64_t ticks) noexcept {
+    Track* const track = state.lane.track;
+    if (id.sourceId != state.source.id) [[unlikely]]
+        return false;
+    if (track && !putShortStop(*track, handle, id, ticks)) [[unlikely]]
+        return recordFarStop(state, handle, id, ticks);
+    return true;
+}
+
 /// A start or an instant by the lane; `generally` where it is not as usual. Every call is the last
 /// thing that is done, so that nothing is kept over one.
 template <RecordKind kind>
@@ -127,7 +162,7 @@ template <RecordKind kind>
     if (!state) [[unlikely]]
         return generally(handle);
     const std::uint64_t ticks = readClock(*state);
-    if (!recordBegin<kind>(*state, handle, {}, ticks)) [[unlikely]] {
+    if (!recordPlainBegin<kind>(*state, handle, ticks)) [[unlikely]] {
         leaveLane(*state);
         return generally(handle);
     }
@@ -145,7 +180,7 @@ template <RecordKind kind>
     if (!state) [[unlikely]]
         return generally(handle, id);
     const std::uint64_t ticks = readClock(*state);
-    if (!recordStop(*state, handle, false, id, ticks)) [[unlikely]] {
+    if (!recordPlainStop(*state, handle, id, ticks)) [[unlikely]] {
         leaveLane(*state);
         return generally(handle, id);
     }

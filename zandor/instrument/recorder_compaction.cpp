@@ -145,7 +145,8 @@ void visitEvents(Compaction& compaction, Chunk& chunk, Visit visit) noexcept {
 }
 
 void mark(Word* head, RecordKind kind) noexcept {
-    *head = (*head & ~Word{7}) | static_cast<Word>(kind);
+    const unsigned place = ShortRecord::is(*head) ? 3 : 0;
+    *head = (*head & ~(Word{7} << place)) | static_cast<Word>(kind) << place;
 }
 
 void markShort(Generation& generation, Compaction& compaction, Chunk& chunk) noexcept {
@@ -162,7 +163,9 @@ void markShort(Generation& generation, Compaction& compaction, Chunk& chunk) noe
                 });
 }
 
-/// Writes records behind what a chunk holds, encoded for where they come to stand.
+/// Writes records behind what a chunk holds, encoded for where they come to stand. In the chunk
+/// that they are read from none grows beyond what went before it: a skip stands where a start or
+/// instant was left out, or another skip was; a base where one was.
 class Rewriter {
   public:
     Rewriter(Chunk& chunk, Word* end, StreamState state) noexcept
@@ -172,15 +175,18 @@ class Rewriter {
     const StreamState& state() const noexcept { return state_; }
     bool isEmpty() const noexcept { return end_ == chunk_->begin(); }
     bool fits(std::size_t words) const noexcept {
-        return words + wordsOf(RecordKind::source) <=
-               static_cast<std::size_t>(chunk_->limit() - end_);
+        constexpr std::size_t skipAndBase = 3;
+        return words + skipAndBase <= static_cast<std::size_t>(chunk_->limit() - end_);
     }
     void finish() noexcept { chunk_->sealedEnd.store(end_, std::memory_order_relaxed); }
 
-    void put(const Record& record, RecordHead head, const Word* rest,
+    /// `base` is that of the stream that the record is from.
+    void put(const Record& record, std::uint64_t base, const Word* begin,
              const Word* recordEnd) noexcept {
         if (record.kind == RecordKind::source)
             return putSource(record);
+        if (record.kind == RecordKind::base || record.kind == RecordKind::skip)
+            return;  // the first record that needs it brings its own
         // Its start was dropped, now or before.
         if (record.kind == RecordKind::stop && record.id.serialId >= state_.nextSerial)
             return;
@@ -188,22 +194,37 @@ class Rewriter {
         if (record.kind == RecordKind::stop) {
             serial = state_.nextSerial - record.id.serialId;
         } else if (record.kind != RecordKind::foreignStop) {
-            if (record.id.serialId - state_.nextSerial >= RecordHead::serialLimit)
-                putSource(record);
             serial = record.id.serialId - state_.nextSerial;
+            if (serial >=
+                (ShortRecord::is(*begin) ? ShortRecord::serialLimit : RecordHead::serialLimit))
+                *end_++ = ShortRecord::skip(std::exchange(serial, 0)).word();
             state_.nextSerial = record.id.serialId + 1;
         }
-        *end_++ =
-            RecordHead(head.kind(), head.timed(), head.context(), head.instrument(), serial).word();
-        const auto words = static_cast<std::size_t>(recordEnd - rest);
-        std::memmove(end_, rest, words * sizeof(Word));
-        end_ += words;
+        if (ShortRecord::is(*begin))
+            putShort(ShortRecord(*begin), serial, base);
+        else
+            putLong(RecordHead(*begin), serial, begin + 1, recordEnd);
         lastSource_ = nullptr;
         if (record.kind == RecordKind::foreignStop)
             chunk_->foreignStops.fetch_add(1, std::memory_order_relaxed);
     }
 
   private:
+    void putLong(RecordHead head, std::uint64_t serial, const Word* rest,
+                 const Word* recordEnd) noexcept {
+        *end_++ =
+            RecordHead(head.kind(), head.timed(), head.context(), head.instrument(), serial).word();
+        const auto words = static_cast<std::size_t>(recordEnd - rest);
+        std::memmove(end_, rest, words * sizeof(Word));
+        end_ += words;
+    }
+    void putShort(ShortRecord record, std::uint64_t serial, std::uint64_t base) noexcept {
+        if (state_.base != base) {
+            *end_++ = ShortRecord::base().word();
+            *end_++ = state_.base = base;
+        }
+        *end_++ = ShortRecord(record.kind(), record.instrument(), serial, record.ticks()).word();
+    }
     /// One that follows another takes its place.
     void putSource(const Record& record) noexcept {
         SourcePtr::retain(record.sourceInfo);
@@ -248,7 +269,7 @@ Rewriter rewrite(Chunk* before, StreamState beforeEnd, Chunk& source) noexcept {
             SourcePtr::retain(state.info);
             SourcePtr::release(std::exchange(source.first, state).info);
         }
-        writer.put(record, RecordHead(*head), head + 1, reader.position());
+        writer.put(record, reader.state().base, head, reader.position());
         comeTo(CompactionPoint::moving);
         if (record.kind == RecordKind::source)
             SourcePtr::release(record.sourceInfo);  // what is written keeps its own

@@ -56,4 +56,55 @@ template <RecordKind kind>
     return true;
 }
 
+// The same without context, in one word.
+
+template <RecordKind kind>
+[[gnu::always_inline]] inline bool putShort(Track& track, const Opaque* instrument,
+                                            std::uint64_t serial, std::uint64_t ticks) noexcept {
+    Word* const at = track.tail.load(std::memory_order_relaxed);  // this thread's own
+    const std::uint64_t passed = ticks - track.stream.base;
+    if (passed >= ShortRecord::ticksLimit || instrument->id >= ShortRecord::instrumentLimit ||
+        at >= track.limit) [[unlikely]]
+        return false;
+    *at = ShortRecord(kind, instrument->id, serial, passed).word();
+    // Memory that is used again was put out of the caches by what was written since.
+    constexpr std::size_t wordsAhead = 64;
+    __builtin_prefetch(at + wordsAhead, 1);
+    commit(track, at + 1);
+    return true;
+}
+
+template <RecordKind kind>
+[[gnu::always_inline]] inline bool putShortBegin(Track& track, const Opaque* instrument, EventId id,
+                                                 std::uint64_t ticks) noexcept {
+    if (track.stream.source != id.sourceId || track.stream.nextSerial != id.serialId ||
+        !putShort<kind>(track, instrument, 0, ticks)) [[unlikely]]
+        return false;
+    track.stream.nextSerial = id.serialId + 1;
+    if constexpr (kind == RecordKind::start)
+        ++track.open;
+    return true;
+}
+
+[[gnu::always_inline]] inline bool putShortStop(Track& track, const Opaque* instrument, EventId id,
+                                                std::uint64_t ticks) noexcept {
+    const std::uint64_t back = track.stream.nextSerial - id.serialId;
+    if (track.stream.source != id.sourceId || id.serialId < track.runFirst || track.hasLost ||
+        back - 1 >= ShortRecord::serialLimit - 1 ||
+        !putShort<RecordKind::stop>(track, instrument, back, ticks)) [[unlikely]]
+        return false;
+    --track.open;
+    return true;
+}
+
+/// Has records of one word count from now, where they would soon be too far from their base.
+inline void renewBase(Track& track, std::uint64_t ticks) noexcept {
+    Word* const at = track.tail.load(std::memory_order_relaxed);  // this thread's own
+    if (ticks - track.stream.base < ShortRecord::ticksLimit / 2 || track.limit - at < 2)
+        return;
+    at[0] = ShortRecord::base().word();
+    at[1] = track.stream.base = ticks;
+    commit(track, at + 2);
+}
+
 }  // namespace instrument::detail

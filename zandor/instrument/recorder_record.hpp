@@ -6,12 +6,20 @@
 //   [count]               where the context does not fit its 8 bits
 //   [context words]       see recorder_context.hpp
 //
+// or, without context and soon after the stream's base, as one word:
+//
+//   word 0      0 3 | kind 3 | instrument 16 | serial 10 | ticks since the base 32
+//
+// Two kinds are of the stream alone: a base (ticks, in a second word) is what one-word records
+// behind it count from, until a source record; a skip adds to the serial that comes next (in place
+// of all but the kind).
+//
 // A stream is in one source at a time (whoever produces its records) and knows the serial that
 // comes next there. A start or instant has that serial, plus the gap in its serial bits. A stop of
 // an event that started in the same run of the stream counts back from the next serial; any other
 // is a foreignStop. A source record (source id, next serial, source) switches the stream and begins
 // a new run, unless it only goes on to a later serial of the same source. A plain start and its
-// stop are 32 bytes together.
+// stop are 32 bytes together, or 16.
 #pragma once
 
 #include <cstddef>
@@ -35,6 +43,8 @@ enum class RecordKind : std::uint8_t {
     // What compaction is about to leave out.
     deadBegin = 6,  ///< a start or instant
     deadStop = 7,
+    skip = 12,
+    base = 13,
 };
 
 /// The first word of a record.
@@ -68,6 +78,48 @@ class RecordHead {
     Word word_;
 };
 
+/// A record of one word, or the first of a base.
+class ShortRecord {
+  public:
+    static constexpr std::uint64_t serialLimit = std::uint64_t{1} << 10;
+    static constexpr std::uint64_t instrumentLimit = std::uint64_t{1} << 16;
+    static constexpr std::uint64_t ticksLimit = std::uint64_t{1} << 32;
+
+    static constexpr bool is(Word word) noexcept { return (word & 7) == 0; }
+
+    constexpr explicit ShortRecord(Word word) noexcept : word_(word) {}
+    /// All of them below their limits.
+    constexpr ShortRecord(RecordKind kind, std::uint64_t instrument, std::uint64_t serial,
+                          std::uint64_t ticks) noexcept
+        : word_(Word{static_cast<Word>(kind) & 7} << 3 | instrument << 6 | serial << 22 |
+                ticks << 32) {}
+    static constexpr ShortRecord base() noexcept { return {RecordKind::base, 0, 0, 0}; }
+    static constexpr ShortRecord skip(std::uint64_t serials) noexcept {
+        return ShortRecord(ShortRecord(RecordKind::skip, 0, 0, 0).word() | serials << 6);
+    }
+
+    constexpr Word word() const noexcept { return word_; }
+    constexpr RecordKind kind() const noexcept {
+        const Word kind = word_ >> 3 & 7;
+        const bool isOfStream = kind == (Word{static_cast<Word>(RecordKind::base)} & 7) ||
+                                kind == (Word{static_cast<Word>(RecordKind::skip)} & 7);
+        return static_cast<RecordKind>(isOfStream ? kind + 8 : kind);
+    }
+    constexpr std::uint32_t instrument() const noexcept {
+        return static_cast<std::uint32_t>(word_ >> 6 & (instrumentLimit - 1));
+    }
+    constexpr std::uint64_t serial() const noexcept { return word_ >> 22 & (serialLimit - 1); }
+    constexpr std::uint64_t ticks() const noexcept { return word_ >> 32; }
+    constexpr std::uint64_t skipped() const noexcept { return word_ >> 6; }
+    /// The same as a record of two words, but for its time.
+    constexpr RecordHead head() const noexcept {
+        return {kind(), false, 0, instrument(), serial()};
+    }
+
+  private:
+    Word word_;
+};
+
 /// Words of a record before its context.
 constexpr std::size_t wordsOf(RecordKind kind) noexcept {
     return kind == RecordKind::foreignStop || kind == RecordKind::source ? 4 : 2;
@@ -85,6 +137,9 @@ struct StreamState {
     std::uint64_t source = 0;
     std::uint64_t nextSerial = 0;
     SourceInfo* info = nullptr;  ///< kept by the chunk or record that it is from
+    /// Far from all ticks that there are.
+    static constexpr std::uint64_t noBase = std::uint64_t{1} << 63;
+    std::uint64_t base = noBase;  ///< ticks that one-word records count from
 };
 
 /// A record, read.
@@ -115,23 +170,48 @@ class RecordReader {
     bool next(Record& record) noexcept {
         if (position_ >= end_)
             return false;
+        if (ShortRecord::is(position_[0])) {
+            readShort(ShortRecord(position_[0]), record);
+            return true;
+        }
         const RecordHead head{position_[0]};
         record.kind = head.kind();
         record.timed = head.timed();
         record.instrument = head.instrument();
         record.time = position_[1];
-        readContext(head, readIdentity(head, record), record);
+        readContext(head, readIdentity(head.serial(), record), record);
         return true;
     }
 
   private:
+    void readShort(ShortRecord read, Record& record) noexcept {
+        record.kind = read.kind();
+        record.timed = false;
+        record.hasContextOfStart = false;
+        record.instrument = read.instrument();
+        record.context = {};
+        if (record.kind >= RecordKind::skip) [[unlikely]]
+            return readOfStream(read);
+        record.time = state_.base + read.ticks();
+        readIdentity(read.serial(), record);
+        ++position_;
+    }
+
+    void readOfStream(ShortRecord read) noexcept {
+        if (read.kind() == RecordKind::skip)
+            state_.nextSerial += read.skipped();
+        else
+            state_.base = *++position_;
+        ++position_;
+    }
+
     // No switch: most records are plain, and branches that are foretold cost less than a jump
     // table. Gives where its context is.
-    const Word* readIdentity(RecordHead head, Record& record) noexcept {
+    const Word* readIdentity(std::uint64_t serial, Record& record) noexcept {
         record.source = state_.source;
         record.sourceInfo = state_.info;
         if (record.kind == RecordKind::stop || record.kind == RecordKind::deadStop) {
-            record.id = {state_.source, state_.nextSerial - head.serial()};
+            record.id = {state_.source, state_.nextSerial - serial};
         } else if (record.kind == RecordKind::foreignStop) [[unlikely]] {
             record.id = {position_[2], position_[3]};
             return position_ + wordsOf(RecordKind::foreignStop);
@@ -139,7 +219,7 @@ class RecordReader {
             readSource(record);
             return position_ + wordsOf(RecordKind::source);
         } else {
-            record.id = {state_.source, state_.nextSerial + head.serial()};
+            record.id = {state_.source, state_.nextSerial + serial};
             state_.nextSerial = record.id.serialId + 1;
         }
         return position_ + wordsOf(RecordKind::start);

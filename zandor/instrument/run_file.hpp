@@ -50,7 +50,7 @@ static_assert(offsetof(Mapping, bytes) == 8 && offsetof(Mapping, magic) == 16 &&
 struct RunFile {
     static constexpr std::uint64_t magicNumber = 0x316e75725f6f647a;
     static constexpr std::uint64_t partMagic = 0x317472615f6f647a;
-    static constexpr std::uint32_t currentVersion = 2;
+    static constexpr std::uint32_t currentVersion = 3;
     static constexpr std::size_t headerBytes = 4096;
 
     std::uint64_t magic;

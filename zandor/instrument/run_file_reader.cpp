@@ -18,10 +18,10 @@ namespace {
 
 // What is read of a recording's structures, where their process has them.
 static_assert(sizeof(std::atomic<Chunk*>) == 8 && sizeof(std::atomic<std::uint64_t>) == 8);
-static_assert(sizeof(Chunk) == 80 && offsetof(Chunk, next) == 0 &&
+static_assert(sizeof(Chunk) == 88 && offsetof(Chunk, next) == 0 &&
               offsetof(Chunk, sealedEnd) == 8 && offsetof(Chunk, first) == 32 &&
-              offsetof(Chunk, bytes) == 56);
-static_assert(sizeof(Track) == 512 && offsetof(Track, tail) == 0);
+              offsetof(Chunk, bytes) == 64);
+static_assert(sizeof(Track) == 576 && offsetof(Track, tail) == 0);
 
 }  // namespace
 
@@ -245,7 +245,8 @@ void RunFileReader::copyTrack(TraceWriter& writer, std::uint64_t track,
         words.resize(bytes / sizeof(Word));
         if (!read(extent.begin, words.data(), words.size() * sizeof(Word)))
             return;
-        writer.records({number, extent.first.source, extent.first.nextSerial}, wholeRecords(words));
+        writer.records({number, extent.first.source, extent.first.nextSerial}, wholeInMemory(words),
+                       extent.first.base);
     }
 }
 

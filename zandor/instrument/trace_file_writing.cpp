@@ -126,8 +126,8 @@ void writeNames(TraceWriter& writer, std::uint64_t& nextText) {
     entries.writeTo(writer, 1);
 }
 
-/// The sources that a stretch names; a source may be told of again. Whether records of it name any.
-bool addSources(const Stretch& stretch, EntryList& entries, std::uint64_t& nextText,
+/// The sources that a stretch names; a source may be told of again.
+void addSources(const Stretch& stretch, EntryList& entries, std::uint64_t& nextText,
                 std::uint64_t& latest) {
     const auto tell = [&](SourceInfo* source) {
         if (source && source->id != std::exchange(latest, source->id))
@@ -136,16 +136,11 @@ bool addSources(const Stretch& stretch, EntryList& entries, std::uint64_t& nextT
     tell(stretch.state.info);
     // The count of a chunk that is not sealed yet is its thread's.
     if (stretch.isSealedChunk() && stretch.chunk->sourceRecords == 0)
-        return false;
-    bool names = false;
+        return;
     RecordReader reader(stretch.begin, stretch.end, stretch.state);
-    for (Record record; reader.next(record);) {
-        if (record.kind != RecordKind::source)
-            continue;
-        tell(record.sourceInfo);
-        names = true;
-    }
-    return names;
+    for (Record record; reader.next(record);)
+        if (record.kind == RecordKind::source)
+            tell(record.sourceInfo);
 }
 
 void writeSnapshot(TraceWriter& writer, const Snapshot& snapshot) {
@@ -157,14 +152,10 @@ void writeSnapshot(TraceWriter& writer, const Snapshot& snapshot) {
     for (const TrackView& view : snapshot.tracks()) {
         for (const Stretch& stretch : view.stretches) {
             EntryList sources;
-            const bool names = addSources(stretch, sources, nextText, latest);
+            addSources(stretch, sources, nextText, latest);
             sources.writeTo(writer, 1);
-            const TraceStretch head{track, stretch.state.source, stretch.state.nextSerial};
-            const std::span records(stretch.begin, stretch.end);
-            if (names)
-                writer.records(head, records);
-            else
-                writer.recordsOfOneSource(head, records);
+            writer.records({track, stretch.state.source, stretch.state.nextSerial},
+                           {stretch.begin, stretch.end}, stretch.state.base);
         }
         ++track;
     }

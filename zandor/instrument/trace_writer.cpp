@@ -1,9 +1,9 @@
 #include "trace_writer.hpp"
 
+#include <algorithm>
 #include <array>
 
 #include "trace_checksum.hpp"
-#include "untrusted_records.hpp"
 
 namespace instrument::detail {
 namespace {
@@ -38,22 +38,39 @@ void TraceWriter::journal(std::span<const std::byte> entries) {
         block(TraceBlock::journal, entries);
 }
 
-void TraceWriter::records(const TraceStretch& stretch, std::span<const Word> records) {
-    if (records.empty())
+void TraceWriter::records(const TraceStretch& stretch, std::span<const Word> records,
+                          std::uint64_t base) {
+    // A skip and the start behind it are as many words as any two become.
+    constexpr std::size_t mostForAWord = 3;
+    if (adapted_.size() < mostForAWord * records.size())
+        adapted_.resize(mostForAWord * records.size());
+    const std::span<const Word> adapted =
+        adapt(RecordReader(records.data(), records.data() + records.size(),
+                           {stretch.source, stretch.nextSerial, nullptr, base}));
+    if (adapted.empty())
         return;
-    cleaned_.assign(records.begin(), records.end());
-    const std::span<Word> whole = wholeRecords(cleaned_);
-    forEachRecord(whole, [](std::span<Word> record) {
-        if (RecordHead(record[0]).kind() == RecordKind::source)
-            record[3] = 0;
-    });
-    outline_.add(stretch, whole);
-    block(TraceBlock::records, bytesOf(stretch), std::as_bytes(std::span(cleaned_)));
+    outline_.add(stretch, adapted);
+    block(TraceBlock::records, bytesOf(stretch), std::as_bytes(adapted));
 }
 
-void TraceWriter::recordsOfOneSource(const TraceStretch& stretch, std::span<const Word> records) {
-    outline_.add(stretch, records);
-    block(TraceBlock::records, bytesOf(stretch), std::as_bytes(records));
+/// A file has no records of one word, and no addresses.
+std::span<const Word> TraceWriter::adapt(RecordReader reader) {
+    Word* out = adapted_.data();
+    const Word* begin = reader.position();
+    for (Record record; reader.next(record); begin = reader.position()) {
+        if (record.kind == RecordKind::source || record.kind == RecordKind::skip) {
+            *out++ = static_cast<Word>(RecordKind::source);
+            *out++ = reader.state().source;
+            *out++ = reader.state().nextSerial;
+            *out++ = 0;
+        } else if (!ShortRecord::is(*begin)) {
+            out = std::copy(begin, reader.position(), out);
+        } else if (record.kind != RecordKind::base) {
+            *out++ = ShortRecord(*begin).head().word();
+            *out++ = record.time;
+        }
+    }
+    return {adapted_.data(), out};
 }
 
 void TraceWriter::lost(std::span<const LostRange> ranges) {

@@ -25,10 +25,9 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
     /// Begins the next process: what follows is its.
     void beginProcess(const TraceProcess& process);
     void journal(std::span<const std::byte> entries);
-    /// Records; what source records have of this process's memory is left out.
-    void records(const TraceStretch& stretch, std::span<const Word> records);
-    /// The same of whole records, of which none is a source record.
-    void recordsOfOneSource(const TraceStretch& stretch, std::span<const Word> records);
+    /// Whole records of event memory, whose one-word records count from `base` at first.
+    void records(const TraceStretch& stretch, std::span<const Word> records,
+                 std::uint64_t base = StreamState::noBase);
     void lost(std::span<const LostRange> ranges);
     /// A stream of samples of the process, if there are any.
     void lines(Bytes stream);
@@ -39,6 +38,7 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
     std::uint32_t processes() const noexcept { return processes_; }
 
   private:
+    std::span<const Word> adapt(RecordReader reader);
     void block(TraceBlock kind, Bytes first, Bytes second = {});
     void endProcess();
     void put(Bytes bytes);
@@ -47,7 +47,7 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
     std::uint64_t offset_ = 0;
     std::uint32_t processes_ = 0;
     std::vector<TraceIndexEntry> index_;
-    std::vector<Word> cleaned_;
+    std::vector<Word> adapted_;
     OutlineWriter outline_;  // of the present process
 };
 

@@ -1,4 +1,5 @@
-// Records that come from a file, looked at before they are read as records.
+// Records that come from a file, looked at before they are read as records: those of a trace file,
+// and event memory, which has records of one word as well.
 #pragma once
 
 #include <cstddef>
@@ -29,10 +30,26 @@ inline std::size_t wordsOfUntrusted(std::span<const Word> untrusted) noexcept {
     return context <= untrusted.size() - words ? words + context : 0;
 }
 
+/// The same of event memory.
+inline std::size_t wordsOfUntrustedMemory(std::span<const Word> untrusted) noexcept {
+    if (untrusted.empty() || !ShortRecord::is(untrusted[0]))
+        return wordsOfUntrusted(untrusted);
+    const RecordKind kind = ShortRecord(untrusted[0]).kind();
+    if (kind == RecordKind::base)
+        return untrusted.size() < wordsOf(kind) ? 0 : wordsOf(kind);
+    return kind >= RecordKind::start ? 1 : 0;
+}
+
 /// The part of `untrusted` that is whole records.
 inline std::span<Word> wholeRecords(std::span<Word> untrusted) noexcept {
     std::size_t end = 0;
     while (const std::size_t words = wordsOfUntrusted(untrusted.subspan(end)))
+        end += words;
+    return untrusted.first(end);
+}
+inline std::span<const Word> wholeInMemory(std::span<const Word> untrusted) noexcept {
+    std::size_t end = 0;
+    while (const std::size_t words = wordsOfUntrustedMemory(untrusted.subspan(end)))
         end += words;
     return untrusted.first(end);
 }
