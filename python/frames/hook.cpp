@@ -203,7 +203,7 @@ void lookAtThread(PyThreadState* thread) noexcept {
 }
 
 [[gnu::noinline]] PyObject* evaluateUnusual(PyThreadState* thread, Frame* frame, int throws) {
-    if (!tracing.isOn)
+    if (!tracing.isHooked())
         return tracing.next(thread, frame, throws);
     if (tracedThread.session != tracing.session)
         lookAtThread(thread);
@@ -212,19 +212,29 @@ void lookAtThread(PyThreadState* thread) noexcept {
     return evaluateTraced(thread, frame, throws);
 }
 
+/// Of a function that is not recorded. A jump, with nothing of ours left on the stack.
+[[gnu::noinline]] PyObject* evaluateCollapsed(PyThreadState* thread, Frame* frame, int throws) {
+    if (!tracing.isHooked() || tracedThread.session != tracing.session || isTooDeep(tracedThread))
+        return evaluateUnusual(thread, frame, throws);
+    ++tracing.collapsedCalls;
+    return tracing.next(thread, frame, throws);
+}
+
 /// Whether the thread, and a call of the function, are as nearly all are.
-[[gnu::always_inline]] inline bool isUsual(const Function* function, const TracedThread& thread) {
-    const std::uint32_t session = tracing.isOn ? tracing.session : 0;
-    return function && function->usual == session && thread.usual == session && session != 0 &&
-           !isTooDeep(thread);
+[[gnu::always_inline]] inline bool isUsual(const Function& function, const TracedThread& thread) {
+    return function.usual == tracing.hooked && thread.usual == tracing.hooked && !isTooDeep(thread);
 }
 
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
     const Function* function = knownFunction(frame->f_code);
-    if (!isUsual(function, tracedThread)) [[unlikely]]
+    if (!function) [[unlikely]]
         return evaluateUnusual(thread, frame, throws);
-    if (function->mayBeSubscript)
-        keepGeneral(thread->cframe->current_frame);
+    if (!isUsual(*function, tracedThread)) [[unlikely]]
+        return function->kind == FunctionKind::collapsed && function->session == tracing.session
+                   ? evaluateCollapsed(thread, frame, throws)
+                   : evaluateUnusual(thread, frame, throws);
+    if (function->mayBeSubscript && isAtSubscript(thread->cframe->current_frame)) [[unlikely]]
+        return evaluateUnusual(thread, frame, throws);
     return evaluateEvent(thread, frame, throws, instrumentOf(*function, frame));
 }
 
@@ -273,9 +283,9 @@ const char* putHookIn() {
     if (!requestFunctionSlot())
         return "other tools took all extra slots of code objects";
     watchForks();
-    tracing.isOn = true;
+    tracing.hooked = tracing.session;
     if (!joinChain()) {
-        tracing.isOn = false;
+        tracing.hooked = Tracing::noSession;
         return "another tool lets no other frame-evaluation hook be";
     }
     observeRunningFrames();
@@ -293,7 +303,7 @@ void takeHookOut() {
         tracing.wasTakenOut = true;
         tracing.isInChain = false;
     }
-    tracing.isOn = false;
+    tracing.hooked = Tracing::noSession;
 }
 
 const Function* functionOfHook(PyCodeObject* code) noexcept {

@@ -8,12 +8,32 @@
 // Subscripts of lists, tuples and dicts lose one execution.
 #pragma once
 
+#include <opcode.h>
+
 #include "frame.hpp"
 
 namespace vantrace {
 
 /// Has the first execution of each subscript in the code go the general way.
 void observeSubscripts(PyCodeObject* code);
+
+/// Whether a frame stands at a subscript.
+inline bool isAtSubscript(const Frame* frame) noexcept {
+    if (!frame)
+        return false;
+    // One that has not begun stands before its first instruction, still in its code object.
+    switch (_Py_OPCODE(*frame->prev_instr)) {
+        case BINARY_SUBSCR:
+        case BINARY_SUBSCR_ADAPTIVE:
+        case BINARY_SUBSCR_DICT:
+        case BINARY_SUBSCR_GETITEM:
+        case BINARY_SUBSCR_LIST_INT:
+        case BINARY_SUBSCR_TUPLE_INT:
+            return true;
+        default:
+            return false;
+    }
+}
 
 /// For a function that may be a __getitem__ and is entered from `caller`: when that is a subscript,
 /// it will never be specialised.

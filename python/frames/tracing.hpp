@@ -11,12 +11,15 @@ namespace vantrace {
 
 /// Trivially destroyed: frames run until the very end of the process.
 struct Tracing {
-    bool isOn = false;  ///< the frame-evaluation hook makes events
+    static constexpr std::uint32_t noSession = ~std::uint32_t{0};
+    /// The present session while the frame-evaluation hook makes events.
+    std::uint32_t hooked = noSession;
     /// Why the profile hook stands in for that one; null where it does not.
     const char* withoutHook = nullptr;
     bool withCCalls = false;
     /// Whether our hook is in the interpreter's chain of hooks: the latest, or behind others.
     bool isInChain = false;
+    bool isHooked() const noexcept { return hooked != noSession; }
     std::uint32_t session = 0;  ///< counts the beginnings; functions are decided about in each
     int users = 0;
     int deepThreads = 0;                  ///< for which the hook is taken out
