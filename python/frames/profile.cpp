@@ -204,6 +204,8 @@ void followCFunction(ThreadCalls& calls, PyFrameObject* frame, int what, PyObjec
 }
 
 int profile(PyObject* self, PyFrameObject* frame, int what, PyObject* argument) noexcept {
+    if (!tracing.withoutHook && (what == PyTrace_CALL || what == PyTrace_RETURN))
+        return 0;  // the hook's
     const KeptError error;
     try {
         if (tracing.withoutHook)
