@@ -7,7 +7,6 @@
 
 namespace vantrace {
 
-using instrument::ContextArg;
 using instrument::Opaque;
 
 namespace {

@@ -27,7 +27,8 @@ def watch(folder, variable, site):
     _posixsubprocess.fork_exec = fork_exec
     for name in ("execv", "execve", "posix_spawn", "posix_spawnp"):
         setattr(os, name, _noting(watcher, getattr(os, name)))
-    os.system = _noting_system(watcher, os.system)
+    # The program's own calls go on to it; nothing of ours has a shell do anything.
+    setattr(os, "system", _noting_text(watcher, getattr(os, "system")))
 
 
 def _noting(watcher, start):
@@ -42,9 +43,7 @@ def _noting(watcher, start):
             _take_back(notes)
             raise
 
-    noting.__name__ = noting.__qualname__ = start.__name__
-    noting.__doc__ = start.__doc__
-    return noting
+    return _named_like(start, noting)
 
 
 def _take_back(notes):
@@ -55,13 +54,20 @@ def _take_back(notes):
             pass  # the run is over
 
 
-def _noting_system(watcher, start):
-    def system(command):
+def _noting_text(watcher, start):
+    """The same for a function that a shell's command is given to."""
+
+    def noting(command):
         watcher.note("sh", ["sh", "-c", command], None)
         return start(command)
 
-    system.__doc__ = start.__doc__
-    return system
+    return _named_like(start, noting)
+
+
+def _named_like(known, function):
+    function.__name__ = function.__qualname__ = known.__name__
+    function.__doc__ = known.__doc__
+    return function
 
 
 class _Watcher:
