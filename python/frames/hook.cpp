@@ -225,6 +225,12 @@ void lookAtThread(PyThreadState* thread) noexcept {
     return function.usual == tracing.hooked && thread.usual == tracing.hooked && !isTooDeep(thread);
 }
 
+[[gnu::noinline]] PyObject* evaluateUsual(PyThreadState* thread, Frame* frame, int throws,
+                                          const Opaque* instrument) {
+    return evaluateEvent(thread, frame, throws, instrument);
+}
+
+/// Jumps only: what is here takes no stack, and has no registers to keep.
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
     const Function* function = knownFunction(frame->f_code);
     if (!function) [[unlikely]]
@@ -235,7 +241,7 @@ PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
                    : evaluateUnusual(thread, frame, throws);
     if (function->mayBeSubscript && isAtSubscript(thread->cframe->current_frame)) [[unlikely]]
         return evaluateUnusual(thread, frame, throws);
-    return evaluateEvent(thread, frame, throws, instrumentOf(*function, frame));
+    return evaluateUsual(thread, frame, throws, instrumentOf(*function, frame));
 }
 
 /// Whether a frame that runs now reaches our hook.
