@@ -76,15 +76,15 @@ TEST_F(RecorderLimitsTest, AreAQuarterOfTheMemoryByDefault) {
     EXPECT_EQ(InstrumentRecorder({.maxBytes = mebi}).maxBytes(), mebi);
 }
 
-TEST_F(RecorderLimitsTest, TakeAPlainPairFor32Bytes) {
+TEST_F(RecorderLimitsTest, TakeAPlainPairFor16Bytes) {
     InstrumentRecorder recorder;
     const Listening listening(recorder);
     constexpr std::size_t pairs = 500'000;
     for (std::size_t i = 0; i < pairs; ++i)
         const Scope scope{work_};
     EXPECT_THAT(recorder.getAllEventStats(), SizeIs(1));
-    EXPECT_LT(recorder.bytesInUse(), pairs * 32 + 5 * mebi);  // of the newest chunk little is used
-    EXPECT_GT(recorder.bytesInUse(), pairs * 32);
+    EXPECT_LT(recorder.bytesInUse(), pairs * 16 + 5 * mebi);  // of the newest chunk little is used
+    EXPECT_GT(recorder.bytesInUse(), pairs * 16);
 }
 
 TEST_F(RecorderLimitsTest, TakeEightBytesMoreForEachInternedContextEntry) {
