@@ -214,10 +214,10 @@ GROWTH = [
         "growth trace-file 100000#each", "an event of 10^5", Times(1.25)),
     Row("struct array, 10^6 over 10^4", "growth struct-arrays 1000000#each",
         "growth struct-arrays 10000#each", "a record of 10^4", Times(1.25)),
-    Row("query for a name in 1 % of the chunks, an event of all", "growth rare-name 10000000#each",
+    Row("query for a name in 1 % of the chunks, an event of all", "growth rare-name 20000000#each",
         "growth statistics 10000000#each", "statistics of all names"),
     Row("query for a name in 1 % of the chunks, recorded bytes that it reads",
-        "growth rare-name 10000000#bytes", target=AtMost(2), unit="%"),
+        "growth rare-name 20000000#bytes", target=AtMost(2), unit="%"),
 ]
 
 # Of the pairs of eight threads. The longest ones waited for the turn of another thread.

@@ -56,7 +56,7 @@ class NameIndexTest : public test_support::RecorderTest {
 
 /// Sixty chunks and more, of which one has the name.
 TEST_F(NameIndexTest, ANameInOneOfAHundredChunksIsFoundByReadingTwo) {
-    constexpr int inAChunk = 65'536;  // pairs
+    constexpr int inAChunk = 131'072;  // pairs
     std::thread([&] {
         pairs(often_, 60 * inAChunk);
         pairs(rare_, 100);

@@ -15,6 +15,9 @@ std::span<const std::byte> bytesOf(const Record& record) noexcept {
 
 constexpr std::array<std::byte, sizeof(Word)> zeros{};
 
+/// A block of records is about as large, so that who reads needs as little memory as who writes.
+constexpr std::size_t wordsOfBlock = std::size_t{256} * 1024;
+
 }  // namespace
 
 TraceWriter::TraceWriter(const std::filesystem::path& file) : sink_(file) {
@@ -40,24 +43,31 @@ void TraceWriter::journal(std::span<const std::byte> entries) {
 
 void TraceWriter::records(const TraceStretch& stretch, std::span<const Word> records,
                           std::uint64_t base) {
-    // A skip and the start behind it are as many words as any two become.
+    // A skip and the start behind it are as many words as any two become, and a block has at most
+    // one record beyond its bound.
     constexpr std::size_t mostForAWord = 3;
-    if (adapted_.size() < mostForAWord * records.size())
-        adapted_.resize(mostForAWord * records.size());
-    const std::span<const Word> adapted =
-        adapt(RecordReader(records.data(), records.data() + records.size(),
-                           {stretch.source, stretch.nextSerial, nullptr, base}));
-    if (adapted.empty())
-        return;
-    outline_.add(stretch, adapted);
-    block(TraceBlock::records, bytesOf(stretch), std::as_bytes(adapted));
+    const std::size_t most =
+        std::min(mostForAWord * records.size(), wordsOfBlock + records.size()) + mostForAWord;
+    if (adapted_.size() < most)
+        adapted_.resize(most);
+    RecordReader reader(records.data(), records.data() + records.size(),
+                        {stretch.source, stretch.nextSerial, nullptr, base});
+    for (TraceStretch part = stretch;;) {
+        const std::span<const Word> adapted = adapt(reader);
+        if (adapted.empty())
+            return;
+        outline_.add(part, adapted);
+        block(TraceBlock::records, bytesOf(part), std::as_bytes(adapted));
+        part = {stretch.track, reader.state().source, reader.state().nextSerial};
+    }
 }
 
-/// A file has no records of one word, and no addresses.
-std::span<const Word> TraceWriter::adapt(RecordReader reader) {
+/// The next block of records: a file has none of one word, and no addresses.
+std::span<const Word> TraceWriter::adapt(RecordReader& reader) {
     Word* out = adapted_.data();
+    const Word* const enough = out + wordsOfBlock;
     const Word* begin = reader.position();
-    for (Record record; reader.next(record); begin = reader.position()) {
+    for (Record record; out < enough && reader.next(record); begin = reader.position()) {
         if (record.kind == RecordKind::source || record.kind == RecordKind::skip) {
             *out++ = static_cast<Word>(RecordKind::source);
             *out++ = reader.state().source;

@@ -25,7 +25,8 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
     /// Begins the next process: what follows is its.
     void beginProcess(const TraceProcess& process);
     void journal(std::span<const std::byte> entries);
-    /// Whole records of event memory, whose one-word records count from `base` at first.
+    /// Whole records of event memory, whose one-word records count from `base` at first; in blocks
+    /// of some two megabytes.
     void records(const TraceStretch& stretch, std::span<const Word> records,
                  std::uint64_t base = StreamState::noBase);
     void lost(std::span<const LostRange> ranges);
@@ -38,7 +39,7 @@ class ZANDOR_INSTRUMENT_API TraceWriter {
     std::uint32_t processes() const noexcept { return processes_; }
 
   private:
-    std::span<const Word> adapt(RecordReader reader);
+    std::span<const Word> adapt(RecordReader& reader);
     void block(TraceBlock kind, Bytes first, Bytes second = {});
     void endProcess();
     void put(Bytes bytes);
