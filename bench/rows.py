@@ -75,7 +75,7 @@ NATIVE = [
     Row("inactive scope, two context entries", "native inactiveScopeWithContext",
         "native floorTwoLoads", "two relaxed loads and predicted branches"),
     Row("inactive pair by the C interface", "native unwantedPair", "native floorTwoCalls",
-        "two calls through pointers, of the same types, that look at a flag", Times(1.15)),
+        "two calls through pointers into a library that looks at a flag", Times(1.15)),
     ticks("recorded pair", "recordedPair", 1.15,
           peers={PROTOTYPE: "native prototypePair", "LTTng-UST": "lttng recordedPair"}),
     Row("recorded pair, 1,000 names, depth 50", "native recordedPairNested",

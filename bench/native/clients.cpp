@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/library/wanted.hpp"
 #include "measuring.hpp"
 #include "zandor/client/client.h"
 #include "zandor/performance/aggregator.hpp"
@@ -107,25 +108,9 @@ void producedPairWithContext(benchmark::State& state) {
 }
 BENCHMARK(producedPairWithContext)->UseManualTime();
 
-// Functions of the interface's types that do no more than ask whether anybody wants events.
-
-std::atomic<bool> isWanted;
-std::uint64_t produced;
-
-zandor_event startIfWanted(zandor_client*, const char*, const char* const*, const char* const*,
-                           std::size_t) {
-    if (isWanted.load(std::memory_order_relaxed)) [[unlikely]]
-        return {++produced, 1};
-    return {0, 0};
-}
-void stopIfWanted(zandor_client*, zandor_event event) {
-    if (isWanted.load(std::memory_order_relaxed)) [[unlikely]]
-        produced += event.serial;
-}
-
 void floorTwoCalls(benchmark::State& state) {
-    auto* volatile begin = startIfWanted;
-    auto* volatile end = stopIfWanted;
+    auto* volatile begin = bench::startIfWanted;
+    auto* volatile end = bench::stopIfWanted;
     for (auto _ : state)
         end(nullptr, begin(nullptr, "bench", nullptr, nullptr, 0));
 }
