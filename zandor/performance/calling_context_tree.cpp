@@ -113,7 +113,10 @@ bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
 
 void CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
     Frame& frame = *top();
-    if (frame.word.load(std::memory_order_relaxed) != serial << 1) [[unlikely]]
+    // The ground is no call, and no serial of a call has the bit that a word has no room for: stops
+    // come with whatever serial their caller gives.
+    if (frame.word.load(std::memory_order_relaxed) != serial << 1 || !frame.below || serial >> 63)
+        [[unlikely]]
         return stopGenerally(serial, time);
     if (!markOwn(frame, serial) || frame.isBelow) [[unlikely]]
         return stopMarked(serial, time);

@@ -172,6 +172,24 @@ TEST_F(Profiler, LeavesOpenCallsAndStrayStopsOut) {
     EXPECT_EQ(of("open").total, 40);
 }
 
+TEST_F(Profiler, LeavesStopsOutWhateverTheirSerialsAre) {
+    const Instrument work("stray");
+    const OpenEvent first = work.start();
+    const auto strayStop = [&](std::uint64_t serial) {
+        listeners.onEventStop(work.handle(), ContextSet(), {first.id().sourceId, serial});
+    };
+    work.stop(first);
+    constexpr std::uint64_t highest = std::uint64_t{1} << 63;
+    for (const std::uint64_t serial : {std::uint64_t{0}, highest - 1, highest, ~std::uint64_t{0}})
+        strayStop(serial);
+    EXPECT_EQ(of("stray").calls, 1);
+    const OpenEvent second = work.start();
+    strayStop(second.id().serialId | highest);
+    EXPECT_EQ(of("stray").calls, 1);
+    work.stop(second);
+    EXPECT_EQ(of("stray").calls, 2);
+}
+
 TEST_F(Profiler, KeepsItsMemoryWhereStartsAreNeverStopped) {
     for (int i = 0; i < 3'000'000; ++i)
         begin("never stopped", i);
