@@ -13,20 +13,6 @@ namespace {
 /// The counter of an instruction, in the code unit after it: the count above 4 bits of back-off.
 constexpr _Py_CODEUNIT onceMore = 1 << 4;
 
-bool isSubscript(int opcode) noexcept {
-    switch (opcode) {
-        case BINARY_SUBSCR:
-        case BINARY_SUBSCR_ADAPTIVE:
-        case BINARY_SUBSCR_DICT:
-        case BINARY_SUBSCR_GETITEM:
-        case BINARY_SUBSCR_LIST_INT:
-        case BINARY_SUBSCR_TUPLE_INT:
-            return true;
-        default:
-            return false;
-    }
-}
-
 /// Replaces the opcode and keeps the argument.
 void setOpcode(_Py_CODEUNIT& unit, int opcode) noexcept {
     unit = static_cast<_Py_CODEUNIT>((unit & 0xff00) | opcode);

@@ -17,12 +17,8 @@ namespace vantrace {
 /// Has the first execution of each subscript in the code go the general way.
 void observeSubscripts(PyCodeObject* code);
 
-/// Whether a frame stands at a subscript.
-inline bool isAtSubscript(const Frame* frame) noexcept {
-    if (!frame)
-        return false;
-    // One that has not begun stands before its first instruction, still in its code object.
-    switch (_Py_OPCODE(*frame->prev_instr)) {
+inline bool isSubscript(int opcode) noexcept {
+    switch (opcode) {
         case BINARY_SUBSCR:
         case BINARY_SUBSCR_ADAPTIVE:
         case BINARY_SUBSCR_DICT:
@@ -33,6 +29,12 @@ inline bool isAtSubscript(const Frame* frame) noexcept {
         default:
             return false;
     }
+}
+
+/// Whether a frame stands at a subscript.
+inline bool isAtSubscript(const Frame* frame) noexcept {
+    // One that has not begun stands before its first instruction, still in its code object.
+    return frame && isSubscript(_Py_OPCODE(*frame->prev_instr));
 }
 
 /// For a function that may be a __getitem__ and is entered from `caller`: when that is a subscript,
