@@ -2,6 +2,7 @@
 
 import json
 import re
+from decimal import ROUND_HALF_UP, Decimal
 from pathlib import Path
 
 import pytest
@@ -100,11 +101,13 @@ def test_time_by_name_is_that_of_the_recording(page, report):
 
 
 def in_units(nanoseconds, digits=4):
-    from vantrace._table import time_text
-
-    # What lies in the middle is rounded up by the page, and to the even digit by Python.
-    upwards = 1e-6 if nanoseconds >= 1000 else 0
-    return time_text(nanoseconds + upwards, digits).replace("us", "µs")
+    """As the page rounds it: to the nearer, and upwards from the exact middle."""
+    for unit, size in (("s", 1e9), ("ms", 1e6), ("µs", 1e3)):
+        value = nanoseconds / size
+        if value >= 0.9995:
+            last = Decimal(1).scaleb(min(0, len(str(int(value))) - digits))
+            return f"{Decimal(value).quantize(last, ROUND_HALF_UP)} {unit}"
+    return f"{nanoseconds} ns"
 
 
 def test_the_head_tells_what_was_recorded(page, report):
