@@ -1,6 +1,6 @@
 // How costs grow with the number of events, each in a process of its own.
 //
-//   growth recording|statistics|json|trace-file|rare-name EVENTS
+//   growth recording|statistics|json|json-file|plain-file|trace-file|rare-name EVENTS
 //   growth struct-arrays RECORDS
 //
 // Prints {"each": nanoseconds of CPU time, "bytes": memory} for one event or record. A query for a
@@ -8,6 +8,7 @@
 #include <sys/mman.h>
 #include <time.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -17,6 +18,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -145,27 +147,61 @@ Cost rareName(std::size_t events) {
     return {time / static_cast<double>(events), 100 * read / all};
 }
 
-/// The bytes are those of the file.
-template <class Save>
-Cost saved(std::size_t events, Save save) {
-    const Recording recorded(events);
-    const bench::TemporaryFolder folder;
-    const double time = timed([&] { save(recorded.recorder, folder.file("saved")); });
-    return costOf(time, static_cast<double>(std::filesystem::file_size(folder.file("saved"))),
-                  events);
-}
+/// The bytes are those of the text.
+class CountedText : public instrument::TextSink {
+  public:
+    void write(std::string_view text) override { bytes += text.size(); }
+    std::size_t bytes = 0;
+};
 
 Cost json(std::size_t events) {
-    return saved(events, [](const InstrumentRecorder& recorder, const std::string& file) {
-        saveTraceEventJson(recorder, instrument::TimeSystem::monotonic,
+    const Recording recorded(events);
+    CountedText text;
+    const double time = timed([&] {
+        writeTraceEventJson(recorded.recorder, instrument::TimeSystem::monotonic,
+                            std::chrono::nanoseconds(-1), text);
+    });
+    return costOf(time, static_cast<double>(text.bytes), events);
+}
+
+/// The bytes are those of the file. It lies in memory, for a disk that has to write gigabytes back
+/// slows down.
+template <class Save>
+Cost saved(std::size_t events, Save save) {
+    const auto folder = bench::TemporaryFolder::inMemory();
+    const std::string file = folder.file("saved");
+    const double time = timed([&] { save(file); });
+    return costOf(time, static_cast<double>(std::filesystem::file_size(file)), events);
+}
+
+Cost jsonFile(std::size_t events) {
+    const Recording recorded(events);
+    return saved(events, [&](const std::string& file) {
+        saveTraceEventJson(recorded.recorder, instrument::TimeSystem::monotonic,
                            std::chrono::nanoseconds(-1), file);
     });
 }
 
-Cost traceFile(std::size_t events) {
-    return saved(events, [](const InstrumentRecorder& recorder, const std::string& file) {
-        saveTraceFile(recorder, file);
+/// As many bytes as an event of the program takes in JSON, without anything being made of them.
+Cost plainFile(std::size_t events) {
+    constexpr std::size_t piece = std::size_t{256} << 10, bytesOfEvent = 90;
+    const std::string text(piece, ' ');
+    return saved(events, [&](const std::string& name) {
+        std::ofstream file(name, std::ios::binary);
+        file.rdbuf()->pubsetbuf(nullptr, 0);
+        for (std::size_t left = events * bytesOfEvent; left > 0;) {
+            const std::size_t part = std::min(left, piece);
+            file.write(text.data(), static_cast<std::streamsize>(part));
+            left -= part;
+        }
+        if (!file.flush())
+            throw std::runtime_error("the file cannot be written");
     });
+}
+
+Cost traceFile(std::size_t events) {
+    const Recording recorded(events);
+    return saved(events, [&](const std::string& file) { saveTraceFile(recorded.recorder, file); });
 }
 
 /// Of the whole process, in bytes.
@@ -199,8 +235,10 @@ Cost structArrays(std::size_t records) {
 }
 
 const std::map<std::string, Cost (*)(std::size_t)> subjects = {
-    {"recording", recording}, {"statistics", statistics}, {"rare-name", rareName},
-    {"json", json},           {"trace-file", traceFile},  {"struct-arrays", structArrays},
+    {"recording", recording},  {"statistics", statistics},
+    {"rare-name", rareName},   {"json", json},
+    {"json-file", jsonFile},   {"plain-file", plainFile},
+    {"trace-file", traceFile}, {"struct-arrays", structArrays},
 };
 
 }  // namespace

@@ -19,6 +19,8 @@ SUBJECTS = {
     "statistics": "#2ca02c",
     "trace-file": "#9467bd",
     "json": "#d62728",
+    "json-file": "#ff7f0e",
+    "plain-file": "#e7ba52",
     "struct-arrays": "#7f7f7f",
 }
 LEAST = 100_000

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -10,9 +11,15 @@ namespace bench {
 
 class TemporaryFolder {
   public:
-    TemporaryFolder() {
-        char path[] = "/tmp/zandor-bench-XXXXXX";
-        path_ = mkdtemp(path);
+    explicit TemporaryFolder(const std::string& parent = "/tmp")
+        : path_(parent + "/zandor-bench-XXXXXX") {
+        if (mkdtemp(path_.data()) == nullptr)
+            throw std::filesystem::filesystem_error("no folder for measuring", parent,
+                                                    std::make_error_code(std::errc::io_error));
+    }
+    /// One whose files lie in memory, where the system has such.
+    static TemporaryFolder inMemory() {
+        return TemporaryFolder(access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp");
     }
     ~TemporaryFolder() { std::filesystem::remove_all(path_); }
     TemporaryFolder(const TemporaryFolder&) = delete;
