@@ -13,8 +13,10 @@ import pytest
 
 
 ROOT = Path(__file__).resolve().parents[2]
-# A shell that runs us in the background has its children ignore the interrupt.
+# What runs us in the background may have its children ignore these; tests send them.
 signal.signal(signal.SIGINT, signal.default_int_handler)
+for ignored in (signal.SIGHUP, signal.SIGQUIT):
+    signal.signal(ignored, signal.SIG_DFL)
 
 BUILD = Path(os.environ.get("VANTRACE_BUILD", ROOT / "build/release"))
 EVENT_PRINTER = BUILD / "tests/plugins/event_printer.so"
