@@ -29,7 +29,7 @@ namespace {
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws);
 
 /// What the interpreter would do without the hook.
-[[gnu::always_inline]] inline PyObject* goOn(PyThreadState* thread, Frame* frame, int throws) {
+PyObject* goOn(PyThreadState* thread, Frame* frame, int throws) {
     return intoPython([&] { return tracing.next(thread, frame, throws); });
 }
 
@@ -50,12 +50,12 @@ bool isResumed(const Frame* frame) noexcept {
     return learnFunction(frame, caller);
 }
 
+/// No function of ours lies between the event and the evaluator: each takes stack.
 [[gnu::always_inline]] inline PyObject* evaluateEvent(PyThreadState* thread, Frame* frame,
                                                       int throws, const Opaque* instrument) {
-    const EventId id = startCall(instrument);
-    PyObject* result = goOn(thread, frame, throws);
-    stopCall(instrument, id);
-    return result;
+    using Function = decltype(instrument::PlainCallee::function);
+    const instrument::PlainCallee callee{reinterpret_cast<Function>(tracing.next), park};
+    return static_cast<PyObject*>(instrument::callPlain(thread, frame, throws, callee, instrument));
 }
 
 /// A step of a coroutine.
@@ -79,6 +79,7 @@ PyObject* evaluateImport(PyThreadState* thread, Frame* frame, int throws) {
         return goOn(thread, frame, throws);
     }
     traced.usual = 0;
+    nameThread();
     PyObject* result = evaluateEvent(thread, frame, throws, tracing.import);
     traced.isImporting = false;
     return result;
@@ -112,6 +113,7 @@ PyObject* evaluateTraced(PyThreadState* thread, Frame* frame, int throws) {
     const Function* function = functionOf(frame, thread->cframe->current_frame);
     if (!function || function->kind != FunctionKind::recorded)
         return evaluateOther(thread, frame, throws, function);
+    nameThread();
     if (function->mayBeSubscript)
         keepGeneral(thread->cframe->current_frame);
     const Opaque* instrument = instrumentOf(*function, frame);
@@ -225,11 +227,6 @@ void lookAtThread(PyThreadState* thread) noexcept {
     return function.usual == tracing.hooked && thread.usual == tracing.hooked && !isTooDeep(thread);
 }
 
-[[gnu::noinline]] PyObject* evaluateUsual(PyThreadState* thread, Frame* frame, int throws,
-                                          const Opaque* instrument) {
-    return evaluateEvent(thread, frame, throws, instrument);
-}
-
 /// Jumps only: what is here takes no stack, and has no registers to keep.
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
     const Function* function = knownFunction(frame->f_code);
@@ -241,7 +238,7 @@ PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws) {
                    : evaluateUnusual(thread, frame, throws);
     if (function->mayBeSubscript && isAtSubscript(thread->cframe->current_frame)) [[unlikely]]
         return evaluateUnusual(thread, frame, throws);
-    return evaluateUsual(thread, frame, throws, instrumentOf(*function, frame));
+    return evaluateEvent(thread, frame, throws, instrumentOf(*function, frame));
 }
 
 /// Whether a frame that runs now reaches our hook.
