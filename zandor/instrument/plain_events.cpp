@@ -133,10 +133,6 @@ template <RecordKind kind>
     renewBase(*state.lane.track, ticks);
     return true;
 }
-[[gnu::noinline]] bool recordFarStop(ThreadState& state, const Opaque* handle, EventId id,
-                                     std::uint64_t ticks) noexcept {
-    return recordStop(state, handle, false, id, ticks);
-}
 
 template <RecordKind kind>
 [[gnu::always_inline]] inline bool recordPlainBegin(ThreadState& state, const Opaque* handle,
@@ -146,15 +142,6 @@ template <RecordKind kind>
     if (track && !putShortBegin<kind>(*track, handle, id, ticks)) [[unlikely]]
         return recordFarBegin<kind>(state, handle, ticks);
     state.source.serial = id.serialId;
-    return true;
-}
-[[gnu::always_inline]] inline bool recordPlainStop(ThreadState& state, const Opaque* handle,
-                                                   EventId id, std::uint64_t ticks) noexcept {
-    Track* const track = state.lane.track;
-    if (id.sourceId != state.source.id) [[unlikely]]
-        return false;
-    if (track && !putShortStop(*track, handle, id, ticks)) [[unlikely]]
-        return recordFarStop(state, handle, id, ticks);
     return true;
 }
 
@@ -184,7 +171,7 @@ template <RecordKind kind>
     if (!state) [[unlikely]]
         return generally(handle, id);
     const std::uint64_t ticks = readClock(*state);
-    if (!recordPlainStop(*state, handle, id, ticks)) [[unlikely]] {
+    if (!recordStop(*state, handle, false, id, ticks)) [[unlikely]] {
         leaveLane(*state);
         return generally(handle, id);
     }

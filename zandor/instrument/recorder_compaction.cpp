@@ -223,7 +223,7 @@ class Rewriter {
             *end_++ = ShortRecord::base().word();
             *end_++ = state_.base = base;
         }
-        *end_++ = ShortRecord(record.kind(), record.instrument(), serial, record.ticks()).word();
+        *end_++ = record.withSerial(serial).word();
     }
     /// One that follows another takes its place.
     void putSource(const Record& record) noexcept {

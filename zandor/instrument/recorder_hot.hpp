@@ -56,10 +56,9 @@ template <RecordKind kind>
     return true;
 }
 
-// The same without context, in one word.
+// The same without context of their own, in one word.
 
-template <RecordKind kind>
-[[gnu::always_inline]] inline bool putShort(Track& track, const Opaque* instrument,
+[[gnu::always_inline]] inline bool putShort(Track& track, RecordKind kind, const Opaque* instrument,
                                             std::uint64_t serial, std::uint64_t ticks) noexcept {
     Word* const at = track.tail.load(std::memory_order_relaxed);  // this thread's own
     const std::uint64_t passed = ticks - track.stream.base;
@@ -78,7 +77,7 @@ template <RecordKind kind>
 [[gnu::always_inline]] inline bool putShortBegin(Track& track, const Opaque* instrument, EventId id,
                                                  std::uint64_t ticks) noexcept {
     if (track.stream.source != id.sourceId || track.stream.nextSerial != id.serialId ||
-        !putShort<kind>(track, instrument, 0, ticks)) [[unlikely]]
+        !putShort(track, kind, instrument, 0, ticks)) [[unlikely]]
         return false;
     track.stream.nextSerial = id.serialId + 1;
     if constexpr (kind == RecordKind::start)
@@ -86,12 +85,14 @@ template <RecordKind kind>
     return true;
 }
 
-[[gnu::always_inline]] inline bool putShortStop(Track& track, const Opaque* instrument, EventId id,
+[[gnu::always_inline]] inline bool putShortStop(Track& track, const Opaque* instrument,
+                                                bool hasContext, EventId id,
                                                 std::uint64_t ticks) noexcept {
+    const RecordKind kind = hasContext ? stopOfContext : RecordKind::stop;
     const std::uint64_t back = track.stream.nextSerial - id.serialId;
     if (track.stream.source != id.sourceId || id.serialId < track.runFirst || track.hasLost ||
-        back - 1 >= ShortRecord::serialLimit - 1 ||
-        !putShort<RecordKind::stop>(track, instrument, back, ticks)) [[unlikely]]
+        back - 1 >= ShortRecord::serialLimit - 1 || !putShort(track, kind, instrument, back, ticks))
+        [[unlikely]]
         return false;
     --track.open;
     return true;

@@ -6,13 +6,13 @@
 //   [count]               where the context does not fit its 8 bits
 //   [context words]       see recorder_context.hpp
 //
-// or, without context and soon after the stream's base, as one word:
+// or, without context of its own and soon after the stream's base, as one word:
 //
 //   word 0      0 3 | kind 3 | instrument 16 | serial 10 | ticks since the base 32
 //
-// Two kinds are of the stream alone: a base (ticks, in a second word) is what one-word records
-// behind it count from, until a source record; a skip adds to the serial that comes next (in place
-// of all but the kind).
+// where a stop whose start has context is a kind of its own. Two kinds are of the stream alone: a
+// base (ticks, in a second word) is what one-word records behind it count from, until a source
+// record; a skip adds to the serial that comes next (in place of all but the kind).
 //
 // A stream is in one source at a time (whoever produces its records) and knows the serial that
 // comes next there. A start or instant has that serial, plus the gap in its serial bits. A stop of
@@ -46,6 +46,9 @@ enum class RecordKind : std::uint8_t {
     skip = 12,
     base = 13,
 };
+/// In records of one word: the stop of an event whose start has context; read as a stop. Its
+/// serial, which is at least 1, tells it from memory that was never written.
+inline constexpr RecordKind stopOfContext{0};
 
 /// The first word of a record.
 class RecordHead {
@@ -101,19 +104,28 @@ class ShortRecord {
     constexpr Word word() const noexcept { return word_; }
     constexpr RecordKind kind() const noexcept {
         const Word kind = word_ >> 3 & 7;
+        if (hasContextOfStart())
+            return RecordKind::stop;
         const bool isOfStream = kind == (Word{static_cast<Word>(RecordKind::base)} & 7) ||
                                 kind == (Word{static_cast<Word>(RecordKind::skip)} & 7);
         return static_cast<RecordKind>(isOfStream ? kind + 8 : kind);
+    }
+    constexpr bool hasContextOfStart() const noexcept {
+        return (word_ >> 3 & 7) == Word{static_cast<Word>(stopOfContext)};
     }
     constexpr std::uint32_t instrument() const noexcept {
         return static_cast<std::uint32_t>(word_ >> 6 & (instrumentLimit - 1));
     }
     constexpr std::uint64_t serial() const noexcept { return word_ >> 22 & (serialLimit - 1); }
+    constexpr ShortRecord withSerial(std::uint64_t serial) const noexcept {
+        return ShortRecord((word_ & ~((serialLimit - 1) << 22)) | serial << 22);
+    }
     constexpr std::uint64_t ticks() const noexcept { return word_ >> 32; }
     constexpr std::uint64_t skipped() const noexcept { return word_ >> 6; }
     /// The same as a record of two words, but for its time.
     constexpr RecordHead head() const noexcept {
-        return {kind(), false, 0, instrument(), serial()};
+        return {kind(), false, hasContextOfStart() ? RecordHead::contextOfStart : 0, instrument(),
+                serial()};
     }
 
   private:
@@ -187,7 +199,7 @@ class RecordReader {
     void readShort(ShortRecord read, Record& record) noexcept {
         record.kind = read.kind();
         record.timed = false;
-        record.hasContextOfStart = false;
+        record.hasContextOfStart = read.hasContextOfStart();
         record.instrument = read.instrument();
         record.context = {};
         if (record.kind >= RecordKind::skip) [[unlikely]]

@@ -47,6 +47,19 @@ class ShortRecords : public test_support::RecorderTest {
         std::ranges::sort(found);
         return found;
     }
+    void makePairsWithContext(std::uint64_t count) const {
+        for (std::uint64_t i = 0; i < count; ++i)
+            const Scope scope{given_, {{"n", i % 7}, {"method", "cg"}}};
+    }
+    /// Of each event with context: the same at its start and its stop.
+    void expectStopsToHaveTheContextsOfTheirStarts(const InstrumentRecorder& recorder) const {
+        std::map<std::uint64_t, std::string> contexts;
+        for (const auto& point : recorder.getEventPoints(given_.name())) {
+            const std::string context = test_support::textOf(point.context);
+            EXPECT_EQ(contexts.try_emplace(point.serialId(), context).first->second, context);
+            EXPECT_TRUE(context.starts_with("method=cg n=")) << context;
+        }
+    }
     void expectFileToTellTheSame(const InstrumentRecorder& recorder) const {
         const test_support::TemporaryFolder folder;
         saveTraceFile(recorder, folder / "same.vtrace");
@@ -68,6 +81,7 @@ class ShortRecords : public test_support::RecorderTest {
 
     const Opaque* const outer_ = Instrument("outer").handle();
     const Opaque* const inner_ = Instrument("inner").handle();
+    const Instrument given_{"given"};
 };
 
 TEST_F(ShortRecords, TakeEightBytesAnEdge) {
@@ -77,6 +91,29 @@ TEST_F(ShortRecords, TakeEightBytesAnEdge) {
     makePairs(pairs);
     EXPECT_LT(recorder.bytesInUse(), pairs * 16 + 5 * mebi);
     EXPECT_EQ(recorder.getEventStats("inner").count, static_cast<std::int64_t>(pairs));
+}
+
+TEST_F(ShortRecords, AreTheStopsOfEventsWithContextToo) {
+    InstrumentRecorder recorder;
+    const Listening listening(recorder);
+    constexpr std::size_t pairs = 200'000;
+    makePairsWithContext(pairs);  // three words of context, and two of the start
+    EXPECT_LT(recorder.bytesInUse(), pairs * 48 + 5 * mebi);
+    EXPECT_EQ(recorder.getEventStats("given").count, static_cast<std::int64_t>(pairs));
+    EXPECT_THAT(recorder.getEventStatsByContext("given"), SizeIs(7));
+    expectStopsToHaveTheContextsOfTheirStarts(recorder);
+    expectFileToTellTheSame(recorder);
+}
+
+TEST_F(ShortRecords, GiveASecondStopTheContextOfTheStart) {
+    InstrumentRecorder recorder;
+    const Listening listening(recorder);
+    makePairs(1);
+    const OpenEvent event = given_.start({{"n", 1}, {"method", "cg"}});
+    for (int i = 0; i < 3; ++i)
+        given_.stop(event);
+    EXPECT_THAT(recorder.getEventPoints("given"), SizeIs(4));
+    expectStopsToHaveTheContextsOfTheirStarts(recorder);
 }
 
 TEST_F(ShortRecords, TellEventsThatHoldManyOthers) {
@@ -165,6 +202,27 @@ TEST_F(ShortRecords, StayWhereTheShortestAroundThemGiveWay) {
     expectFileToTellTheSame(recorder);
 }
 
+TEST_F(ShortRecords, KeepContextsWhereTheShortestAroundThemGiveWay) {
+    InstrumentRecorder recorder({.maxBytes = mebi, .keep = Keep::longest});
+    const Listening listening(recorder);
+    constexpr std::uint64_t outer = 50;
+    constexpr std::uint64_t inner = 10'000;
+    for (std::uint64_t i = 0; i < outer; ++i) {
+        const Scope scope{given_, {{"n", i}, {"method", "outer"}}};
+        makePairs(inner);
+        makePairsWithContext(10);
+    }
+    const auto points = recorder.getEventPoints("given");
+    std::map<std::uint64_t, std::string> contexts;
+    for (const auto& point : points) {
+        const std::string context = test_support::textOf(point.context);
+        EXPECT_EQ(contexts.try_emplace(point.serialId(), context).first->second, context);
+    }
+    EXPECT_GE(contexts.size(), outer);
+    EXPECT_GT(recorder.drops().shortest, 0u);
+    expectFileToTellTheSame(recorder);
+}
+
 TEST_F(ShortRecords, StayAfterGapsOfAnyWidth) {
     InstrumentRecorder recorder({.maxBytes = 256 << 10, .keep = Keep::longest});
     const Listening listening(recorder);
@@ -193,6 +251,7 @@ TEST_F(ShortRecords, AreInTheFileOfAProcessThatWasKilled) {
             InstrumentRecorder recorder({.maxBytes = mebi, .keep = keep, .folder = folder.path()});
             const Listening listening(recorder);
             makeNested(20'000);
+            makePairsWithContext(1);
             const EventId open = startPlain(outer_);
             makePairs(10);
             std::raise(SIGKILL);
@@ -205,7 +264,7 @@ TEST_F(ShortRecords, AreInTheFileOfAProcessThatWasKilled) {
         finishRunFolder(folder.path(), results / "killed.vtrace");
         const TraceFile trace(results / "killed.vtrace");
         EXPECT_EQ(trace.damagedBlocks(), 0u);
-        EXPECT_EQ(trace.eventCount() + trace.drops().total(), 20'012u);
+        EXPECT_EQ(trace.eventCount() + trace.drops().total(), 20'013u);
         std::int64_t ended = 0;
         for (const EventSummary& summary : trace.summarize())
             ended += summary.name == "outer" ? summary.count : 0;

@@ -121,6 +121,15 @@ constexpr auto operationOf = kind == RecordKind::start  ? &InstrumentListener::o
     return enterLane();
 }
 
+[[gnu::noinline]] bool recordFarStop(ThreadState& state, const Opaque* handle, bool hasContext,
+                                     EventId id, std::uint64_t ticks) noexcept {
+    Track& track = *state.lane.track;
+    if (!putStop(track, handle, hasContext, id, ticks))
+        return false;
+    renewBase(track, ticks);
+    return true;
+}
+
 template <RecordKind kind>
 [[gnu::noinline]] void tellGenerally(ThreadState& state, InstrumentListener& listener,
                                      const Opaque* handle, std::uint64_t serial,

@@ -123,13 +123,20 @@ template <RecordKind kind>
     return true;
 }
 
+/// For what one word has no room for.
+[[gnu::noinline]] bool recordFarStop(ThreadState& state, const Opaque* handle, bool hasContext,
+                                     EventId id, std::uint64_t ticks) noexcept;
+
 /// The same for a stop.
 [[gnu::always_inline]] inline bool recordStop(ThreadState& state, const Opaque* handle,
                                               bool hasContext, EventId id,
                                               std::uint64_t ticks) noexcept {
     Track* const track = state.lane.track;
-    return id.sourceId == state.source.id &&
-           (!track || putStop(*track, handle, hasContext, id, ticks));
+    if (id.sourceId != state.source.id) [[unlikely]]
+        return false;
+    if (track && !putShortStop(*track, handle, hasContext, id, ticks)) [[unlikely]]
+        return recordFarStop(state, handle, hasContext, id, ticks);
+    return true;
 }
 
 /// The calling thread inside its lane, for edges with context. Empty where it cannot be there.

@@ -34,10 +34,10 @@ inline std::size_t wordsOfUntrusted(std::span<const Word> untrusted) noexcept {
 inline std::size_t wordsOfUntrustedMemory(std::span<const Word> untrusted) noexcept {
     if (untrusted.empty() || !ShortRecord::is(untrusted[0]))
         return wordsOfUntrusted(untrusted);
-    const RecordKind kind = ShortRecord(untrusted[0]).kind();
-    if (kind == RecordKind::base)
-        return untrusted.size() < wordsOf(kind) ? 0 : wordsOf(kind);
-    return kind >= RecordKind::start ? 1 : 0;
+    const ShortRecord head(untrusted[0]);
+    if (head.kind() == RecordKind::base)
+        return untrusted.size() < wordsOf(head.kind()) ? 0 : wordsOf(head.kind());
+    return head.hasContextOfStart() && head.serial() == 0 ? 0 : 1;
 }
 
 /// The part of `untrusted` that is whole records.
