@@ -32,19 +32,26 @@ struct Point {
 template <class Open>
 class OpenRun {
   public:
-    void clear() noexcept { size_ = closed_ = 0; }
+    OpenRun() = default;
+    OpenRun(const OpenRun&) = delete;
+    OpenRun& operator=(const OpenRun&) = delete;
+
+    void clear() noexcept {
+        top_ = entries_.data();
+        closed_ = 0;
+    }
     void push(std::uint64_t serial, Open open) {
-        if (size_ == entries_.size()) [[unlikely]]
-            entries_.emplace_back();
-        Entry& entry = entries_[size_++];
-        entry.serial = serial;
-        entry.open = std::move(open);
-        entry.closed = false;
+        if (top_ == limit_) [[unlikely]]
+            grow();
+        top_->serial = serial;
+        top_->open = std::move(open);
+        top_->closed = false;
+        ++top_;
     }
     /// Calls `visit(serial, open)` with each that is open.
     template <class Visit>
-    void forEach(Visit visit) const {
-        for (const Entry& entry : std::span(entries_).first(size_))
+    void forEach(Visit visit) {
+        for (const Entry& entry : inUse())
             if (!entry.closed)
                 visit(entry.serial, entry.open);
     }
@@ -52,17 +59,17 @@ class OpenRun {
     /// Takes the event out, if it is open; else gives null. It stays where it is until the next
     /// call.
     Open* take(std::uint64_t serial) noexcept {
-        if (size_ == 0)
+        if (top_ == entries_.data()) [[unlikely]]
             return nullptr;
-        Entry& last = entries_[size_ - 1];
-        if (last.serial != serial) [[unlikely]]
+        Entry* const last = top_ - 1;
+        if (last->serial != serial) [[unlikely]]
             return takeInside(serial);
-        --size_;
-        while (closed_ > 0 && entries_[size_ - 1].closed) {
-            --size_;
+        --top_;
+        while (closed_ > 0 && top_[-1].closed) {
+            --top_;
             --closed_;
         }
-        return &last.open;
+        return &last->open;
     }
 
   private:
@@ -72,9 +79,18 @@ class OpenRun {
         bool closed;
     };
 
+    std::span<Entry> inUse() noexcept { return {entries_.data(), top_}; }
+
+    void grow() {
+        const std::size_t size = entries_.size();
+        entries_.resize(std::max<std::size_t>(2 * size, 16));
+        top_ = entries_.data() + size;
+        limit_ = entries_.data() + entries_.size();
+    }
+
     Open* takeInside(std::uint64_t serial) noexcept {
         dropClosed();
-        const std::span<Entry> entries = std::span(entries_).first(size_);
+        const std::span<Entry> entries = inUse();
         const auto found = std::ranges::lower_bound(entries, serial, {}, &Entry::serial);
         if (found == entries.end() || found->serial != serial || found->closed)
             return nullptr;
@@ -85,18 +101,19 @@ class OpenRun {
 
     /// Keeps events that end in the order of their starts from piling up.
     void dropClosed() noexcept {
-        if (closed_ < 32 || closed_ * 2 < size_)
+        const std::span<Entry> entries = inUse();
+        if (closed_ < 32 || closed_ * 2 < entries.size())
             return;
-        const std::span<Entry> entries = std::span(entries_).first(size_);
         const auto isClosed = [](const Entry& entry) { return entry.closed; };
         const auto end = std::remove_if(entries.begin(), entries.end(), isClosed);
-        size_ = static_cast<std::size_t>(end - entries.begin());
+        top_ = entries.data() + (end - entries.begin());
         closed_ = 0;
     }
 
-    std::vector<Entry> entries_;  // those in use first, the last of which is open
-    std::size_t size_ = 0;        // of those in use
-    std::size_t closed_ = 0;
+    std::vector<Entry> entries_;
+    Entry* top_ = nullptr;    // behind those in use, the last of which is open
+    Entry* limit_ = nullptr;  // behind all
+    std::size_t closed_ = 0;  // of those in use
 };
 
 /// Tells `Sink` of everything in a snapshot. A sink has
@@ -141,7 +158,10 @@ class Matcher {
     RecordReader readStretch(const Stretch& stretch) {
         countRead(stretch);
         RecordReader reader(stretch.begin, stretch.end, stretch.state);
-        for (Record record; reader.next(record);) {
+        for (Record record;;) {
+            readShortEdges(reader);
+            if (!reader.next(record))
+                return reader;
             if (record.kind == RecordKind::start)
                 readStart(pointOf(record));
             else if (record.kind == RecordKind::stop)
@@ -149,7 +169,17 @@ class Matcher {
             else
                 readOther(record);
         }
-        return reader;
+    }
+
+    void readShortEdges(RecordReader& reader) {
+        const std::uint64_t source = reader.state().source;
+        SourceInfo* const info = reader.state().info;
+        const auto pointOf = [&](const ShortEdge& edge) -> Point {
+            return {times_.of(edge), order_++, info, {source, edge.serial},
+                    edge.instrument, false,    {}};
+        };
+        reader.readShortEdges([&](const ShortEdge& edge) { readStart(pointOf(edge)); },
+                              [&](const ShortEdge& edge) { readStop(pointOf(edge)); });
     }
 
     void readOther(const Record& record) {

@@ -113,6 +113,10 @@ class ShortRecord {
     constexpr bool hasContextOfStart() const noexcept {
         return (word_ >> 3 & 7) == Word{static_cast<Word>(stopOfContext)};
     }
+    /// Whether it is a record of one word, and of that kind.
+    constexpr bool isPlain(RecordKind kind) const noexcept {
+        return (word_ & 63) == Word{static_cast<Word>(kind) & 7} << 3;
+    }
     constexpr std::uint32_t instrument() const noexcept {
         return static_cast<std::uint32_t>(word_ >> 6 & (instrumentLimit - 1));
     }
@@ -168,6 +172,13 @@ struct Record {
     std::span<const Word> context;
 };
 
+/// A start or stop that is one word.
+struct ShortEdge {
+    std::uint64_t ticks = 0;
+    std::uint64_t serial = 0;  ///< of a stop: its start's
+    std::uint32_t instrument = 0;
+};
+
 /// Reads the records of a stretch of a stream: those that begin before its end.
 class RecordReader {
   public:
@@ -193,6 +204,30 @@ class RecordReader {
         record.time = position_[1];
         readContext(head, readIdentity(head.serial(), record), record);
         return true;
+    }
+
+    /// Calls `onStart` or `onStop` with each start or stop of one word, until another record comes.
+    /// Most are such, and cost less this way than as records. All are of the state's source.
+    template <class Start, class Stop>
+    void readShortEdges(Start onStart, Stop onStop) {
+        const std::uint64_t base = state_.base;
+        std::uint64_t nextSerial = state_.nextSerial;
+        const Word* at = position_;
+        for (; at < end_; ++at) {
+            const ShortRecord read(*at);
+            if (read.isPlain(RecordKind::start)) {
+                const std::uint64_t serial = nextSerial + read.serial();
+                nextSerial = serial + 1;
+                onStart(ShortEdge{base + read.ticks(), serial, read.instrument()});
+            } else if (read.isPlain(RecordKind::stop)) {
+                onStop(
+                    ShortEdge{base + read.ticks(), nextSerial - read.serial(), read.instrument()});
+            } else {
+                break;
+            }
+        }
+        position_ = at;
+        state_.nextSerial = nextSerial;
     }
 
   private:

@@ -13,6 +13,7 @@ class TimeReader {
     std::int64_t of(const Record& record) noexcept {
         return record.timed ? static_cast<std::int64_t>(record.time) : ticks_(record.time);
     }
+    std::int64_t of(const ShortEdge& edge) noexcept { return ticks_(edge.ticks); }
 
   private:
     TickReader ticks_;
