@@ -4,15 +4,11 @@
 #include <cstdint>
 #include <optional>
 #include <span>
-#include <utility>
-#include <vector>
 
+#include "meetings.hpp"
 #include "recording.hpp"
 
 namespace instrument::detail {
-
-/// Sources and times, sorted.
-using Meetings = std::vector<std::pair<std::uint32_t, std::int64_t>>;
 
 class ZANDOR_INSTRUMENT_API EventStream {
   public:

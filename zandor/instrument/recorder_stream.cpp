@@ -67,32 +67,32 @@ class RecorderStream::Survey {
     Open onStart(const Point& start) {
         RecordWindow& window = *view_.current();
         noteBegin(window, start);
-        Edges& edges = edgesOf(start);
-        noteOrder(edges, start.time);
+        Edges& edges = edgesOf(start.source);
+        noteTime(edges, start.time);
         const bool meets = start.time == edges.latestStop;
         openMeetings_ += meets;
-        edges.latest = start.time;
         window.firstStart = std::min(window.firstStart, start.time);
         return {&window, start.time, window.events++, meets};
     }
     void onStop(Open open, const Point& stop) {
-        Edges& edges = edgesOf(stop);
-        noteOrder(edges, stop.time);
-        stream_.meetingsAreKnown_ = stream_.meetingsAreKnown_ && stop.time >= open.start;
-        if (open.meets && stream_.meetingsAreKnown_)
+        Edges& edges = edgesOf(stop.source);
+        noteTime(edges, stop.time);
+        edges.latestStop = stop.time;
+        if (stop.time < open.start) [[unlikely]]
+            isInOrder_ = false;
+        if (open.meets) [[unlikely]]
             noteMeeting(open, stop);
-        edges.latest = edges.latestStop = stop.time;
-        if (open.window != view_.current())
+        if (open.window != view_.current()) [[unlikely]]
             open.window->lateStops.push_back({open.event, latestPlace_, stop.time});
     }
     void onInstant(const Point& instant) {
         RecordWindow& window = *view_.current();
         noteBegin(window, instant);
-        edgesOf(instant);
+        noteOther(instant);
         window.firstPoint = std::min(window.firstPoint, instant.time);
     }
     void onStrayStop(const Point& stop) {
-        edgesOf(stop);
+        noteOther(stop);
         ContextTable& contexts = stream_.contexts_;
         stream_.strayStops_.push_back({{.time = stop.time,
                                         .serial = stop.id.serialId,
@@ -103,36 +103,51 @@ class RecorderStream::Survey {
                                        stop.order});
     }
 
-    bool hasOpenMeetings() const noexcept { return openMeetings_ > 0; }
+    std::int64_t lastTime() const noexcept {
+        return std::ranges::max(edges_, {}, &Edges::lastTime).lastTime;
+    }
+    /// Whether all meetings were found: times are in order, and meetings few.
+    bool knowsMeetings() const noexcept {
+        return isInOrder_ && openMeetings_ == 0 && meetings_.size() <= mostMeetings;
+    }
+    /// By the places of sources.
+    std::vector<Meeting> takeMeetings() noexcept { return std::move(meetings_); }
 
   private:
     /// The last times of a source.
     struct Edges {
-        std::int64_t latest = INT64_MIN;
+        std::int64_t latest = INT64_MIN;  ///< of starts and stops
         std::int64_t latestStop = INT64_MIN;
+        std::int64_t lastTime = 0;  ///< of all
     };
 
-    Edges& edgesOf(const Point& point) {
-        stream_.facts_.lastTime = std::max(stream_.facts_.lastTime, point.time);
-        if (point.source != latestSource_) [[unlikely]]
-            changeSource(point.source);
-        return edges_[latestPlace_];
+    Edges& edgesOf(SourceInfo* source) {
+        if (source != latestSource_) [[unlikely]]
+            changeSource(source);
+        return *latestEdges_;
     }
     void changeSource(SourceInfo* source) {
         latestSource_ = source;
         latestPlace_ = stream_.sources_.placeOf(source);
         if (latestPlace_ >= edges_.size())
             edges_.resize(latestPlace_ + 1);
+        latestEdges_ = &edges_[latestPlace_];
     }
-    void noteOrder(const Edges& edges, std::int64_t time) noexcept {
-        stream_.meetingsAreKnown_ = stream_.meetingsAreKnown_ && time >= edges.latest;
+    void noteTime(Edges& edges, std::int64_t time) noexcept {
+        if (time < edges.latest) [[unlikely]]
+            isInOrder_ = false;
+        edges.latest = time;
+        edges.lastTime = std::max(edges.lastTime, time);
+    }
+    void noteOther(const Point& point) {
+        Edges& edges = edgesOf(point.source);
+        edges.lastTime = std::max(edges.lastTime, point.time);
     }
     void noteMeeting(const Open& open, const Point& stop) {
         --openMeetings_;
-        if (stop.time > open.start && stop.source->id == stop.id.sourceId)
-            stream_.meetings_.emplace_back(latestPlace_, open.start);
-        if (stream_.meetings_.size() > mostMeetings)
-            stream_.meetingsAreKnown_ = false;
+        const bool lasts = stop.time > open.start;
+        if (lasts && stop.source->id == stop.id.sourceId && meetings_.size() <= mostMeetings)
+            meetings_.emplace_back(latestPlace_, open.start);
     }
     static void noteBegin(RecordWindow& window, const Point& point) noexcept {
         if (window.events == 0 && window.firstPoint == RecordBlock::never)
@@ -144,7 +159,10 @@ class RecorderStream::Survey {
     std::vector<Edges> edges_{1};  // by place of the source
     SourceInfo* latestSource_ = nullptr;
     std::uint32_t latestPlace_ = 0;
+    Edges* latestEdges_ = edges_.data();
+    bool isInOrder_ = true;
     std::size_t openMeetings_ = 0;  // of events that were not seen to stop
+    std::vector<Meeting> meetings_;
 };
 
 /// The number of the source that records are of, as long as it is the same.
@@ -169,17 +187,17 @@ RecorderStream::RecorderStream(const InstrumentRecorder& recorder) : snapshot_(r
     View view(*this);
     Survey survey(*this, view);
     Matcher<Survey, View>(view, survey).run();
-    const std::int64_t lastTime = facts_.lastTime;
     facts_ = factsOf({snapshot_.drops(), snapshot_.origin()});
-    facts_.lastTime = lastTime;
+    facts_.lastTime = survey.lastTime();
     std::tie(facts_.sources, numbers_) = sources_.sorted();
     for (RecordWindow& window : windows_)
         for (LateStop& late : window.lateStops)
             late.source = numbers_[late.source];
-    meetingsAreKnown_ = meetingsAreKnown_ && !survey.hasOpenMeetings();
-    for (auto& [source, time] : meetings_)
+    meetingsAreKnown_ = survey.knowsMeetings();
+    std::vector<Meeting> meetings = survey.takeMeetings();
+    for (auto& [source, time] : meetings)
         source = numbers_[source];
-    std::ranges::sort(meetings_);
+    meetings_ = Meetings(std::move(meetings));
     for (OrderedPoint& stop : strayStops_)
         stop.point.source = numbers_[stop.point.source];
     std::ranges::stable_sort(strayStops_, PointEntry::less);
@@ -209,50 +227,94 @@ std::span<const RecordedPoint> RecorderStream::nextPoints() {
     return points_.next([this](const RecordWindow& window) { return pointsOf(window); });
 }
 
-BlockItems<RecordedEvent> RecorderStream::eventsOf(const RecordWindow& window) {
-    BlockItems<RecordedEvent> found;
-    ContextTable contexts;
-    const EventIdSet& stoppedElsewhere = snapshot_.foreignStops();
-    std::vector<RecordedEvent>& events = found.items;
-    std::int64_t latest = INT64_MIN;
-    bool isInOrder = true;
-    SourceNumber source(*this);
-    run_.clear();
-    events.reserve(window.events);
-    RecordReader reader(window.stretch.begin, window.stretch.end, window.stretch.state);
-    for (Record record; reader.next(record);) {
+/// Puts together the events of a window.
+class RecorderStream::WindowEvents {
+  public:
+    WindowEvents(RecorderStream& stream, const RecordWindow& window)
+        : times_(stream.times_),
+          run_(stream.run_),
+          stoppedElsewhere_(stream.snapshot_.foreignStops()),
+          source_(stream),
+          window_(window) {
+        run_.clear();
+        events_.reserve(window.events);
+    }
+
+    BlockItems<RecordedEvent> read() {
+        RecordReader reader(window_.stretch.begin, window_.stretch.end, window_.stretch.state);
+        for (Record record;;) {
+            readShortEdges(reader);
+            if (!reader.next(record))
+                break;
+            readOther(record);
+        }
+        addLateStops();
+        if (!isInOrder_)
+            sortRuns(events_, EventEntry::less);
+        return {std::move(events_), contexts_.takeArgs()};
+    }
+
+  private:
+    void readShortEdges(RecordReader& reader) {
+        SourceInfo* const source = reader.state().info;
+        const std::uint64_t sourceId = reader.state().source;
+        reader.readShortEdges(
+            [&](const ShortEdge& edge) {
+                start({sourceId, edge.serial}, source, edge.instrument, times_.of(edge));
+            },
+            [&](const ShortEdge& edge) { stop(edge.serial, times_.of(edge)); });
+    }
+    void readOther(const Record& record) {
         if (record.kind == RecordKind::start) {
-            const auto place = static_cast<std::uint32_t>(events.size());
-            RecordedEvent& event = events.emplace_back();
-            event.start = event.stop = times_.of(record);
-            event.serial = record.id.serialId;
-            event.instrument = instrumentFromId(record.instrument);
-            event.source = event.stopSource = source.of(record.sourceInfo);
+            start(record.id, record.sourceInfo, record.instrument, times_.of(record));
             if (!record.context.empty())
-                event.context = contexts.argsOf(contexts.placeOf(record.context));
-            isInOrder = isInOrder && latest < event.start;
-            latest = event.start;
-            if (stoppedElsewhere.empty() || stoppedElsewhere.find(record.id) == EventIdSet::none)
-                run_.push(record.id.serialId, place);
+                events_.back().context = contexts_.argsOf(contexts_.placeOf(record.context));
         } else if (record.kind == RecordKind::stop) {
-            if (const std::uint32_t* const open = run_.take(record.id.serialId)) {
-                events[*open].stop = times_.of(record);
-                events[*open].finished = true;
-            }
+            stop(record.id.serialId, times_.of(record));
         } else if (record.kind == RecordKind::source && record.beginsRun) {
             run_.clear();
         }
     }
-    for (const LateStop& late : window.lateStops) {
-        RecordedEvent& event = events[late.event];
-        event.stop = late.time;
-        event.stopSource = late.source;
-        event.finished = true;
+
+    void start(EventId id, SourceInfo* source, std::uint32_t instrument, std::int64_t time) {
+        const auto place = static_cast<std::uint32_t>(events_.size());
+        RecordedEvent& event = events_.emplace_back();
+        event.start = event.stop = time;
+        event.serial = id.serialId;
+        event.instrument = instrumentFromId(instrument);
+        event.source = event.stopSource = source_.of(source);
+        if (place > 0 && EventEntry::less(event, events_[place - 1])) [[unlikely]]
+            isInOrder_ = false;
+        if (stoppedElsewhere_.empty() || stoppedElsewhere_.find(id) == EventIdSet::none)
+            run_.push(id.serialId, place);
     }
-    if (!isInOrder)
-        sortRuns(events, EventEntry::less);
-    found.contexts = contexts.takeArgs();
-    return found;
+    void stop(std::uint64_t serial, std::int64_t time) {
+        if (const std::uint32_t* const open = run_.take(serial)) {
+            events_[*open].stop = time;
+            events_[*open].finished = true;
+        }
+    }
+    void addLateStops() {
+        for (const LateStop& late : window_.lateStops) {
+            RecordedEvent& event = events_[late.event];
+            event.stop = late.time;
+            event.stopSource = late.source;
+            event.finished = true;
+        }
+    }
+
+    TimeReader& times_;
+    OpenRun<std::uint32_t>& run_;
+    const EventIdSet& stoppedElsewhere_;
+    SourceNumber source_;
+    const RecordWindow& window_;
+    std::vector<RecordedEvent> events_;
+    ContextTable contexts_;
+    bool isInOrder_ = true;
+};
+
+BlockItems<RecordedEvent> RecorderStream::eventsOf(const RecordWindow& window) {
+    return WindowEvents(*this, window).read();
 }
 
 BlockItems<OrderedPoint> RecorderStream::pointsOf(const RecordWindow& window) {

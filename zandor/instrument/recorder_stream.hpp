@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "event_stream.hpp"
+#include "meetings.hpp"
 #include "recorder_matching.hpp"
 #include "recorder_sources.hpp"
 #include "trace_merge.hpp"
@@ -44,6 +45,7 @@ class ZANDOR_INSTRUMENT_API RecorderStream : public EventStream {
     class View;
     class Survey;
     class SourceNumber;
+    class WindowEvents;
 
     BlockItems<RecordedEvent> eventsOf(const RecordWindow& window);
     BlockItems<OrderedPoint> pointsOf(const RecordWindow& window);
@@ -56,7 +58,7 @@ class ZANDOR_INSTRUMENT_API RecorderStream : public EventStream {
     std::vector<std::uint32_t> numbers_;  ///< in facts_, by place in sources_
     ContextTable contexts_;               ///< of stray stops
     std::vector<OrderedPoint> strayStops_;
-    bool meetingsAreKnown_ = true;  ///< times are in order, and meetings few
+    bool meetingsAreKnown_ = false;  ///< times are in order, and meetings few
     Meetings meetings_;
     TimeReader times_;
     OpenRun<std::uint32_t> run_;

@@ -34,6 +34,8 @@ struct RecordedEvent {
     std::uint32_t stopSource = 0;  ///< where the stop came from
     ContextArgs context;           ///< names distinct, sorted
     bool finished = false;
+
+    bool stopsElsewhere() const noexcept { return finished && stopSource != source; }
 };
 
 /// An instant; a second stop or a stop of an unknown event, which exports show as instants, too.

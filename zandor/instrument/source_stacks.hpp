@@ -31,6 +31,20 @@ class SourceStacks {
             pool_.free_ = std::exchange(top_, std::exchange(node.below, pool_.free_));
         }
 
+        /// Pops entries as long as they are `done`: all at once, since many often are.
+        template <typename Done>
+        void popWhile(Done done) noexcept {
+            Node* const nodes = pool_.nodes_.data();
+            Node* last = nullptr;
+            std::uint32_t left = top_;
+            for (; left != none && done(nodes[left].entry); left = last->below)
+                last = &nodes[left];
+            if (last) {
+                last->below = std::exchange(pool_.free_, top_);
+                top_ = left;
+            }
+        }
+
         /// Puts an entry on top, to be filled in.
         Entry& push() {
             if (pool_.free_ == none)

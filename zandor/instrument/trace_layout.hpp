@@ -84,9 +84,7 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
     bool isMet(std::size_t index) const {
         if (!meetings_)
             return endIsMet_[before_ + index];
-        return !meetings_->empty() &&
-               std::ranges::binary_search(
-                   *meetings_, std::pair(events_[index].source, outlives(events_[index])));
+        return meetings_->has(events_[index].source, outlives(events_[index]));
     }
     PlacedEvent place(std::size_t index);
     std::span<const PlacedEvent> placeTogether(std::span<const std::size_t> run);
@@ -111,5 +109,49 @@ class ZANDOR_INSTRUMENT_API TraceLayout {
     std::optional<TraceDoubles> doubles_;
     std::vector<PlacedEvent> placed_;
 };
+
+// In line: of each event once.
+inline PlacedEvent TraceLayout::place(std::size_t index) {
+    const RecordedEvent& event = events_[index];
+    PlacedEvent placed{&event, time_.at(event.start), time_.at(closingTime(facts_, event)),
+                       TraceShape::asyncPair};
+    if (event.stopsElsewhere())
+        return placed;
+    placed.shape = TraceShape::instant;
+    if (placed.end <= placed.start)
+        return placed;
+    auto open = open_.of(event.source);
+    open.popWhile([&](const OpenEvent& before) { return before.outlives <= event.start; });
+    const OpenEvent* const parent = open.empty() ? nullptr : &open.top();
+    if (parent && parent->outlives < outlives(event)) {
+        placed.shape = TraceShape::asyncPair;
+        return placed;
+    }
+    const std::int64_t end = fittingEnd(event.source, {placed.start, placed.end}, isMet(index),
+                                        parent ? &parent->shown : nullptr);
+    // Without room it is still what encloses others, which have no room either.
+    OpenEvent& opened = open.push();
+    opened.outlives = outlives(event);
+    opened.shown.start = placed.start;
+    opened.shown.end = end;
+    if (end > placed.start) {
+        placed.shape = TraceShape::complete;
+        placed.end = end;
+    }
+    return placed;
+}
+
+/// The end with which an event is inside its parent and before what meets it; its start for none.
+inline std::int64_t TraceLayout::fittingEnd(std::uint32_t source, TraceSpan span, bool isMet,
+                                            const TraceSpan* parent) {
+    const std::int64_t meets = span.end;
+    span.end -= isMet;
+    if (parent)
+        span.end = std::min(span.end, parent->end - 1);
+    if (doubles_) [[unlikely]]
+        return doubles_->fittingEnd(source, span, isMet ? std::optional(meets) : std::nullopt,
+                                    parent);
+    return std::max(span.end, span.start);
+}
 
 }  // namespace instrument::detail
