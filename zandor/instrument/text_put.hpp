@@ -47,19 +47,30 @@ inline char* putThreeDigits(char* at, std::uint64_t number) noexcept {
     return at + 3;
 }
 
+/// Decimal text of a number below a thousand.
+inline char* putSmall(char* at, std::uint64_t number) noexcept {
+    const std::size_t zeros = (number < 10) + (number < 100);
+    std::memcpy(at, &threeDigits[4 * number + zeros], 3);
+    return at + 3 - zeros;
+}
+
 /// Decimal text, three digits at a time.
 inline char* putDecimal(char* at, std::uint64_t number) noexcept {
     if (number >= 1000)
         return putThreeDigits(putDecimal(at, number / 1000), number % 1000);
-    const std::size_t zeros = (number < 10) + (number < 100);
-    std::memcpy(at, &threeDigits[4 * number + zeros], 3);
-    return at + 3 - zeros;
+    return putSmall(at, number);
 }
 
 /// Nanoseconds as microseconds with three decimals, and a byte behind them that is to be written
 /// over.
 inline char* putMicroseconds(char* at, std::int64_t nanoseconds) noexcept {
     auto magnitude = static_cast<std::uint64_t>(nanoseconds);
+    if (magnitude < 1'000'000) [[likely]] {
+        const auto few = static_cast<std::uint32_t>(magnitude);
+        at = putSmall(at, few / 1000);
+        *at++ = '.';
+        return putThreeDigits(at, few % 1000);
+    }
     if (nanoseconds < 0) {
         *at++ = '-';
         magnitude = 0 - magnitude;
@@ -68,5 +79,37 @@ inline char* putMicroseconds(char* at, std::int64_t nanoseconds) noexcept {
     *at++ = '.';
     return putThreeDigits(at, magnitude % 1000);
 }
+
+/// Puts times as putMicroseconds does. Of one that lies in the same millisecond as the one before
+/// it, as most do of those in order, no more than six digits are new.
+class NearMicroseconds {
+  public:
+    char* put(char* at, std::int64_t nanoseconds) noexcept {
+        if (!isNear(nanoseconds)) [[unlikely]] {
+            if (nanoseconds < millisecond)
+                return putMicroseconds(at, nanoseconds);
+            begin_ = nanoseconds - nanoseconds % millisecond;
+            length_ =
+                putDecimal(digits_, static_cast<std::uint64_t>(begin_ / millisecond)) - digits_;
+        }
+        // At a fixed size, which takes no call.
+        std::memcpy(at, digits_, sizeof digits_);
+        const auto rest = static_cast<std::uint32_t>(nanoseconds - begin_);
+        at = putThreeDigits(at + length_, rest / 1000);
+        *at++ = '.';
+        return putThreeDigits(at, rest % 1000);
+    }
+
+  private:
+    static constexpr std::int64_t millisecond = 1'000'000;
+
+    bool isNear(std::int64_t nanoseconds) const noexcept {
+        return nanoseconds >= begin_ && nanoseconds - begin_ < millisecond;
+    }
+
+    std::int64_t begin_ = millisecond;  // of the millisecond that the digits are of
+    std::ptrdiff_t length_ = 1;
+    char digits_[16] = "1";
+};
 
 }  // namespace instrument::detail

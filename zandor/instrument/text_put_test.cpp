@@ -31,16 +31,32 @@ TEST(TextPut, DecimalTextIsThatOfTheNumber) {
     }
 }
 
+std::string microsecondsOf(std::int64_t nanoseconds) {
+    std::string text = std::to_string(nanoseconds);
+    const std::size_t sign = nanoseconds < 0;
+    if (text.size() < sign + 4)
+        text.insert(sign, sign + 4 - text.size(), '0');
+    return text.insert(text.size() - 3, ".");
+}
+
 TEST(TextPut, MicrosecondsHaveThreeDecimals) {
     for (const std::uint64_t number : manyNumbers()) {
         const auto nanoseconds = static_cast<std::int64_t>(number);
-        std::string expected = std::to_string(nanoseconds);
-        const std::size_t sign = nanoseconds < 0;
-        if (expected.size() < sign + 4)
-            expected.insert(sign, sign + 4 - expected.size(), '0');
-        expected.insert(expected.size() - 3, ".");
         char text[2 * longestNumber];
-        ASSERT_EQ(std::string(text, putMicroseconds(text, nanoseconds)), expected);
+        ASSERT_EQ(std::string(text, putMicroseconds(text, nanoseconds)),
+                  microsecondsOf(nanoseconds));
+    }
+}
+
+TEST(TextPut, TimesNearThoseBeforeThemAreTheSame) {
+    NearMicroseconds times;
+    for (const std::uint64_t number : manyNumbers()) {
+        for (const std::int64_t apart : {0, 1, 999, 1'000, 999'999, 1'000'000, -1, -1'000'000}) {
+            const auto nanoseconds =
+                static_cast<std::int64_t>(number + static_cast<std::uint64_t>(apart));
+            char text[2 * longestNumber];
+            ASSERT_EQ(std::string(text, times.put(text, nanoseconds)), microsecondsOf(nanoseconds));
+        }
     }
 }
 

@@ -115,26 +115,28 @@ class Writer {
 
     void appendComplete(const PlacedEvent& placed) {
         const RecordedEvent& event = *placed.event;
-        beginComplete(event.instrument);
-        char* at = putMembers(out_.roomFor(longestMembers), "", event.source, placed.start);
+        char* at = putMembers(beginComplete(event.instrument), "", event.source, placed.start);
         // The difference may lie outside the range that the times are in.
         at = putMicroseconds(
             put(at, ",\"dur\":"),
             saturatingSubtract(time_.nanoseconds(placed.end), time_.nanoseconds(placed.start)));
+        if (hasNoArgs(event)) [[likely]]
+            return out_.writtenTo(put(at, "}"));
         out_.writtenTo(at);
         appendArgs(event);
     }
 
-    /// A complete event up to its category.
-    void beginComplete(const Opaque* instrument) {
+    /// A complete event up to its category. Gives its end, which has room for longestMembers.
+    char* beginComplete(const Opaque* instrument) {
         char* const begin = out_.roomFor(TextBuffer::longestRoom);
         if (char* const end = heads_.put(begin, instrument)) [[likely]]
-            return out_.writtenTo(end);
+            return end;
         beginName(",\n{\"ph\":\"X\",\"name\":\"", instrument);
         out_.append("\",\"cat\":\"event\",");
         // Longer ones may have left the buffer.
         if (instrument->nameLength <= JsonHeads::longest)
             heads_.remember(instrument, {begin, out_.roomFor(0)});
+        return out_.roomFor(longestMembers);
     }
 
     /// An event that is no part of its thread's nesting; where it changes threads, with an arrow.
@@ -224,10 +226,14 @@ class Writer {
 
     /// Ends an event with what its args hold of the event itself.
     void appendArgs(const RecordedEvent& event) {
-        if (event.finished && event.context.empty() && !shownPlace(event))
+        if (hasNoArgs(event))
             return out_.append('}');
         JsonArgs args(out_);
         closeWith(args, event);
+    }
+
+    bool hasNoArgs(const RecordedEvent& event) const noexcept {
+        return event.finished && event.context.empty() && !shownPlace(event);
     }
 
     /// Where its instrument stands in a program; null where that is not known or not asked for.
@@ -268,7 +274,7 @@ class Writer {
     char* putMembers(char* at, const char (&before)[Size], std::uint32_t source,
                      std::int64_t time) {
         at = tracks_.putIds(put(at, before), source);
-        return putMicroseconds(put(at, ",\"ts\":"), time_.nanoseconds(time));
+        return times_.put(put(at, ",\"ts\":"), time_.nanoseconds(time));
     }
     static constexpr std::size_t longestMembers = TraceTracks::longestIds + 4 * longestNumber;
 
@@ -281,6 +287,7 @@ class Writer {
     TraceLayout layout_;
     TextBuffer out_;
     JsonHeads heads_;
+    NearMicroseconds times_;
     TraceItemSink* const items_;
     std::span<const RecordedPoint> points_;  // that are yet to come
     bool pointsEnded_ = false;
