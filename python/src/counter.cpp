@@ -34,10 +34,11 @@ PyObject* emitCounter(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
         const instrument::Opaque* instrument = instrumentOf(arguments[0]);
         if (!instrument::listeners.anyActive())
             return Py_NewRef(Py_None);
-        const ContextArg point{instrument::counterValueName, valueOf(arguments[1])};
+        static const std::string_view name = instrument::lastingName(instrument::counterValueName);
+        const ContextArg point{name, valueOf(arguments[1])};
         if (isOn(instrument, {&point, 1})) {
             nameThread();
-            instrument::tellInstant(instrument, {&point, 1});
+            instrument::instantNumbers(instrument, {&point, 1});
         }
         return Py_NewRef(Py_None);
     });

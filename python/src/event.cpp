@@ -2,9 +2,11 @@
 
 #include <structmember.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <memory>
+#include <span>
 #include <vector>
 
 #include "errors.hpp"
@@ -15,7 +17,9 @@
 
 namespace vantrace {
 
+using instrument::ContextArg;
 using instrument::ContextArgs;
+using instrument::ContextValue;
 using instrument::EventId;
 using instrument::Opaque;
 
@@ -99,6 +103,29 @@ Entered start(EventObject& event) {
     event.isEntered = true;
 }
 
+/// Has a context of a few numbers told with less: its names are looked up once. False for others.
+bool makeNumbers(EventObject& event) {
+    const std::span<ContextArg> args{event.args(), static_cast<std::size_t>(event.contextSize())};
+    const auto isText = [](const ContextArg& arg) {
+        return arg.value.kind() == ContextValue::Kind::text;
+    };
+    if (args.size() > instrument::mostNumbers || std::ranges::any_of(args, isText))
+        return false;
+    for (ContextArg& arg : args)
+        arg.name = instrument::lastingName(arg.name);
+    event.state = ContextState::numbers;
+    return true;
+}
+
+/// With a context that stands ready.
+EventId startMade(EventObject& event) {
+    if (!event.names)
+        return startEvent(event.instrument);
+    if (event.state == ContextState::numbers || makeNumbers(event))
+        return startNumberEvent(event.instrument, event.madeArgs());
+    return startEvent(event.instrument, event.madeArgs());
+}
+
 void noteEntered(EventObject& event, EventId id) noexcept {
     event.entered.id = id;
     event.entered.thread = currentThread();
@@ -111,10 +138,8 @@ void noteEntered(EventObject& event, EventId id) noexcept {
         EventObject& event = eventOf(self);
         if (!event.isUsual() || event.isEntered) [[unlikely]]
             enterGenerally(event);
-        else if (event.names)
-            noteEntered(event, startEvent(event.instrument, event.madeArgs()));
         else
-            noteEntered(event, startEvent(event.instrument));
+            noteEntered(event, startMade(event));
         return Py_NewRef(self);
     });
 }

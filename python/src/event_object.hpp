@@ -26,9 +26,10 @@ struct CallableHead {
 
 /// What is known about the context of an event object.
 enum class ContextState : std::uint8_t {
-    atoms,  ///< immutable values that were not looked at yet
-    made,   ///< its arguments stand ready, or there is none
-    mixed,  ///< other values: arguments are made at each entering
+    atoms,    ///< immutable values that were not looked at yet
+    mixed,    ///< other values: arguments are made at each entering
+    made,     ///< its arguments stand ready, or there is none
+    numbers,  ///< the same, as startNumbers takes them
 };
 
 /// The context's arguments and its values follow.
@@ -46,11 +47,12 @@ struct EventObject {
         return reinterpret_cast<instrument::ContextArg*>(this + 1);
     }
     PyObject** values() noexcept { return reinterpret_cast<PyObject**>(args() + contextSize()); }
+    bool isMade() const noexcept { return state >= ContextState::made; }
     /// Whether its context stands ready, and it was never entered by several at once.
-    bool isUsual() const noexcept { return state == ContextState::made && !outer; }
+    bool isUsual() const noexcept { return isMade() && !outer; }
     Py_ssize_t contextSize() const noexcept { return Py_SIZE(&head); }
     instrument::ContextArgs madeArgs() noexcept {
-        if (state != ContextState::made)
+        if (!isMade())
             return {};
         return {args(), static_cast<std::size_t>(contextSize())};
     }

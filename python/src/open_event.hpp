@@ -9,6 +9,7 @@
 #include "zandor/instrument/decided_events.hpp"
 #include "zandor/instrument/event_id.hpp"
 #include "zandor/instrument/listeners.hpp"
+#include "zandor/instrument/number_events.hpp"
 #include "zandor/instrument/plain_events.hpp"
 
 namespace vantrace {
@@ -21,6 +22,15 @@ inline instrument::EventId startEvent(const instrument::Opaque* instrument,
         return instrument::disabledEventId;
     nameThread();
     return instrument::tellStart(instrument, context);
+}
+
+/// The same for numbers, under names that instrument::lastingName gave.
+inline instrument::EventId startNumberEvent(const instrument::Opaque* instrument,
+                                            instrument::ContextArgs numbers) {
+    if (!isOn(instrument, numbers))
+        return instrument::disabledEventId;
+    nameThread();
+    return instrument::startNumbers(instrument, numbers);
 }
 
 /// The same without context.

@@ -6,6 +6,7 @@ import sys
 import pytest
 
 import vantrace
+from vantrace import performance
 
 pytestmark = pytest.mark.usefixtures("no_leaks")
 
@@ -44,6 +45,30 @@ def test_numbers_take_turns_with_other_values(recorder, other):
             assert event.context["k"] is value
     texts = [context["k"] for _, context in completed(recorder)]
     assert texts == ["true" if value is True else str(value) for value in values]
+
+
+@pytest.mark.parametrize("count", [1, 2, 4, 5])
+def test_an_object_has_its_numbers_each_time_that_it_is_entered(count):
+    numbers = {f"k{n}": n + 0.5 if n % 2 else -n for n in range(count)}
+    event = vantrace.event("again", **numbers)
+    with vantrace.record() as recording:
+        for _ in range(3):
+            with event:
+                pass
+    assert [event.context for event in recording.events()] == [numbers] * 3
+
+
+def test_rules_decide_by_the_numbers_of_each_event(recorder):
+    controls = performance.instrument.controls
+    recorder.stop()
+    controls.disableAll()
+    recorder.start()
+    controls.disable("again")
+    controls.enableWithContextEntry("again", ["k", "3"])
+    for number in [3, 4, 3, 4, 3]:
+        with make(number):
+            pass
+    assert completed(recorder) == [("again", {"k": "3"})] * 3
 
 
 def test_an_event_that_is_kept_stays_what_it_is(recorder):

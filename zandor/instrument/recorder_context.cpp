@@ -14,17 +14,8 @@ bool isText(const ContextValue& value) noexcept {
     return value.kind() == ContextValue::Kind::text;
 }
 
-Word bitsOf(const ContextValue& value) noexcept {
-    return value.kind() == ContextValue::Kind::real ? std::bit_cast<Word>(value.real())
-                                                    : value.unsignedInteger();
-}
-
 Word textEntry(const InternedText& name, const InternedText& value) noexcept {
     return Word{name.id} << 32 | value.id;
-}
-
-Word numberHead(const InternedText& name, const ContextValue& value) noexcept {
-    return Word{name.id} << 32 | (numberMark + static_cast<std::uint32_t>(value.kind()));
 }
 
 ContextValue numberOf(ContextValue::Kind kind, Word bits) noexcept {

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -73,6 +74,16 @@ Word* encodeGiven(ContextArgs args, TextCache& texts, Word* out) noexcept;
 
 /// Marks the first word of a number entry, together with the value's kind.
 inline constexpr std::uint32_t numberMark = 0xffff'fff0;
+
+// The two words of a number entry.
+
+inline Word numberHead(const InternedText& name, const ContextValue& value) noexcept {
+    return Word{name.id} << 32 | (numberMark + static_cast<std::uint32_t>(value.kind()));
+}
+inline Word bitsOf(const ContextValue& value) noexcept {
+    return value.kind() == ContextValue::Kind::real ? std::bit_cast<Word>(value.real())
+                                                    : value.unsignedInteger();
+}
 
 /// The same as a set. The names are distinct, and must outlive it.
 ContextSet makeContextSet(ContextArgs args);
