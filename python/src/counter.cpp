@@ -12,17 +12,17 @@ using instrument::ContextValue;
 
 namespace {
 
-/// Integers beyond 64 bits, and what has only __float__ or __index__, as reals.
-ContextValue valueOf(PyObject* number) {
-    ContextValue value;
+/// Integers beyond 64 bits, and what has only __float__ or __index__, as reals. A value is put
+/// where it is read: one that was stored in parts and copied at once would wait for its parts.
+void putValue(PyObject* number, ContextValue& value) {
     if (asFrequentNumber(number, value)) [[likely]]
-        return value;
+        return;
     if (!PyBool_Check(number) && asContextNumber(number, value))
-        return value;
+        return;
     const double real = intoPython([&] { return PyFloat_AsDouble(number); });
     if (real == -1 && PyErr_Occurred())
         throw PythonError();
-    return real;
+    value = real;
 }
 
 }  // namespace
@@ -35,7 +35,8 @@ PyObject* emitCounter(PyObject*, PyObject* const* arguments, Py_ssize_t count) {
         if (!instrument::listeners.anyActive())
             return Py_NewRef(Py_None);
         static const std::string_view name = instrument::lastingName(instrument::counterValueName);
-        const ContextArg point{name, valueOf(arguments[1])};
+        ContextArg point{name, {}};
+        putValue(arguments[1], point.value);
         if (isOn(instrument, {&point, 1})) {
             nameThread();
             instrument::instantNumbers(instrument, {&point, 1});

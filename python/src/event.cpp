@@ -118,9 +118,7 @@ bool makeNumbers(EventObject& event) {
 }
 
 /// With a context that stands ready.
-EventId startMade(EventObject& event) {
-    if (!event.names)
-        return startEvent(event.instrument);
+[[gnu::noinline]] EventId startWithContext(EventObject& event) {
     if (event.state == ContextState::numbers || makeNumbers(event))
         return startNumberEvent(event.instrument, event.madeArgs());
     return startEvent(event.instrument, event.madeArgs());
@@ -138,8 +136,10 @@ void noteEntered(EventObject& event, EventId id) noexcept {
         EventObject& event = eventOf(self);
         if (!event.isUsual() || event.isEntered) [[unlikely]]
             enterGenerally(event);
+        else if (event.names)
+            noteEntered(event, startWithContext(event));
         else
-            noteEntered(event, startMade(event));
+            noteEntered(event, startEvent(event.instrument));
         return Py_NewRef(self);
     });
 }

@@ -40,42 +40,37 @@ EventFunctionObject& functionOf(PyObject* self) noexcept {
     guardedStatus([&] { stopEvent(instrument, context, id); });
 }
 
-/// Ends the event. Gives null, and drops the result, where a listener threw and the function did
-/// not.
-PyObject* finish(const instrument::Opaque* instrument, ContextArgs context, EventId id,
-                 PyObject* result) {
-    if (!result) [[unlikely]] {
-        stopFailed(instrument, context, id);
-        return nullptr;
-    }
-    const int status = guardedStatus([&] { stopEvent(instrument, context, id); });
-    if (status < 0) [[unlikely]]
-        Py_CLEAR(result);
-    return result;
+[[gnu::always_inline]] inline PyObject* callInside(PyObject* function, PyObject* const* arguments,
+                                                   std::size_t countAndFlag, PyObject* names) {
+    return intoPython(
+        [&] { return PyObject_Vectorcall(function, arguments, countAndFlag, names); });
 }
 
-/// The arguments of a call, as the interpreter gives them.
-struct Call {
-    PyObject* const* arguments;
-    std::size_t countAndFlag;
-    PyObject* names;
+// Where these give null, the exception is set, as where something throws.
 
-    PyObject* of(PyObject* function) const {
-        return intoPython(
-            [&] { return PyObject_Vectorcall(function, arguments, countAndFlag, names); });
-    }
-};
-
-PyObject* callPlainly(const EventFunctionObject& function, const Call& call) {
-    const EventId id = startEvent(function.plain);
-    return finish(function.plain, {}, id, call.of(function.function));
-}
-
-[[gnu::noinline]] PyObject* callWithContext(const EventFunctionObject& function, const Call& call) {
+[[gnu::noinline]] PyObject* callWithContext(const EventFunctionObject& function,
+                                            PyObject* const* arguments, std::size_t countAndFlag,
+                                            PyObject* names) {
     const EventParts event = partsOf(function.event);
     const CallContext given(event.values, event.names);
     const EventId id = startEvent(event.instrument, given.args());
-    return finish(event.instrument, given.args(), id, call.of(function.function));
+    Ref result = Ref::steal(callInside(function.function, arguments, countAndFlag, names));
+    if (result)
+        stopEvent(event.instrument, given.args(), id);
+    else
+        stopFailed(event.instrument, given.args(), id);
+    return result.release();
+}
+
+PyObject* callPlainly(const EventFunctionObject& function, PyObject* const* arguments,
+                      std::size_t countAndFlag, PyObject* names) {
+    const EventId id = startEvent(function.plain);
+    Ref result = Ref::steal(callInside(function.function, arguments, countAndFlag, names));
+    if (!result) [[unlikely]]
+        stopFailed(function.plain, {}, id);
+    else if (id.sourceId != 0)
+        instrument::stopPlain(function.plain, id);
+    return result.release();
 }
 
 PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndFlag,
@@ -83,10 +78,9 @@ PyObject* call(PyObject* self, PyObject* const* arguments, std::size_t countAndF
     const EventFunctionObject& function = functionOf(self);
     if (!instrument::listeners.anyActive())
         return PyObject_Vectorcall(function.function, arguments, countAndFlag, names);
-    // Where it gives null, the exception is set, as where something throws.
     return guarded([&] {
-        const Call given{arguments, countAndFlag, names};
-        return function.plain ? callPlainly(function, given) : callWithContext(function, given);
+        return function.plain ? callPlainly(function, arguments, countAndFlag, names)
+                              : callWithContext(function, arguments, countAndFlag, names);
     });
 }
 

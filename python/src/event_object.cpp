@@ -77,9 +77,11 @@ bool asPlainNumber(PyObject* object, instrument::ContextValue& value) {
 /// Numbers in the place of those that the context had.
 bool replaceNumbers(EventObject& event, PyObject* const* values) {
     for (Py_ssize_t i = 0; i < event.contextSize(); ++i) {
+        PyObject* const before = event.values()[i];
+        if (values[i] == before)
+            continue;  // as constants and small integers mostly are
         if (!asPlainNumber(values[i], event.args()[i].value))
             return false;
-        PyObject* before = event.values()[i];
         event.values()[i] = Py_NewRef(values[i]);
         Py_DECREF(before);
     }

@@ -32,7 +32,9 @@ const instrument::Opaque* registered(PyObject* name) {
     return instrument::controls.getHandle(utf8Of(name, owner));
 }
 
-[[gnu::noinline]] const instrument::Opaque* lookUp(PyObject* name) {
+}  // namespace
+
+const instrument::Opaque* lookUpInstrument(PyObject* name) {
     if (!PyUnicode_Check(name))
         raise(PyExc_TypeError, "the name of an event must be str, not %s", Py_TYPE(name)->tp_name);
     if (!PyUnicode_CheckExact(name))
@@ -45,13 +47,6 @@ const instrument::Opaque* registered(PyObject* name) {
     const instrument::Opaque* instrument = registered(name);
     keep(names, {name, instrument, nullptr});
     return instrument;
-}
-
-}  // namespace
-
-const instrument::Opaque* instrumentOf(PyObject* name) {
-    const KnownName* const known = knownName(name);
-    return known ? known->instrument : lookUp(name);
 }
 
 }  // namespace vantrace

@@ -22,7 +22,7 @@ struct alignas(64) KnownNames {
 };
 
 /// Guarded by the interpreter's lock.
-extern constinit std::array<KnownNames, 256> knownNames;
+[[gnu::visibility("hidden")]] extern constinit std::array<KnownNames, 256> knownNames;
 
 inline KnownNames& namesBeside(Py_hash_t hash) noexcept {
     return knownNames[static_cast<std::size_t>(hash) % knownNames.size()];
@@ -41,8 +41,14 @@ inline KnownName* knownName(PyObject* name) noexcept {
     return nullptr;
 }
 
+/// The same for a name that is not known by its address.
+const instrument::Opaque* lookUpInstrument(PyObject* name);
+
 /// The instrument of a name, registered if it was not. Throws PythonError with a TypeError for what
 /// is no str, std::invalid_argument for a name with a NUL inside.
-const instrument::Opaque* instrumentOf(PyObject* name);
+inline const instrument::Opaque* instrumentOf(PyObject* name) {
+    const KnownName* const known = knownName(name);
+    return known ? known->instrument : lookUpInstrument(name);
+}
 
 }  // namespace vantrace
