@@ -13,6 +13,7 @@
 #include "zandor/instrument/clock.hpp"
 #include "zandor/instrument/controls.hpp"
 #include "zandor/instrument/instrument.hpp"
+#include "zandor/instrument/literal_context.hpp"
 #include "zandor/instrument/recorder.hpp"
 #include "zandor/performance/counter.hpp"
 #include "zandor/performance/profiler.hpp"
@@ -35,6 +36,12 @@ void numberPair() {
 
 void textsPair() {
     const Scope scope{solve, {{"method", "cg"}, {"preconditioner", "ilu"}}};
+}
+
+void literalsPair() {
+    static constinit const instrument::LiteralContext context{{"method", "cg"},
+                                                              {"preconditioner", "ilu"}};
+    const Scope scope{solve, context};
 }
 
 const std::vector<instrument::Instrument>& eightNames() {
@@ -116,11 +123,13 @@ const Row rows[] = {
     {"recorded", plainPair, recorder},
     {"recorded-number", numberPair, recorder},
     {"recorded-two-texts", textsPair, recorder},
+    {"recorded-two-literals", literalsPair, recorder},
     {"recorded-nested", nestedPair, recorder},
     {"recorded-instant", instantPoint, recorder},
     {"recorded-instant-number", numberPoint, recorder},
     {"counted", plainPair, counter},
     {"counted-two-texts", textsPair, counter},
+    {"counted-two-literals", literalsPair, counter},
     {"profiled", plainPair, profiler},
     {"profiled-nested", nestedPair, profiler},
     {"recorded-profiled", plainPair, recorderAndProfiler},

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "measuring.hpp"
+#include "zandor/instrument/literal_context.hpp"
 #include "zandor/performance/counter.hpp"
 #include "zandor/performance/profiler.hpp"
 
@@ -119,8 +120,9 @@ BENCHMARK(countedPair);
 void countedPairByContext(benchmark::State& state) {
     InstrumentCounter counter;
     const Listening listening({&counter});
+    static constinit const instrument::LiteralContext method{{"method", "cg"}};
     for (auto _ : state)
-        const Scope scope{solve, {{"method", "cg"}}};
+        const Scope scope{solve, method};
     if (counter.getEventCountsByContext("bench.listeners").size() != 1)
         state.SkipWithError("contexts were not told apart");
 }

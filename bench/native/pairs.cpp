@@ -7,6 +7,7 @@
 #include "measuring.hpp"
 #include "prototype.hpp"
 #include "zandor/instrument/context.hpp"
+#include "zandor/instrument/literal_context.hpp"
 
 namespace {
 
@@ -127,10 +128,10 @@ void recordedPairWithTwoTexts(benchmark::State& state) {
 }
 BENCHMARK(recordedPairWithTwoTexts)->MeasureProcessCPUTime();
 
+constinit const instrument::LiteralContext twoLiterals{{"method", "cg"}, {"preconditioner", "ilu"}};
+
 void recordedPairWithTwoLiterals(benchmark::State& state) {
-    recordInUsedMemory(state, [] {
-        const Scope scope{solve, {{"method", "cg"}, {"preconditioner", "ilu"}}};
-    });
+    recordInUsedMemory(state, [] { const Scope scope{solve, twoLiterals}; });
 }
 BENCHMARK(recordedPairWithTwoLiterals)->MeasureProcessCPUTime();
 
@@ -172,7 +173,7 @@ void recordedTextsGrowing(benchmark::State& state) {
     InstrumentRecorder recorder;
     const Listening listening({&recorder});
     for (auto _ : state)
-        const Scope scope{solve, {{"method", "cg"}, {"preconditioner", "ilu"}}};
+        const Scope scope{solve, twoLiterals};
     state.counters["bytes"] =
         static_cast<double>(recorder.bytesInUse()) / static_cast<double>(state.iterations());
 }

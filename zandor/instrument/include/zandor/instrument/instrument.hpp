@@ -90,6 +90,7 @@ struct ContextArg {
 };
 using ContextArgs = std::span<const ContextArg>;
 
+class LiteralContext;
 class Scope;
 class OpenEvent;
 
@@ -115,11 +116,17 @@ class Instrument {
 
     void instant() const {
         if (isOn()) [[unlikely]]
-            emitInstant(handle_, {});
+            emitInstant(handle_, ContextArgs());
     }
     void instant(std::initializer_list<ContextArg> context) const {
         if (mayBeOn()) [[unlikely]]
             emitInstant(handle_, {context.begin(), context.size()});
+    }
+    /// For literal_context.hpp; a template, so that lists of entries are none.
+    template <std::same_as<LiteralContext> Context>
+    void instant(const Context& context) const {
+        if (mayBeOn()) [[unlikely]]
+            emitInstant(handle_, context);
     }
 
     /// Opens an event. What it gives may be copied, handed to another thread, or dropped.
@@ -131,6 +138,8 @@ class Instrument {
   private:
     ZANDOR_INSTRUMENT_API static const Opaque* registerName(std::string_view name);
     ZANDOR_INSTRUMENT_DIRECT static void emitInstant(const Opaque* handle, ContextArgs context);
+    ZANDOR_INSTRUMENT_DIRECT static void emitInstant(const Opaque* handle,
+                                                     const LiteralContext& context);
 
     const Opaque* handle_;
 };
@@ -172,6 +181,7 @@ class KeptContext {
 ZANDOR_INSTRUMENT_DIRECT EventId openEvent(const Opaque* handle);
 ZANDOR_INSTRUMENT_DIRECT EventId openEvent(const Opaque* handle, ContextArgs context,
                                            KeptContext& kept);
+ZANDOR_INSTRUMENT_DIRECT EventId openEvent(const Opaque* handle, const LiteralContext& context);
 ZANDOR_INSTRUMENT_DIRECT void closeEvent(const Opaque* handle, const KeptContext& kept, EventId id);
 
 }  // namespace detail
@@ -193,20 +203,29 @@ class Scope {
   public:
     explicit Scope(const Instrument& instrument)
         : handle_(instrument.handle()),
-          id_(instrument.isOn() ? detail::openEvent(instrument.handle()) : noListenerEventId),
-          withContext_(nullptr) {}
+          id_(instrument.isOn() ? detail::openEvent(instrument.handle()) : noListenerEventId) {}
     Scope(const Instrument& instrument, std::initializer_list<ContextArg> context)
         : handle_(nullptr),
           id_(noListenerEventId),
           withContext_(instrument.mayBeOn()
                            ? open(instrument.handle(), {context.begin(), context.size()})
                            : nullptr) {}
+    /// For literal_context.hpp, as above. The context outlives the scope.
+    template <std::same_as<LiteralContext> Context>
+    Scope(const Instrument& instrument, const Context& context)
+        : handle_(instrument.handle()),
+          id_(instrument.mayBeOn() ? detail::openEvent(instrument.handle(), context)
+                                   : noListenerEventId),
+          literal_(&context) {}
+    template <std::same_as<LiteralContext> Context>
+    Scope(const Instrument& instrument, const Context&& context) = delete;
     /// A scope without event.
-    Scope() noexcept : handle_(nullptr), id_(noListenerEventId), withContext_(nullptr) {}
-    ~Scope() {
+    Scope() noexcept : handle_(nullptr), id_(noListenerEventId) {}
+    // Inline whatever its size: with its constructor most of it goes.
+    [[gnu::always_inline]] ~Scope() {
         if (id_.sourceId != 0) [[unlikely]] {
             if (listeners.anyHearsStops())
-                close(handle_, id_);
+                literal_ ? close(handle_, *literal_, id_) : close(handle_, id_);
         } else if (withContext_) [[unlikely]] {
             close(withContext_);
         }
@@ -220,11 +239,14 @@ class Scope {
                                                             ContextArgs context);
     ZANDOR_INSTRUMENT_DIRECT static void close(detail::OpenScope* event) noexcept;
     ZANDOR_INSTRUMENT_DIRECT static void close(const Opaque* handle, EventId id) noexcept;
+    ZANDOR_INSTRUMENT_DIRECT static void close(const Opaque* handle, const LiteralContext& context,
+                                               EventId id) noexcept;
 
-    // An event without context, or one with.
+    // An event whose context the scope does not keep, or one whose does.
     const Opaque* const handle_;
     const EventId id_;
-    detail::OpenScope* const withContext_;
+    const LiteralContext* const literal_ = nullptr;
+    detail::OpenScope* const withContext_ = nullptr;
 };
 
 /// Names the calling thread in recordings. From any thread, at any time, for itself.
