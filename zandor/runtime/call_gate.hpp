@@ -1,6 +1,8 @@
 // Which calls are running inside a plug-in, so that it is not unloaded under them.
 #pragma once
 
+#include <sys/single_threaded.h>
+
 #include <atomic>
 #include <cstdint>
 
@@ -27,19 +29,33 @@ class CallGate {
     static constexpr std::uint32_t closed = std::uint32_t{1} << 31;
 
     bool enter() noexcept {
-        // Acquire: what open released. A closed gate does not count.
-        if (!(state_.fetch_add(1, std::memory_order_acquire) & closed)) [[likely]] {
+        // A closed gate does not count.
+        if (!(add(1) & closed)) [[likely]] {
             return true;
         }
         leave();
         return false;
     }
     void leave() noexcept {
-        // Release: what the call did comes before the unloading, which acquires in waitUntilIdle.
-        if (state_.fetch_sub(1, std::memory_order_release) == (closed | 1)) [[unlikely]] {
+        if (add(minusOne) == (closed | 1)) [[unlikely]] {
             state_.notify_all();
         }
     }
+
+    /// Gives what was there before. An addition that is one for other threads, too, waits for all
+    /// that was stored before it: a thread that is the only one does without.
+    std::uint32_t add(std::uint32_t number) noexcept {
+        // Entering acquires what open released; leaving releases what the call did, which comes
+        // before the unloading, which acquires in waitUntilIdle.
+        if (!__libc_single_threaded)
+            return state_.fetch_add(number, std::memory_order_acq_rel);
+        // Relaxed: a signal handler leaves the number that it found.
+        const std::uint32_t before = state_.load(std::memory_order_relaxed);
+        // Relaxed: threads that come later see it, as all that was before them.
+        state_.store(before + number, std::memory_order_relaxed);
+        return before;
+    }
+    static constexpr std::uint32_t minusOne = ~std::uint32_t{0};
 
     // What a call did is released when it leaves, and acquired by who waits until the gate is idle;
     // what was done before open is released by it, and acquired on entry.

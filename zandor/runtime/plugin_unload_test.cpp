@@ -151,6 +151,24 @@ TEST(UnloadingAPlugin, WaitsForRunningCallsAndRefusesNewOnes) {
     EXPECT_FALSE(isMapped(library("sample")));
 }
 
+TEST(UnloadingAPlugin, WaitsForACallThatBeganBeforeThereWereOtherThreads) {
+    Plugin plugin = Plugin::load(library("sample"));
+    const Method run = zandor::resolve("sample.run");
+    Journal journal;
+    zandor::resolve("sample.keepJournal")(pointer(&journal));
+    std::thread unloader;
+    runInside(run, [&] {
+        unloader = std::thread([&] { plugin.unload(); });
+        while (run.isLoaded())
+            std::this_thread::yield();
+        EXPECT_TRUE(isMapped(library("sample")));
+        journal.add("call ended");
+    });
+    unloader.join();
+    EXPECT_EQ(journal.lines.front(), "call ended");
+    EXPECT_FALSE(isMapped(library("sample")));
+}
+
 TEST(UnloadingAPlugin, FromInsideItsOwnCallIsAnError) {
     Sample sample;
     const Method run = zandor::resolve("sample.run");
