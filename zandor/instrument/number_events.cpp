@@ -1,5 +1,6 @@
 #include "zandor/instrument/number_events.hpp"
 
+#include <array>
 #include <new>
 
 #include "listener_array.hpp"
@@ -11,30 +12,35 @@ using namespace detail;
 
 namespace {
 
-/// The context in words, two an entry.
-class NumberWords {
-  public:
-    [[gnu::always_inline]] explicit NumberWords(ContextArgs numbers) noexcept : end_(words_) {
-        for (const ContextArg& number : numbers) {
-            *end_++ = numberHead(InternedText::of(number.name), number.value);
-            *end_++ = bitsOf(number.value);
-        }
+/// So many numbers in words, two an entry: where their count is known, no memory is needed.
+template <std::size_t count>
+[[gnu::always_inline]] inline std::array<Word, 2 * count> wordsOfNumbers(
+    ContextArgs numbers) noexcept {
+    std::array<Word, 2 * count> words;
+    for (std::size_t i = 0; i < count; ++i) {
+        words[2 * i] = numberHead(InternedText::of(numbers[i].name), numbers[i].value);
+        words[2 * i + 1] = bitsOf(numbers[i].value);
     }
-    NumberWords(const NumberWords&) = delete;
-    NumberWords& operator=(const NumberWords&) = delete;
-
-    std::span<const Word> words() const noexcept { return {words_, end_}; }
-
-  private:
-    Word words_[2 * mostNumbers];
-    Word* end_;
-};
+    return words;
+}
 
 /// Whether it was told; its identity is the thread's latest then.
 template <RecordKind kind>
 [[gnu::always_inline]] inline bool begin(const InsideLane& lane, const Opaque* handle,
                                          ContextArgs numbers) noexcept {
-    return lane && lane.begin<kind>(handle, NumberWords(numbers).words());
+    if (!lane) [[unlikely]]
+        return false;
+    switch (numbers.size()) {
+        case 1:
+            return lane.begin<kind>(handle, wordsOfNumbers<1>(numbers));
+        case 2:
+            return lane.begin<kind>(handle, wordsOfNumbers<2>(numbers));
+        case 3:
+            return lane.begin<kind>(handle, wordsOfNumbers<3>(numbers));
+        default:
+            static_assert(mostNumbers == 4);
+            return lane.begin<kind>(handle, wordsOfNumbers<4>(numbers));
+    }
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ namespace instrument {
 /// std::bad_alloc.
 ZANDOR_INSTRUMENT_API std::string_view lastingName(std::string_view name);
 
-/// A context has at most so many numbers here.
+/// A context has from one to so many numbers here.
 inline constexpr std::size_t mostNumbers = detail::KeptContext::fewEntries;
 
 /// No value is a text, and each name is one that lastingName gave. Listeners' exceptions come out
