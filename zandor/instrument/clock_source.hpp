@@ -1,6 +1,7 @@
 // Where ticks come from, and their conversion to nanoseconds of the monotonic clock.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 
@@ -45,6 +46,11 @@ class ZANDOR_INSTRUMENT_API TickConverter {
             return ticks > from.ticks && ticks <= to.ticks;
         }
         std::int64_t at(std::uint64_t ticks) const noexcept;
+        /// The same of ticks that it covers.
+        std::int64_t atCovered(std::uint64_t ticks) const noexcept {
+            const auto product = static_cast<Uint128>(ticks - from.ticks) * to.slope;
+            return from.nanoseconds + static_cast<std::int64_t>(product >> 58);
+        }
     };
 
     /// Takes the first pair. From one thread, before anything else.
@@ -90,8 +96,9 @@ class ZANDOR_INSTRUMENT_API TickReader {
     /// Whether these convert at once.
     bool covers(std::uint64_t ticks) const noexcept { return line_.covers(ticks); }
     std::int64_t operator()(std::uint64_t ticks) noexcept {
-        if (!covers(ticks)) [[unlikely]]
-            find(ticks);
+        if (covers(ticks)) [[likely]]
+            return line_.atCovered(ticks);
+        find(ticks);
         return line_.at(ticks);
     }
 
@@ -135,9 +142,7 @@ inline std::uint64_t readTicks() noexcept {
 inline std::int64_t TickConverter::Line::at(std::uint64_t ticks) const noexcept {
     if (ticks <= from.ticks)
         return from.nanoseconds;
-    const auto product = static_cast<Uint128>(ticks - from.ticks) * to.slope;
-    const std::int64_t time = from.nanoseconds + static_cast<std::int64_t>(product >> 58);
-    return time < to.nanoseconds ? time : to.nanoseconds;
+    return std::min(atCovered(ticks), to.nanoseconds);
 }
 
 }  // namespace instrument::detail

@@ -76,10 +76,9 @@ template <RecordKind kind>
 [[gnu::always_inline]] inline void tellAllAndLeave(ThreadState& state, const Opaque* handle,
                                                    std::uint64_t serial,
                                                    std::uint64_t ticks) noexcept {
-    const LaneCall* const calls = callsOf<kind>(state.laneListeners.ofPlain);
     const bool hasTime = !state.lane.needsTime || state.laneListeners.timeOf.covers(ticks);
-    if (hasTime && calls[0].tell && !calls[1].tell) [[likely]]
-        tellOnly<kind>(state, calls[0], handle, serial, ticks);
+    if (hasTime && state.lane.tellsOne) [[likely]]
+        tellOnly<kind>(state, *callsOf<kind>(state.laneListeners.ofPlain), handle, serial, ticks);
     else
         tellListeners<kind>(state, handle, serial, ticks);
     leaveLane(state);
@@ -95,15 +94,6 @@ template <RecordKind kind>
 [[gnu::noinline]] void stopAndLeave(ThreadState& state, const Opaque* handle, std::uint64_t serial,
                                     std::uint64_t ticks) noexcept {
     tellAllAndLeave<RecordKind::stop>(state, handle, serial, ticks);
-}
-
-/// For what was not counted yet.
-template <RecordKind kind>
-[[gnu::noinline]] EventId countGenerallyAndLeave(ThreadState& state, const Opaque* handle,
-                                                 std::uint64_t ticks) noexcept {
-    tellGenerally<kind>(state, *state.laneListeners.counter, handle, state.source.serial, ticks,
-                        {});
-    return beginAndLeave<kind>(state, handle, ticks);
 }
 
 /// False where such an edge was not counted yet.
@@ -123,61 +113,96 @@ bool tellsListeners(const LaneHead& lane) noexcept {
     return kind == RecordKind::start ? lane.tellsStarts : lane.tellsInstants;
 }
 
+template <RecordKind kind>
+[[gnu::always_inline]] inline EventId tellAnyAndLeave(ThreadState& state, const Opaque* handle,
+                                                      std::uint64_t ticks) noexcept {
+    if (tellsListeners<kind>(state.lane))
+        return beginAndLeave<kind>(state, handle, ticks);
+    leaveLane(state);
+    return latestId(state);
+}
+
+/// For what was not counted yet.
+template <RecordKind kind>
+[[gnu::noinline]] EventId countGenerallyAndLeave(ThreadState& state, const Opaque* handle,
+                                                 std::uint64_t ticks) noexcept {
+    tellGenerally<kind>(state, *state.laneListeners.counter, handle, state.source.serial, ticks,
+                        {});
+    return tellAnyAndLeave<kind>(state, handle, ticks);
+}
+
 // What one word has no room for takes two.
 
 template <RecordKind kind>
-[[gnu::noinline]] bool recordFarBegin(ThreadState& state, const Opaque* handle,
-                                      std::uint64_t ticks) noexcept {
+bool recordFarBegin(ThreadState& state, const Opaque* handle, std::uint64_t ticks) noexcept {
     if (!recordBegin<kind>(state, handle, {}, ticks))
         return false;
     renewBase(*state.lane.track, ticks);
     return true;
 }
 
+/// What is left of a start or an instant that the recorder has. Every call is the last thing that
+/// is done, so that nothing is kept over one.
 template <RecordKind kind>
-[[gnu::always_inline]] inline bool recordPlainBegin(ThreadState& state, const Opaque* handle,
-                                                    std::uint64_t ticks) noexcept {
-    const EventId id = nextId(state);
-    Track* const track = state.lane.track;
-    if (track && !putShortBegin<kind>(*track, handle, id, ticks)) [[unlikely]]
-        return recordFarBegin<kind>(state, handle, ticks);
-    state.source.serial = id.serialId;
-    return true;
+[[gnu::always_inline]] inline EventId finishBegin(ThreadState& state, const Opaque* handle,
+                                                  std::uint64_t ticks) noexcept {
+    if (state.lane.hasCounts && !countAgain(state, handle)) [[unlikely]]
+        return countGenerallyAndLeave<kind>(state, handle, ticks);
+    return tellAnyAndLeave<kind>(state, handle, ticks);
+}
+[[gnu::always_inline]] inline void finishStop(ThreadState& state, const Opaque* handle,
+                                              std::uint64_t serial, std::uint64_t ticks) noexcept {
+    if (state.lane.tellsStops)
+        return stopAndLeave(state, handle, serial, ticks);
+    leaveLane(state);
 }
 
-/// A start or an instant by the lane; `generally` where it is not as usual. Every call is the last
-/// thing that is done, so that nothing is kept over one.
+using BeginGenerally = EventId(const Opaque*);
+using StopGenerally = void(const Opaque*, EventId);
+
+template <RecordKind kind>
+[[gnu::noinline]] EventId beginFar(ThreadState& state, const Opaque* handle, std::uint64_t ticks,
+                                   BeginGenerally* generally) {
+    if (recordFarBegin<kind>(state, handle, ticks))
+        return finishBegin<kind>(state, handle, ticks);
+    leaveLane(state);
+    return generally(handle);
+}
+[[gnu::noinline]] void stopFar(ThreadState& state, const Opaque* handle, EventId id,
+                               std::uint64_t ticks, StopGenerally* generally) {
+    if (recordFarStop(state, handle, false, id, ticks))
+        return finishStop(state, handle, id.serialId, ticks);
+    leaveLane(state);
+    generally(handle, id);
+}
+
+/// A start or an instant by the lane; `generally` where it is not as usual. As above, every call is
+/// the last thing.
 template <RecordKind kind>
 [[gnu::always_inline]] inline EventId begin(ThreadState* state, const Opaque* handle,
-                                            EventId (*generally)(const Opaque*)) {
+                                            BeginGenerally* generally) {
     if (!state) [[unlikely]]
         return generally(handle);
     const std::uint64_t ticks = readClock(*state);
-    if (!recordPlainBegin<kind>(*state, handle, ticks)) [[unlikely]] {
-        leaveLane(*state);
-        return generally(handle);
-    }
-    if (state->lane.hasCounts && !countAgain(*state, handle)) [[unlikely]]
-        return countGenerallyAndLeave<kind>(*state, handle, ticks);
-    if (tellsListeners<kind>(state->lane))
-        return beginAndLeave<kind>(*state, handle, ticks);
-    leaveLane(*state);
-    return latestId(*state);
+    const EventId id = nextId(*state);
+    Track* const track = state->lane.track;
+    if (track && !putShortBegin<kind>(*track, handle, id, ticks)) [[unlikely]]
+        return beginFar<kind>(*state, handle, ticks, generally);
+    state->source.serial = id.serialId;
+    return finishBegin<kind>(*state, handle, ticks);
 }
 
 /// The same for a stop.
 [[gnu::always_inline]] inline void stop(ThreadState* state, const Opaque* handle, EventId id,
-                                        void (*generally)(const Opaque*, EventId)) {
+                                        StopGenerally* generally) {
     if (!state) [[unlikely]]
         return generally(handle, id);
     const std::uint64_t ticks = readClock(*state);
-    if (!recordStop(*state, handle, false, id, ticks)) [[unlikely]] {
-        leaveLane(*state);
-        return generally(handle, id);
-    }
-    if (state->lane.tellsStops)
-        return stopAndLeave(*state, handle, id.serialId, ticks);
-    leaveLane(*state);
+    Track* const track = state->lane.track;
+    if (id.sourceId != state->source.id ||
+        (track && !putShortStop(*track, handle, false, id, ticks))) [[unlikely]]
+        return stopFar(*state, handle, id, ticks, generally);
+    finishStop(*state, handle, id.serialId, ticks);
 }
 
 template <RecordKind kind>

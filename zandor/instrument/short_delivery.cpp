@@ -91,6 +91,8 @@ bool findLane(ThreadState& state, const ListenerArray& array) noexcept {
     lane.tellsStarts = others.ofPlain.starts.front().tell;
     lane.tellsStops = others.ofPlain.stops.front().tell;
     lane.tellsInstants = others.ofPlain.instants.front().tell;
+    lane.tellsOne = !others.ofPlain.starts[1].tell && !others.ofPlain.stops[1].tell &&
+                    !others.ofPlain.instants[1].tell;
     state.lane = lane;
     state.laneListeners = others;
     return true;
@@ -123,10 +125,10 @@ constexpr auto operationOf = kind == RecordKind::start  ? &InstrumentListener::o
 
 [[gnu::noinline]] bool recordFarStop(ThreadState& state, const Opaque* handle, bool hasContext,
                                      EventId id, std::uint64_t ticks) noexcept {
-    Track& track = *state.lane.track;
-    if (!putStop(track, handle, hasContext, id, ticks))
+    Track* const track = state.lane.track;
+    if (id.sourceId != state.source.id || !putStop(*track, handle, hasContext, id, ticks))
         return false;
-    renewBase(track, ticks);
+    renewBase(*track, ticks);
     return true;
 }
 

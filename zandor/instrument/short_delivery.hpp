@@ -123,7 +123,7 @@ template <RecordKind kind>
     return true;
 }
 
-/// For what one word has no room for.
+/// Where one word has no room for it, or the event is of another source. Only with a recorder.
 [[gnu::noinline]] bool recordFarStop(ThreadState& state, const Opaque* handle, bool hasContext,
                                      EventId id, std::uint64_t ticks) noexcept;
 

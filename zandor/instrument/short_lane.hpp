@@ -35,6 +35,7 @@ struct LaneHead {
     bool tellsStarts;
     bool tellsStops;
     bool tellsInstants;
+    bool tellsOne;  ///< at most, of each kind
 };
 
 struct LaneCall {

@@ -70,7 +70,8 @@ bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
                                std::int64_t time) noexcept {
     Frame* const caller = top();
     Frame* const frame = caller->above;
-    if (caller->isEnded() || !frame || (caller == &ground_ && !hasFirstEvent())) [[unlikely]]
+    // Without the tree's first event there is no place above the ground yet.
+    if (caller->isEnded() || !frame) [[unlikely]]
         return startGenerally(instrument, serial, time);
     CallNode* const node = childAtHand(*caller->node.load(std::memory_order_relaxed), instrument);
     if (!node) [[unlikely]]
@@ -111,7 +112,7 @@ bool CallingContextTree::start(const Opaque* instrument, std::uint64_t serial,
     top_.store(&frame, std::memory_order_relaxed);
 }
 
-void CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
+bool CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept {
     Frame& frame = *top();
     // The ground is no call, and no serial of a call has the bit that a word has no room for: stops
     // come with whatever serial their caller gives.
@@ -120,12 +121,15 @@ void CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept 
         return stopGenerally(serial, time);
     if (!markOwn(frame, serial) || frame.isBelow) [[unlikely]]
         return stopMarked(serial, time);
-    end(frame, time);
-    pop(frame);
+    Frame& caller = *frame.below;
+    const CallNode& node = *frame.node.load(std::memory_order_relaxed);
+    end(frame, caller, time, node.isNested);
+    top_.store(&caller, std::memory_order_relaxed);
+    return true;
 }
 
 /// Of the innermost call, which is marked as ended, and may have been taken.
-[[gnu::noinline]] void CallingContextTree::stopMarked(std::uint64_t serial,
+[[gnu::noinline]] bool CallingContextTree::stopMarked(std::uint64_t serial,
                                                       std::int64_t time) noexcept {
     Frame& frame = *top();
     if (wasTaken(frame, serial))
@@ -133,20 +137,22 @@ void CallingContextTree::stop(std::uint64_t serial, std::int64_t time) noexcept 
     else
         end(frame, time);
     popEnded();
+    return true;
 }
 
 /// Of a call that is not the innermost, is none, or is being taken.
-[[gnu::noinline]] void CallingContextTree::stopGenerally(std::uint64_t serial,
+[[gnu::noinline]] bool CallingContextTree::stopGenerally(std::uint64_t serial,
                                                          std::int64_t time) noexcept {
     note(time);
     Frame* const frame = frameOf(serial);
     const std::uint64_t open = serial << 1;
     if (!frame || frame->word.load(std::memory_order_relaxed) != open)
-        return;
+        return true;
     if (!markOwn(*frame, serial) && wasTaken(*frame, serial))
-        return;
+        return true;
     end(*frame, time);
     popEnded();
+    return true;
 }
 
 /// The place above one; null when the system gives no memory. Where there is none but the lowest,
@@ -246,13 +252,16 @@ bool CallingContextTree::addTaken(const TakenCall& call, std::int64_t stop) noex
     return true;
 }
 
-[[gnu::always_inline]] inline void CallingContextTree::end(Frame& frame,
-                                                           std::int64_t time) noexcept {
+void CallingContextTree::end(Frame& frame, std::int64_t time) noexcept {
+    const CallNode& node = *frame.node.load(std::memory_order_relaxed);
+    end(frame, *frame.below, time, node.isNested || (frame.isBelow && frame.isNested));
+}
+[[gnu::always_inline]] inline void CallingContextTree::end(Frame& frame, Frame& caller,
+                                                           std::int64_t time,
+                                                           bool isNested) noexcept {
     const std::int64_t duration = time - frame.start.load(std::memory_order_relaxed);
-    frame.below->inside += duration;
-    CallNode& node = *frame.node.load(std::memory_order_relaxed);
-    const bool isNested = node.isNested || (frame.isBelow && frame.isNested);
-    count(node, {duration, frame.inside, isNested});
+    caller.inside += duration;
+    count(*frame.node.load(std::memory_order_relaxed), {duration, frame.inside, isNested});
 }
 
 /// Takes the innermost call off the stack.

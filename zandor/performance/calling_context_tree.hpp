@@ -121,8 +121,8 @@ class CallingContextTree {
 
     /// False when the system gives no memory: then the call does not count.
     bool start(const Opaque* instrument, std::uint64_t serial, std::int64_t time) noexcept;
-    /// Does nothing for a call that is not open here.
-    void stop(std::uint64_t serial, std::int64_t time) noexcept;
+    /// Does nothing for a call that is not open here. Gives true.
+    bool stop(std::uint64_t serial, std::int64_t time) noexcept;
     /// Takes an open call out, from another thread.
     std::optional<TakenCall> take(std::uint64_t serial) noexcept;
     /// Counts a call that this thread took from another one.
@@ -197,13 +197,14 @@ class CallingContextTree {
 
     bool startGenerally(const Opaque* instrument, std::uint64_t serial, std::int64_t time) noexcept;
     void open(Frame& frame, CallNode& node, std::uint64_t serial, std::int64_t time) noexcept;
-    void stopMarked(std::uint64_t serial, std::int64_t time) noexcept;
-    void stopGenerally(std::uint64_t serial, std::int64_t time) noexcept;
+    bool stopMarked(std::uint64_t serial, std::int64_t time) noexcept;
+    bool stopGenerally(std::uint64_t serial, std::int64_t time) noexcept;
     Frame* frameOf(std::uint64_t serial) noexcept;
     bool markOwn(Frame& frame, std::uint64_t serial) noexcept;
     bool takeForeign(Frame& frame, std::uint64_t serial) noexcept;
     bool wasTaken(const Frame& frame, std::uint64_t serial) noexcept;
     static void end(Frame& frame, std::int64_t time) noexcept;
+    static void end(Frame& frame, Frame& caller, std::int64_t time, bool isNested) noexcept;
     void pop(Frame& frame) noexcept;
     Frame* popEnded() noexcept;
     static void count(CallNode& node, const EndedCall& call) noexcept;

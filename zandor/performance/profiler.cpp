@@ -177,8 +177,7 @@ class ProfilerCore {
     }
     static bool stopShortly(void* tree, const Opaque*, std::uint64_t serial, std::int64_t time,
                             ContextWords) noexcept {
-        static_cast<CallingContextTree*>(tree)->stop(serial, time);
-        return true;
+        return static_cast<CallingContextTree*>(tree)->stop(serial, time);
     }
     static constexpr ShortOperations shortOperations{.needsTime = true,
                                                      .ignoresContext = true,

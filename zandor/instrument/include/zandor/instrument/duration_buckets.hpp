@@ -18,9 +18,9 @@ class DurationBuckets {
     static constexpr std::size_t of(std::int64_t nanoseconds) noexcept {
         constexpr std::uint64_t first = 1u << subBits;
         constexpr std::uint64_t end = std::uint64_t{1} << (largestPower + 1);
-        const auto value = static_cast<std::uint64_t>(std::max<std::int64_t>(nanoseconds, 0));
+        const auto value = static_cast<std::uint64_t>(nanoseconds);
         if (value - first >= end - first) [[unlikely]]
-            return value < first ? value : count - 1;
+            return nanoseconds < 0 ? 0 : value < first ? value : count - 1;
         // A real number has the power and what follows the first bit side by side.
         constexpr unsigned mantissaBits = 52;
         constexpr std::uint64_t exponentOfOne = 1023;
