@@ -207,16 +207,16 @@ class Scope {
     Scope(const Instrument& instrument, std::initializer_list<ContextArg> context)
         : handle_(nullptr),
           id_(noListenerEventId),
-          withContext_(instrument.mayBeOn()
-                           ? open(instrument.handle(), {context.begin(), context.size()})
-                           : nullptr) {}
+          context_(instrument.mayBeOn()
+                       ? open(instrument.handle(), {context.begin(), context.size()})
+                       : nullptr) {}
     /// For literal_context.hpp, as above. The context outlives the scope.
     template <std::same_as<LiteralContext> Context>
     Scope(const Instrument& instrument, const Context& context)
         : handle_(instrument.handle()),
           id_(instrument.mayBeOn() ? detail::openEvent(instrument.handle(), context)
                                    : noListenerEventId),
-          literal_(&context) {}
+          context_(id_.sourceId != 0 ? &context : nullptr) {}
     template <std::same_as<LiteralContext> Context>
     Scope(const Instrument& instrument, const Context&& context) = delete;
     /// A scope without event.
@@ -225,9 +225,10 @@ class Scope {
     [[gnu::always_inline]] ~Scope() {
         if (id_.sourceId != 0) [[unlikely]] {
             if (listeners.anyHearsStops())
-                literal_ ? close(handle_, *literal_, id_) : close(handle_, id_);
-        } else if (withContext_) [[unlikely]] {
-            close(withContext_);
+                context_ ? close(handle_, *static_cast<const LiteralContext*>(context_), id_)
+                         : close(handle_, id_);
+        } else if (context_) [[unlikely]] {
+            close(static_cast<detail::OpenScope*>(const_cast<void*>(context_)));
         }
     }
     Scope(const Scope&) = delete;
@@ -242,11 +243,11 @@ class Scope {
     ZANDOR_INSTRUMENT_DIRECT static void close(const Opaque* handle, const LiteralContext& context,
                                                EventId id) noexcept;
 
-    // An event whose context the scope does not keep, or one whose does.
     const Opaque* const handle_;
     const EventId id_;
-    const LiteralContext* const literal_ = nullptr;
-    detail::OpenScope* const withContext_ = nullptr;
+    /// Of an event with an identity here: its literal context, if it has one. Else the event that
+    /// keeps its own identity and context, if there is one.
+    const void* const context_ = nullptr;
 };
 
 /// Names the calling thread in recordings. From any thread, at any time, for itself.
