@@ -13,7 +13,7 @@ namespace vantrace {
 bool requestFunctionSlot();
 
 /// The slot that requestFunctionSlot took.
-extern constinit Py_ssize_t functionSlot;
+extern constinit Py_ssize_t functionSlot [[gnu::visibility("hidden")]];
 
 /// What code objects point to, as CPython 3.11 lays it out.
 struct CodeExtras {

@@ -28,6 +28,9 @@ namespace {
 
 PyObject* evaluateFrame(PyThreadState* thread, Frame* frame, int throws);
 
+/// `tracing.next`, for calls that are events.
+constinit instrument::PlainCallee evaluator{nullptr, park};
+
 /// What the interpreter would do without the hook.
 PyObject* goOn(PyThreadState* thread, Frame* frame, int throws) {
     return intoPython([&] { return tracing.next(thread, frame, throws); });
@@ -53,9 +56,8 @@ bool isResumed(const Frame* frame) noexcept {
 /// No function of ours lies between the event and the evaluator: each takes stack.
 [[gnu::always_inline]] inline PyObject* evaluateEvent(PyThreadState* thread, Frame* frame,
                                                       int throws, const Opaque* instrument) {
-    using Function = decltype(instrument::PlainCallee::function);
-    const instrument::PlainCallee callee{reinterpret_cast<Function>(tracing.next), park};
-    return static_cast<PyObject*>(instrument::callPlain(thread, frame, throws, callee, instrument));
+    return static_cast<PyObject*>(
+        instrument::callPlain(thread, frame, throws, evaluator, instrument));
 }
 
 /// A step of a coroutine.
@@ -261,6 +263,7 @@ bool joinChain() {
     if (latestHook() == evaluateFrame || (tracing.isInChain && isReached()))
         return true;
     tracing.next = latestHook();
+    evaluator.function = reinterpret_cast<decltype(evaluator.function)>(tracing.next);
     setHook(evaluateFrame);
     tracing.isInChain = isReached() && latestHook() == evaluateFrame;
     return tracing.isInChain;

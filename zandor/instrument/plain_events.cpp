@@ -1,9 +1,5 @@
 #include "zandor/instrument/plain_events.hpp"
 
-#include <cxxabi.h>
-
-#include <cstdlib>
-
 #include "delivery.hpp"
 #include "short_delivery.hpp"
 
@@ -219,39 +215,19 @@ template <RecordKind kind>
         stop(enterNewLane(), handle, id, stopForAll);
 }
 
-// Where nobody can be told of an exception: in a destructor, or beside a call that is an event.
-
-[[gnu::noinline]] EventId openQuietly(const Opaque* handle) noexcept {
-    try {
-        return beginGenerally<RecordKind::start>(handle);
-    } catch (...) {
-        return suppressedEventId;
-    }
-}
-
-[[gnu::noinline]] void closeQuietly(const Opaque* handle, EventId id) noexcept {
+[[gnu::noinline]] void closeGenerally(const Opaque* handle, EventId id) noexcept {
     try {
         stopGenerally(handle, id);
     } catch (...) {
-        return;
+        // Nobody can be told in a destructor.
     }
 }
 
 template <RecordKind kind>
-[[gnu::always_inline]] inline EventId beginWhereOn(
-    const Opaque* handle, EventId (*generally)(const Opaque*) = beginGenerally<kind>) {
+[[gnu::always_inline]] inline EventId beginWhereOn(const Opaque* handle) {
     if (!handle->enabled.load(std::memory_order_relaxed)) [[unlikely]]
-        return generally(handle);
-    return begin<kind>(enterLane(), handle, generally);
-}
-
-[[gnu::always_inline]] inline void* run(void* first, void* second, int third, PlainCallee callee) {
-    try {
-        return callee.function(first, second, third);
-    } catch (const abi::__forced_unwind&) {
-        callee.unwound();
-        std::abort();
-    }
+        return beginGenerally<kind>(handle);
+    return begin<kind>(enterLane(), handle, beginGenerally<kind>);
 }
 
 }  // namespace
@@ -268,21 +244,12 @@ void instantPlain(const Opaque* handle) {
     beginWhereOn<RecordKind::instant>(handle);
 }
 
-void* callPlain(void* first, void* second, int third, PlainCallee callee,
-                const Opaque* handle) noexcept {
-    const EventId id = beginWhereOn<RecordKind::start>(handle, openQuietly);
-    void* const result = run(first, second, third, callee);
-    // Meanwhile listeners may have come or gone, or the process have been forked.
-    stop(enterLane(), handle, id, closeQuietly);
-    return result;
-}
-
 EventId detail::openEvent(const Opaque* handle) {
     return beginWhereOn<RecordKind::start>(handle);
 }
 
 void Scope::close(const Opaque* handle, EventId id) noexcept {
-    stop(enterLane(), handle, id, closeQuietly);
+    stop(enterLane(), handle, id, closeGenerally);
 }
 
 }  // namespace instrument

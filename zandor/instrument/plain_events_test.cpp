@@ -150,8 +150,8 @@ class PlainCalls : public PlainEvents {
     /// As an event; tells whether the result came back.
     template <class Function>
     bool call(Function function) {
-        return callPlain(&function, this, 0, {callFunction<Function>, neverUnwound}, handle_) ==
-               this;
+        const PlainCallee callee{callFunction<Function>, neverUnwound};
+        return callPlain(&function, this, 0, callee, handle_) == this;
     }
     /// By the general way first, which makes the lane, and then by the lane.
     void makeCalls(int count = 3) {

@@ -33,22 +33,26 @@ class FewWords {
     const Word* end_;
 };
 
-/// Marks the calling thread as inside all listeners of its lane. Null where it has none that holds,
-/// or is inside a listener.
-[[gnu::always_inline]] inline ThreadState* enterLane() noexcept {
-    ThreadState* const state = threadLocals.state;
-    if (!state->isOfThisThread() || state->isInside()) [[unlikely]]
-        return nullptr;
+/// Marks the calling thread, whose state it is, as inside all listeners of its lane. False where it
+/// has none that holds, or is inside a listener.
+[[gnu::always_inline]] inline bool enterLane(ThreadState& state) noexcept {
+    if (state.isInside()) [[unlikely]]
+        return false;
     // Release, as every store of it: whoever waits for a listener may see any later one.
-    state->calling.store(state->laneMark(), std::memory_order_release);
+    state.calling.store(state.laneMark(), std::memory_order_release);
     // For the compiler: the processor's fence is the heavy one of those who wait for a listener,
     // which reaches every thread where there are lanes.
     std::atomic_signal_fence(std::memory_order_seq_cst);
     // Acquire pairs with outdateLanes.
-    if (listeners.version.load(std::memory_order_acquire) == state->lane.version) [[likely]]
-        return state;
-    state->calling.store(nullptr, std::memory_order_release);
-    return nullptr;
+    if (listeners.version.load(std::memory_order_acquire) == state.lane.version) [[likely]]
+        return true;
+    state.calling.store(nullptr, std::memory_order_release);
+    return false;
+}
+/// The same for whatever thread calls. Null where it cannot be there.
+[[gnu::always_inline]] inline ThreadState* enterLane() noexcept {
+    ThreadState* const state = threadLocals.state;
+    return state->isOfThisThread() && enterLane(*state) ? state : nullptr;
 }
 [[gnu::always_inline]] inline void leaveLane(ThreadState& state) noexcept {
     // Release pairs with the acquire of those who wait for a listener.

@@ -26,7 +26,7 @@ struct PlainCallee {
 };
 /// Gives what the function gives. Its call is an event where a listener is active and the
 /// instrument is on. What listeners throw goes no further.
-ZANDOR_INSTRUMENT_DIRECT void* callPlain(void* first, void* second, int third, PlainCallee callee,
-                                         const Opaque* handle) noexcept;
+ZANDOR_INSTRUMENT_DIRECT void* callPlain(void* first, void* second, int third,
+                                         const PlainCallee& callee, const Opaque* handle) noexcept;
 
 }  // namespace instrument
