@@ -121,7 +121,8 @@ class CallingContextTree {
 
     /// False when the system gives no memory: then the call does not count.
     bool start(const Opaque* instrument, std::uint64_t serial, std::int64_t time) noexcept;
-    /// Does nothing for a call that is not open here. Gives true.
+    /// Does nothing for a call that is not open here. Gives true, as short operations of listeners
+    /// do, so that it can be the last step of one.
     bool stop(std::uint64_t serial, std::int64_t time) noexcept;
     /// Takes an open call out, from another thread.
     std::optional<TakenCall> take(std::uint64_t serial) noexcept;
