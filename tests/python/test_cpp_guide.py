@@ -18,7 +18,7 @@ PROGRAMS = re.findall(r"(?s)## ([^\n]+)\n(?:(?!\n## ).)*?```cpp\n(.*?)```", GUID
 
 
 def test_every_program_of_the_guide_is_found():
-    assert len(PROGRAMS) == GUIDE.count("```cpp") == 5
+    assert len(PROGRAMS) == GUIDE.count("```cpp") == 6
 
 
 @pytest.mark.unsanitized
