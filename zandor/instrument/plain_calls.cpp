@@ -1,8 +1,6 @@
 // Calls that are events, in one function, so that as little as there can be lies around them: where
 // a recorder is all that listens. Else they go the way of other events.
-#include <cxxabi.h>
-
-#include <cstdlib>
+#include <exception>
 
 #include "short_delivery.hpp"
 #include "zandor/instrument/plain_events.hpp"
@@ -67,9 +65,11 @@ void stopForAll(const Opaque* handle, EventId id) noexcept {
                                         const PlainCallee& callee) {
     try {
         return callee.function(first, second, third);
-    } catch (const abi::__forced_unwind&) {
-        callee.unwound();
-        std::abort();
+    } catch (...) {
+        // What unwinds a thread's stack to end it is no exception of the language.
+        if (!std::current_exception())
+            callee.unwound();
+        std::terminate();
     }
 }
 
