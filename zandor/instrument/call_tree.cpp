@@ -29,8 +29,9 @@ std::uint32_t CallTree::child(std::uint32_t parent, const Opaque* instrument) {
 }
 
 void CallTree::give(std::uint32_t node, std::int64_t from, std::int64_t nanoseconds) {
-    bins_.forEach(from, nanoseconds,
-                  [&](std::uint32_t bin, std::int64_t time) { cell(node, bin).self += time; });
+    bins_.forEach(from, nanoseconds, [&](std::uint32_t bin, std::int64_t time) {
+        addSaturating(cell(node, bin).self, time);
+    });
 }
 
 std::vector<CallNode> callTree(EventStream& stream) {
@@ -68,12 +69,12 @@ std::vector<Extent> extentsOf(const std::vector<CallNode>& nodes) {
     std::vector<Extent> extents(nodes.size());
     for (std::size_t i = nodes.size(); i-- > 0;) {
         for (const auto& [bin, cell] : nodes[i].cells.entries()) {
-            extents[i].total += cell.self;
+            addSaturating(extents[i].total, cell.self);
             extents[i].bins.set(bin % extents[i].bins.size());
         }
         if (nodes[i].parent == none)
             continue;
-        extents[nodes[i].parent].total += extents[i].total;
+        addSaturating(extents[nodes[i].parent].total, extents[i].total);
         extents[nodes[i].parent].bins |= extents[i].bins;
     }
     return extents;

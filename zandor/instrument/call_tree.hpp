@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "event_stream.hpp"
+#include "saturating.hpp"
 #include "time_bins.hpp"
 
 namespace instrument::detail {
@@ -17,7 +18,7 @@ struct CallCell {
 
     void add(const CallCell& other) noexcept {
         calls += other.calls;
-        self += other.self;
+        addSaturating(self, other.self);
     }
 };
 

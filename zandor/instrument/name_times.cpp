@@ -47,13 +47,14 @@ void NameTimes::count(std::uint32_t place, const RecordedEvent& event, std::int6
     const std::int64_t from = std::max(until, event.start);
     until = std::max(until, end);
     if (end > from)
-        bins_.forEach(from, saturatingSubtract(end, from),
-                      [&](std::uint32_t bin, std::int64_t t) { name.cells.at(bin).total += t; });
+        bins_.forEach(from, saturatingSubtract(end, from), [&](std::uint32_t bin, std::int64_t t) {
+            addSaturating(name.cells.at(bin).total, t);
+        });
 }
 
 void NameTimes::give(std::uint32_t place, std::int64_t from, std::int64_t nanoseconds) {
     bins_.forEach(from, nanoseconds, [&](std::uint32_t bin, std::int64_t time) {
-        names_[place].cells.at(bin).self += time;
+        addSaturating(names_[place].cells.at(bin).self, time);
     });
 }
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "event_stream.hpp"
+#include "saturating.hpp"
 #include "time_bins.hpp"
 
 namespace instrument::detail {
@@ -19,8 +20,8 @@ struct NameCell {
 
     void add(const NameCell& other) noexcept {
         calls += other.calls;
-        total += other.total;
-        self += other.self;
+        addSaturating(total, other.total);
+        addSaturating(self, other.self);
         longest = std::max(longest, other.longest);
     }
 };

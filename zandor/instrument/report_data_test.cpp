@@ -56,6 +56,18 @@ TEST(ReportData, SpreadsTimeOverTheBinsInWhichItPassed) {
                       HasSubstr("\"names\":[\"solve\",\"step\",\"late\"]")));
 }
 
+TEST(ReportData, HasTheEndOfTheRangeWhereTimesAddUpToMore) {
+    constexpr std::int64_t most = 7'000'000'000'000'000'000;
+    RecordingBuilder builder;
+    builder.source("main");
+    builder.event("long", 0, -most, 0).event("long", 0, 0, most);
+    detail::RecordingStream stream(builder.build());
+    const auto tree = detail::trim(detail::callTree(stream), {});
+    ASSERT_EQ(tree.nodes.size(), 2u);
+    EXPECT_EQ(tree.nodes[1].cells.entries().front().second.self, INT64_MAX);
+    EXPECT_THAT(report(builder), HasSubstr("\"long\""));
+}
+
 TEST(ReportData, ClosesOpenEventsAtTheEndAndCountsThemApart) {
     RecordingBuilder builder;
     builder.source("main");

@@ -13,6 +13,11 @@ inline std::int64_t saturatingAdd(std::int64_t a, std::int64_t b) noexcept {
     return sum;
 }
 
+/// The same to a sum that grows.
+inline void addSaturating(std::int64_t& sum, std::int64_t more) noexcept {
+    sum = saturatingAdd(sum, more);
+}
+
 inline std::int64_t saturatingSubtract(std::int64_t a, std::int64_t b) noexcept {
     std::int64_t difference;
     if (__builtin_sub_overflow(a, b, &difference))

@@ -121,7 +121,7 @@ std::vector<TraceStack> TraceFile::stacks() const {
                          : sources[stacks.size() - 1].name;
         for (const auto& [bin, cell] : node.cells.entries()) {
             stack.calls += cell.calls;
-            stack.self += cell.self;
+            detail::addSaturating(stack.self, cell.self);
         }
     }
     return stacks;
